@@ -1,0 +1,33 @@
+#!/usr/bin/env bash
+# Installs the Debian packages the build, the tests and the demo need.
+# Idempotent: packages already present are skipped quickly.
+set -euo pipefail
+
+PACKAGES=(
+  build-essential cmake pkg-config git
+  libjsoncpp-dev libsqlite3-dev sqlite3 libicu-dev libldap-dev libargon2-dev libssl-dev
+  libcpp-httplib-dev libgtest-dev libgmock-dev libbenchmark-dev
+  attr acl slapd ldap-utils
+)
+if [[ "${KOVA_WITH_BROWSER:-0}" == "1" ]]; then
+  PACKAGES+=(chromium nodejs npm)
+fi
+if [[ "${KOVA_WITH_BENCH:-0}" == "1" ]]; then
+  PACKAGES+=(nginx-light wrk)
+fi
+
+missing=()
+for p in "${PACKAGES[@]}"; do
+  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
+done
+if ((${#missing[@]})); then
+  SUDO=""
+  [[ $(id -u) -ne 0 ]] && SUDO="sudo"
+  export DEBIAN_FRONTEND=noninteractive
+  # slapd must not ask for an administrator password while installing.
+  echo "slapd slapd/no_configuration boolean true" | $SUDO debconf-set-selections || true
+  $SUDO apt-get update -qq
+  $SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}"
+fi
+# The Debian slapd package starts a system instance; the tests start their own.
+if command -v service >/dev/null 2>&1; then service slapd stop >/dev/null 2>&1 || true; fi

@@ -1,0 +1,83 @@
+#include "temp-root.h"
+
+#include <dirent.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <fstream>
+#include <stdexcept>
+
+namespace kova_test {
+
+TempRoot::TempRoot() {
+    const char *prev = std::getenv("KOVA_ROOT");
+    hadPrevious_ = prev != nullptr;
+    if (prev) previous_ = prev;
+    char tmpl[] = "/tmp/kova-test-XXXXXX";
+    if (!mkdtemp(tmpl)) throw std::runtime_error("mkdtemp failed");
+    path_ = tmpl;
+    chmod(path_.c_str(), 0755);
+    setenv("KOVA_ROOT", path_.c_str(), 1);
+}
+
+TempRoot::~TempRoot() {
+    RemoveTree(path_);
+    if (hadPrevious_)
+        setenv("KOVA_ROOT", previous_.c_str(), 1);
+    else
+        unsetenv("KOVA_ROOT");
+}
+
+std::string TempRoot::At(const std::string &rel) const { return path_ + "/" + rel; }
+
+bool MakeDirs(const std::string &path) {
+    std::string cur;
+    size_t pos = 0;
+    while (pos != std::string::npos) {
+        pos = path.find('/', pos + 1);
+        cur = path.substr(0, pos);
+        if (cur.empty()) continue;
+        if (mkdir(cur.c_str(), 0755) != 0 && errno != EEXIST) return false;
+    }
+    return true;
+}
+
+bool WriteFile(const std::string &path, const std::string &content) {
+    size_t slash = path.rfind('/');
+    if (slash != std::string::npos && slash > 0 && !MakeDirs(path.substr(0, slash))) return false;
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out << content;
+    return static_cast<bool>(out);
+}
+
+void RemoveTree(const std::string &path) {
+    struct stat st;
+    if (lstat(path.c_str(), &st) != 0) return;
+    if (S_ISDIR(st.st_mode)) {
+        if (DIR *d = opendir(path.c_str())) {
+            while (dirent *e = readdir(d)) {
+                std::string name = e->d_name;
+                if (name == "." || name == "..") continue;
+                RemoveTree(path + "/" + name);
+            }
+            closedir(d);
+        }
+        rmdir(path.c_str());
+    } else {
+        unlink(path.c_str());
+    }
+}
+
+std::string BuildDir() {
+    const char *d = std::getenv("KOVA_BUILD_DIR");
+    return d ? d : ".";
+}
+
+std::string SourceDir() {
+    const char *d = std::getenv("KOVA_SOURCE_DIR");
+    return d ? d : "..";
+}
+
+} // namespace kova_test
