@@ -32,6 +32,9 @@ extern "C" {
 #define KOVA_UID_FIRST_USER   1024
 #define KOVA_UID_GUEST        1025
 #define KOVA_ADMIN_GROUP      "administrators"
+/* The administrators group has this gid on every platform root, so that a
+ * process's supplementary groups tell whether it acts as an administrator. */
+#define KOVA_ADMIN_GID        101
 
 #define KOVA_ACCOUNT_SRC_LOCAL   1
 #define KOVA_ACCOUNT_SRC_DOMAIN  2

@@ -1,0 +1,4 @@
+// PENDING: this method family has not landed yet; it answers the generic failure.
+#include "acl.h"
+
+void ACLHandler::ListOwnersv2() { response_->SetError(error_, Json::Value()); }
