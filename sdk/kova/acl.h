@@ -135,7 +135,9 @@ int KOVAACLAceParse(const char *sz, PKOVA_ACL_ENTRY pAce);
 
 /* ---- paths ----------------------------------------------------------- */
 /* fd is reserved (-1). Selector: KOVA_ACL_GET_*. A path not in ACL mode
- * has no own entries (selector 1 then gives what it inherits). */
+ * (no stored ACL) gives an empty ACL with isInherited 0: its rights come
+ * from its mode bits (KOVAACLDumpFromMode). Inheritance is resolved at read
+ * time: entries that ancestors pass down carry their distance as level. */
 int KOVAACLGet(const char *szPath, int fd, int selector, PKOVA_ACL *ppAcl);
 /* Replaces the path's own entries and inherit flag; entries are stored as
  * level 0 whatever their level field says. 0 on success. */
