@@ -1,0 +1,381 @@
+#include "module-host.h"
+
+#include "kova/account.h"
+#include "kova/fault.h"
+#include "kova/klibc.h"
+#include "kova/webapi.h"
+
+#include <dlfcn.h>
+#include <grp.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <sstream>
+
+namespace kova_host {
+
+const char *const kApi = "KOVA.Core.ACL";
+
+namespace {
+
+const Json::Value kNullValue;
+
+// A child that hangs would hang the whole test run; this bounds it. It is a
+// safety net, not a timing assertion.
+constexpr unsigned kChildAlarmSeconds = 600;
+
+} // namespace
+} // namespace kova_host
+
+// Present only in sanitizer builds: a leak check that the forked call can run
+// before it exits with _exit (which skips the check made at normal exit).
+extern "C" int __lsan_do_recoverable_leak_check(void) __attribute__((weak));
+
+namespace kova_host {
+namespace {
+
+bool WriteAll(int fd, const char *data, size_t size) {
+    while (size > 0) {
+        ssize_t n = write(fd, data, size);
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            return false;
+        }
+        data += n;
+        size -= static_cast<size_t>(n);
+    }
+    return true;
+}
+
+// Reads exactly size bytes; false on EOF or error.
+bool ReadAll(int fd, char *data, size_t size) {
+    while (size > 0) {
+        ssize_t n = read(fd, data, size);
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            return false;
+        }
+        if (n == 0) return false;
+        data += n;
+        size -= static_cast<size_t>(n);
+    }
+    return true;
+}
+
+// The framed report a child sends: 4-byte length, then JSON text. The length
+// lets the parent stop reading before EOF, which matters because background
+// tasks started by a handler inherit the pipe.
+void SendReport(int fd, const Json::Value &report) {
+    std::string text = ToJsonText(report);
+    uint32_t size = static_cast<uint32_t>(text.size());
+    if (WriteAll(fd, reinterpret_cast<const char *>(&size), sizeof size)) WriteAll(fd, text.data(), text.size());
+}
+
+Json::Value LogsToJson(const std::vector<LogLine> &logs) {
+    Json::Value out(Json::arrayValue);
+    for (const auto &line : logs) {
+        Json::Value pair(Json::arrayValue);
+        pair.append(line.priority);
+        pair.append(line.text);
+        out.append(pair);
+    }
+    return out;
+}
+
+// Ids of a login user from the platform accounts, as the server resolves them.
+bool ResolveUser(const std::string &name, uid_t &uid, gid_t &gid, std::vector<gid_t> &groups, std::string &error) {
+    PKOVA_USER user = nullptr;
+    if (KOVAUserGet(name.c_str(), &user) != 0 || !user) {
+        KOVAUserFree(user);
+        error = "login user '" + name + "' not found in the platform accounts";
+        return false;
+    }
+    uid = user->uid;
+    gid = user->gid;
+    KOVAUserFree(user);
+    PKLIBC_SZLIST list = KLIBGroupInfoListGet(name.c_str(), 0);
+    if (!list) {
+        error = "group list of '" + name + "' unavailable";
+        return false;
+    }
+    groups.clear();
+    for (int i = 0; i < list->nItem; ++i) {
+        const char *item = KLIBCSzListGet(list, i);
+        if (item && *item) groups.push_back(static_cast<gid_t>(std::strtoul(item, nullptr, 10)));
+    }
+    KLIBCSzListFree(list);
+    return true;
+}
+
+bool SwitchIds(uid_t uid, gid_t gid, const std::vector<gid_t> &groups, std::string &error) {
+    if (setgroups(groups.size(), groups.empty() ? nullptr : groups.data()) != 0) {
+        error = std::string("setgroups: ") + std::strerror(errno);
+        return false;
+    }
+    if (setresgid(static_cast<gid_t>(-1), gid, static_cast<gid_t>(-1)) != 0) {
+        error = std::string("setresgid: ") + std::strerror(errno);
+        return false;
+    }
+    if (setresuid(static_cast<uid_t>(-1), uid, static_cast<uid_t>(-1)) != 0) {
+        error = std::string("setresuid: ") + std::strerror(errno);
+        return false;
+    }
+    return true;
+}
+
+// The child's side of one call; returns the report.
+Json::Value RunInChild(KOVA_API_HANDLER handler, const std::string &api, int version, const std::string &method,
+                       const Json::Value &params, const CallOptions &options) {
+    Json::Value report(Json::objectValue);
+    report["delivered"] = false;
+    for (const auto &kv : options.env) setenv(kv.first.c_str(), kv.second.c_str(), 1);
+
+    std::string error;
+    switch (options.ids) {
+    case Ids::LoginUser: {
+        uid_t uid = 0;
+        gid_t gid = 0;
+        std::vector<gid_t> groups;
+        if (!ResolveUser(options.user, uid, gid, groups, error) || !SwitchIds(uid, gid, groups, error)) {
+            report["hostError"] = error;
+            return report;
+        }
+        break;
+    }
+    case Ids::Explicit:
+        if (!SwitchIds(options.uid, options.gid, options.groups, error)) {
+            report["hostError"] = error;
+            return report;
+        }
+        break;
+    case Ids::Root:
+        break;
+    }
+
+    try {
+        KOVA::APIRequest request(params, options.user, options.session);
+        request.SetMethod(api, version, method);
+        KOVA::APIResponse response;
+        if (options.beforeHandler) options.beforeHandler();
+        KLIBCFaultClearAll();
+        for (const auto &f : options.faults) {
+            if (KLIBCFaultSet(f.call.c_str(), f.nth, f.result, f.error) < 0) {
+                KLIBCFaultClearAll();
+                report["hostError"] = "cannot arm fault for " + f.call;
+                return report;
+            }
+        }
+        StartLogCapture();
+        handler(&request, &response);
+        std::vector<LogLine> logs = StopLogCapture();
+        KLIBCFaultClearAll();
+        report["logs"] = LogsToJson(logs);
+        if (!response.IsSet()) {
+            report["hostError"] = "the handler returned without setting the response";
+            report["response"] = Json::Value();
+            return report;
+        }
+        report["response"] = response.ToJson();
+        report["delivered"] = true;
+    } catch (const std::exception &e) {
+        StopLogCapture();
+        report["hostError"] = std::string("exception crossed the module boundary: ") + e.what();
+    } catch (...) {
+        StopLogCapture();
+        report["hostError"] = "exception crossed the module boundary";
+    }
+    return report;
+}
+
+} // namespace
+
+// ---- CallResult ---------------------------------------------------------
+
+bool CallResult::success() const { return delivered && response.isObject() && response["success"].asBool(); }
+
+int CallResult::errorCode() const {
+    if (!delivered || success()) return 0;
+    const Json::Value &err = response["error"];
+    return err.isObject() && err["code"].isInt() ? err["code"].asInt() : 0;
+}
+
+const Json::Value &CallResult::data() const {
+    if (!success() || !response.isMember("data")) return kNullValue;
+    return response["data"];
+}
+
+bool CallResult::HasLog(int priority, const std::string &text) const {
+    for (const auto &line : logs)
+        if (line.priority == priority && line.text == text) return true;
+    return false;
+}
+
+std::string CallResult::LogDump() const {
+    std::ostringstream out;
+    for (const auto &line : logs) out << line.priority << ' ' << line.text << '\n';
+    return out.str();
+}
+
+std::string CallResult::Dump() const {
+    std::ostringstream out;
+    if (!delivered) out << "not delivered: " << hostError << '\n';
+    out << "response: " << ToJsonText(response) << '\n' << "logs:\n" << LogDump();
+    return out.str();
+}
+
+// ---- ModuleHost ---------------------------------------------------------
+
+std::string DefaultModulePath() {
+    const char *dir = std::getenv("KOVA_BUILD_DIR");
+    return std::string(dir ? dir : ".") + "/modules/libwebapi-KOVA.Core.ACL.so";
+}
+
+ModuleHost::ModuleHost() { Load(DefaultModulePath()); }
+
+ModuleHost::ModuleHost(const std::string &libraryPath) { Load(libraryPath); }
+
+ModuleHost::~ModuleHost() {
+    if (handle_) dlclose(handle_);
+}
+
+ModuleHost &ModuleHost::Shared() {
+    static ModuleHost host;
+    return host;
+}
+
+void ModuleHost::Load(const std::string &libraryPath) {
+    handle_ = dlopen(libraryPath.c_str(), RTLD_NOW | RTLD_LOCAL);
+    if (!handle_) {
+        const char *why = dlerror();
+        error_ = "cannot load " + libraryPath + ": " + (why ? why : "unknown");
+        return;
+    }
+    void *sym = dlsym(handle_, KOVA_GET_API_TABLE_SYMBOL);
+    if (!sym) {
+        error_ = "no GetAPITable in " + libraryPath;
+        return;
+    }
+    KOVA_GET_API_TABLE get = reinterpret_cast<KOVA_GET_API_TABLE>(sym);
+    const KOVA_API_ENTRY *table = get();
+    if (!table) {
+        error_ = "GetAPITable returned NULL";
+        return;
+    }
+    for (const KOVA_API_ENTRY *row = table; row->szAPI || row->szMethod || row->handler || row->version; ++row) {
+        if (!row->szAPI || !row->szMethod || !row->handler || row->version < 1) {
+            error_ = "malformed row " + std::to_string(row - table) + " in the method table";
+            return;
+        }
+    }
+    table_ = table;
+}
+
+KOVA_API_HANDLER ModuleHost::Find(const std::string &api, int version, const std::string &method) const {
+    if (!table_) return nullptr;
+    for (const KOVA_API_ENTRY *row = table_; row->szAPI; ++row)
+        if (api == row->szAPI && version == row->version && method == row->szMethod) return row->handler;
+    return nullptr;
+}
+
+CallResult ModuleHost::Call(const std::string &method, const Json::Value &params, const CallOptions &options) const {
+    return Call(kApi, 1, method, params, options);
+}
+
+CallResult ModuleHost::Call(const std::string &api, int version, const std::string &method, const Json::Value &params,
+                            const CallOptions &options) const {
+    CallResult result;
+    if (!ok()) {
+        result.hostError = error_;
+        return result;
+    }
+    KOVA_API_HANDLER handler = Find(api, version, method);
+    if (!handler) {
+        result.hostError = "no handler for " + api + " v" + std::to_string(version) + " " + method;
+        return result;
+    }
+    int fds[2];
+    if (pipe(fds) != 0) {
+        result.hostError = std::string("pipe: ") + std::strerror(errno);
+        return result;
+    }
+    pid_t pid = fork();
+    if (pid < 0) {
+        close(fds[0]);
+        close(fds[1]);
+        result.hostError = std::string("fork: ") + std::strerror(errno);
+        return result;
+    }
+    if (pid == 0) {
+        close(fds[0]);
+        alarm(kChildAlarmSeconds);
+        Json::Value report = RunInChild(handler, api, version, method, params, options);
+        // The leak checker stops the process with ptrace, which needs root
+        // and a dumpable process again.
+        if (__lsan_do_recoverable_leak_check && setresuid(-1, 0, -1) == 0 && setresgid(-1, 0, -1) == 0 &&
+            prctl(PR_SET_DUMPABLE, 1) == 0 && __lsan_do_recoverable_leak_check() != 0) {
+            report["delivered"] = false;
+            report["hostError"] = "memory leaked during the call (see the leak report on stderr)";
+        }
+        SendReport(fds[1], report);
+        close(fds[1]);
+        _exit(0);
+    }
+    close(fds[1]);
+    uint32_t size = 0;
+    std::string text;
+    bool got = ReadAll(fds[0], reinterpret_cast<char *>(&size), sizeof size);
+    if (got) {
+        text.resize(size);
+        got = ReadAll(fds[0], &text[0], size);
+    }
+    close(fds[0]);
+    int status = 0;
+    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    }
+    if (!got) {
+        if (WIFSIGNALED(status))
+            result.hostError = "the call's process died by signal " + std::to_string(WTERMSIG(status));
+        else
+            result.hostError = "the call's process ended without a report";
+        return result;
+    }
+    Json::Value report;
+    std::string parseError;
+    if (!ParseJson(text, report, &parseError)) {
+        result.hostError = "unreadable report: " + parseError;
+        return result;
+    }
+    result.delivered = report["delivered"].asBool();
+    result.hostError = report["hostError"].asString();
+    result.response = report["response"];
+    for (const auto &pair : report["logs"]) result.logs.push_back(LogLine{pair[0].asInt(), pair[1].asString()});
+    return result;
+}
+
+// ---- JSON ---------------------------------------------------------------
+
+bool ParseJson(const std::string &text, Json::Value &out, std::string *error) {
+    Json::CharReaderBuilder builder;
+    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+    std::string errs;
+    if (!reader->parse(text.data(), text.data() + text.size(), &out, &errs)) {
+        if (error) *error = errs;
+        return false;
+    }
+    return true;
+}
+
+std::string ToJsonText(const Json::Value &value) {
+    Json::StreamWriterBuilder builder;
+    builder["indentation"] = "";
+    return Json::writeString(builder, value);
+}
+
+} // namespace kova_host

@@ -1,0 +1,129 @@
+// The test host: loads the shipped module library and runs its handlers the
+// way the web-administration server does, so module tests exercise exactly
+// what ships.
+//
+// - ModuleHost dlopen()s $KOVA_BUILD_DIR/modules/libwebapi-KOVA.Core.ACL.so
+//   once, calls GetAPITable and checks the table (rows before the all-zero
+//   end row need an API, a method, a handler and a version >= 1).
+// - Call() dispatches by (api, version, method). Every call runs in a forked
+//   child: as root it resolves the login user's ids from the platform
+//   accounts (KOVAUserGet + KLIBGroupInfoListGet), then sets supplementary
+//   groups, effective gid and effective uid (real and saved ids stay 0), or
+//   uses the ids the options give. It builds KOVA::APIRequest/APIResponse,
+//   arms the requested faults, calls the handler, and sends back the
+//   response JSON and the system-log lines the handler wrote.
+// - System-log capture: this library defines syslog/vsyslog for the test
+//   executable (which must be linked with ENABLE_EXPORTS so the module's
+//   calls bind to them). Lines are recorded only while a capture is active
+//   (inside the child during the handler); elsewhere they are dropped.
+// - Nothing here throws; host-side problems are reported in CallResult.
+#ifndef KOVA_TEST_MODULE_HOST_H
+#define KOVA_TEST_MODULE_HOST_H
+
+#include "kova/module.h"
+
+#include <json/json.h>
+#include <sys/types.h>
+
+#include <functional>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace kova_host {
+
+extern const char *const kApi;  // "KOVA.Core.ACL"
+
+struct LogLine {
+    int priority;      // as passed to syslog, facility included (LOG_AUTH | LOG_DEBUG = 39)
+    std::string text;  // the formatted message
+};
+
+// One fault armed in the child just before the handler runs (KLIBCFaultSet).
+struct Fault {
+    std::string call;  // exported platform name, "Class::Method", or "*"
+    int nth;           // 0: every call; N: only the Nth call from arming
+    long result;       // what the call returns (pointers: NULL)
+    int error;         // the last error it sets
+};
+
+enum class Ids {
+    LoginUser,  // the login user's uid, primary gid and groups from the accounts
+    Root,       // stay at euid 0 / egid 0, no supplementary groups change
+    Explicit,   // the uid, gid and groups below
+};
+
+struct CallOptions {
+    std::string user = "admin";        // GetLoginUserName()
+    std::string session = "test-session";
+    Ids ids = Ids::LoginUser;
+    uid_t uid = 0;                     // Ids::Explicit only
+    gid_t gid = 0;
+    std::vector<gid_t> groups;
+    std::vector<Fault> faults;
+    std::vector<std::pair<std::string, std::string>> env;  // set in the child
+    // Runs in the child with the request's ids, before the faults are armed
+    // and the handler is called.
+    std::function<void()> beforeHandler;
+};
+
+struct CallResult {
+    bool delivered = false;  // false: the call never reached a handler (see hostError)
+    std::string hostError;
+    Json::Value response;    // APIResponse::ToJson()
+    std::vector<LogLine> logs;
+
+    bool success() const;
+    int errorCode() const;   // 0 after success or when not delivered
+    const Json::Value &data() const;  // success data (null otherwise)
+    bool HasLog(int priority, const std::string &text) const;
+    // Every line as "<priority> <text>", one per line (for failure messages).
+    std::string LogDump() const;
+    std::string Dump() const;  // response + logs, for failure messages
+};
+
+class ModuleHost {
+public:
+    ModuleHost();                               // the shipped module of $KOVA_BUILD_DIR
+    explicit ModuleHost(const std::string &libraryPath);
+    ~ModuleHost();
+    ModuleHost(const ModuleHost &) = delete;
+    ModuleHost &operator=(const ModuleHost &) = delete;
+
+    // One host per test process; tests share it.
+    static ModuleHost &Shared();
+
+    bool ok() const { return error_.empty(); }
+    const std::string &error() const { return error_; }
+    const KOVA_API_ENTRY *table() const { return table_; }
+    // The handler for a triple, or nullptr.
+    KOVA_API_HANDLER Find(const std::string &api, int version, const std::string &method) const;
+
+    CallResult Call(const std::string &api, int version, const std::string &method,
+                    const Json::Value &params, const CallOptions &options = CallOptions()) const;
+    // "KOVA.Core.ACL", version 1.
+    CallResult Call(const std::string &method, const Json::Value &params,
+                    const CallOptions &options = CallOptions()) const;
+
+private:
+    void Load(const std::string &libraryPath);
+
+    void *handle_ = nullptr;
+    const KOVA_API_ENTRY *table_ = nullptr;
+    std::string error_;
+};
+
+// Default module path: $KOVA_BUILD_DIR/modules/libwebapi-KOVA.Core.ACL.so.
+std::string DefaultModulePath();
+
+// Capture control, for tests that call platform code in-process.
+void StartLogCapture();
+std::vector<LogLine> StopLogCapture();
+
+// Parses JSON text; false (and a message) on malformed input.
+bool ParseJson(const std::string &text, Json::Value &out, std::string *error = nullptr);
+std::string ToJsonText(const Json::Value &value);
+
+} // namespace kova_host
+
+#endif

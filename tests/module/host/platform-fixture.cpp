@@ -1,0 +1,227 @@
+#include "platform-fixture.h"
+
+#include "kova/account.h"
+#include "kova/acl.h"
+#include "kova/klibc.h"
+#include "kova/share.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <sstream>
+
+namespace kova_host {
+
+namespace {
+
+std::string AdminTool() { return kova_test::BuildDir() + "/bin/kova-admin"; }
+
+std::string LastPlatformError() {
+    std::ostringstream out;
+    out << "[0x" << std::hex << KLIBCErrGet() << std::dec << ' ' << (KLIBCErrorGetFile() ? KLIBCErrorGetFile() : "")
+        << ':' << KLIBCErrorGetLine() << ']';
+    return out.str();
+}
+
+std::vector<std::string> Split(const std::string &text, char sep) {
+    std::vector<std::string> out;
+    std::string cur;
+    for (char c : text) {
+        if (c == sep) {
+            out.push_back(cur);
+            cur.clear();
+        } else {
+            cur += c;
+        }
+    }
+    out.push_back(cur);
+    return out;
+}
+
+} // namespace
+
+PlatformRoot::PlatformRoot() {
+    if (access(AdminTool().c_str(), X_OK) == 0 && Admin({"init"}) == 0) return;
+    for (const char *dir : {"etc", "volumes/volume1", "var/run/tasks", "var/log"}) kova_test::MakeDirs(At(dir));
+    chmod(At("var/run/tasks").c_str(), 0700);
+    kova_test::WriteFile(At("etc/kovainfo.conf"), "filebrowserxferlog = \"no\"\n");
+}
+
+bool PlatformRoot::Fail(const std::string &what) {
+    error_ = what;
+    return false;
+}
+
+int PlatformRoot::Admin(const std::vector<std::string> &args, std::string *output) {
+    int fds[2];
+    if (pipe(fds) != 0) return -1;
+    pid_t pid = fork();
+    if (pid < 0) {
+        close(fds[0]);
+        close(fds[1]);
+        return -1;
+    }
+    if (pid == 0) {
+        dup2(fds[1], 1);
+        dup2(fds[1], 2);
+        close(fds[0]);
+        close(fds[1]);
+        std::vector<std::string> all = {AdminTool(), "--root", path()};
+        all.insert(all.end(), args.begin(), args.end());
+        std::vector<char *> argv;
+        for (auto &a : all) argv.push_back(&a[0]);
+        argv.push_back(nullptr);
+        execv(argv[0], argv.data());
+        _exit(127);
+    }
+    close(fds[1]);
+    std::string text;
+    char buf[4096];
+    for (;;) {
+        ssize_t n = read(fds[0], buf, sizeof buf);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) break;
+        text.append(buf, static_cast<size_t>(n));
+    }
+    close(fds[0]);
+    int status = 0;
+    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    }
+    if (output) *output = text;
+    int rc = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    if (rc != 0) {
+        std::string cmd = "kova-admin";
+        for (const auto &a : args) cmd += " " + a;
+        error_ = cmd + " failed (" + std::to_string(rc) + "): " + text;
+    }
+    return rc;
+}
+
+bool PlatformRoot::AddUser(const std::string &name, int uid, bool internal, const std::string &password) {
+    if (KOVAUserAdd(name.c_str(), uid, password.c_str(), nullptr, nullptr, internal ? 1 : 0) < 0)
+        return Fail("KOVAUserAdd " + name + " " + LastPlatformError());
+    return true;
+}
+
+bool PlatformRoot::AddGroup(const std::string &name, int gid) {
+    if (KOVAGroupAdd(name.c_str(), gid, nullptr) < 0) return Fail("KOVAGroupAdd " + name + " " + LastPlatformError());
+    return true;
+}
+
+bool PlatformRoot::AddMember(const std::string &group, const std::string &user) {
+    if (KOVAGroupMemberAdd(group.c_str(), user.c_str()) < 0)
+        return Fail("KOVAGroupMemberAdd " + group + " " + user + " " + LastPlatformError());
+    return true;
+}
+
+bool PlatformRoot::DeleteUser(const std::string &name) {
+    if (KOVAUserDelete(name.c_str()) < 0) return Fail("KOVAUserDelete " + name + " " + LastPlatformError());
+    return true;
+}
+
+bool PlatformRoot::DeleteGroup(const std::string &name) {
+    if (KOVAGroupDelete(name.c_str()) < 0) return Fail("KOVAGroupDelete " + name + " " + LastPlatformError());
+    return true;
+}
+
+int PlatformRoot::Uid(const std::string &user) const {
+    int uid = -1;
+    if (KOVAUserGetUGID(user.c_str(), &uid, nullptr) < 0) return -1;
+    return uid;
+}
+
+int PlatformRoot::Gid(const std::string &group) const {
+    int gid = -1;
+    if (KOVAGroupGetGID(group.c_str(), &gid) < 0) return -1;
+    return gid;
+}
+
+std::string PlatformRoot::AddShare(const std::string &name, bool readOnly, bool supportAcl) {
+    std::string dir = At("volumes/volume1/" + name);
+    if (!kova_test::MakeDirs(dir) || chmod(dir.c_str(), 0777) != 0) {
+        Fail("cannot create " + dir);
+        return "";
+    }
+    KOVA_SHARE share;
+    std::memset(&share, 0, sizeof share);
+    std::snprintf(share.szName, sizeof share.szName, "%s", name.c_str());
+    std::snprintf(share.szPath, sizeof share.szPath, "%s", dir.c_str());
+    share.supportAcl = supportAcl ? 1 : 0;
+    share.isReadOnly = readOnly ? 1 : 0;
+    share.aclStatus = supportAcl ? 1 : 0;
+    share.defaultPriv = KOVA_SHARE_PRIV_RW;
+    if (KOVAShareSet(&share) < 0) {
+        Fail("KOVAShareSet " + name + " " + LastPlatformError());
+        return "";
+    }
+    return dir;
+}
+
+bool PlatformRoot::MakeDir(const std::string &path, mode_t mode, uid_t uid, gid_t gid) {
+    size_t slash = path.rfind('/');
+    if (slash != std::string::npos && slash > 0 && !kova_test::MakeDirs(path.substr(0, slash)))
+        return Fail("cannot create the parents of " + path);
+    if (mkdir(path.c_str(), mode) != 0 && errno != EEXIST) return Fail("mkdir " + path + ": " + std::strerror(errno));
+    if (chmod(path.c_str(), mode) != 0 || chown(path.c_str(), uid, gid) != 0)
+        return Fail("chmod/chown " + path + ": " + std::strerror(errno));
+    return true;
+}
+
+bool PlatformRoot::MakeFile(const std::string &path, const std::string &content, mode_t mode, uid_t uid, gid_t gid) {
+    if (!kova_test::WriteFile(path, content)) return Fail("cannot write " + path);
+    if (chmod(path.c_str(), mode) != 0 || chown(path.c_str(), uid, gid) != 0)
+        return Fail("chmod/chown " + path + ": " + std::strerror(errno));
+    return true;
+}
+
+bool PlatformRoot::SetAcl(const std::string &path, const std::vector<std::string> &entries, bool inheritFromParent) {
+    PKOVA_ACL acl = KOVAACLAlloc(0);
+    if (!acl) return Fail("KOVAACLAlloc " + LastPlatformError());
+    for (const auto &text : entries) {
+        std::vector<std::string> f = Split(text, ':');
+        if (f.size() != 5) {
+            KOVAACLFree(acl);
+            return Fail("malformed entry '" + text + "'");
+        }
+        PKOVA_ACL_ENTRY ace = KOVAACLAceAlloc();
+        if (!ace) {
+            KOVAACLFree(acl);
+            return Fail("KOVAACLAceAlloc " + LastPlatformError());
+        }
+        bool ok = KOVAACLAceParseIDType(f[0].c_str(), ace) >= 0;
+        if (ok) {
+            ace->id = -1;
+            if (ace->idType == KOVA_ACL_ID_USER || ace->idType == KOVA_ACL_ID_GROUP) {
+                if (!f[1].empty() && f[1][0] == '#')
+                    ace->id = std::atoi(f[1].c_str() + 1);
+                else
+                    ace->id = ace->idType == KOVA_ACL_ID_USER ? Uid(f[1]) : Gid(f[1]);
+                ok = ace->id >= 0;
+            }
+        }
+        ok = ok && KOVAACLAceParseAccessType(f[2].c_str(), ace) >= 0 && KOVAACLAceParsePermission(f[3].c_str(), ace) >= 0 &&
+             KOVAACLAceParseInherit(f[4].c_str(), ace) >= 0;
+        if (!ok) {
+            KOVAACLAceFree(ace);
+            KOVAACLFree(acl);
+            return Fail("cannot build entry '" + text + "' " + LastPlatformError());
+        }
+        if (KOVAACLAceAppend(acl, ace) < 0) {
+            KOVAACLAceFree(ace);
+            KOVAACLFree(acl);
+            return Fail("KOVAACLAceAppend " + LastPlatformError());
+        }
+    }
+    acl->isInherited = inheritFromParent ? 1 : 0;
+    int rc = KOVAACLSet(path.c_str(), -1, acl);
+    KOVAACLFree(acl);
+    if (rc < 0) return Fail("KOVAACLSet " + path + " " + LastPlatformError());
+    return true;
+}
+
+} // namespace kova_host
