@@ -172,9 +172,13 @@ Json::Value RunInChild(KOVA_API_HANDLER handler, const std::string &api, int ver
                 return report;
             }
         }
+        report["euidBefore"] = static_cast<Json::UInt>(geteuid());
+        report["egidBefore"] = static_cast<Json::UInt>(getegid());
         StartLogCapture();
         handler(&request, &response);
         std::vector<LogLine> logs = StopLogCapture();
+        report["euidAfter"] = static_cast<Json::UInt>(geteuid());
+        report["egidAfter"] = static_cast<Json::UInt>(getegid());
         KLIBCFaultClearAll();
         report["logs"] = LogsToJson(logs);
         if (!response.IsSet()) {
@@ -355,6 +359,10 @@ CallResult ModuleHost::Call(const std::string &api, int version, const std::stri
     result.delivered = report["delivered"].asBool();
     result.hostError = report["hostError"].asString();
     result.response = report["response"];
+    result.euidBefore = report["euidBefore"].asUInt();
+    result.egidBefore = report["egidBefore"].asUInt();
+    result.euidAfter = report["euidAfter"].asUInt();
+    result.egidAfter = report["egidAfter"].asUInt();
     for (const auto &pair : report["logs"]) result.logs.push_back(LogLine{pair[0].asInt(), pair[1].asString()});
     return result;
 }

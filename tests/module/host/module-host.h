@@ -72,6 +72,9 @@ struct CallResult {
     std::string hostError;
     Json::Value response;    // APIResponse::ToJson()
     std::vector<LogLine> logs;
+    // The child's effective ids right before and right after the handler.
+    uid_t euidBefore = 0, euidAfter = 0;
+    gid_t egidBefore = 0, egidAfter = 0;
 
     bool success() const;
     int errorCode() const;   // 0 after success or when not delivered
