@@ -1,0 +1,305 @@
+// inspect through the shipped module on real files: every principal kind,
+// the order in which entries decide, the owner's and the administrators'
+// starting rights, and each error code.
+#include "module-host.h"
+#include "platform-fixture.h"
+
+#include "kova/acl.h"
+#include "kova/errcode.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+using kova_host::CallOptions;
+using kova_host::CallResult;
+using kova_host::Fault;
+using kova_host::Ids;
+using kova_host::ModuleHost;
+using kova_host::PlatformRoot;
+
+namespace {
+
+struct PermKey {
+    const char *key;
+    unsigned int bit;
+};
+
+const PermKey kPermKeys[] = {
+    {"read_data", KOVA_ACL_PERM_READ_DATA},       {"write_data", KOVA_ACL_PERM_WRITE_DATA},
+    {"exe_file", KOVA_ACL_PERM_EXECUTE},          {"append_data", KOVA_ACL_PERM_APPEND_DATA},
+    {"delete", KOVA_ACL_PERM_DELETE},             {"delete_sub", KOVA_ACL_PERM_DELETE_CHILD},
+    {"read_attr", KOVA_ACL_PERM_READ_ATTR},       {"write_attr", KOVA_ACL_PERM_WRITE_ATTR},
+    {"read_ext_attr", KOVA_ACL_PERM_READ_XATTR},  {"write_ext_attr", KOVA_ACL_PERM_WRITE_XATTR},
+    {"read_perm", KOVA_ACL_PERM_READ_ACL},        {"change_perm", KOVA_ACL_PERM_WRITE_ACL},
+    {"take_ownership", KOVA_ACL_PERM_TAKE_OWNERSHIP},
+};
+
+const unsigned int R = KOVA_ACL_PERM_READ_DATA;
+const unsigned int W = KOVA_ACL_PERM_WRITE_DATA;
+const unsigned int X = KOVA_ACL_PERM_EXECUTE;
+const unsigned int P = KOVA_ACL_PERM_APPEND_DATA;
+const unsigned int D = KOVA_ACL_PERM_DELETE;
+const unsigned int A = KOVA_ACL_PERM_READ_ATTR;
+const unsigned int OWNER = KOVA_ACL_PERM_OWNER_IMPLICIT;
+const unsigned int ALL = KOVA_ACL_PERM_ALL;
+
+class InspectTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_TRUE(host().ok()) << host().error();
+        ASSERT_TRUE(root_.AddGroup("staff", 3001)) << root_.lastError();
+        ASSERT_TRUE(root_.AddGroup("other", 3002)) << root_.lastError();
+        ASSERT_TRUE(root_.AddUser("alice", 2001)) << root_.lastError();
+        ASSERT_TRUE(root_.AddUser("bob", 2002)) << root_.lastError();
+        ASSERT_TRUE(root_.AddUser("carol", 2003)) << root_.lastError();
+        ASSERT_TRUE(root_.AddUser("svc", 300, true)) << root_.lastError();
+        ASSERT_TRUE(root_.AddMember("staff", "alice")) << root_.lastError();
+        ASSERT_TRUE(root_.AddMember("staff", "bob")) << root_.lastError();
+        ASSERT_TRUE(root_.AddMember("other", "bob")) << root_.lastError();
+        share_ = root_.AddShare("docs");
+        ASSERT_FALSE(share_.empty()) << root_.lastError();
+    }
+
+    static const ModuleHost &host() { return ModuleHost::Shared(); }
+
+    CallResult Inspect(const std::string &path, const std::string &type, const std::string &name,
+                       const CallOptions &options = CallOptions()) {
+        Json::Value params(Json::objectValue);
+        params["file_path"] = path;
+        params["owner_type"] = type;
+        params["owner_name"] = name;
+        return host().Call("inspect", params, options);
+    }
+
+    // The permission mask of a successful inspect; fails the test otherwise.
+    unsigned int Mask(const CallResult &result) {
+        EXPECT_TRUE(result.success()) << result.Dump();
+        if (!result.success()) return 0xDEAD0000u;
+        const Json::Value &perm = result.data()["permission"];
+        EXPECT_TRUE(perm.isObject()) << result.Dump();
+        EXPECT_EQ(1u, result.data().size()) << result.Dump();
+        unsigned int mask = 0;
+        for (const PermKey &k : kPermKeys) {
+            EXPECT_TRUE(perm[k.key].isBool()) << k.key << " " << result.Dump();
+            if (perm[k.key].asBool()) mask |= k.bit;
+        }
+        EXPECT_EQ(13u, perm.size()) << result.Dump();
+        return mask;
+    }
+
+    unsigned int MaskFor(const std::string &path, const std::string &type, const std::string &name) {
+        return Mask(Inspect(path, type, name));
+    }
+
+    std::string File(const std::string &rel, uid_t uid = 0, gid_t gid = 0, mode_t mode = 0644) {
+        const std::string path = share_ + "/" + rel;
+        EXPECT_TRUE(root_.MakeFile(path, "x", mode, uid, gid)) << root_.lastError();
+        return path;
+    }
+
+    std::string Dir(const std::string &rel, uid_t uid = 0, gid_t gid = 0) {
+        const std::string path = share_ + "/" + rel;
+        EXPECT_TRUE(root_.MakeDir(path, 0755, uid, gid)) << root_.lastError();
+        return path;
+    }
+
+    void Acl(const std::string &path, const std::vector<std::string> &entries, bool inherit = true) {
+        ASSERT_TRUE(root_.SetAcl(path, entries, inherit)) << root_.lastError();
+    }
+
+    static CallOptions As(const std::string &user, std::vector<Fault> faults = {}) {
+        CallOptions options;
+        options.user = user;
+        options.faults = std::move(faults);
+        return options;
+    }
+
+    PlatformRoot root_;
+    std::string share_;
+};
+
+TEST_F(InspectTest, EachPrincipalKindSeesOnlyTheEntriesThatNameIt) {
+    const std::string f = File("f.txt");
+    Acl(f, {"user:alice:allow:rw:----", "group:staff:allow:x:----", "everyone:-:allow:a:----",
+            "authenticated_user:-:allow:p:----", "system:-:allow:d:----"});
+
+    EXPECT_EQ(R | W | X | A | P, MaskFor(f, "user", "alice"));
+    EXPECT_EQ(X | A | P, MaskFor(f, "user", "bob"));
+    EXPECT_EQ(A | P, MaskFor(f, "user", "carol"));
+    EXPECT_EQ(X | A, MaskFor(f, "group", "staff"));
+    EXPECT_EQ(A, MaskFor(f, "group", "other"));
+    EXPECT_EQ(A, MaskFor(f, "everyone", "anything"));
+    EXPECT_EQ(A | P, MaskFor(f, "authenticated_user", "x"));
+    EXPECT_EQ(A | D, MaskFor(f, "system", "x"));
+    // A system account (uid below 1024) is "system", not authenticated.
+    EXPECT_EQ(A | D, MaskFor(f, "user", "svc"));
+    // The guest (uid 1025) is neither authenticated nor system.
+    EXPECT_EQ(A, MaskFor(f, "user", "guest"));
+}
+
+TEST_F(InspectTest, DenyWinsOverAllowOfTheSameLevelWhateverTheOrder) {
+    const std::string f = File("f.txt");
+    Acl(f, {"user:alice:allow:rw:----", "user:alice:deny:w:----", "group:staff:allow:rwx:----",
+            "everyone:-:deny:x:----", "user:carol:allow:a:----", "user:carol:deny:a:----"});
+    EXPECT_EQ(R, MaskFor(f, "user", "alice"));
+    EXPECT_EQ(R | W, MaskFor(f, "user", "bob"));
+    EXPECT_EQ(0u, MaskFor(f, "user", "carol"));
+}
+
+TEST_F(InspectTest, AnEarlierLevelDecidesOverALaterOne) {
+    const std::string dir = Dir("p");
+    Acl(dir, {"user:alice:allow:w:fd--", "user:bob:deny:r:fd--", "user:carol:allow:x:fd--"});
+    const std::string f = File("p/c.txt");
+    Acl(f, {"user:alice:deny:w:----", "user:bob:allow:r:----"});
+
+    // Own entries (level 0) decide first ...
+    EXPECT_EQ(0u, MaskFor(f, "user", "alice"));
+    EXPECT_EQ(R, MaskFor(f, "user", "bob"));
+    // ... and an inherited entry still grants what they left undecided.
+    EXPECT_EQ(X, MaskFor(f, "user", "carol"));
+
+    // Without inheritance the parent's entries do not reach the file.
+    Acl(f, {"user:alice:deny:w:----", "user:bob:allow:r:----"}, false);
+    EXPECT_EQ(0u, MaskFor(f, "user", "carol"));
+}
+
+TEST_F(InspectTest, InheritOnlyEntriesNeverContribute) {
+    const std::string dir = Dir("io");
+    Acl(dir, {"user:alice:allow:r:--i-", "user:alice:allow:x:----"});
+    EXPECT_EQ(X, MaskFor(dir, "user", "alice"));
+}
+
+TEST_F(InspectTest, TheOwnerKeepsItsImplicitBits) {
+    const std::string f = File("owned.txt", 2001, 3001);
+    Acl(f, {"everyone:-:deny:rwxpdDaARWcCo:----", "user:alice:deny:rwxpdDaARWcCo:----"});
+    EXPECT_EQ(OWNER, MaskFor(f, "user", "alice"));
+    EXPECT_EQ(0u, MaskFor(f, "user", "bob"));
+
+    Acl(f, {"owner:-:allow:r:----"});
+    EXPECT_EQ(OWNER | R, MaskFor(f, "user", "alice"));
+    EXPECT_EQ(0u, MaskFor(f, "user", "bob"));
+
+    // A group owner: every member of the group, and the group itself, owns.
+    KOVA_ACL_ID staff = {KOVA_ACL_ID_GROUP, 3001};
+    ASSERT_EQ(0, KOVAACLOwnerIdSet(f.c_str(), &staff));
+    EXPECT_EQ(OWNER | R, MaskFor(f, "user", "bob"));
+    EXPECT_EQ(OWNER | R, MaskFor(f, "group", "staff"));
+    EXPECT_EQ(0u, MaskFor(f, "user", "carol"));
+}
+
+TEST_F(InspectTest, AdministratorsHoldEverythingBelowAShareRootButNotAtIt) {
+    Acl(share_, {"authenticated_user:-:allow:r:----", "everyone:-:deny:w:----"}, false);
+    const std::string dir = Dir("deep");
+    Acl(dir, {"everyone:-:deny:rwxpdDaARWcCo:----"}, false);
+
+    EXPECT_EQ(ALL, MaskFor(dir, "user", "admin"));
+    EXPECT_EQ(ALL, MaskFor(dir, "group", "administrators"));
+    EXPECT_EQ(0u, MaskFor(dir, "user", "alice"));
+
+    // At the root only the entries decide; uid 1024 is an authenticated user.
+    EXPECT_EQ(R, MaskFor(share_, "user", "admin"));
+    EXPECT_EQ(R, MaskFor(share_ + "/", "user", "admin"));
+    EXPECT_EQ(0u, MaskFor(share_, "group", "administrators"));
+    EXPECT_EQ(0u, MaskFor(share_ + "/", "group", "administrators"));
+}
+
+TEST_F(InspectTest, PathsWithoutAStoredAclUseTheirModeBits) {
+    const std::string f = File("plain.txt", 2001, 3001, 0640);
+    EXPECT_TRUE(MaskFor(f, "user", "bob") & R);
+    EXPECT_FALSE(MaskFor(f, "user", "bob") & W);
+    EXPECT_TRUE(MaskFor(f, "user", "alice") & W);
+    EXPECT_FALSE(MaskFor(f, "user", "carol") & R);
+
+    // A failing support query counts as "has an ACL": the (empty) stored ACL
+    // is read instead of the mode bits, so bob's group read disappears.
+    CallResult r = Inspect(f, "user", "bob", As("admin", {{"KOVAACLIsSupport", 0, -1, KOVA_ERR_IO}}));
+    EXPECT_EQ(0u, Mask(r));
+}
+
+TEST_F(InspectTest, PrivilegedSectionsStandAroundTheReadsOfAnAdministratorCaller) {
+    const std::string f = File("f.txt");
+    Acl(f, {"everyone:-:allow:rc:----"});
+    const std::string plain = File("plain.txt");
+
+    CallResult admin = Inspect(f, "user", "alice");
+    ASSERT_TRUE(admin.success()) << admin.Dump();
+    for (int line : {1502, 1526, 1532}) {
+        EXPECT_TRUE(admin.HasLog(39, "acl:" + std::to_string(line) + " WARNING: setresuid(-1, 0, -1)")) << admin.LogDump();
+    }
+    for (int line : {1504, 1528, 1534}) {
+        EXPECT_TRUE(admin.HasLog(39, "acl:" + std::to_string(line) + " WARNING: setresuid(-1, 0, -1)")) << admin.LogDump();
+    }
+    EXPECT_FALSE(admin.HasLog(39, "acl:1550 WARNING: setresuid(-1, 0, -1)")) << admin.LogDump();
+
+    CallResult mode = Inspect(plain, "user", "alice");
+    ASSERT_TRUE(mode.success()) << mode.Dump();
+    EXPECT_TRUE(mode.HasLog(39, "acl:1550 WARNING: setresuid(-1, 0, -1)")) << mode.LogDump();
+    EXPECT_TRUE(mode.HasLog(39, "acl:1552 WARNING: setresuid(-1, 0, -1)")) << mode.LogDump();
+
+    // An ordinary caller reads under its own identity; only the support
+    // check is privileged.
+    CallResult carol = Inspect(f, "user", "alice", As("carol"));
+    ASSERT_TRUE(carol.success()) << carol.Dump();
+    EXPECT_TRUE(carol.HasLog(39, "acl:1526 WARNING: setresuid(-1, 0, -1)")) << carol.LogDump();
+    EXPECT_FALSE(carol.HasLog(39, "acl:1502 WARNING: setresuid(-1, 0, -1)")) << carol.LogDump();
+    EXPECT_FALSE(carol.HasLog(39, "acl:1532 WARNING: setresuid(-1, 0, -1)")) << carol.LogDump();
+}
+
+TEST_F(InspectTest, RequestsThatNameNoUsablePathOrPrincipalAreRefused) {
+    const std::string f = File("f.txt");
+    ASSERT_TRUE(kova_test::WriteFile(root_.At("outside/x.txt"), "x"));
+
+    EXPECT_EQ(403, Inspect("", "user", "alice").errorCode());
+    EXPECT_EQ(403, Inspect(root_.At("outside/x.txt"), "user", "alice").errorCode());
+    EXPECT_EQ(403, Inspect(share_ + "/../../outside/x.txt", "user", "alice").errorCode());
+
+    EXPECT_EQ(6211, Inspect(f, "user", "nobody").errorCode());
+    EXPECT_EQ(6211, Inspect(f, "group", "nogroup").errorCode());
+    EXPECT_EQ(6211, Inspect(f, "owner", "alice").errorCode());
+    EXPECT_EQ(6211, Inspect(f, "User", "alice").errorCode());
+
+    // A path inside the share that does not exist has no owner.
+    EXPECT_EQ(6207, Inspect(share_ + "/missing.txt", "user", "alice").errorCode());
+}
+
+TEST_F(InspectTest, PlatformFailuresMapToTheirCodes) {
+    const std::string f = File("f.txt");
+    Acl(f, {"user:alice:allow:rwc:----"});
+    const std::string plain = File("plain.txt");
+
+    struct Case {
+        const char *name;
+        std::string path;
+        const char *type;
+        Fault fault;
+        int code;
+    } cases[] = {
+        {"group list", f, "user", {"KLIBGroupInfoListGet", 0, 0, KOVA_ERR_IO}, 6200},
+        {"user admin check", f, "user", {"KLIBGroupIsAdminGroupMemByUid", 0, -1, KOVA_ERR_IO}, 6200},
+        {"group admin check", f, "group", {"KOVAGroupIsAdminGroupByGid", 0, -1, KOVA_ERR_IO}, 6200},
+        {"owner: no such file", f, "user", {"KOVAACLOwnerIdGet", 0, -1, KOVA_ERR_NOENT}, 6207},
+        {"owner: no ACL support", f, "user", {"KOVAACLOwnerIdGet", 0, -1, KOVA_ERR_ACL_NOTSUP}, 6201},
+        {"owner: permission", f, "user", {"KOVAACLOwnerIdGet", 0, -1, KOVA_ERR_PERM}, 6205},
+        {"owner: other", f, "user", {"KOVAACLOwnerIdGet", 0, -1, KOVA_ERR_IO}, 6200},
+        {"acl read: permission", f, "user", {"KOVAACLGet", 0, -1, KOVA_ERR_PERM}, 6209},
+        {"acl read: other", f, "user", {"KOVAACLGet", 0, -1, KOVA_ERR_CORRUPT}, 6200},
+        {"mode acl", plain, "user", {"KOVAACLDumpFromMode", 0, -1, KOVA_ERR_IO}, 6200},
+        {"print", f, "user", {"KOVAACLAcePrintPermission", 0, -1, KOVA_ERR_RANGE}, 6200},
+    };
+    for (const Case &c : cases) {
+        const std::string name = std::string(c.type) == "user" ? "alice" : "staff";
+        CallResult r = Inspect(c.path, c.type, name, As("admin", {c.fault}));
+        EXPECT_EQ(c.code, r.errorCode()) << c.name << "\n" << r.Dump();
+        const Json::Value &response = r.response;
+        EXPECT_TRUE(response["error"]["data"].isNull()) << c.name << "\n" << r.Dump();
+    }
+
+    // The same refusal for real: carol may not read this ACL.
+    CallResult denied = Inspect(f, "user", "alice", As("carol"));
+    EXPECT_EQ(6209, denied.errorCode()) << denied.Dump();
+}
+
+} // namespace

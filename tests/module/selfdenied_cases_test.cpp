@@ -1,0 +1,307 @@
+// check_self_denied through the shipped module on real files: proposed rules
+// that lock the caller out or keep its access, inherited entries and their
+// levels, the owner entry, and every error code.
+#include "module-host.h"
+#include "platform-fixture.h"
+
+#include "kova/acl.h"
+#include "kova/errcode.h"
+
+#include <dlfcn.h>
+#include <syslog.h>
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+using kova_host::CallOptions;
+using kova_host::CallResult;
+using kova_host::Fault;
+using kova_host::Ids;
+using kova_host::ModuleHost;
+using kova_host::PlatformRoot;
+
+namespace {
+
+// Set in a handler's child process only: makes the platform's answer for
+// inherited entries come back out of level order (the first entry is moved
+// one level further up), which the ACL library itself never produces.
+bool gRaiseFirstInheritedLevel = false;
+
+} // namespace
+
+// Interposes the ACL library's read for the whole test program (the module
+// binds to the program's exported symbols first); without the flag above it
+// is the library's own call.
+extern "C" int KOVAACLGet(const char *szPath, int fd, int selector, PKOVA_ACL *ppAcl) {
+    using Fn = int (*)(const char *, int, int, PKOVA_ACL *);
+    static Fn real = reinterpret_cast<Fn>(dlsym(RTLD_NEXT, "KOVAACLGet"));
+    const int rc = real(szPath, fd, selector, ppAcl);
+    if (gRaiseFirstInheritedLevel && rc >= 0 && selector == KOVA_ACL_GET_INHERITED && ppAcl && *ppAcl &&
+        (*ppAcl)->pHead) {
+        (*ppAcl)->pHead->level += 1;
+    }
+    return rc;
+}
+
+namespace {
+
+// Letters of the 13 permission flags, as the ACL text forms print them.
+const struct {
+    char letter;
+    const char *key;
+} kPermLetters[] = {
+    {'r', "read_data"},     {'w', "write_data"},      {'x', "exe_file"},      {'p', "append_data"},
+    {'d', "delete"},        {'D', "delete_sub"},      {'a', "read_attr"},     {'A', "write_attr"},
+    {'R', "read_ext_attr"}, {'W', "write_ext_attr"},  {'c', "read_perm"},     {'C', "change_perm"},
+    {'o', "take_ownership"},
+};
+
+// A rule object granting or denying the given permission letters; by
+// default it applies to the path itself and is not inherited.
+Json::Value Rule(const std::string &type, const std::string &name, const std::string &access,
+                 const std::string &letters, bool thisFolder = true) {
+    Json::Value rule(Json::objectValue);
+    rule["owner_type"] = type;
+    rule["owner_name"] = name;
+    rule["permission_type"] = access;
+    Json::Value perm(Json::objectValue);
+    for (const auto &p : kPermLetters) perm[p.key] = letters.find(p.letter) != std::string::npos;
+    rule["permission"] = perm;
+    Json::Value inherit(Json::objectValue);
+    inherit["child_files"] = false;
+    inherit["child_folders"] = false;
+    inherit["this_folder"] = thisFolder;
+    inherit["all_descendants"] = true;
+    rule["inherit"] = inherit;
+    return rule;
+}
+
+Json::Value Rules(std::initializer_list<Json::Value> rules) {
+    Json::Value list(Json::arrayValue);
+    for (const auto &r : rules) list.append(r);
+    return list;
+}
+
+class SelfDeniedTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_TRUE(host().ok()) << host().error();
+        ASSERT_TRUE(root_.AddGroup("staff", 3001)) << root_.lastError();
+        ASSERT_TRUE(root_.AddUser("alice", 2001)) << root_.lastError();
+        ASSERT_TRUE(root_.AddUser("bob", 2002)) << root_.lastError();
+        ASSERT_TRUE(root_.AddMember("staff", "alice")) << root_.lastError();
+        share_ = root_.AddShare("docs");
+        ASSERT_FALSE(share_.empty()) << root_.lastError();
+        file_ = share_ + "/f.txt";
+        ASSERT_TRUE(root_.MakeFile(file_, "x", 0644, 2002, 3001)) << root_.lastError();
+    }
+
+    static const ModuleHost &host() { return ModuleHost::Shared(); }
+
+    static CallOptions As(const std::string &user, std::vector<Fault> faults = {}) {
+        CallOptions options;
+        options.user = user;
+        options.faults = std::move(faults);
+        return options;
+    }
+
+    CallResult Check(const std::string &path, const Json::Value &rules, bool inherited,
+                     const CallOptions &options = As("alice"), bool changeAcl = true) {
+        Json::Value params(Json::objectValue);
+        params["file_path"] = path;
+        params["change_acl"] = changeAcl;
+        params["rules"] = rules;
+        params["inherited"] = inherited;
+        return host().Call("check_self_denied", params, options);
+    }
+
+    // "is_denied" of a successful answer; fails the test otherwise.
+    bool Denied(const CallResult &r) {
+        EXPECT_TRUE(r.success()) << r.Dump();
+        EXPECT_TRUE(r.data()["is_denied"].isBool()) << r.Dump();
+        EXPECT_EQ(1u, r.data().size()) << r.Dump();
+        return r.data()["is_denied"].asBool();
+    }
+
+    bool Denied(const std::string &path, const Json::Value &rules, bool inherited) {
+        return Denied(Check(path, rules, inherited));
+    }
+
+    static bool LogStartsWith(const CallResult &r, int priority, const std::string &prefix) {
+        for (const auto &line : r.logs) {
+            if (line.priority == priority && line.text.compare(0, prefix.size(), prefix) == 0) return true;
+        }
+        return false;
+    }
+
+    PlatformRoot root_;
+    std::string share_;
+    std::string file_;
+};
+
+TEST_F(SelfDeniedTest, RulesThatLeaveTheCallerNothingLockItOut) {
+    EXPECT_TRUE(Denied(file_, Rules({}), false));
+    EXPECT_TRUE(Denied(file_, Rules({Rule("user", "alice", "deny", "rwxpdDaARWcCo")}), false));
+    EXPECT_TRUE(Denied(file_, Rules({Rule("user", "bob", "allow", "rwxpdDaARWcCo")}), false));
+    EXPECT_TRUE(Denied(file_, Rules({Rule("user", "alice", "allow", "r"), Rule("user", "alice", "deny", "r")}), false));
+    EXPECT_TRUE(Denied(file_, Rules({Rule("user", "alice", "deny", "r"), Rule("user", "alice", "allow", "r")}), false));
+    EXPECT_TRUE(Denied(file_, Rules({Rule("system", "SYSTEM", "allow", "rwx")}), false));
+    // An entry meant only for what lies below never counts here.
+    EXPECT_TRUE(Denied(file_, Rules({Rule("user", "alice", "allow", "rwx", false)}), false));
+}
+
+TEST_F(SelfDeniedTest, AccessKeptThroughAnyApplyingEntry) {
+    EXPECT_FALSE(Denied(file_, Rules({Rule("user", "alice", "allow", "r")}), false));
+    EXPECT_FALSE(Denied(file_, Rules({Rule("user", "alice", "deny", "w"), Rule("group", "staff", "allow", "r")}), false));
+    EXPECT_TRUE(Denied(file_, Rules({Rule("user", "alice", "deny", "r"), Rule("group", "staff", "allow", "r")}), false));
+    EXPECT_FALSE(Denied(file_, Rules({Rule("everyone", "Everyone", "allow", "a")}), false));
+    EXPECT_FALSE(Denied(file_, Rules({Rule("authenticated_user", "x", "allow", "x")}), false));
+}
+
+TEST_F(SelfDeniedTest, AnOwnerEntryCountsOnlyForTheOwner) {
+    const Json::Value ownerRead = Rules({Rule("owner", "Owner", "allow", "r")});
+    EXPECT_TRUE(Denied(file_, ownerRead, false));  // bob owns the file
+    const std::string mine = share_ + "/mine.txt";
+    ASSERT_TRUE(root_.MakeFile(mine, "x", 0644, 2001, 100)) << root_.lastError();
+    EXPECT_FALSE(Denied(mine, ownerRead, false));
+    // Ownership alone grants nothing here: no implicit owner bits.
+    EXPECT_TRUE(Denied(mine, Rules({}), false));
+    // A group owner makes every member an owner.
+    KOVA_ACL_ID staff = {KOVA_ACL_ID_GROUP, 3001};
+    ASSERT_EQ(0, KOVAACLOwnerIdSet(file_.c_str(), &staff));
+    EXPECT_FALSE(Denied(file_, ownerRead, false));
+}
+
+TEST_F(SelfDeniedTest, InheritedEntriesFollowTheProposedOnes) {
+    const std::string dir = share_ + "/p";
+    ASSERT_TRUE(root_.MakeDir(dir)) << root_.lastError();
+    ASSERT_TRUE(root_.SetAcl(dir, {"user:alice:allow:r:fd--"})) << root_.lastError();
+    const std::string child = dir + "/c.txt";
+    ASSERT_TRUE(root_.MakeFile(child)) << root_.lastError();
+
+    EXPECT_FALSE(Denied(child, Rules({}), true));
+    EXPECT_TRUE(Denied(child, Rules({}), false));
+    // A proposed deny masks the same bit allowed further up ...
+    EXPECT_TRUE(Denied(child, Rules({Rule("user", "alice", "deny", "r")}), true));
+    // ... but not another bit.
+    EXPECT_FALSE(Denied(child, Rules({Rule("user", "alice", "deny", "w")}), true));
+}
+
+TEST_F(SelfDeniedTest, ADenyAtANearerLevelKeepsMaskingFartherLevels) {
+    const std::string g = share_ + "/g";
+    const std::string p = g + "/p";
+    const std::string child = p + "/c.txt";
+    ASSERT_TRUE(root_.MakeDir(g)) << root_.lastError();
+    ASSERT_TRUE(root_.MakeDir(p)) << root_.lastError();
+    ASSERT_TRUE(root_.MakeFile(child)) << root_.lastError();
+    ASSERT_TRUE(root_.SetAcl(g, {"user:alice:allow:w:fd--"})) << root_.lastError();
+    ASSERT_TRUE(root_.SetAcl(p, {"user:alice:deny:w:fd--"})) << root_.lastError();
+
+    // Level 1 denies w, level 2 allows it: the deny is never reset.
+    EXPECT_TRUE(Denied(child, Rules({}), true));
+    // What level 0 allowed is carried, whatever a later level denies.
+    EXPECT_FALSE(Denied(child, Rules({Rule("user", "alice", "allow", "w")}), true));
+}
+
+TEST_F(SelfDeniedTest, LevelsThatGoDownAreRefused) {
+    const std::string dir = share_ + "/p";
+    ASSERT_TRUE(root_.MakeDir(dir)) << root_.lastError();
+    // The entries that end up out of order do not even apply to alice.
+    ASSERT_TRUE(root_.SetAcl(dir, {"user:bob:allow:r:fd--", "user:bob:allow:w:fd--"})) << root_.lastError();
+    const std::string child = dir + "/c.txt";
+    ASSERT_TRUE(root_.MakeFile(child)) << root_.lastError();
+
+    CallOptions options = As("alice");
+    options.beforeHandler = [] { gRaiseFirstInheritedLevel = true; };
+    CallResult r = Check(child, Rules({Rule("user", "alice", "allow", "r")}), true, options);
+    EXPECT_EQ(4203, r.errorCode()) << r.Dump();
+    EXPECT_TRUE(r.HasLog(LOG_ERR, "acl:1694 wrong level order: current=2, ace=1")) << r.LogDump();
+
+    // In order, the same request is answered.
+    EXPECT_FALSE(Denied(child, Rules({Rule("user", "alice", "allow", "r")}), true));
+}
+
+TEST_F(SelfDeniedTest, RulesThatCannotBecomeEntries) {
+    CallResult user = Check(file_, Rules({Rule("user", "alice", "allow", "r"), Rule("user", "ghost", "allow", "r")}), false);
+    EXPECT_EQ(6211, user.errorCode()) << user.Dump();
+    EXPECT_TRUE(user.HasLog(LOG_ERR, "acl:1767 failed to convert acl str[0x1D00 acl-object:206]")) << user.LogDump();
+
+    CallResult group = Check(file_, Rules({Rule("group", "ghosts", "allow", "r")}), false);
+    EXPECT_EQ(6211, group.errorCode()) << group.Dump();
+    EXPECT_TRUE(group.HasLog(LOG_ERR, "acl:1767 failed to convert acl str[0x1800 acl-object:212]")) << group.LogDump();
+
+    CallResult parse = Check(file_, Rules({Rule("user", "alice", "allow", "r")}), false,
+                             As("alice", {{"KOVAACLAceParsePermission", 0, -1, KOVA_ERR_BADARG}}));
+    EXPECT_EQ(6200, parse.errorCode()) << parse.Dump();
+    EXPECT_TRUE(LogStartsWith(parse, LOG_ERR, "acl:1767 failed to convert acl str[0x0D00 ")) << parse.LogDump();
+
+    CallResult invalid = Check(file_, Rules({Rule("user", "alice", "allow", "r")}), false,
+                               As("alice", {{"KOVAACLAceIsValid", 0, 0, KOVA_ERR_BADARG}}));
+    EXPECT_EQ(6200, invalid.errorCode()) << invalid.Dump();
+    EXPECT_TRUE(LogStartsWith(invalid, LOG_ERR, "acl:1773 failed to check acl[0x0D00 ")) << invalid.LogDump();
+
+    CallResult append = Check(file_, Rules({Rule("user", "alice", "allow", "r")}), false,
+                              As("alice", {{"KOVAACLAceAppend", 0, -1, KOVA_ERR_NOMEM}}));
+    EXPECT_EQ(6200, append.errorCode()) << append.Dump();
+}
+
+TEST_F(SelfDeniedTest, NothingIsEvaluatedWithoutAnAclChange) {
+    // Every read would fail, yet the answer is "not denied".
+    CallResult r = Check(file_, Rules({Rule("user", "alice", "deny", "rwxpdDaARWcCo")}), true,
+                         As("alice", {{"KOVAACLOwnerIdGet", 0, -1, KOVA_ERR_IO},
+                                      {"KOVAACLGet", 0, -1, KOVA_ERR_IO},
+                                      {"KOVAACLAlloc", 0, 0, KOVA_ERR_NOMEM}}),
+                         false);
+    EXPECT_FALSE(Denied(r));
+}
+
+TEST_F(SelfDeniedTest, FailuresAndTheirCodes) {
+    const Json::Value rules = Rules({Rule("user", "alice", "allow", "r")});
+    ASSERT_TRUE(kova_test::WriteFile(root_.At("outside/x.txt"), "x"));
+    EXPECT_EQ(403, Check(root_.At("outside/x.txt"), rules, false).errorCode());
+    EXPECT_EQ(403, Check("", rules, false).errorCode());
+
+    CallOptions ghost;
+    ghost.user = "ghost";
+    ghost.ids = Ids::Root;
+    EXPECT_EQ(6211, Check(file_, rules, false, ghost).errorCode());
+
+    EXPECT_EQ(6207, Check(share_ + "/missing.txt", rules, false).errorCode());
+
+    struct Case {
+        const char *name;
+        Fault fault;
+        bool inherited;
+        int code;
+    } cases[] = {
+        {"group list", {"KLIBGroupInfoListGet", 0, 0, KOVA_ERR_IO}, false, 6211},
+        {"owner: no such file", {"KOVAACLOwnerIdGet", 0, -1, KOVA_ERR_NOENT}, false, 6207},
+        {"owner: no ACL support", {"KOVAACLOwnerIdGet", 0, -1, KOVA_ERR_ACL_NOTSUP}, false, 6201},
+        {"owner: permission", {"KOVAACLOwnerIdGet", 0, -1, KOVA_ERR_PERM}, false, 6205},
+        {"owner: other", {"KOVAACLOwnerIdGet", 0, -1, KOVA_ERR_IO}, false, 6200},
+        {"inherited read", {"KOVAACLGet", 0, -1, KOVA_ERR_PERM}, true, 6200},
+        {"acl allocation", {"KOVAACLAlloc", 0, 0, KOVA_ERR_NOMEM}, false, 1415},
+        {"entry allocation", {"KOVAACLAceAlloc", 0, 0, KOVA_ERR_NOMEM}, false, 1415},
+    };
+    for (const Case &c : cases) {
+        CallResult r = Check(file_, rules, c.inherited, As("alice", {c.fault}));
+        EXPECT_EQ(c.code, r.errorCode()) << c.name << "\n" << r.Dump();
+        const Json::Value &response = r.response;
+        EXPECT_TRUE(response["error"]["data"].isNull()) << c.name << "\n" << r.Dump();
+    }
+}
+
+TEST_F(SelfDeniedTest, AnAdministratorsOwnerLookupIsPrivileged) {
+    const Json::Value rules = Rules({Rule("user", "admin", "allow", "r")});
+    CallResult admin = Check(file_, rules, false, As("admin"));
+    EXPECT_FALSE(Denied(admin));
+    EXPECT_TRUE(admin.HasLog(39, "acl:1644 WARNING: setresuid(-1, 0, -1)")) << admin.LogDump();
+    EXPECT_TRUE(admin.HasLog(39, "acl:1646 WARNING: setresuid(-1, 0, -1)")) << admin.LogDump();
+
+    CallResult alice = Check(file_, rules, false);
+    EXPECT_TRUE(Denied(alice));
+    EXPECT_FALSE(alice.HasLog(39, "acl:1644 WARNING: setresuid(-1, 0, -1)")) << alice.LogDump();
+}
+
+} // namespace
