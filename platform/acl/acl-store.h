@@ -1,0 +1,28 @@
+// Reading and writing one path's stored ACL record in its extended
+// attribute, never following a final symbolic link. Callers hold root
+// (trusted attributes need it) and have already checked the caller's rights.
+#ifndef KOVA_ACL_STORE_H
+#define KOVA_ACL_STORE_H
+
+#include "ace.h"
+
+#include <string>
+
+namespace kova_acl {
+
+// present is false when the path has no record (it is in mode-bit form).
+// False with KOVA_ERR_CORRUPT for a malformed record, KOVA_ERR_NOENT for a
+// missing path, KOVA_ERR_IO otherwise.
+bool ReadStored(const std::string &path, StoredAcl &out, bool &present);
+
+// Replaces the record in one attribute write (old or new, never a mix).
+// KOVA_ERR_ACL_NOSPACE for too many entries, a read-only file system or no
+// room; KOVA_ERR_ACL_NOTSUP when the file system has no such attributes.
+bool WriteStored(const std::string &path, const StoredAcl &acl);
+
+// Removes the record; a path without one is already done.
+bool RemoveStored(const std::string &path);
+
+} // namespace kova_acl
+
+#endif

@@ -1,0 +1,80 @@
+// The rights evaluation (rules in evaluate.h).
+#include "evaluate.h"
+
+#include "kova/account.h"
+#include "kova-internal/identity.h"
+
+#include <algorithm>
+
+namespace kova_acl {
+
+Principal Principal::Caller() {
+    kova_internal::Caller c = kova_internal::Caller::Current();
+    Principal p;
+    p.kind = KOVA_ACL_ID_USER;
+    p.uid = c.uid;
+    p.isRoot = c.IsRoot();
+    p.isAdmin = c.InGroup(KOVA_ADMIN_GID);
+    p.gids.push_back(c.gid);
+    for (gid_t g : c.groups)
+        if (g != c.gid) p.gids.push_back(g);
+    return p;
+}
+
+bool EntryMatches(int idType, int id, const Principal &p, bool isOwner) {
+    auto inGroups = [&](int gid) {
+        return gid >= 0 && std::find(p.gids.begin(), p.gids.end(), static_cast<uint32_t>(gid)) != p.gids.end();
+    };
+    switch (idType) {
+    case KOVA_ACL_ID_EVERYONE: return true;
+    case KOVA_ACL_ID_OWNER: return isOwner;
+    case KOVA_ACL_ID_USER: return p.kind == KOVA_ACL_ID_USER && id >= 0 && static_cast<uint32_t>(id) == p.uid;
+    case KOVA_ACL_ID_GROUP: return inGroups(id);
+    case KOVA_ACL_ID_AUTHUSER:
+        // The guest (1025) and system accounts are not authenticated users.
+        return p.kind == KOVA_ACL_ID_AUTHUSER ||
+               (p.kind == KOVA_ACL_ID_USER && (p.uid == KOVA_UID_FIRST_USER || p.uid > KOVA_UID_GUEST));
+    case KOVA_ACL_ID_SYSTEM:
+        return p.kind == KOVA_ACL_ID_SYSTEM || (p.kind == KOVA_ACL_ID_USER && p.uid < KOVA_UID_FIRST_USER);
+    default: return false;
+    }
+}
+
+void OrderForEvaluation(std::vector<Ace> &entries) {
+    size_t start = 0;
+    while (start < entries.size()) {
+        size_t end = start;
+        while (end < entries.size() && entries[end].level == entries[start].level) ++end;
+        std::stable_partition(entries.begin() + static_cast<long>(start), entries.begin() + static_cast<long>(end),
+                              [](const Ace &a) { return a.access == KOVA_ACL_DENY; });
+        start = end;
+    }
+}
+
+uint32_t EffectiveRights(const Principal &p, const OwnerId &owner, std::vector<Ace> entries, bool belowShareRoot) {
+    if (p.isRoot) return KOVA_ACL_PERM_ALL;
+    OrderForEvaluation(entries);
+    const bool isOwner = EntryMatches(owner.idType, owner.id, p, false);
+    uint32_t granted = 0, undecided = 0xFFFFFFFFu;
+    if (isOwner) {
+        granted = KOVA_ACL_PERM_OWNER_IMPLICIT;
+        undecided = ~static_cast<uint32_t>(KOVA_ACL_PERM_OWNER_IMPLICIT);
+    }
+    if (p.isAdmin && belowShareRoot) {
+        granted = KOVA_ACL_PERM_ALL;
+        undecided = ~static_cast<uint32_t>(KOVA_ACL_PERM_ALL);
+    }
+    for (const Ace &e : entries) {
+        if (!EntryMatches(e.idType, e.id, p, isOwner) || (e.inherit & KOVA_ACL_INHERIT_ONLY)) continue;
+        uint32_t bits = e.permission & undecided;
+        undecided &= ~e.permission;
+        if (e.access == KOVA_ACL_DENY)
+            granted &= ~bits;
+        else
+            granted |= bits;
+        if (undecided == 0) break;
+    }
+    return granted;
+}
+
+} // namespace kova_acl

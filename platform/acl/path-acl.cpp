@@ -1,0 +1,217 @@
+// The ACL calls on paths. Each one takes the caller's effective identity
+// first, then acts as root to read or write trusted attributes, and enforces
+// the caller's rights with the one evaluation (evaluate.h) in between.
+#include "ace.h"
+#include "acl-store.h"
+#include "evaluate.h"
+#include "mode-acl.h"
+#include "path-state.h"
+
+#include "kova/errcode.h"
+#include "kova/share.h"
+#include "kova/klibc.h"
+#include "kova-internal/fault-point.h"
+
+#include <cstring>
+
+using namespace kova_acl;
+
+namespace {
+
+bool ValidSelector(int s) { return s == KOVA_ACL_GET_ALL || s == KOVA_ACL_GET_OWN || s == KOVA_ACL_GET_INHERITED; }
+
+// Copies the public list into values, checking that it is consistent and
+// every entry is well formed (levels are ignored: stored entries are own).
+bool EntriesFromPublic(const KOVA_ACL &acl, std::vector<Ace> &out) {
+    int n = 0;
+    for (const KOVA_ACL_ENTRY *e = acl.pHead; e; e = e->pNext) {
+        if (++n > acl.aceCount) break;
+        if (!AceFieldsValid(e->idType, e->id, e->permission, e->inherit, e->accessType)) {
+            KOVA_FAIL(KOVA_ERR_BADARG);
+            return false;
+        }
+        Ace a = FromPublic(*e);
+        a.level = 0;
+        out.push_back(a);
+    }
+    if (n != acl.aceCount) {
+        KOVA_FAIL(KOVA_ERR_BADARG);
+        return false;
+    }
+    if (n > kMaxEntries) {
+        KOVA_FAIL(KOVA_ERR_ACL_NOSPACE);
+        return false;
+    }
+    return true;
+}
+
+bool IsAclCapable(int fsType) {
+    switch (fsType) {
+    case FSTYPE_EXT2:
+    case FSTYPE_EXT3:
+    case FSTYPE_EXT4:
+    case FSTYPE_BTRFS:
+    case FSTYPE_XFS:
+    case FSTYPE_ZFS:
+    case FSTYPE_TMPFS:
+    case FSTYPE_OVERLAY:
+    case FSTYPE_F2FS: return true;
+    default: return false;
+    }
+}
+
+// The caller's rights on a loaded path; for the checks below.
+bool Holds(const PathState &s, const Principal &caller, uint32_t bits) { return (s.RightsOf(caller) & bits) == bits; }
+
+} // namespace
+
+extern "C" int KOVAACLGet(const char *szPath, int fd, int selector, PKOVA_ACL *ppAcl) {
+    KOVA_FAULT_POINT("KOVAACLGet", int);
+    if (!szPath || !ppAcl || !ValidSelector(selector)) {
+        KOVA_FAIL(KOVA_ERR_BADARG);
+        return -1;
+    }
+    Principal caller = Principal::Caller();
+    PathState s;
+    {
+        Elevation root;
+        if (!root.ok() || !LoadPathState(szPath, s)) return -1;
+    }
+    if (!Holds(s, caller, KOVA_ACL_PERM_READ_ACL)) {
+        KOVA_FAIL(KOVA_ERR_PERM);
+        return -1;
+    }
+    std::vector<Ace> entries;
+    if (s.stored) {
+        if (selector != KOVA_ACL_GET_INHERITED) entries = s.own.entries;
+        if (selector != KOVA_ACL_GET_OWN) entries.insert(entries.end(), s.inherited.begin(), s.inherited.end());
+    }
+    PKOVA_ACL acl = BuildPublicAcl(s.stored && s.own.inherits, entries);
+    if (!acl) return -1;
+    *ppAcl = acl;
+    return 0;
+}
+
+extern "C" int KOVAACLSet(const char *szPath, int fd, const KOVA_ACL *pAcl) {
+    KOVA_FAULT_POINT("KOVAACLSet", int);
+    if (!szPath || !pAcl) {
+        KOVA_FAIL(KOVA_ERR_BADARG);
+        return -1;
+    }
+    std::vector<Ace> entries;
+    if (!EntriesFromPublic(*pAcl, entries)) return -1;
+    Principal caller = Principal::Caller();
+    Elevation root;
+    PathState s;
+    // Root may overwrite a damaged record; everyone else needs it readable to
+    // be judged.
+    if (!root.ok() || !LoadPathState(szPath, s, caller.isRoot)) return -1;
+    if (!Holds(s, caller, KOVA_ACL_PERM_WRITE_ACL)) {
+        KOVA_FAIL(KOVA_ERR_ACL_DENIED);
+        return -1;
+    }
+    StoredAcl next;
+    next.inherits = pAcl->isInherited != 0;
+    next.hasGroupOwner = s.stored && s.own.hasGroupOwner;
+    next.ownerGid = next.hasGroupOwner ? s.own.ownerGid : 0;
+    next.entries = std::move(entries);
+    return WriteStored(s.target.path, next) ? 0 : -1;
+}
+
+extern "C" int KOVAACLRemove(const char *szPath, int fd) {
+    KOVA_FAULT_POINT("KOVAACLRemove", int);
+    if (!szPath) {
+        KOVA_FAIL(KOVA_ERR_BADARG);
+        return -1;
+    }
+    Principal caller = Principal::Caller();
+    Elevation root;
+    PathState s;
+    if (!root.ok() || !LoadPathState(szPath, s, caller.isRoot)) return -1;
+    if (!Holds(s, caller, KOVA_ACL_PERM_WRITE_ACL)) {
+        KOVA_FAIL(KOVA_ERR_ACL_DENIED);
+        return -1;
+    }
+    return RemoveStored(s.target.path) ? 0 : -1;
+}
+
+extern "C" int KOVAACLIsSupport(const char *szPath, int fd, int mode) {
+    KOVA_FAULT_POINT("KOVAACLIsSupport", int);
+    if (!szPath || (mode != KOVA_ACL_SUPPORT_FS && mode != KOVA_ACL_SUPPORT_MODE)) {
+        KOVA_FAIL(KOVA_ERR_BADARG);
+        return -1;
+    }
+    Elevation root;
+    Target t;
+    if (!root.ok() || !ResolveTarget(szPath, t)) return -1;
+    if (mode == KOVA_ACL_SUPPORT_FS) {
+        int type = KOVAGetFSType(t.path.c_str(), 0);
+        if (type < 0) return -1;
+        return IsAclCapable(type) ? 1 : 0;
+    }
+    StoredAcl own;
+    bool present = false;
+    if (ReadStored(t.path, own, present)) return present ? 1 : 0;
+    // A damaged record still puts the path in ACL mode: its reads must fail
+    // rather than fall back to the mode bits.
+    return KLIBCErrGet() == KOVA_ERR_CORRUPT ? 1 : -1;
+}
+
+extern "C" int KOVAACLDumpFromMode(const char *szPath, int fd, PKOVA_ACL *ppAcl) {
+    KOVA_FAULT_POINT("KOVAACLDumpFromMode", int);
+    if (!szPath || !ppAcl) {
+        KOVA_FAIL(KOVA_ERR_BADARG);
+        return -1;
+    }
+    Target t;
+    {
+        Elevation root;
+        if (!root.ok() || !ResolveTarget(szPath, t)) return -1;
+    }
+    PKOVA_ACL acl = BuildPublicAcl(false, EntriesFromMode(t.st));
+    if (!acl) return -1;
+    *ppAcl = acl;
+    return 0;
+}
+
+extern "C" int KOVAACLPermGet(const char *szPath, unsigned int *pPermission) {
+    KOVA_FAULT_POINT("KOVAACLPermGet", int);
+    if (!szPath || !pPermission) {
+        KOVA_FAIL(KOVA_ERR_BADARG);
+        return -1;
+    }
+    Principal caller = Principal::Caller();
+    PathState s;
+    {
+        Elevation root;
+        if (!root.ok() || !LoadPathState(szPath, s)) return -1;
+    }
+    *pPermission = s.RightsOf(caller) & KOVA_ACL_PERM_ALL;
+    return 0;
+}
+
+extern "C" int KOVAACLPermCheck(const char *szPath, unsigned int permission) {
+    KOVA_FAULT_POINT("KOVAACLPermCheck", int);
+    if (!szPath || permission == 0 || (permission & ~static_cast<unsigned int>(KOVA_ACL_PERM_ALL))) {
+        KOVA_FAIL(KOVA_ERR_BADARG);
+        return -1;
+    }
+    Principal caller = Principal::Caller();
+    PathState s;
+    {
+        Elevation root;
+        if (!root.ok() || !LoadPathState(szPath, s)) return -1;
+    }
+    if (!Holds(s, caller, permission)) {
+        KOVA_FAIL(KOVA_ERR_PERM);
+        return 0;
+    }
+    return 1;
+}
+
+// The platform keeps per-file metadata of its own in folders of this name;
+// they are never listed or walked as user content.
+extern "C" int KOVAEAIsHiddenDir(const char *szName) {
+    KOVA_FAULT_POINT("KOVAEAIsHiddenDir", int);
+    return szName && std::strcmp(szName, "@kova_attr") == 0 ? 1 : 0;
+}

@@ -1,0 +1,50 @@
+// Loading a path's state for the path calls.
+#include "path-state.h"
+
+#include "acl-store.h"
+#include "inherit.h"
+#include "mode-acl.h"
+
+#include "kova/errcode.h"
+#include "kova/klibc.h"
+#include "kova-internal/fault-point.h"
+
+namespace kova_acl {
+
+Elevation::Elevation() {
+    if (!scope_.ok()) KOVA_FAIL(KOVA_ERR_PERM);
+}
+
+std::vector<Ace> PathState::Complete() const {
+    if (!stored) return EntriesFromMode(target.st);
+    std::vector<Ace> all = own.entries;
+    all.insert(all.end(), inherited.begin(), inherited.end());
+    return all;
+}
+
+uint32_t PathState::RightsOf(const Principal &p) const {
+    return EffectiveRights(p, owner, Complete(), target.BelowShareRoot());
+}
+
+bool LoadPathState(const char *szPath, PathState &out, bool ignoreCorruptOwn) {
+    if (!ResolveTarget(szPath, out.target)) return false;
+    bool present = false;
+    if (!ReadStored(out.target.path, out.own, present)) {
+        if (!(ignoreCorruptOwn && KLIBCErrGet() == KOVA_ERR_CORRUPT)) return false;
+        out.own = StoredAcl();
+        present = false;
+    }
+    out.stored = present;
+    out.inherited.clear();
+    if (present && out.own.inherits && !CollectInherited(out.target, out.inherited)) return false;
+    if (present && out.own.hasGroupOwner) {
+        out.owner.idType = KOVA_ACL_ID_GROUP;
+        out.owner.id = static_cast<int>(out.own.ownerGid);
+    } else {
+        out.owner.idType = KOVA_ACL_ID_USER;
+        out.owner.id = static_cast<int>(out.target.st.st_uid);
+    }
+    return true;
+}
+
+} // namespace kova_acl

@@ -1,0 +1,36 @@
+// A path as the ACL calls see it: canonical (links and ".." of its parent
+// resolved, a final symbolic link kept as itself), its lstat, and the share
+// that holds it.
+#ifndef KOVA_ACL_TARGET_H
+#define KOVA_ACL_TARGET_H
+
+#include <sys/stat.h>
+
+#include <string>
+
+namespace kova_acl {
+
+struct Target {
+    std::string path;       // canonical path
+    struct stat st;         // lstat of it
+    bool inShare = false;
+    std::string shareRoot;  // real root of the holding share when inShare
+
+    bool IsDir() const { return S_ISDIR(st.st_mode); }
+    bool AtShareRoot() const { return inShare && path == shareRoot; }
+    bool BelowShareRoot() const { return inShare && path != shareRoot; }
+};
+
+// Fills t; false with the last error set (KOVA_ERR_BADARG, KOVA_ERR_NOENT,
+// KOVA_ERR_BADPATH, or a share lookup failure other than "no share").
+bool ResolveTarget(const char *szPath, Target &t);
+
+// The share root of an existing canonical directory path; empty when no
+// share holds it. False when the lookup itself failed.
+bool ShareRootOf(const std::string &canonicalDir, bool &inShare, std::string &root);
+
+std::string ParentOf(const std::string &canonical);
+
+} // namespace kova_acl
+
+#endif
