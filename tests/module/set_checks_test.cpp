@@ -1,0 +1,449 @@
+// The checks of set before anything changes (request and task side), and
+// the codes that the apply step and its owner-result rules produce.
+#include "module-host.h"
+#include "platform-fixture.h"
+
+#include "kova/acl.h"
+#include "kova/errcode.h"
+#include "kova/share.h"
+
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace {
+
+using kova_host::CallOptions;
+using kova_host::CallResult;
+using kova_host::Fault;
+using kova_host::ModuleHost;
+using kova_host::PlatformRoot;
+
+const char *const kPermKeys[] = {"read_data", "write_data", "exe_file", "append_data", "delete",
+                                 "delete_sub", "read_attr", "write_attr", "read_ext_attr", "write_ext_attr",
+                                 "read_perm", "change_perm", "take_ownership"};
+const char *const kInheritKeys[] = {"child_files", "child_folders", "this_folder", "all_descendants"};
+
+Json::Value Rule(const std::string &type, const std::string &name, bool read = true) {
+    Json::Value rule(Json::objectValue);
+    rule["owner_type"] = type;
+    rule["owner_name"] = name;
+    rule["permission_type"] = "allow";
+    for (const char *key : kPermKeys) rule["permission"][key] = read && std::strcmp(key, "read_data") == 0;
+    for (const char *key : kInheritKeys) rule["inherit"][key] = true;
+    return rule;
+}
+
+// Own entries of a path, -1 when it has no stored ACL.
+int StoredCount(const std::string &path) {
+    if (KOVAACLIsSupport(path.c_str(), -1, KOVA_ACL_SUPPORT_MODE) != 1) return -1;
+    PKOVA_ACL acl = nullptr;
+    if (KOVAACLGet(path.c_str(), -1, KOVA_ACL_GET_OWN, &acl) != 0 || !acl) return -2;
+    int n = acl->aceCount;
+    KOVAACLFree(acl);
+    return n;
+}
+
+int OwnerUid(const std::string &path) {
+    KOVA_ACL_ID owner = {0, 0};
+    if (KOVAACLOwnerIdGet(path.c_str(), &owner) != 0) return -1;
+    return owner.id;
+}
+
+class SetChecksTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_TRUE(host_.ok()) << host_.error();
+        ASSERT_TRUE(root_.AddUser("admin")) << root_.lastError();
+        ASSERT_TRUE(root_.MakeAdmin("admin")) << root_.lastError();
+        ASSERT_TRUE(root_.AddUser("alice")) << root_.lastError();
+        ASSERT_TRUE(root_.AddUser("bob")) << root_.lastError();
+        share_ = root_.AddShare("pub");
+        ASSERT_FALSE(share_.empty()) << root_.lastError();
+        admin_.user = "admin";
+        alice_.user = "alice";
+    }
+
+    // A set of one rule on `rel` (below the share "pub").
+    Json::Value AclParams(const std::string &rel, const std::string &share = "pub") {
+        Json::Value params(Json::objectValue);
+        params["file_path"] = root_.At("volumes/volume1/" + share + "/" + rel);
+        params["dirPaths"] = "/" + share + "/" + rel;
+        params["change_acl"] = true;
+        params["inherited"] = true;
+        params["rules"] = Json::Value(Json::arrayValue);
+        params["rules"].append(Rule("user", "alice"));
+        return params;
+    }
+
+    // Runs a set to its end: the task's final status (success or error).
+    CallResult RunSet(const Json::Value &params, const CallOptions &options) {
+        CallResult started = host_.Call("set", params, options);
+        if (!started.success()) return started;
+        Json::Value id(Json::objectValue);
+        id["task_id"] = started.data()["task_id"];
+        CallResult last;
+        for (int i = 0; i < 30000; ++i) {
+            last = host_.Call("status", id, options);
+            if (!last.success() || last.data()["finished"].asBool()) return last;
+            usleep(2000);
+        }
+        ADD_FAILURE() << "the task did not end: " << last.Dump();
+        return last;
+    }
+
+    ModuleHost &host_ = ModuleHost::Shared();
+    PlatformRoot root_;
+    std::string share_;
+    CallOptions admin_;
+    CallOptions alice_;
+};
+
+// ---- request side ------------------------------------------------------
+
+TEST_F(SetChecksTest, RequestRefusesPathsOutsideSharesAndUnknownFileSystems) {
+    ASSERT_TRUE(root_.MakeDir(root_.At("loose"), 0777));
+    Json::Value params = AclParams("x");
+    params["file_path"] = root_.At("loose");
+    CallResult outside = host_.Call("set", params, admin_);
+    EXPECT_EQ(403, outside.errorCode()) << outside.Dump();
+
+    ASSERT_TRUE(root_.MakeDir(share_ + "/x", 0777));
+    CallOptions failing = admin_;
+    failing.faults.push_back(Fault{"KOVAGetFSType", 0, -1, KOVA_ERR_IO});
+    CallResult unknown = host_.Call("set", AclParams("x"), failing);
+    EXPECT_EQ(6200, unknown.errorCode()) << unknown.Dump();
+    EXPECT_NE(std::string::npos, unknown.LogDump().find("3 acl:765 Failed to get the file system statistics of '" +
+                                                         share_ + "/x', errno: "))
+        << unknown.LogDump();
+
+    CallOptions ntfs = admin_;
+    ntfs.faults.push_back(Fault{"KOVAGetFSType", 0, FSTYPE_NTFS, 0});
+    EXPECT_EQ(6212, host_.Call("set", AclParams("x"), ntfs).errorCode());
+    EXPECT_EQ(-1, StoredCount(share_ + "/x"));
+}
+
+// ---- task side: shares and rights ---------------------------------------
+
+TEST_F(SetChecksTest, ShareStateAndPrivilegeRefusalsChangeNothing) {
+    // Read-only share: only its root may change.
+    const std::string ro = root_.AddShare("ro", true);
+    ASSERT_FALSE(ro.empty()) << root_.lastError();
+    ASSERT_TRUE(root_.MakeDir(ro + "/sub", 0777));
+    CallResult readOnly = RunSet(AclParams("sub", "ro"), admin_);
+    EXPECT_EQ(6214, readOnly.errorCode()) << readOnly.Dump();
+    EXPECT_EQ(-1, StoredCount(ro + "/sub"));
+
+    // A share without ACL support, an encrypted one and one with ACLs off.
+    const std::string noAcl = root_.AddShare("noacl", false, false);
+    ASSERT_FALSE(noAcl.empty()) << root_.lastError();
+    ASSERT_TRUE(root_.MakeDir(noAcl + "/sub", 0777));
+    CallResult unsupported = RunSet(AclParams("sub", "noacl"), admin_);
+    EXPECT_EQ(3302, unsupported.errorCode()) << unsupported.Dump();
+    EXPECT_EQ(-1, StoredCount(noAcl + "/sub"));
+
+    for (const char *name : {"enc", "off"}) {
+        const std::string dir = root_.AddShare(name);
+        ASSERT_FALSE(dir.empty());
+        ASSERT_TRUE(root_.MakeDir(dir + "/sub", 0777));
+        PKOVA_SHARE share = nullptr;
+        ASSERT_GE(KOVAShareGet(name, &share), 0);
+        if (std::strcmp(name, "enc") == 0) share->isEncrypted = 1;
+        else share->aclStatus = 0;
+        ASSERT_GE(KOVAShareSet(share), 0);
+        KOVAShareFree(share);
+        CallResult refused = RunSet(AclParams("sub", name), admin_);
+        EXPECT_EQ(3302, refused.errorCode()) << name << ": " << refused.Dump();
+        EXPECT_EQ(-1, StoredCount(dir + "/sub"));
+    }
+
+    // A share that cannot be found when the task looks it up.
+    ASSERT_TRUE(root_.MakeDir(share_ + "/sub", 0777));
+    CallOptions noShare = admin_;
+    noShare.faults.push_back(Fault{"KOVAShareGet", 0, -1, KOVA_ERR_NOSHARE});
+    CallResult missing = RunSet(AclParams("sub"), noShare);
+    EXPECT_EQ(402, missing.errorCode()) << missing.Dump();
+
+    // A non-administrator with read-only privilege on the share.
+    ASSERT_GE(KOVASharePrivSet("pub", 1, "alice", KOVA_SHARE_PRIV_RO), 0);
+    CallResult denied = RunSet(AclParams("sub"), alice_);
+    EXPECT_EQ(6209, denied.errorCode()) << denied.Dump();
+    EXPECT_EQ(-1, StoredCount(share_ + "/sub"));
+    // The same user with read-write privilege gets through on a folder it
+    // owns.
+    ASSERT_GE(KOVASharePrivSet("pub", 1, "alice", KOVA_SHARE_PRIV_RW), 0);
+    ASSERT_TRUE(root_.MakeDir(share_ + "/mine", 0755, root_.Uid("alice")));
+    CallResult allowed = RunSet(AclParams("mine"), alice_);
+    EXPECT_TRUE(allowed.success()) << allowed.Dump();
+    EXPECT_EQ(1, StoredCount(share_ + "/mine"));
+}
+
+TEST_F(SetChecksTest, FolderResolutionAndPathChecks) {
+    ASSERT_TRUE(root_.MakeDir(share_ + "/a", 0777));
+    ASSERT_TRUE(root_.MakeDir(share_ + "/a2", 0777));
+    ASSERT_TRUE(root_.MakeDir(share_ + "/b", 0777));
+
+    // Trailing slashes name the same folder.
+    Json::Value slashes = AclParams("a");
+    slashes["dirPaths"] = "/pub/a///";
+    CallResult sameFolder = RunSet(slashes, admin_);
+    EXPECT_TRUE(sameFolder.success()) << sameFolder.Dump();
+    EXPECT_EQ(1, StoredCount(share_ + "/a"));
+
+    // A path outside the named folder.
+    Json::Value elsewhere = AclParams("a");
+    elsewhere["file_path"] = share_ + "/b";
+    CallResult outside = RunSet(elsewhere, admin_);
+    EXPECT_EQ(6206, outside.errorCode()) << outside.Dump();
+    EXPECT_EQ(-1, StoredCount(share_ + "/b"));
+
+    // Only a textual prefix is compared: "a2" passes as lying in "a".
+    Json::Value prefix = AclParams("a");
+    prefix["file_path"] = share_ + "/a2";
+    CallResult prefixed = RunSet(prefix, admin_);
+    EXPECT_TRUE(prefixed.success()) << prefixed.Dump();
+    EXPECT_EQ(1, StoredCount(share_ + "/a2"));
+
+    // A folder that does not exist, and no folder at all.
+    Json::Value missing = AclParams("a");
+    missing["dirPaths"] = "/pub/nowhere";
+    EXPECT_EQ(6207, RunSet(missing, admin_).errorCode());
+
+    // The path is refused to the user when the task checks it.
+    CallOptions gone = admin_;
+    gone.faults.push_back(Fault{"PanoraFileShare::WfmCheckPath", 0, 1, KOVA_ERR_PERM});
+    EXPECT_EQ(6205, RunSet(AclParams("a"), gone).errorCode());
+}
+
+// A non-administrator may not change one child: that child keeps its ACL,
+// everything else, its own entries included, is still changed.
+TEST_F(SetChecksTest, ChildThatRefusesKeepsItsAclAndTheWalkGoesOn) {
+    const uid_t alice = static_cast<uid_t>(root_.Uid("alice"));
+    const std::string top = share_ + "/work";
+    ASSERT_TRUE(root_.MakeDir(top, 0755, alice));
+    ASSERT_TRUE(root_.MakeDir(top + "/a_mine", 0755, alice));
+    ASSERT_TRUE(root_.MakeFile(top + "/a_mine/f", "", 0644, alice));
+    ASSERT_TRUE(root_.MakeDir(top + "/locked", 0755, 0));
+    ASSERT_TRUE(root_.MakeFile(top + "/locked/inner", "", 0644, alice));
+    ASSERT_TRUE(root_.MakeFile(top + "/z_mine", "", 0644, alice));
+    // Root's folder: readable by everyone, its ACL not changeable by alice
+    // and passing nothing down.
+    ASSERT_TRUE(root_.SetAcl(top + "/locked", {"everyone::allow:r-x---a-R-c--:----"}, false)) << root_.lastError();
+
+    Json::Value params = AclParams("work");
+    params["acl_recur"] = true;
+    CallResult end = RunSet(params, alice_);
+    ASSERT_TRUE(end.success()) << end.Dump();
+    EXPECT_EQ(1, StoredCount(top));
+    EXPECT_EQ(0, StoredCount(top + "/a_mine"));
+    EXPECT_EQ(0, StoredCount(top + "/a_mine/f"));
+    EXPECT_EQ(1, StoredCount(top + "/locked")) << "the refused child must keep its own ACL";
+    EXPECT_EQ(0, StoredCount(top + "/locked/inner"));
+    EXPECT_EQ(0, StoredCount(top + "/z_mine"));
+}
+
+// ---- apply: owners, limits and the owner-result rules -------------------
+
+TEST_F(SetChecksTest, OwnerRequestsThatCannotBeMet) {
+    ASSERT_TRUE(root_.MakeDir(share_ + "/o", 0777));
+    const std::string path = share_ + "/o";
+    for (const auto &owner : std::vector<std::pair<std::string, std::string>>{
+             {"everyone", "Everyone"}, {"system", "SYSTEM"}, {"user", "nobody-here"}, {"owner", "Owner"}}) {
+        Json::Value params = AclParams("o");
+        params["change_acl_owner"] = true;
+        params["acl_owner_type"] = owner.first;
+        params["acl_owner"] = owner.second;
+        CallResult r = RunSet(params, admin_);
+        EXPECT_EQ(6211, r.errorCode()) << owner.first << ": " << r.Dump();
+    }
+    // A rule naming an unknown user is a principal that cannot be resolved.
+    Json::Value unknownRule = AclParams("o");
+    unknownRule["rules"].append(Rule("user", "ghost"));
+    EXPECT_EQ(6211, RunSet(unknownRule, admin_).errorCode());
+    EXPECT_EQ(-1, StoredCount(path));
+    EXPECT_EQ(0, OwnerUid(path));
+
+    // A non-administrator may only give a path to itself, and only with
+    // take_ownership.
+    ASSERT_TRUE(root_.MakeDir(share_ + "/given", 0755, root_.Uid("alice")));
+    ASSERT_TRUE(root_.SetAcl(share_ + "/given", {"user:alice:allow:rwxpdDaARWcCo:fd--"}));
+    Json::Value giveAway = AclParams("given");
+    giveAway["change_acl"] = false;
+    giveAway["change_acl_owner"] = true;
+    giveAway["acl_owner_type"] = "user";
+    giveAway["acl_owner"] = "bob";
+    CallResult refused = RunSet(giveAway, alice_);
+    EXPECT_EQ(6213, refused.errorCode()) << refused.Dump();
+    EXPECT_EQ(root_.Uid("alice"), OwnerUid(share_ + "/given"));
+
+    ASSERT_TRUE(root_.MakeDir(share_ + "/taken", 0755, 0));
+    ASSERT_TRUE(root_.SetAcl(share_ + "/taken", {"user:alice:allow:rwxpdDaARWcC-:fd--"}));
+    Json::Value take = giveAway;
+    take["file_path"] = share_ + "/taken";
+    take["dirPaths"] = "/pub/taken";
+    take["acl_owner"] = "alice";
+    CallResult noRight = RunSet(take, alice_);
+    EXPECT_EQ(6209, noRight.errorCode()) << noRight.Dump();
+    EXPECT_EQ(0, OwnerUid(share_ + "/taken"));
+}
+
+TEST_F(SetChecksTest, EntryLimitIsInclusive) {
+    ASSERT_TRUE(root_.MakeDir(share_ + "/full", 0777));
+    ASSERT_TRUE(root_.MakeDir(share_ + "/over", 0777));
+    ASSERT_TRUE(root_.SetAcl(share_ + "/over", {"everyone::allow:r------------:----"}));
+    const int max = KOVAACLGetMaxACECount();
+    ASSERT_GT(max, 0);
+    Json::Value rules(Json::arrayValue);
+    for (int i = 0; i < max; ++i) rules.append(Rule("user", "alice"));
+
+    Json::Value full = AclParams("full");
+    full["rules"] = rules;
+    CallResult fits = RunSet(full, admin_);
+    EXPECT_TRUE(fits.success()) << fits.Dump();
+    EXPECT_EQ(max, StoredCount(share_ + "/full"));
+
+    Json::Value over = AclParams("over");
+    rules.append(Rule("user", "alice"));
+    over["rules"] = rules;
+    over["change_acl_owner"] = true;
+    over["acl_owner_type"] = "user";
+    over["acl_owner"] = "alice";
+    CallResult tooMany = RunSet(over, admin_);
+    EXPECT_EQ(6215, tooMany.errorCode()) << tooMany.Dump();
+    // The owner changed first and stays changed; the ACL was not written.
+    EXPECT_EQ(root_.Uid("alice"), OwnerUid(share_ + "/over"));
+    EXPECT_EQ(1, StoredCount(share_ + "/over")) << "the old ACL stays";
+}
+
+TEST_F(SetChecksTest, EmptyRulesWriteAnEmptyAclWithTheRequestedInheritance) {
+    ASSERT_TRUE(root_.MakeDir(share_ + "/e", 0777));
+    Json::Value params = AclParams("e");
+    params["rules"] = Json::Value(Json::arrayValue);
+    params["inherited"] = false;
+    ASSERT_TRUE(RunSet(params, admin_).success());
+    PKOVA_ACL acl = nullptr;
+    ASSERT_EQ(0, KOVAACLGet((share_ + "/e").c_str(), -1, KOVA_ACL_GET_OWN, &acl));
+    EXPECT_EQ(0, acl->aceCount);
+    EXPECT_EQ(0, acl->isInherited);
+    KOVAACLFree(acl);
+}
+
+// An unmapped ACL failure, or a failed walk, reads as success once the
+// owner was changed, and as 6200 when no owner change was asked.
+TEST_F(SetChecksTest, OwnerResultDecidesUnmappedFailures) {
+    for (const char *dir : {"plain", "owned"}) {
+        ASSERT_TRUE(root_.MakeDir(share_ + "/" + dir, 0777));
+        ASSERT_TRUE(root_.SetAcl(share_ + "/" + dir, {"everyone::allow:rwxpdDaARWcCo:fd--"}));
+    }
+    CallOptions ioFault = admin_;
+    ioFault.faults.push_back(Fault{"KOVAACLSet", 0, -1, KOVA_ERR_IO});
+    EXPECT_EQ(6200, RunSet(AclParams("plain"), ioFault).errorCode());
+
+    Json::Value owned = AclParams("owned");
+    owned["change_acl_owner"] = true;
+    owned["acl_owner_type"] = "user";
+    owned["acl_owner"] = "alice";
+    CallResult asSuccess = RunSet(owned, ioFault);
+    EXPECT_TRUE(asSuccess.success()) << asSuccess.Dump();
+    EXPECT_EQ(root_.Uid("alice"), OwnerUid(share_ + "/owned"));
+    EXPECT_EQ(1, StoredCount(share_ + "/owned")) << "the old ACL stays";
+
+    // Mapped failures keep their codes whatever the owner did.
+    const std::pair<int, int> mapped[] = {
+        {KOVA_ERR_ACL_DENIED, 6205}, {KOVA_ERR_ACL_NOSPACE, 6216}, {KOVA_ERR_ACL_NOTSUP, 6201}};
+    for (const auto &m : mapped) {
+        CallOptions fault = admin_;
+        fault.faults.push_back(Fault{"KOVAACLSet", 0, -1, m.first});
+        EXPECT_EQ(m.second, RunSet(owned, fault).errorCode()) << std::hex << m.first;
+    }
+
+    // A walk that meets an unreadable folder.
+    for (const char *dir : {"walkplain", "walkowned"}) {
+        const std::string top = share_ + "/" + dir;
+        ASSERT_TRUE(root_.MakeDir(top, 0777));
+        ASSERT_TRUE(root_.MakeDir(top + "/closed", 0700, 0));
+        ASSERT_TRUE(root_.MakeFile(top + "/closed/hidden", ""));
+    }
+    Json::Value walkPlain = AclParams("walkplain");
+    walkPlain["acl_recur"] = true;
+    EXPECT_EQ(6200, RunSet(walkPlain, admin_).errorCode());
+    EXPECT_EQ(1, StoredCount(share_ + "/walkplain")) << "the top path keeps its new ACL";
+
+    Json::Value walkOwned = AclParams("walkowned");
+    walkOwned["acl_recur"] = true;
+    walkOwned["change_acl_owner"] = true;
+    walkOwned["acl_owner_type"] = "user";
+    walkOwned["acl_owner"] = "alice";
+    CallResult walked = RunSet(walkOwned, admin_);
+    EXPECT_TRUE(walked.success()) << walked.Dump();
+    EXPECT_EQ(-1, StoredCount(share_ + "/walkowned/closed/hidden"));
+}
+
+// A symbolic link given as the path is changed itself and never walked.
+TEST_F(SetChecksTest, LinkAsThePathIsNotWalked) {
+    ASSERT_TRUE(root_.MakeDir(share_ + "/real", 0777));
+    ASSERT_TRUE(root_.MakeFile(share_ + "/real/f"));
+    ASSERT_EQ(0, symlink((share_ + "/real").c_str(), (share_ + "/alias").c_str()));
+    Json::Value params = AclParams("alias");
+    params["dirPaths"] = "/pub";
+    params["acl_recur"] = true;
+    CallResult r = RunSet(params, admin_);
+    EXPECT_TRUE(r.success()) << r.Dump();
+    EXPECT_EQ(1, StoredCount(share_ + "/alias"));
+    EXPECT_EQ(-1, StoredCount(share_ + "/real"));
+    EXPECT_EQ(-1, StoredCount(share_ + "/real/f"));
+}
+
+// With the transfer log switched on, one record names the whole change.
+TEST_F(SetChecksTest, TransferLogRecordsARecursiveChangeOnce) {
+    ASSERT_TRUE(kova_test::WriteFile(root_.At("etc/kovainfo.conf"), "filebrowserxferlog = \"yes\"\n"));
+    ASSERT_TRUE(kova_test::WriteFile(root_.At("usr/share/strings/enu/module-3.ini"),
+                                     "[property]\nprivilege_recursive = \"Below too\"\n"));
+    const std::string top = share_ + "/logged";
+    ASSERT_TRUE(root_.MakeDir(top, 0777));
+    ASSERT_TRUE(root_.MakeFile(top + "/a", "12345"));
+    ASSERT_TRUE(root_.MakeFile(share_ + "/single", "12345"));
+
+    CallOptions withAddress = admin_;
+    withAddress.env.push_back({"REMOTE_ADDR", "192.0.2.7"});
+    Json::Value recursive = AclParams("logged");
+    recursive["acl_recur"] = true;
+    ASSERT_TRUE(RunSet(recursive, withAddress).success());
+    Json::Value single = AclParams("single");
+    single["dirPaths"] = "/pub";
+    ASSERT_TRUE(RunSet(single, admin_).success());
+
+    std::ifstream in(root_.At("var/log/xfer.log"));
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(in, line);) lines.push_back(line);
+    ASSERT_EQ(2u, lines.size());
+    // time, address, user, action, size, is-directory, type, path
+    auto fields = [](const std::string &line) {
+        std::vector<std::string> out;
+        std::stringstream ss(line);
+        for (std::string f; std::getline(ss, f, '\t');) out.push_back(f);
+        return out;
+    };
+    std::vector<std::string> dir = fields(lines[0]);
+    ASSERT_EQ(8u, dir.size()) << lines[0];
+    EXPECT_EQ("192.0.2.7", dir[1]);
+    EXPECT_EQ("admin", dir[2]);
+    EXPECT_EQ("property set", dir[3]);
+    EXPECT_EQ("0", dir[4]);
+    EXPECT_EQ(top + "/ **Below too**", dir[7]);
+    std::vector<std::string> file = fields(lines[1]);
+    ASSERT_EQ(8u, file.size()) << lines[1];
+    EXPECT_EQ("unknown", file[1]);
+    EXPECT_EQ("5", file[4]);
+    EXPECT_EQ(share_ + "/single", file[7]);
+}
+
+} // namespace

@@ -1,0 +1,362 @@
+// Recursive set on real trees, end to end through the test host: the task
+// is started by "set", followed with "status" and, for the large walk, cut
+// short with "stop"; every entry is then inspected through the platform.
+#include "module-host.h"
+#include "platform-fixture.h"
+
+#include "kova/acl.h"
+
+#include <gtest/gtest.h>
+
+#include <dirent.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <functional>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace {
+
+using kova_host::CallOptions;
+using kova_host::CallResult;
+using kova_host::ModuleHost;
+using kova_host::PlatformRoot;
+
+// The ACL a path stores for itself (not resolved through its ancestors).
+struct StoredAcl {
+    bool readable = false;
+    bool stored = false;  // the path is in ACL mode
+    int inherited = -1;
+    std::vector<KOVA_ACL_ENTRY> entries;
+};
+
+StoredAcl ReadStored(const std::string &path) {
+    StoredAcl out;
+    out.stored = KOVAACLIsSupport(path.c_str(), -1, KOVA_ACL_SUPPORT_MODE) == 1;
+    PKOVA_ACL acl = nullptr;
+    if (KOVAACLGet(path.c_str(), -1, KOVA_ACL_GET_OWN, &acl) != 0 || !acl) return out;
+    out.readable = true;
+    out.inherited = acl->isInherited;
+    for (PKOVA_ACL_ENTRY e = acl->pHead; e; e = e->pNext) out.entries.push_back(*e);
+    KOVAACLFree(acl);
+    return out;
+}
+
+bool IsEmptyInheriting(const std::string &path) {
+    StoredAcl acl = ReadStored(path);
+    return acl.readable && acl.stored && acl.inherited == 1 && acl.entries.empty();
+}
+
+// The marker ACL given to entries that the walk must leave alone.
+const std::vector<std::string> kMarker = {"everyone::allow:r------------:----"};
+
+bool HasMarker(const std::string &path) {
+    StoredAcl acl = ReadStored(path);
+    return acl.readable && acl.stored && acl.inherited == 0 && acl.entries.size() == 1 &&
+           acl.entries[0].idType == KOVA_ACL_ID_EVERYONE && acl.entries[0].permission == KOVA_ACL_PERM_READ_DATA;
+}
+
+Json::Value Flags(const char *const *keys, const std::vector<bool> &values) {
+    Json::Value obj(Json::objectValue);
+    for (size_t i = 0; i < values.size(); ++i) obj[keys[i]] = values[i];
+    return obj;
+}
+
+const char *const kPermKeys[] = {"read_data", "write_data", "exe_file", "append_data", "delete",
+                                 "delete_sub", "read_attr", "write_attr", "read_ext_attr", "write_ext_attr",
+                                 "read_perm", "change_perm", "take_ownership"};
+const char *const kInheritKeys[] = {"child_files", "child_folders", "this_folder", "all_descendants"};
+
+Json::Value Rule(const std::string &type, const std::string &name, const std::string &access, bool all,
+                 bool inheritable) {
+    Json::Value rule(Json::objectValue);
+    rule["owner_type"] = type;
+    rule["owner_name"] = name;
+    rule["permission_type"] = access;
+    std::vector<bool> perms(13, all);
+    perms[0] = true;  // read_data in every rule
+    rule["permission"] = Flags(kPermKeys, perms);
+    rule["inherit"] = Flags(kInheritKeys, {inheritable, inheritable, true, true});
+    return rule;
+}
+
+class SetTreeTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_TRUE(host_.ok()) << host_.error();
+        ASSERT_TRUE(root_.AddUser("admin")) << root_.lastError();
+        ASSERT_TRUE(root_.MakeAdmin("admin")) << root_.lastError();
+        ASSERT_TRUE(root_.AddUser("alice")) << root_.lastError();
+        share_ = root_.AddShare("pub");
+        ASSERT_FALSE(share_.empty()) << root_.lastError();
+        admin_.user = "admin";
+    }
+
+    // Starts a set and returns its task id ("" on failure, with the reason
+    // recorded as a test failure).
+    std::string StartSet(const Json::Value &params, const CallOptions &options) {
+        CallResult started = host_.Call("set", params, options);
+        EXPECT_TRUE(started.success()) << started.Dump();
+        std::string id = started.data()["task_id"].asString();
+        EXPECT_EQ(0u, id.rfind("setacl", 0)) << started.Dump();
+        return id;
+    }
+
+    // Polls status until the task reports an end; every progress path seen
+    // is handed to `seen`. The bound only guards against a task that never
+    // ends.
+    CallResult WaitEnd(const std::string &taskId, const CallOptions &options,
+                       const std::function<void(const Json::Value &)> &seen = nullptr) {
+        Json::Value params(Json::objectValue);
+        params["task_id"] = taskId;
+        CallResult last;
+        for (int i = 0; i < 30000; ++i) {
+            last = host_.Call("status", params, options);
+            if (!last.success()) return last;
+            if (last.data()["finished"].asBool()) return last;
+            if (seen && last.data().isObject()) seen(last.data());
+            usleep(2000);
+        }
+        ADD_FAILURE() << "the task did not end: " << last.Dump();
+        return last;
+    }
+
+    ModuleHost &host_ = ModuleHost::Shared();
+    PlatformRoot root_;
+    std::string share_;
+    CallOptions admin_;
+};
+
+// A tree of a few thousand entries with every kind of entry the walk must
+// treat specially.
+TEST_F(SetTreeTest, RecursiveAclReachesEveryWalkedEntryAndNothingElse) {
+    // Whatever name the platform hides, the tree below uses one it reports.
+    std::string hiddenName;
+    for (const char *candidate : {"@kova_attr", "@eaDir", ".kova_attr", "@kova_ea", ".@__thumb"})
+        if (KOVAEAIsHiddenDir(candidate) != 0) hiddenName = candidate;
+    ASSERT_FALSE(hiddenName.empty()) << "no hidden attribute directory name known to the platform";
+
+    const std::string top = share_ + "/top";
+    const std::string other = share_ + "/other";
+    const std::string outside = root_.At("outside");
+    std::vector<std::string> walked;
+    ASSERT_TRUE(root_.MakeDir(top, 0777));
+    for (int d = 0; d < 10; ++d) {
+        const std::string dir = top + "/d" + std::to_string(d);
+        ASSERT_TRUE(root_.MakeDir(dir));
+        walked.push_back(dir);
+        for (int s = 0; s < 5; ++s) {
+            const std::string sub = dir + "/s" + std::to_string(s);
+            ASSERT_TRUE(root_.MakeDir(sub));
+            walked.push_back(sub);
+            for (int f = 0; f < 60; ++f) {
+                const std::string file = sub + "/f" + std::to_string(f);
+                ASSERT_TRUE(root_.MakeFile(file, "x"));
+                walked.push_back(file);
+            }
+        }
+    }
+    // Names that only begin like the recycle bin are ordinary entries.
+    for (const char *name : {"#recycle2", "#recycle.old"}) {
+        ASSERT_TRUE(root_.MakeDir(top + "/" + name));
+        ASSERT_TRUE(root_.MakeFile(top + "/" + name + "/inner", "y"));
+        walked.push_back(top + "/" + name);
+        walked.push_back(top + "/" + name + "/inner");
+    }
+    // Skipped at the top and deeper down, with everything below them.
+    std::vector<std::string> skipped;
+    for (const std::string &dir : {top + "/#recycle", top + "/d3/s1/#recycle", top + "/" + hiddenName,
+                                   top + "/d7/" + hiddenName}) {
+        ASSERT_TRUE(root_.MakeDir(dir));
+        ASSERT_TRUE(root_.MakeDir(dir + "/deep"));
+        ASSERT_TRUE(root_.MakeFile(dir + "/deep/file", "z"));
+        for (const std::string &p : {dir, dir + "/deep", dir + "/deep/file"}) {
+            ASSERT_TRUE(root_.SetAcl(p, kMarker, false)) << root_.lastError();
+            skipped.push_back(p);
+        }
+    }
+    // Link targets inside the share (outside the walked folder) and outside
+    // every share.
+    ASSERT_TRUE(root_.MakeDir(other));
+    ASSERT_TRUE(root_.MakeFile(other + "/target", "t"));
+    ASSERT_TRUE(root_.MakeDir(outside));
+    ASSERT_TRUE(root_.MakeFile(outside + "/secret", "s"));
+    std::vector<std::string> targets = {other, other + "/target", outside, outside + "/secret"};
+    std::vector<std::string> links = {top + "/to_other", top + "/d1/to_other_file", top + "/d2/s0/to_outside",
+                                      top + "/to_outside_file", top + "/d4/to_sibling"};
+    ASSERT_EQ(0, symlink(other.c_str(), links[0].c_str()));
+    ASSERT_EQ(0, symlink((other + "/target").c_str(), links[1].c_str()));
+    ASSERT_EQ(0, symlink(outside.c_str(), links[2].c_str()));
+    ASSERT_EQ(0, symlink((outside + "/secret").c_str(), links[3].c_str()));
+    ASSERT_EQ(0, symlink("../d5", links[4].c_str()));
+    ASSERT_GT(walked.size(), 3000u);
+
+    const int aliceUid = root_.Uid("alice");
+    Json::Value params(Json::objectValue);
+    params["file_path"] = top;
+    params["dirPaths"] = "/pub/top";
+    params["change_acl"] = true;
+    params["inherited"] = false;
+    params["acl_recur"] = true;
+    params["rules"] = Json::Value(Json::arrayValue);
+    params["rules"].append(Rule("user", "alice", "allow", true, true));
+    params["rules"].append(Rule("everyone", "Everyone", "deny", false, false));
+
+    std::set<std::string> progress;
+    CallResult end = WaitEnd(StartSet(params, admin_), admin_,
+                             [&](const Json::Value &data) { progress.insert(data["applypath"].asString()); });
+    ASSERT_TRUE(end.success()) << end.Dump();
+    EXPECT_TRUE(end.data()["finished"].asBool());
+
+    StoredAcl topAcl = ReadStored(top);
+    ASSERT_TRUE(topAcl.readable);
+    EXPECT_EQ(0, topAcl.inherited);
+    ASSERT_EQ(2u, topAcl.entries.size());
+    EXPECT_EQ(KOVA_ACL_ID_USER, topAcl.entries[0].idType);
+    EXPECT_EQ(aliceUid, topAcl.entries[0].id);
+    EXPECT_EQ(unsigned(KOVA_ACL_PERM_ALL), topAcl.entries[0].permission);
+    EXPECT_EQ(KOVA_ACL_INHERIT_FILE | KOVA_ACL_INHERIT_DIR, topAcl.entries[0].inherit);
+    EXPECT_EQ(KOVA_ACL_ALLOW, topAcl.entries[0].accessType);
+    EXPECT_EQ(KOVA_ACL_ID_EVERYONE, topAcl.entries[1].idType);
+    EXPECT_EQ(unsigned(KOVA_ACL_PERM_READ_DATA), topAcl.entries[1].permission);
+    EXPECT_EQ(0, topAcl.entries[1].inherit);
+    EXPECT_EQ(KOVA_ACL_DENY, topAcl.entries[1].accessType);
+
+    size_t wrong = 0;
+    for (const std::string &p : walked)
+        if (!IsEmptyInheriting(p) && ++wrong <= 5) ADD_FAILURE() << "walked entry not reset: " << p;
+    EXPECT_EQ(0u, wrong);
+    for (const std::string &p : skipped) EXPECT_TRUE(HasMarker(p)) << "skipped entry changed: " << p;
+    for (const std::string &p : targets) EXPECT_FALSE(ReadStored(p).stored) << "link target changed: " << p;
+    for (const std::string &p : links) EXPECT_FALSE(ReadStored(p).stored) << "link changed: " << p;
+
+    // Whatever records status caught are paths of the walk, never of a
+    // skipped entry.
+    for (const std::string &p : progress) {
+        EXPECT_EQ(0u, p.rfind(top, 0)) << p;
+        EXPECT_EQ(std::string::npos, p.find("#recycle/")) << p;
+        EXPECT_EQ(std::string::npos, p.find(hiddenName)) << p;
+    }
+}
+
+// The owner goes to every walked entry too, and each entry that got the
+// new owner also got the inheriting ACL.
+TEST_F(SetTreeTest, RecursiveOwnerChangeWithAcl) {
+    const std::string top = share_ + "/owned";
+    ASSERT_TRUE(root_.MakeDir(top, 0777));
+    std::vector<std::string> walked;
+    for (int d = 0; d < 3; ++d) {
+        const std::string dir = top + "/d" + std::to_string(d);
+        ASSERT_TRUE(root_.MakeDir(dir));
+        walked.push_back(dir);
+        for (int f = 0; f < 4; ++f) {
+            ASSERT_TRUE(root_.MakeFile(dir + "/f" + std::to_string(f)));
+            walked.push_back(dir + "/f" + std::to_string(f));
+        }
+    }
+    ASSERT_TRUE(root_.MakeDir(top + "/#recycle"));
+    ASSERT_TRUE(root_.MakeFile(top + "/#recycle/old"));
+
+    Json::Value params(Json::objectValue);
+    params["file_path"] = top;
+    params["dirPaths"] = "/pub/owned";
+    params["change_acl"] = true;
+    params["inherited"] = true;
+    params["rules"] = Json::Value(Json::arrayValue);
+    params["rules"].append(Rule("group", "administrators", "allow", true, true));
+    params["acl_recur"] = true;
+    params["change_acl_owner"] = true;
+    params["acl_owner_type"] = "user";
+    params["acl_owner"] = "alice";
+    params["acl_owner_recur"] = true;
+    CallResult end = WaitEnd(StartSet(params, admin_), admin_);
+    ASSERT_TRUE(end.success()) << end.Dump();
+
+    const int aliceUid = root_.Uid("alice");
+    KOVA_ACL_ID owner = {0, 0};
+    ASSERT_EQ(0, KOVAACLOwnerIdGet(top.c_str(), &owner));
+    EXPECT_EQ(KOVA_ACL_ID_USER, owner.idType);
+    EXPECT_EQ(aliceUid, owner.id);
+    EXPECT_EQ(1, ReadStored(top).inherited);
+    for (const std::string &p : walked) {
+        ASSERT_EQ(0, KOVAACLOwnerIdGet(p.c_str(), &owner)) << p;
+        EXPECT_EQ(aliceUid, owner.id) << p;
+        EXPECT_TRUE(IsEmptyInheriting(p)) << p;
+    }
+    for (const std::string &p : {top + "/#recycle", top + "/#recycle/old"}) {
+        ASSERT_EQ(0, KOVAACLOwnerIdGet(p.c_str(), &owner)) << p;
+        EXPECT_EQ(0, owner.id) << p;
+        EXPECT_FALSE(ReadStored(p).stored) << p;
+    }
+}
+
+// A walk large enough to be watched: progress records come through status
+// while it runs, and a stop ends it with 6200, each entry either untouched
+// or fully reset.
+TEST_F(SetTreeTest, ProgressAndStopDuringALargeWalk) {
+    const std::string top = share_ + "/big";
+    ASSERT_TRUE(root_.MakeDir(top, 0777));
+    std::vector<std::string> entries;
+    for (int d = 0; d < 40; ++d) {
+        const std::string dir = top + "/d" + std::to_string(d);
+        ASSERT_TRUE(kova_test::MakeDirs(dir));
+        entries.push_back(dir);
+        for (int f = 0; f < 1000; ++f) {
+            const std::string file = dir + "/f" + std::to_string(f);
+            ASSERT_TRUE(kova_test::WriteFile(file, ""));
+            entries.push_back(file);
+        }
+    }
+
+    Json::Value params(Json::objectValue);
+    params["file_path"] = top;
+    params["dirPaths"] = "/pub/big";
+    params["change_acl"] = true;
+    params["inherited"] = false;
+    params["rules"] = Json::Value(Json::arrayValue);
+    params["rules"].append(Rule("user", "alice", "allow", true, true));
+    params["acl_recur"] = true;
+    const std::string taskId = StartSet(params, admin_);
+    ASSERT_FALSE(taskId.empty());
+
+    // Stop as soon as the walk has reported an entry below the top.
+    Json::Value idParam(Json::objectValue);
+    idParam["task_id"] = taskId;
+    std::vector<std::string> seen;
+    bool stopped = false;
+    CallResult end = WaitEnd(taskId, admin_, [&](const Json::Value &data) {
+        const std::string path = data["applypath"].asString();
+        EXPECT_FALSE(data["finished"].asBool());
+        if (seen.empty() || seen.back() != path) seen.push_back(path);
+        if (!stopped && path != top && !path.empty()) {
+            CallResult stop = host_.Call("stop", idParam, admin_);
+            EXPECT_TRUE(stop.success()) << stop.Dump();
+            stopped = true;
+        }
+    });
+    ASSERT_TRUE(stopped) << "no progress below the top was seen: " << end.Dump();
+    EXPECT_FALSE(end.success()) << end.Dump();
+    EXPECT_EQ(6200, end.errorCode()) << end.Dump();
+
+    // Every record seen was the top path or a walked entry.
+    for (const std::string &p : seen) EXPECT_EQ(0u, p.rfind(top, 0)) << p;
+
+    size_t reset = 0, untouched = 0;
+    for (const std::string &p : entries) {
+        StoredAcl acl = ReadStored(p);
+        ASSERT_TRUE(acl.readable) << "unreadable ACL after stop: " << p;
+        if (!acl.stored) {
+            ++untouched;
+        } else {
+            ASSERT_TRUE(acl.inherited == 1 && acl.entries.empty()) << "half-changed entry: " << p;
+            ++reset;
+        }
+    }
+    EXPECT_GT(reset, 0u);
+    EXPECT_GT(untouched, 0u) << "the stop did not end the walk early";
+    EXPECT_EQ(1u, ReadStored(top).entries.size());
+}
+
+} // namespace

@@ -1,0 +1,143 @@
+// status and stop of the set task: who may see and end a task, what an
+// unreadable or refused task answers, and the task's own failure code
+// handed through as the method's error.
+#include "module-host.h"
+#include "platform-fixture.h"
+
+#include "kova/share.h"
+#include "kova/webapi.h"
+
+#include <gtest/gtest.h>
+
+#include <syslog.h>
+#include <unistd.h>
+
+#include <string>
+
+namespace {
+
+using kova_host::CallOptions;
+using kova_host::CallResult;
+using kova_host::Fault;
+using kova_host::ModuleHost;
+using kova_host::PlatformRoot;
+
+Json::Value TaskId(const std::string &id) {
+    Json::Value params(Json::objectValue);
+    params["task_id"] = id;
+    return params;
+}
+
+class TaskTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_TRUE(host_.ok()) << host_.error();
+        for (const char *user : {"admin", "alice", "bob"}) ASSERT_TRUE(root_.AddUser(user)) << root_.lastError();
+        ASSERT_TRUE(root_.MakeAdmin("admin")) << root_.lastError();
+        share_ = root_.AddShare("pub");
+        ASSERT_FALSE(share_.empty()) << root_.lastError();
+        admin_.user = "admin";
+        alice_.user = "alice";
+        bob_.user = "bob";
+    }
+
+    // Starts a set of an empty ACL on a folder of `owner`'s; the task id.
+    std::string StartOn(const std::string &rel, const CallOptions &as) {
+        const std::string dir = share_ + "/" + rel;
+        EXPECT_TRUE(root_.MakeDir(dir, 0755, static_cast<uid_t>(root_.Uid(as.user))));
+        Json::Value params(Json::objectValue);
+        params["file_path"] = dir;
+        params["dirPaths"] = "/pub/" + rel;
+        params["change_acl"] = true;
+        params["inherited"] = true;
+        params["rules"] = Json::Value(Json::arrayValue);
+        CallResult started = host_.Call("set", params, as);
+        EXPECT_TRUE(started.success()) << started.Dump();
+        return started.data()["task_id"].asString();
+    }
+
+    CallResult WaitEnd(const std::string &id, const CallOptions &as) {
+        CallResult last;
+        for (int i = 0; i < 30000; ++i) {
+            last = host_.Call("status", TaskId(id), as);
+            if (!last.success() || last.data()["finished"].asBool()) return last;
+            usleep(2000);
+        }
+        ADD_FAILURE() << "the task did not end: " << last.Dump();
+        return last;
+    }
+
+    ModuleHost &host_ = ModuleHost::Shared();
+    PlatformRoot root_;
+    std::string share_;
+    CallOptions admin_, alice_, bob_;
+};
+
+TEST_F(TaskTest, EmptyTaskIdIsABadRequest) {
+    for (const char *method : {"status", "stop"}) {
+        CallResult r = host_.Call(method, TaskId(""), alice_);
+        EXPECT_EQ(403, r.errorCode()) << method << ": " << r.Dump();
+        EXPECT_TRUE(r.response["error"]["data"].isNull() || !r.response["error"].isMember("data")) << r.Dump();
+        EXPECT_TRUE(r.logs.empty()) << r.LogDump();
+    }
+}
+
+TEST_F(TaskTest, UnknownTaskIsUnreadableAndCannotBeStopped) {
+    CallResult status = host_.Call("status", TaskId("setacl-nope"), alice_);
+    EXPECT_EQ(117, status.errorCode()) << status.Dump();
+    EXPECT_EQ(KOVA_POLLING_ERR_NOTASK, status.response["error"]["data"].asInt()) << status.Dump();
+    EXPECT_TRUE(status.HasLog(LOG_ERR, "acl:940 Internal error task_id=setacl-nope")) << status.LogDump();
+
+    CallResult stop = host_.Call("stop", TaskId("setacl-nope"), alice_);
+    EXPECT_EQ(6200, stop.errorCode()) << stop.Dump();
+    EXPECT_NE(std::string::npos, stop.LogDump().find("3 acl:970 Failed to stop 'setacl-nope' [0x")) << stop.LogDump();
+    // The stop ran inside the privileged section: alice is not root.
+    EXPECT_TRUE(stop.HasLog(39, "acl:965 WARNING: setresuid(-1, 0, -1)")) << stop.LogDump();
+    EXPECT_NE(std::string::npos, stop.LogDump().find("acl:967 WARNING: setresgid(-1, ")) << stop.LogDump();
+}
+
+TEST_F(TaskTest, OnlyTheOwnerOrAnAdministratorReachesATask) {
+    const std::string id = StartOn("bobs", bob_);
+    ASSERT_FALSE(id.empty());
+    CallResult end = WaitEnd(id, bob_);
+    EXPECT_TRUE(end.success()) << end.Dump();
+    EXPECT_TRUE(end.data()["finished"].asBool()) << end.Dump();
+    // The record is kept after the end: it can be read again.
+    EXPECT_TRUE(host_.Call("status", TaskId(id), bob_).success());
+
+    CallResult foreign = host_.Call("status", TaskId(id), alice_);
+    EXPECT_EQ(117, foreign.errorCode()) << foreign.Dump();
+    EXPECT_EQ(6200, host_.Call("stop", TaskId(id), alice_).errorCode());
+
+    CallResult byAdmin = host_.Call("status", TaskId(id), admin_);
+    EXPECT_TRUE(byAdmin.success()) << byAdmin.Dump();
+}
+
+TEST_F(TaskTest, TheTasksFailureBecomesTheStatusError) {
+    // bob may only read the share: the task ends with 6209.
+    ASSERT_GE(KOVASharePrivSet("pub", 1, "bob", KOVA_SHARE_PRIV_RO), 0);
+    const std::string id = StartOn("readonly", bob_);
+    ASSERT_FALSE(id.empty());
+    CallResult end = WaitEnd(id, bob_);
+    EXPECT_EQ(6209, end.errorCode()) << end.Dump();
+    EXPECT_TRUE(end.response["error"]["data"].isNull() || !end.response["error"].isMember("data"));
+}
+
+TEST_F(TaskTest, StatusFailureOfTheFrameworkCarriesItsErrorNumber) {
+    const std::string id = StartOn("own", alice_);
+    ASSERT_FALSE(id.empty());
+    WaitEnd(id, alice_);
+    CallOptions failing = alice_;
+    failing.faults.push_back(Fault{"APIPolling::Status", 0, 0, 0x0800});
+    CallResult r = host_.Call("status", TaskId(id), failing);
+    EXPECT_EQ(117, r.errorCode()) << r.Dump();
+    EXPECT_TRUE(r.response["error"]["data"].isInt()) << r.Dump();
+
+    CallOptions refusing = alice_;
+    refusing.faults.push_back(Fault{"APIPolling::Stop", 0, 0, 0x0800});
+    CallResult stop = host_.Call("stop", TaskId(id), refusing);
+    EXPECT_EQ(6200, stop.errorCode()) << stop.Dump();
+    EXPECT_NE(std::string::npos, stop.LogDump().find("acl:970 Failed to stop '" + id + "' [0x0800 ")) << stop.LogDump();
+}
+
+} // namespace
