@@ -1,0 +1,295 @@
+// set-recursive-bench: times a recursive "set" through the shipped module
+// against setfacl -R and chown -R on a copy of the same tree, and reports
+// the peak memory of the set task on the full tree and on one ten times
+// smaller.
+//
+// Usage: set-recursive-bench [FILES] [--dir BASE] [--keep]
+//   FILES  files in the tree, a multiple of 1000 (default 1000000): the tree
+//          is 50 folders x 20 sub-folders x FILES/1000 files.
+//   BASE   where the temporary platform root is made (default /var/tmp, a
+//          local disk); the root is removed at the end unless --keep.
+// Must run as root (the platform's task and setfacl need it).
+#include "kova/account.h"
+#include "kova/module.h"
+#include "kova/share.h"
+#include "kova/webapi.h"
+
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+namespace {
+
+const char kUser[] = "benchadmin";
+
+double Now() {
+    struct timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return ts.tv_sec + ts.tv_nsec / 1e9;
+}
+
+[[noreturn]] void Die(const std::string &what) {
+    std::fprintf(stderr, "set-recursive-bench: %s\n", what.c_str());
+    std::exit(1);
+}
+
+void MakeDir(const std::string &path, mode_t mode) {
+    if (mkdir(path.c_str(), mode) != 0 && errno != EEXIST) Die("mkdir " + path + ": " + std::strerror(errno));
+    chmod(path.c_str(), mode);
+}
+
+// 50 x 20 x perLeaf files below `top`, created through directory handles.
+void BuildTree(const std::string &top, int perLeaf) {
+    MakeDir(top, 0777);
+    for (int d = 0; d < 50; ++d) {
+        const std::string dir = top + "/d" + std::to_string(d);
+        MakeDir(dir, 0755);
+        for (int s = 0; s < 20; ++s) {
+            const std::string sub = dir + "/s" + std::to_string(s);
+            MakeDir(sub, 0755);
+            int fd = open(sub.c_str(), O_RDONLY | O_DIRECTORY);
+            if (fd < 0) Die("open " + sub);
+            for (int f = 0; f < perLeaf; ++f) {
+                char name[32];
+                std::snprintf(name, sizeof name, "f%d", f);
+                int file = openat(fd, name, O_CREAT | O_WRONLY | O_TRUNC, 0644);
+                if (file < 0) Die("create " + sub + "/" + name + ": " + std::strerror(errno));
+                close(file);
+            }
+            close(fd);
+        }
+    }
+}
+
+// A fresh platform root with one administrator and one share.
+std::string MakePlatformRoot(const std::string &base) {
+    std::string pattern = base + "/kova-bench-XXXXXX";
+    std::vector<char> buf(pattern.begin(), pattern.end());
+    buf.push_back('\0');
+    if (!mkdtemp(buf.data())) Die("mkdtemp in " + base + ": " + std::strerror(errno));
+    const std::string root = buf.data();
+    chmod(root.c_str(), 0755);
+    setenv("KOVA_ROOT", root.c_str(), 1);
+    for (const char *dir : {"/etc", "/var", "/var/run", "/var/log", "/volumes", "/volumes/volume1"})
+        MakeDir(root + dir, 0755);
+    MakeDir(root + "/var/run/tasks", 0700);
+    std::ofstream(root + "/etc/kovainfo.conf") << "filebrowserxferlog = \"no\"\n";
+
+    if (KOVAUserAdd(kUser, -1, "Bench-Passw0rd", nullptr, nullptr, 0) < 0) Die("cannot add the bench user");
+    if (KOVAGroupMemberAdd(KOVA_ADMIN_GROUP, kUser) < 0) Die("cannot make the bench user an administrator");
+
+    const std::string sharePath = root + "/volumes/volume1/bench";
+    MakeDir(sharePath, 0777);
+    KOVA_SHARE share;
+    std::memset(&share, 0, sizeof share);
+    std::snprintf(share.szName, sizeof share.szName, "bench");
+    std::snprintf(share.szPath, sizeof share.szPath, "%s", sharePath.c_str());
+    share.supportAcl = 1;
+    share.aclStatus = 1;
+    share.defaultPriv = KOVA_SHARE_PRIV_RW;
+    if (KOVAShareSet(&share) < 0) Die("cannot create the bench share");
+    return root;
+}
+
+class Module {
+public:
+    explicit Module(const char *path) {
+        handle_ = dlopen(path, RTLD_NOW | RTLD_LOCAL);
+        if (!handle_) Die(std::string("dlopen: ") + dlerror());
+        auto get = reinterpret_cast<KOVA_GET_API_TABLE>(dlsym(handle_, KOVA_GET_API_TABLE_SYMBOL));
+        if (!get) Die("the module has no API table");
+        for (const KOVA_API_ENTRY *row = get(); row->szAPI; ++row) {
+            if (row->version != 1) continue;
+            if (std::strcmp(row->szMethod, "set") == 0) set_ = row->handler;
+            if (std::strcmp(row->szMethod, "status") == 0) status_ = row->handler;
+        }
+        if (!set_ || !status_) Die("the module lacks set or status");
+    }
+    ~Module() { dlclose(handle_); }
+
+    Json::Value Call(KOVA_API_HANDLER handler, const Json::Value &params) const {
+        KOVA::APIRequest request(params, kUser, "bench-session");
+        KOVA::APIResponse response;
+        handler(&request, &response);
+        return response.ToJson();
+    }
+    KOVA_API_HANDLER set() const { return set_; }
+    KOVA_API_HANDLER status() const { return status_; }
+
+private:
+    void *handle_ = nullptr;
+    KOVA_API_HANDLER set_ = nullptr;
+    KOVA_API_HANDLER status_ = nullptr;
+};
+
+struct RunResult {
+    double seconds = 0;
+    long maxRssKb = -1;
+};
+
+long ReadHwmKb(pid_t pid) {
+    std::ifstream in("/proc/" + std::to_string(pid) + "/status");
+    for (std::string line; std::getline(in, line);)
+        if (line.compare(0, 6, "VmHWM:") == 0) return std::atol(line.c_str() + 6);
+    return -1;
+}
+
+// A recursive set of one rule on `top`, polled through status until it
+// ends. The task process is reaped here (this process is its subreaper) so
+// its rusage tells its peak memory.
+RunResult RunOurs(const Module &module, const std::string &top, const std::string &folder) {
+    Json::Value rule(Json::objectValue);
+    rule["owner_type"] = "user";
+    rule["owner_name"] = kUser;
+    rule["permission_type"] = "allow";
+    for (const char *key : {"read_data", "write_data", "exe_file", "append_data", "delete", "delete_sub",
+                            "read_attr", "write_attr", "read_ext_attr", "write_ext_attr", "read_perm",
+                            "change_perm", "take_ownership"})
+        rule["permission"][key] = true;
+    for (const char *key : {"child_files", "child_folders", "this_folder", "all_descendants"})
+        rule["inherit"][key] = true;
+    Json::Value params(Json::objectValue);
+    params["file_path"] = top;
+    params["dirPaths"] = folder;
+    params["change_acl"] = true;
+    params["inherited"] = true;
+    params["rules"].append(rule);
+    params["acl_recur"] = true;
+
+    RunResult out;
+    const double start = Now();
+    Json::Value started = module.Call(module.set(), params);
+    if (!started["success"].asBool()) Die("set failed: " + started.toStyledString());
+    const std::string taskId = started["data"]["task_id"].asString();
+
+    pid_t pid = -1;
+    {
+        KOVA::APIRequest request(Json::Value(Json::objectValue), kUser, "bench-session");
+        KOVA::APIPolling polling(&request);
+        Json::Value record;
+        if (polling.Status(taskId, record)) pid = record["pid"].asInt();
+    }
+    Json::Value id(Json::objectValue);
+    id["task_id"] = taskId;
+    long hwm = -1;
+    for (;;) {
+        if (pid > 0) {
+            long now = ReadHwmKb(pid);
+            if (now > hwm) hwm = now;
+        }
+        Json::Value status = module.Call(module.status(), id);
+        if (!status["success"].asBool()) Die("the task failed: " + status.toStyledString());
+        if (status["data"]["finished"].asBool()) break;
+        if (pid <= 0) {
+            KOVA::APIRequest request(Json::Value(Json::objectValue), kUser, "bench-session");
+            KOVA::APIPolling polling(&request);
+            Json::Value record;
+            if (polling.Status(taskId, record)) pid = record["pid"].asInt();
+        }
+        usleep(20000);
+    }
+    out.seconds = Now() - start;
+    out.maxRssKb = hwm;
+    if (pid > 0) {
+        int st = 0;
+        struct rusage ru;
+        if (wait4(pid, &st, 0, &ru) == pid) out.maxRssKb = ru.ru_maxrss;
+    }
+    return out;
+}
+
+RunResult RunTool(const std::vector<std::string> &argv) {
+    RunResult out;
+    const double start = Now();
+    pid_t pid = fork();
+    if (pid < 0) Die("fork");
+    if (pid == 0) {
+        std::vector<char *> args;
+        for (const auto &a : argv) args.push_back(const_cast<char *>(a.c_str()));
+        args.push_back(nullptr);
+        execvp(args[0], args.data());
+        _exit(127);
+    }
+    int st = 0;
+    struct rusage ru;
+    if (wait4(pid, &st, 0, &ru) != pid || !WIFEXITED(st) || WEXITSTATUS(st) != 0) Die(argv[0] + " failed");
+    out.seconds = Now() - start;
+    out.maxRssKb = ru.ru_maxrss;
+    return out;
+}
+
+} // namespace
+
+int main(int argc, char **argv) {
+    long files = 1000000;
+    std::string base = "/var/tmp";
+    bool keep = false;
+    for (int i = 1; i < argc; ++i) {
+        std::string arg = argv[i];
+        if (arg == "--dir" && i + 1 < argc) base = argv[++i];
+        else if (arg == "--keep") keep = true;
+        else files = std::atol(arg.c_str());
+    }
+    if (files < 10000 || files % 10000 != 0) Die("FILES must be a multiple of 10000 (the small tree is FILES/10)");
+    if (geteuid() != 0) Die("run as root");
+    prctl(PR_SET_CHILD_SUBREAPER, 1);
+
+    const std::string root = MakePlatformRoot(base);
+    const std::string share = root + "/volumes/volume1/bench";
+    const int uid = [] {
+        int u = -1;
+        KOVAUserGetUGID(kUser, &u, nullptr);
+        return u;
+    }();
+    const long dirs = 50 + 50 * 20;
+    std::printf("platform root %s\n", root.c_str());
+    std::printf("building trees: %ld files + %ld folders each (50 x 20 x %ld), plus a copy and a tree of %ld files\n",
+                files, dirs, files / 1000, files / 10);
+    std::fflush(stdout);
+    const double buildStart = Now();
+    BuildTree(share + "/ours", static_cast<int>(files / 1000));
+    BuildTree(share + "/copy", static_cast<int>(files / 1000));
+    BuildTree(share + "/small", static_cast<int>(files / 10000));
+    sync();
+    std::printf("built in %.1f s\n", Now() - buildStart);
+    std::fflush(stdout);
+
+    Module module(KOVA_BENCH_MODULE);
+    RunResult small = RunOurs(module, share + "/small", "/bench/small");
+    RunResult ours = RunOurs(module, share + "/ours", "/bench/ours");
+    RunResult setfacl = RunTool({"setfacl", "-R", "-m", "u:" + std::to_string(uid) + ":rwx", share + "/copy"});
+    RunResult chown = RunTool({"chown", "-R", std::to_string(uid), share + "/copy"});
+
+    const long entries = files + dirs;
+    std::printf("\nentries                      %ld\n", entries);
+    std::printf("ours (set, acl_recur)        %8.2f s  %9.0f entries/s\n", ours.seconds, entries / ours.seconds);
+    std::printf("setfacl -R -m u:%d:rwx     %8.2f s  %9.0f entries/s\n", uid, setfacl.seconds,
+                entries / setfacl.seconds);
+    std::printf("chown -R %d                %8.2f s  %9.0f entries/s\n", uid, chown.seconds, entries / chown.seconds);
+    std::printf("ratio ours/setfacl           %8.3f  (goal <= 1.0)\n", ours.seconds / setfacl.seconds);
+    std::printf("ratio ours/chown             %8.3f\n", ours.seconds / chown.seconds);
+    std::printf("peak memory of the set task  %ld KiB (%ld entries), %ld KiB (%ld entries)\n", ours.maxRssKb, entries,
+                small.maxRssKb, files / 10 + dirs);
+    std::printf("peak memory setfacl / chown  %ld KiB / %ld KiB\n", setfacl.maxRssKb, chown.maxRssKb);
+
+    if (!keep) {
+        std::error_code ec;
+        std::filesystem::remove_all(root, ec);
+        if (ec) std::fprintf(stderr, "could not remove %s: %s\n", root.c_str(), ec.message().c_str());
+    }
+    return 0;
+}
