@@ -1,0 +1,214 @@
+#include "http-front.h"
+
+#include <chrono>
+
+#include "error-codes.h"
+#include "frame.h"
+#include "kova/account.h"
+#include "kova/klibc.h"
+
+namespace webd {
+
+namespace {
+
+Json::Value Error(int code) {
+    Json::Value r(Json::objectValue);
+    r["success"] = false;
+    r["error"]["code"] = code;
+    return r;
+}
+
+Json::Value Success(const Json::Value &data) {
+    Json::Value r(Json::objectValue);
+    r["success"] = true;
+    r["data"] = data;
+    return r;
+}
+
+std::string SessionCookie(const std::string &value, bool expire) {
+    std::string c = std::string(kSessionCookie) + "=" + value + "; Path=/; HttpOnly; SameSite=Strict";
+    if (expire) c += "; Max-Age=0";
+    return c;
+}
+
+} // namespace
+
+std::string CookieValue(const std::string &header, const std::string &name) {
+    size_t pos = 0;
+    while (pos < header.size()) {
+        size_t end = header.find(';', pos);
+        if (end == std::string::npos) end = header.size();
+        std::string part = header.substr(pos, end - pos);
+        size_t b = part.find_first_not_of(' ');
+        if (b != std::string::npos) part = part.substr(b);
+        size_t eq = part.find('=');
+        if (eq != std::string::npos && part.compare(0, eq, name) == 0 && eq == name.size()) return part.substr(eq + 1);
+        pos = end + 1;
+    }
+    return "";
+}
+
+Front::Front(ModuleRegistry &registry, SessionStore &sessions, WorkerPool &pool, Logs &logs, std::string uiDir)
+    : registry_(registry), sessions_(sessions), pool_(pool), logs_(logs), uiDir_(std::move(uiDir)) {}
+
+void Front::Install(httplib::Server &server) {
+    server.set_default_headers({
+        {"X-Content-Type-Options", "nosniff"},
+        {"X-Frame-Options", "DENY"},
+        {"Referrer-Policy", "no-referrer"},
+        {"Content-Security-Policy",
+         "default-src 'self'; script-src 'self'; style-src 'self'; img-src 'self' data:; frame-ancestors 'none'"},
+    });
+    auto api = [this](const httplib::Request &req, httplib::Response &res) { HandleApi(req, res); };
+    server.Post("/webapi", api);
+    server.Get("/webapi", api);
+    if (!uiDir_.empty() && !server.set_mount_point("/", uiDir_))
+        logs_.Error("UI folder " + uiDir_ + " cannot be served");
+    server.set_logger([this](const httplib::Request &req, const httplib::Response &res) {
+        if (req.path == "/webapi") return;  // logged with the call's details by HandleApi
+        logs_.Access(LogSafe(req.remote_addr) + " - \"" + req.method + " " + LogSafe(req.path) + "\" " +
+                     std::to_string(res.status));
+    });
+}
+
+Json::Value Front::Login(const ApiCall &call, httplib::Response &res, std::string &user) {
+    const Json::Value &account = call.params["account"];
+    const Json::Value &passwd = call.params["passwd"];
+    if (!account.isString() || !passwd.isString() || account.asString().empty()) return Error(kErrBadRequest);
+    user = account.asString();
+    Session s;
+    s.user = user;
+    {
+        std::lock_guard<std::mutex> lock(platformMu_);
+        if (KOVAUserPasswordCheck(user.c_str(), passwd.asString().c_str()) != 0) {
+            logs_.Error("login refused for " + LogSafe(user));
+            return Error(kErrLoginFailed);
+        }
+        int uid = -1, gid = -1;
+        PKLIBC_SZLIST groups = KLIBGroupInfoListGet(user.c_str(), 0);
+        if (KOVAUserGetUGID(user.c_str(), &uid, &gid) < 0 || uid < 0 || gid < 0 || !groups) {
+            KLIBCSzListFree(groups);
+            logs_.Error("login of " + LogSafe(user) + ": identity lookup failed, last error " +
+                        std::to_string(KLIBCErrGet()));
+            return Error(kErrLoginFailed);
+        }
+        s.uid = static_cast<uid_t>(uid);
+        s.gid = static_cast<gid_t>(gid);
+        for (int i = 0; i < groups->nItem; ++i) {
+            const char *g = KLIBCSzListGet(groups, i);
+            if (g) s.groups.push_back(static_cast<gid_t>(strtoul(g, nullptr, 10)));
+        }
+        KLIBCSzListFree(groups);
+        s.admin = KLIBGroupIsAdminGroupMem(user.c_str(), 0) == 1;
+    }
+    if (!sessions_.Create(s)) return Error(kErrUnknown);
+    res.set_header("Set-Cookie", SessionCookie(s.id, false));
+    Json::Value data(Json::objectValue);
+    data["account"] = user;
+    data["token"] = s.token;
+    data["is_admin"] = s.admin;
+    return Success(data);
+}
+
+Json::Value Front::Dispatch(const ApiCall &call, const Session &s, const std::string &remote, httplib::Response &res) {
+    if (call.api == "KOVA.Server.Session") {
+        if (call.version != 1) return Error(kErrBadVersion);
+        if (call.method != "logout") return Error(kErrNoSuchMethod);
+        sessions_.Remove(s.id);
+        res.set_header("Set-Cookie", SessionCookie("", true));
+        return Success(Json::Value());
+    }
+    if (call.api == "KOVA.Server.Info") {
+        if (call.version != 1) return Error(kErrBadVersion);
+        if (call.method != "query") return Error(kErrNoSuchMethod);
+        Json::Value data(Json::objectValue);
+        data["apis"] = registry_.Describe();
+        Json::Value session(Json::arrayValue);
+        session.append("login");
+        session.append("logout");
+        Json::Value own(Json::objectValue);
+        own["api"] = "KOVA.Server.Session";
+        own["version"] = 1;
+        own["methods"] = session;
+        own["origin"] = "built-in";
+        data["apis"].append(own);
+        Json::Value info(Json::objectValue);
+        info["api"] = "KOVA.Server.Info";
+        info["version"] = 1;
+        info["methods"].append("query");
+        info["origin"] = "built-in";
+        data["apis"].append(info);
+        return Success(data);
+    }
+    const Route *route = nullptr;
+    switch (registry_.Find(call.api, call.version, call.method, &route)) {
+    case ModuleRegistry::Lookup::kNoAPI: return Error(kErrNoSuchAPI);
+    case ModuleRegistry::Lookup::kNoVersion: return Error(kErrBadVersion);
+    case ModuleRegistry::Lookup::kNoMethod: return Error(kErrNoSuchMethod);
+    case ModuleRegistry::Lookup::kFound: break;
+    }
+    Json::Value request(Json::objectValue);
+    request["api"] = call.api;
+    request["version"] = call.version;
+    request["method"] = call.method;
+    request["params"] = call.params;
+    request["user"] = s.user;
+    request["session"] = s.id;
+    request["remote"] = remote;
+    request["uid"] = static_cast<Json::UInt>(s.uid);
+    request["gid"] = static_cast<Json::UInt>(s.gid);
+    Json::Value groups(Json::arrayValue);
+    for (gid_t g : s.groups) groups.append(static_cast<Json::UInt>(g));
+    request["groups"] = groups;
+    Json::Value reply;
+    switch (pool_.Call(request, reply)) {
+    case WorkerPool::Outcome::kOk: return reply;
+    case WorkerPool::Outcome::kCrashed: res.status = 500; return Error(kErrWorkerFailed);
+    case WorkerPool::Outcome::kNoWorker: res.status = 503; return Error(kErrServerBusy);
+    }
+    return Error(kErrUnknown);
+}
+
+void Front::HandleApi(const httplib::Request &req, httplib::Response &res) {
+    auto started = std::chrono::steady_clock::now();
+    res.status = 200;
+    ApiCall call;
+    std::string bad;
+    const std::string type = req.get_header_value("Content-Type");
+    if (req.method == "POST" && type.compare(0, 16, "application/json") == 0) bad = ParseJsonCall(req.body, call);
+    else bad = ParseFieldCall(req.params, call);
+
+    std::string user = "-";
+    Json::Value reply;
+    if (!bad.empty()) {
+        res.status = 400;
+        reply = Error(kErrBadRequest);
+        reply["error"]["data"]["reason"] = bad;
+    } else if (call.api == "KOVA.Server.Session" && call.version == 1 && call.method == "login") {
+        reply = Login(call, res, user);
+    } else {
+        Session s;
+        const std::string sid = CookieValue(req.get_header_value("Cookie"), kSessionCookie);
+        if (sid.empty() || !sessions_.Get(sid, s)) {
+            res.status = 401;
+            reply = Error(kErrNotAuthenticated);
+        } else if (!SameSecret(req.get_header_value(kTokenHeader), s.token)) {
+            user = s.user;
+            res.status = 403;
+            reply = Error(kErrBadToken);
+        } else {
+            user = s.user;
+            reply = Dispatch(call, s, req.remote_addr, res);
+        }
+    }
+    res.set_header("Cache-Control", "no-store");
+    res.set_content(ToJsonText(reply), "application/json; charset=utf-8");
+
+    long ms = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - started).count();
+    std::string outcome = reply["success"].asBool() ? "ok" : "error " + std::to_string(reply["error"]["code"].asInt());
+    logs_.Access(LogSafe(req.remote_addr) + " " + LogSafe(user) + " \"" + req.method + " /webapi\" " +
+                 LogSafe(call.api.empty() ? "-" : call.api + " v" + std::to_string(call.version) + " " + call.method) +
+                 " " + std::to_string(res.status) + " " + outcome + " " + std::to_string(ms) + "ms");
+}
+
+} // namespace webd

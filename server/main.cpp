@@ -1,0 +1,145 @@
+// kova-webd: the web-administration server. Loads the request-handling
+// modules, serves /webapi and the browser UI, runs every call in a worker
+// process with the logged-in user's identity.
+#include <errno.h>
+#include <limits.h>
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <fstream>
+#include <memory>
+
+#include "files-api.h"
+#include "http-front.h"
+#include "logs.h"
+#include "module-registry.h"
+#include "options.h"
+#include "session-store.h"
+#include "worker-pool.h"
+#include "worker.h"
+
+#ifndef KOVA_WEBD_DEFAULT_MODULES
+#define KOVA_WEBD_DEFAULT_MODULES ""
+#endif
+#ifndef KOVA_WEBD_DEFAULT_UI
+#define KOVA_WEBD_DEFAULT_UI ""
+#endif
+
+namespace {
+
+httplib::Server *gServer = nullptr;
+
+void OnStop(int) {
+    if (gServer) gServer->stop();
+}
+
+bool MakeDirs(const std::string &path) {
+    for (size_t i = 1; i <= path.size(); ++i) {
+        if (i == path.size() || path[i] == '/') {
+            std::string part = path.substr(0, i);
+            if (mkdir(part.c_str(), 0755) != 0 && errno != EEXIST) return false;
+        }
+    }
+    return true;
+}
+
+std::string SelfPath() {
+    char buf[PATH_MAX];
+    ssize_t n = readlink("/proc/self/exe", buf, sizeof buf - 1);
+    if (n <= 0) return "";
+    buf[n] = '\0';
+    return buf;
+}
+
+} // namespace
+
+int main(int argc, char **argv) {
+    webd::Options o;
+    o.modulesDir = KOVA_WEBD_DEFAULT_MODULES;
+    o.uiDir = KOVA_WEBD_DEFAULT_UI;
+    if (const char *r = getenv("KOVA_ROOT")) o.root = r;
+    std::string bad = webd::ParseOptions(std::vector<std::string>(argv + 1, argv + argc), o);
+    if (bad == "help") {
+        fputs(webd::Usage().c_str(), stdout);
+        return 0;
+    }
+    if (!bad.empty()) {
+        fprintf(stderr, "kova-webd: %s\n%s", bad.c_str(), webd::Usage().c_str());
+        return 2;
+    }
+    if (o.root.empty()) {
+        fprintf(stderr, "kova-webd: no platform root: give --root DIR or set KOVA_ROOT\n");
+        return 2;
+    }
+    if (geteuid() != 0) {
+        fprintf(stderr, "kova-webd: must run as root (it switches to each user per request)\n");
+        return 2;
+    }
+    setenv("KOVA_ROOT", o.root.c_str(), 1);
+    signal(SIGPIPE, SIG_IGN);
+
+    const std::string logDir = o.root + "/var/log";
+    webd::Logs logs;
+    if (!MakeDirs(logDir) || !logs.Open(logDir)) {
+        fprintf(stderr, "kova-webd: cannot open the logs in %s\n", logDir.c_str());
+        return 1;
+    }
+
+    webd::ModuleRegistry registry;
+    registry.Add(webd::FilesRoutes());
+    const bool worker = o.workerFd >= 0;
+    // Workers load quietly: the front already reported each module once.
+    auto log = [&logs, worker](const std::string &line) {
+        if (!worker) logs.Error(line);
+    };
+    registry.LoadDir(o.modulesDir, log);
+
+    if (worker) return webd::WorkerMain(o.workerFd, registry, logs);
+
+    std::vector<std::string> workerArgs = {SelfPath(), "--root", o.root, "--modules", o.modulesDir};
+    webd::WorkerPool pool(workerArgs, static_cast<size_t>(o.workers), logs);
+    if (!pool.Start()) {
+        logs.Error("no worker could be started");
+        return 1;
+    }
+    webd::SessionStore sessions(o.sessionIdle);
+    auto server = std::make_unique<httplib::Server>();
+    const int threads = o.httpThreads;
+    server->new_task_queue = [threads] { return new httplib::ThreadPool(static_cast<size_t>(threads)); };
+    server->set_payload_max_length(8u << 20);
+    webd::Front front(registry, sessions, pool, logs, o.uiDir);
+    front.Install(*server);
+
+    int port = o.port;
+    if (port == 0) {
+        port = server->bind_to_any_port(o.host);
+        if (port <= 0) {
+            logs.Error("cannot listen on " + o.host);
+            return 1;
+        }
+    } else if (!server->bind_to_port(o.host, port)) {
+        logs.Error("cannot listen on " + o.host + ":" + std::to_string(port));
+        return 1;
+    }
+    if (!o.portFile.empty()) {
+        std::string tmp = o.portFile + ".tmp";
+        {
+            std::ofstream f(tmp);
+            f << port << "\n";
+        }
+        rename(tmp.c_str(), o.portFile.c_str());
+    }
+    gServer = server.get();
+    signal(SIGTERM, OnStop);
+    signal(SIGINT, OnStop);
+    logs.Error("listening on http://" + o.host + ":" + std::to_string(port) + "/ with " +
+               std::to_string(pool.Size()) + " workers, root " + o.root);
+    server->listen_after_bind();
+    logs.Error("stopped");
+    gServer = nullptr;
+    return 0;
+}

@@ -1,0 +1,175 @@
+// The server's parts that need no running server: request parsing, the
+// worker channel's framing, module table validation and lookup, sessions.
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "api-call.h"
+#include "frame.h"
+#include "http-front.h"
+#include "module-registry.h"
+#include "session-store.h"
+
+namespace {
+
+void H(KOVA::APIRequest *, KOVA::APIResponse *) {}
+
+TEST(ApiCall, JsonBodyAndItsErrors) {
+    webd::ApiCall c;
+    EXPECT_EQ("", webd::ParseJsonCall(R"({"api":"A.B","version":2,"method":"get","params":{"x":[1]}})", c));
+    EXPECT_EQ("A.B", c.api);
+    EXPECT_EQ(2, c.version);
+    EXPECT_EQ("get", c.method);
+    EXPECT_EQ(1, c.params["x"][0].asInt());
+
+    EXPECT_EQ("", webd::ParseJsonCall(R"({"api":"A","version":"3","method":"m"})", c));
+    EXPECT_EQ(3, c.version);
+    EXPECT_TRUE(c.params.isObject() && c.params.empty());
+
+    EXPECT_NE("", webd::ParseJsonCall("{not json", c));
+    EXPECT_NE("", webd::ParseJsonCall("[1]", c));
+    EXPECT_NE("", webd::ParseJsonCall(R"({"api":"A","version":0,"method":"m"})", c));
+    EXPECT_NE("", webd::ParseJsonCall(R"({"api":"A","version":"1x","method":"m"})", c));
+    EXPECT_NE("", webd::ParseJsonCall(R"({"api":"","version":1,"method":"m"})", c));
+    EXPECT_NE("", webd::ParseJsonCall(R"({"api":"A","version":1})", c));
+    EXPECT_NE("", webd::ParseJsonCall(R"({"api":"A","version":1,"method":"m","params":[1]})", c));
+}
+
+TEST(ApiCall, FieldsAreJsonWhenTheyParseAndTextOtherwise) {
+    std::multimap<std::string, std::string> f = {
+        {"api", "KOVA.Core.ACL"}, {"version", "1"}, {"method", "get"},
+        {"file_path", "/vol/share/a b"}, {"limit", "20"}, {"flag", "true"},
+        {"rules", R"([{"owner_type":"user"}])"}, {"name", "\"quoted\""}, {"params", R"({"extra":"x"})"}};
+    webd::ApiCall c;
+    ASSERT_EQ("", webd::ParseFieldCall(f, c));
+    EXPECT_EQ("KOVA.Core.ACL", c.api);
+    EXPECT_EQ(1, c.version);
+    EXPECT_TRUE(c.params["file_path"].isString());
+    EXPECT_EQ("/vol/share/a b", c.params["file_path"].asString());
+    EXPECT_TRUE(c.params["limit"].isInt());
+    EXPECT_TRUE(c.params["flag"].isBool());
+    EXPECT_TRUE(c.params["rules"].isArray());
+    EXPECT_EQ("quoted", c.params["name"].asString());
+    EXPECT_EQ("x", c.params["extra"].asString());
+    EXPECT_FALSE(c.params.isMember("api"));
+
+    std::multimap<std::string, std::string> bad = {{"api", "A"}, {"version", "one"}, {"method", "m"}};
+    EXPECT_NE("", webd::ParseFieldCall(bad, c));
+    std::multimap<std::string, std::string> badParams = {{"api", "A"}, {"version", "1"}, {"method", "m"},
+                                                         {"params", "[1,2]"}};
+    EXPECT_NE("", webd::ParseFieldCall(badParams, c));
+}
+
+TEST(Frame, RoundTripAndBrokenPeers) {
+    int sv[2];
+    ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, sv));
+    Json::Value m(Json::objectValue);
+    m["text"] = std::string(100000, 'x') + "\xc3\xa9";
+    m["n"] = 7;
+    ASSERT_TRUE(webd::WriteFrame(sv[0], m));
+    Json::Value got;
+    ASSERT_TRUE(webd::ReadFrame(sv[1], got));
+    EXPECT_EQ(m, got);
+
+    bool timedOut = false;
+    EXPECT_FALSE(webd::ReadFrame(sv[1], got, 10, &timedOut));
+    EXPECT_TRUE(timedOut);
+
+    // A length larger than the limit is a broken peer, not a huge allocation.
+    const unsigned char huge[4] = {0xff, 0xff, 0xff, 0xff};
+    ASSERT_EQ(4, write(sv[0], huge, 4));
+    EXPECT_FALSE(webd::ReadFrame(sv[1], got));
+
+    // A body cut short by the peer closing fails, with no time-out reported.
+    const unsigned char head[4] = {0, 0, 0, 10};
+    ASSERT_EQ(4, write(sv[0], head, 4));
+    ASSERT_EQ(3, write(sv[0], "{\"a", 3));
+    close(sv[0]);
+    EXPECT_FALSE(webd::ReadFrame(sv[1], got, 1000, &timedOut));
+    EXPECT_FALSE(timedOut);
+    close(sv[1]);
+}
+
+TEST(ModuleTable, MalformedTablesAreRefusedWithAReason) {
+    std::vector<webd::Route> rows;
+    const KOVA_API_ENTRY good[] = {{"A", 1, "m", H}, {"A", 2, "m", H}, {nullptr, 0, nullptr, nullptr}};
+    EXPECT_EQ("", webd::ValidateTable(good, rows));
+    EXPECT_EQ(2u, rows.size());
+
+    const KOVA_API_ENTRY noHandler[] = {{"A", 1, "m", H}, {"A", 1, "n", nullptr}, {nullptr, 0, nullptr, nullptr}};
+    EXPECT_EQ("row 2: handler is NULL", webd::ValidateTable(noHandler, rows));
+    EXPECT_TRUE(rows.empty());
+    const KOVA_API_ENTRY noName[] = {{nullptr, 1, "m", H}, {nullptr, 0, nullptr, nullptr}};
+    EXPECT_EQ("row 1: API name is NULL", webd::ValidateTable(noName, rows));
+    const KOVA_API_ENTRY noMethod[] = {{"A", 1, nullptr, H}, {nullptr, 0, nullptr, nullptr}};
+    EXPECT_EQ("row 1: method name is NULL", webd::ValidateTable(noMethod, rows));
+    const KOVA_API_ENTRY version0[] = {{"A", 0, "m", H}, {nullptr, 0, nullptr, nullptr}};
+    EXPECT_EQ("row 1: version 0 is below 1", webd::ValidateTable(version0, rows));
+    const KOVA_API_ENTRY empty[] = {{nullptr, 0, nullptr, nullptr}};
+    EXPECT_NE("", webd::ValidateTable(empty, rows));
+    EXPECT_NE("", webd::ValidateTable(nullptr, rows));
+
+    std::vector<KOVA_API_ENTRY> endless(webd::kMaxTableRows + 1, KOVA_API_ENTRY{"A", 1, "m", H});
+    EXPECT_NE("", webd::ValidateTable(endless.data(), rows));
+}
+
+TEST(ModuleTable, RegistryRefusesTakenRowsWholeAndTellsWhatIsMissing) {
+    webd::ModuleRegistry reg;
+    std::vector<webd::Route> first = {{"A", 1, "get", H, "a.so"}, {"A", 2, "list", H, "a.so"}};
+    ASSERT_TRUE(reg.Add(first));
+    std::vector<webd::Route> clash = {{"B", 1, "x", H, "b.so"}, {"A", 1, "get", H, "b.so"}};
+    std::string why;
+    EXPECT_FALSE(reg.Add(clash, &why));
+    EXPECT_NE(std::string::npos, why.find("already served"));
+    const webd::Route *r = nullptr;
+    // Nothing of the refused module was kept, not even its free row.
+    EXPECT_EQ(webd::ModuleRegistry::Lookup::kNoAPI, reg.Find("B", 1, "x", &r));
+    std::vector<webd::Route> reserved = {{"KOVA.Server.Files", 1, "steal", H, "c.so"}};
+    EXPECT_FALSE(reg.Add(reserved));
+
+    EXPECT_EQ(webd::ModuleRegistry::Lookup::kFound, reg.Find("A", 2, "list", &r));
+    EXPECT_EQ("a.so", r->origin);
+    EXPECT_EQ(webd::ModuleRegistry::Lookup::kNoMethod, reg.Find("A", 1, "list", &r));
+    EXPECT_EQ(webd::ModuleRegistry::Lookup::kNoVersion, reg.Find("A", 3, "get", &r));
+    EXPECT_EQ(webd::ModuleRegistry::Lookup::kNoAPI, reg.Find("Z", 1, "get", &r));
+
+    Json::Value d = reg.Describe();
+    ASSERT_EQ(2u, d.size());
+    EXPECT_EQ("A", d[0]["api"].asString());
+    EXPECT_EQ(1, d[0]["version"].asInt());
+    EXPECT_EQ("get", d[0]["methods"][0].asString());
+    EXPECT_EQ(2, d[1]["version"].asInt());
+}
+
+TEST(Sessions, IdsAndTokensAreFreshAndChecked) {
+    webd::SessionStore store(3600);
+    webd::Session a, b;
+    a.user = "alice";
+    b.user = "bob";
+    ASSERT_TRUE(store.Create(a));
+    ASSERT_TRUE(store.Create(b));
+    EXPECT_EQ(64u, a.id.size());
+    EXPECT_NE(a.id, b.id);
+    EXPECT_NE(a.id, a.token);
+    webd::Session got;
+    ASSERT_TRUE(store.Get(a.id, got));
+    EXPECT_EQ("alice", got.user);
+    EXPECT_EQ(a.token, got.token);
+    store.Remove(a.id);
+    EXPECT_FALSE(store.Get(a.id, got));
+    EXPECT_TRUE(store.Get(b.id, got));
+    EXPECT_FALSE(store.Get("", got));
+
+    EXPECT_TRUE(webd::SameSecret("abc", "abc"));
+    EXPECT_FALSE(webd::SameSecret("abc", "abd"));
+    EXPECT_FALSE(webd::SameSecret("abc", "ab"));
+}
+
+TEST(Sessions, CookieHeaderParsing) {
+    EXPECT_EQ("v1", webd::CookieValue("kova_sid=v1", "kova_sid"));
+    EXPECT_EQ("v2", webd::CookieValue("a=1; kova_sid=v2; b=3", "kova_sid"));
+    EXPECT_EQ("", webd::CookieValue("xkova_sid=v3; kova_sidx=4", "kova_sid"));
+    EXPECT_EQ("", webd::CookieValue("", "kova_sid"));
+}
+
+} // namespace

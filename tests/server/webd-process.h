@@ -1,0 +1,56 @@
+// Starts kova-webd on a free loopback port for one test and stops it after.
+// Also a small client that logs in and keeps the session cookie and token.
+#ifndef KOVA_TEST_WEBD_PROCESS_H
+#define KOVA_TEST_WEBD_PROCESS_H
+
+#include <httplib.h>
+#include <json/json.h>
+#include <sys/types.h>
+
+#include <memory>
+#include <string>
+
+namespace kova_test {
+
+class WebdProcess {
+public:
+    // root: platform root; modules: modules folder. Waits until it listens.
+    WebdProcess(const std::string &root, const std::string &modules, int workers = 3);
+    ~WebdProcess();
+    bool ok() const { return port_ > 0; }
+    int port() const { return port_; }
+    std::string ErrorLog() const;
+    std::string AccessLog() const;
+
+private:
+    pid_t pid_ = -1;
+    int port_ = 0;
+    std::string root_;
+};
+
+struct Reply {
+    int status = 0;            // HTTP status, 0 when no answer
+    Json::Value body;          // parsed JSON body
+    std::string setCookie;     // Set-Cookie header, if any
+};
+
+class WebClient {
+public:
+    explicit WebClient(int port);
+    Reply Login(const std::string &account, const std::string &passwd);
+    // POST a JSON call with the session cookie and, when sendToken, the token.
+    Reply Call(const std::string &api, int version, const std::string &method,
+               const Json::Value &params = Json::Value(Json::objectValue), bool sendToken = true);
+    Reply Raw(const std::string &method, const std::string &target, const std::string &body,
+              const std::string &contentType, const httplib::Headers &headers);
+
+    std::string cookie;   // "kova_sid=..."
+    std::string token;
+
+private:
+    std::unique_ptr<httplib::Client> http_;
+};
+
+} // namespace kova_test
+
+#endif
