@@ -1,4 +1,4 @@
-#include "usergroup-enumerator/builtin-enumerator.h"
+#include "builtin-enumerator.h"
 
 #include <algorithm>
 #include <cctype>

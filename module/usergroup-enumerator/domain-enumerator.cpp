@@ -1,9 +1,9 @@
-#include "usergroup-enumerator/domain-enumerator.h"
+#include "domain-enumerator.h"
 
-#include "usergroup-enumerator/accountdb-handle.h"
-#include "usergroup-enumerator/callback-guard.h"
-#include "usergroup-enumerator/like-clause.h"
-#include "module-log.h"
+#include "accountdb-handle.h"
+#include "callback-guard.h"
+#include "like-clause.h"
+#include "../module-log.h"
 
 #include "kova/accountdb.h"
 #include "kova/dirsvc.h"

@@ -6,7 +6,7 @@
 #ifndef KOVA_MODULE_DOMAIN_ENUMERATOR_H
 #define KOVA_MODULE_DOMAIN_ENUMERATOR_H
 
-#include "usergroup-enumerator/usergroup-enumerator.h"
+#include "usergroup-enumerator.h"
 
 #include <string>
 #include <vector>

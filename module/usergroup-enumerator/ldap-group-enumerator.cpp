@@ -1,6 +1,6 @@
-#include "usergroup-enumerator/ldap-group-enumerator.h"
+#include "ldap-group-enumerator.h"
 
-#include "usergroup-enumerator/ldap-query.h"
+#include "ldap-query.h"
 
 namespace internal {
 

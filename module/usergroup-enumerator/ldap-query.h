@@ -6,7 +6,7 @@
 #ifndef KOVA_MODULE_LDAP_QUERY_H
 #define KOVA_MODULE_LDAP_QUERY_H
 
-#include "usergroup-enumerator/search-records.h"
+#include "search-records.h"
 
 #include "kova/accountdb.h"
 

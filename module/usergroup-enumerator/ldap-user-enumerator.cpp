@@ -1,6 +1,6 @@
-#include "usergroup-enumerator/ldap-user-enumerator.h"
+#include "ldap-user-enumerator.h"
 
-#include "usergroup-enumerator/ldap-query.h"
+#include "ldap-query.h"
 
 namespace internal {
 

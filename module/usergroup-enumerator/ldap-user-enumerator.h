@@ -3,7 +3,7 @@
 #ifndef KOVA_MODULE_LDAP_USER_ENUMERATOR_H
 #define KOVA_MODULE_LDAP_USER_ENUMERATOR_H
 
-#include "usergroup-enumerator/usergroup-enumerator.h"
+#include "usergroup-enumerator.h"
 
 #include <string>
 

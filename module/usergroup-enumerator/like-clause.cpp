@@ -1,4 +1,4 @@
-#include "usergroup-enumerator/like-clause.h"
+#include "like-clause.h"
 
 #include "kova/klibc.h"
 

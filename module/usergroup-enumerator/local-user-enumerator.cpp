@@ -1,7 +1,7 @@
-#include "usergroup-enumerator/local-user-enumerator.h"
+#include "local-user-enumerator.h"
 
-#include "usergroup-enumerator/callback-guard.h"
-#include "module-log.h"
+#include "callback-guard.h"
+#include "../module-log.h"
 
 #include "kova/account.h"
 #include "kova/klibc.h"

@@ -4,7 +4,7 @@
 #ifndef KOVA_MODULE_LOCAL_USER_ENUMERATOR_H
 #define KOVA_MODULE_LOCAL_USER_ENUMERATOR_H
 
-#include "usergroup-enumerator/usergroup-enumerator.h"
+#include "usergroup-enumerator.h"
 
 namespace internal {
 

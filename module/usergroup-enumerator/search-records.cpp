@@ -1,4 +1,4 @@
-#include "usergroup-enumerator/search-records.h"
+#include "search-records.h"
 
 #include <algorithm>
 

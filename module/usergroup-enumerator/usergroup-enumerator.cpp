@@ -1,4 +1,4 @@
-#include "usergroup-enumerator/usergroup-enumerator.h"
+#include "usergroup-enumerator.h"
 
 namespace internal {
 

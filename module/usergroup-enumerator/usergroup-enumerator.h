@@ -8,7 +8,7 @@
 #ifndef KOVA_MODULE_USERGROUP_ENUMERATOR_H
 #define KOVA_MODULE_USERGROUP_ENUMERATOR_H
 
-#include "usergroup-enumerator/search-records.h"
+#include "search-records.h"
 
 #include <json/json.h>
 

@@ -1,0 +1,70 @@
+// LIKE-clause text and keyword escaping of the directory sources. The
+// helpers' source is compiled into this program; upper-casing goes to the
+// core platform library.
+#include "../../module/usergroup-enumerator/like-clause.cpp"
+
+#include "kova/fault.h"
+#include "kova/errcode.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using internal::CreateLikeClause;
+using internal::EscapeLikeExpression;
+using internal::IsUpperColumn;
+using internal::ToUnicodeUpper;
+
+TEST(SearchClause, EscapesTheThreeSpecialBytesOnly) {
+    EXPECT_EQ("50\\%\\_a\\\\b", EscapeLikeExpression("50%_a\\b"));
+    EXPECT_EQ("", EscapeLikeExpression(""));
+    // Multi-byte UTF-8 and quotes pass unchanged.
+    EXPECT_EQ("\xc3\xa9t\xc3\xa9\"'", EscapeLikeExpression("\xc3\xa9t\xc3\xa9\"'"));
+}
+
+TEST(SearchClause, ClauseTextIsExact) {
+    EXPECT_EQ("(name_upper LIKE \"%ADMIN%\" ESCAPE '\\')", CreateLikeClause("name_upper", "ADMIN", true, true));
+    EXPECT_EQ("(desc LIKE \"x\" ESCAPE '\\')", CreateLikeClause("desc", "x", false, false));
+    EXPECT_EQ("(distinguishedName LIKE \"%DC=b\" ESCAPE '\\')",
+              CreateLikeClause("distinguishedName", "DC=b", true, false));
+    EXPECT_EQ("(mail LIKE \"ab%\" ESCAPE '\\')", CreateLikeClause("mail", "ab", false, true));
+    EXPECT_EQ("(name LIKE \"%%\" ESCAPE '\\')", CreateLikeClause("name", "", true, true));
+}
+
+TEST(SearchClause, UpperColumnsAreRecognisedInAnyCase) {
+    EXPECT_TRUE(IsUpperColumn("name_upper"));
+    EXPECT_TRUE(IsUpperColumn("NameUpper"));
+    EXPECT_TRUE(IsUpperColumn("UPPER"));
+    EXPECT_FALSE(IsUpperColumn("name"));
+    EXPECT_FALSE(IsUpperColumn("uppe"));
+    EXPECT_FALSE(IsUpperColumn("Description"));
+}
+
+TEST(SearchClause, UpperCasing) {
+    std::string out = "unchanged";
+    ASSERT_TRUE(ToUnicodeUpper("", out));
+    EXPECT_EQ("", out);
+    ASSERT_TRUE(ToUnicodeUpper("abc\\%d", out));
+    EXPECT_EQ("ABC\\%D", out);
+    ASSERT_TRUE(ToUnicodeUpper("\xc3\xa9t\xc3\xa9", out));  // é -> É, same length
+    EXPECT_EQ("\xc3\x89T\xc3\x89", out);
+    // U+0250 upper-cases to a three-byte character: the buffer of the
+    // input's length cuts it off at a character boundary.
+    ASSERT_TRUE(ToUnicodeUpper("a\xc9\x90", out));
+    EXPECT_EQ("A", out);
+}
+
+TEST(SearchClause, UpperCasingFailureLeavesOutputUntouched) {
+    std::string out = "kept";
+    ASSERT_EQ(0, KLIBCFaultSet("KLIBCUnicodeUTF8StrUpper", 1, -1, KOVA_ERR_NOMEM));
+    EXPECT_FALSE(ToUnicodeUpper("abc", out));
+    EXPECT_EQ("kept", out);
+    KLIBCFaultClearAll();
+    // An empty text never reaches the host, so a fault cannot fail it.
+    ASSERT_EQ(0, KLIBCFaultSet("KLIBCUnicodeUTF8StrUpper", 0, -1, KOVA_ERR_NOMEM));
+    EXPECT_TRUE(ToUnicodeUpper("", out));
+    EXPECT_EQ("", out);
+    KLIBCFaultClearAll();
+}
+
+} // namespace
