@@ -1,0 +1,113 @@
+// Opening and first-use creation of the local account database.
+#include "account-db.h"
+
+#include "kova-internal/fault-point.h"
+#include "kova/account.h"
+#include "kova/errcode.h"
+#include "kova/klibc.h"
+
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <string>
+#include <vector>
+
+namespace kova_accounts {
+
+namespace {
+
+const char kSchema[] =
+    "CREATE TABLE IF NOT EXISTS meta(key TEXT PRIMARY KEY, value TEXT);"
+    "CREATE TABLE IF NOT EXISTS groups("
+    "  gid INTEGER PRIMARY KEY, name TEXT NOT NULL UNIQUE, description TEXT);"
+    "CREATE TABLE IF NOT EXISTS users("
+    "  uid INTEGER PRIMARY KEY, name TEXT NOT NULL UNIQUE, gid INTEGER NOT NULL,"
+    "  description TEXT, email TEXT, home TEXT, internal INTEGER NOT NULL DEFAULT 0,"
+    "  password TEXT, disabled INTEGER NOT NULL DEFAULT 0);"
+    "CREATE INDEX IF NOT EXISTS users_internal ON users(internal, name);"
+    "CREATE TABLE IF NOT EXISTS members("
+    "  gid INTEGER NOT NULL REFERENCES groups(gid) ON DELETE CASCADE,"
+    "  uid INTEGER NOT NULL REFERENCES users(uid) ON DELETE CASCADE,"
+    "  PRIMARY KEY(gid, uid)) WITHOUT ROWID;"
+    "CREATE INDEX IF NOT EXISTS members_uid ON members(uid);";
+
+// Defaults of a new root. "admin" is an ordinary user made an administrator
+// by membership; its password stays unset until an administrator sets one.
+const char kDefaults[] =
+    "INSERT OR IGNORE INTO groups(gid, name, description) VALUES"
+    "  (101, 'administrators', 'System default admin group'),"
+    "  (100, 'users', 'System default group'),"
+    "  (90, 'services', 'Internal service accounts');"
+    "INSERT OR IGNORE INTO users(uid, name, gid, description, internal, disabled) VALUES"
+    "  (1024, 'admin', 100, 'System default user', 0, 0),"
+    "  (1025, 'guest', 100, 'Guest', 0, 1),"
+    "  (200, 'kova-sys', 90, 'Platform service', 1, 1),"
+    "  (81, 'httpd', 90, 'Web server', 1, 1);"
+    "INSERT OR IGNORE INTO members(gid, uid) VALUES (101, 1024);"
+    "INSERT OR REPLACE INTO meta(key, value) VALUES ('schema', '1');";
+
+// SQL function kova_upper(text): the platform's Unicode upper-casing, so
+// case-insensitive matching in SQL agrees with KLIBCUnicodeUTF8StrUpper.
+void UpperFn(sqlite3_context *ctx, int, sqlite3_value **argv) {
+    const unsigned char *in = sqlite3_value_text(argv[0]);
+    if (!in) {
+        sqlite3_result_null(ctx);
+        return;
+    }
+    size_t len = static_cast<size_t>(sqlite3_value_bytes(argv[0]));
+    std::vector<char> out(len * 3 + 4);
+    int n = KLIBCUnicodeUTF8StrUpper(reinterpret_cast<const char *>(in), out.data(), out.size());
+    if (n < 0) {
+        sqlite3_result_error(ctx, "upper-casing failed", -1);
+        return;
+    }
+    sqlite3_result_text(ctx, out.data(), n, SQLITE_TRANSIENT);
+}
+
+bool MakeParent(const std::string &path) {
+    std::string cur;
+    for (size_t pos = path.find('/', 1); pos != std::string::npos; pos = path.find('/', pos + 1)) {
+        cur = path.substr(0, pos);
+        if (mkdir(cur.c_str(), 0755) != 0 && errno != EEXIST) return false;
+    }
+    return true;
+}
+
+} // namespace
+
+std::string AccountDbPath() { return std::string(KLIBCRootGet()) + "/etc/accounts.db"; }
+
+bool AccountSession::Open() {
+    std::string path = AccountDbPath();
+    struct stat st;
+    bool exists = stat(path.c_str(), &st) == 0;
+    if (!exists && !MakeParent(path)) {
+        KOVA_FAIL(KOVA_ERR_IO);
+        return false;
+    }
+    mode_t old = umask(077);
+    bool opened = db_.Open(path, true);
+    umask(old);
+    if (!opened) return false;
+    sqlite3_create_function(db_.get(), "kova_upper", 1, SQLITE_UTF8 | SQLITE_DETERMINISTIC, nullptr, UpperFn, nullptr, nullptr);
+    if (!db_.Exec("PRAGMA foreign_keys = ON")) return false;
+    if (exists) {
+        // Raw probe: a missing table here is expected, not an error to report.
+        sqlite3_stmt *probe = nullptr;
+        bool ready = sqlite3_prepare_v2(db_.get(), "SELECT value FROM meta WHERE key = 'schema'", -1, &probe, nullptr) == SQLITE_OK &&
+                     sqlite3_step(probe) == SQLITE_ROW;
+        sqlite3_finalize(probe);
+        if (ready) return true;
+    }
+    // First use: the schema and defaults go in as one transaction, so two
+    // processes racing to create the file both end up with the same content.
+    if (!db_.Exec("BEGIN IMMEDIATE")) return false;
+    if (!db_.Exec(kSchema) || !db_.Exec(kDefaults) || !db_.Exec("COMMIT")) {
+        db_.Exec("ROLLBACK");
+        KOVA_FAIL(KOVA_ERR_IO);
+        return false;
+    }
+    return true;
+}
+
+} // namespace kova_accounts

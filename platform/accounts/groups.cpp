@@ -1,0 +1,193 @@
+// Group lookups, descriptions, the administrators group and memberships.
+#include "account-db.h"
+#include "call-guard.h"
+#include "lookup.h"
+
+#include "kova/account.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+using namespace kova_accounts;
+
+namespace {
+bool GroupAbsent(bool dbError) {
+    if (!dbError) KOVA_FAIL(KOVA_ERR_NOGROUP);
+    return false;
+}
+bool UserAbsent(bool dbError) {
+    if (!dbError) KOVA_FAIL(KOVA_ERR_NOUSER);
+    return false;
+}
+
+// 1 when the user's primary group or one of its memberships is the
+// administrators group, 0 when not, -1 on failure.
+int IsAdminMember(AccountSession &s, const UserRow &user) {
+    if (user.gid == KOVA_ADMIN_GID) return 1;
+    kova_internal::Statement st(s.db(), "SELECT 1 FROM members WHERE uid = ?1 AND gid = ?2");
+    if (!st.ok()) return -1;
+    st.Bind(1, static_cast<long long>(user.uid)).Bind(2, static_cast<long long>(KOVA_ADMIN_GID));
+    int rc = st.Step();
+    if (rc == SQLITE_ROW) return 1;
+    return rc == SQLITE_DONE ? 0 : -1;
+}
+} // namespace
+
+extern "C" int KOVAGroupGet(const char *szName, PKOVA_GROUP *ppGroup) {
+    KOVA_FAULT_POINT("KOVAGroupGet", int);
+    return Guarded(-1, [&]() -> int {
+        if (!szName || !ppGroup) {
+            KOVA_FAIL(KOVA_ERR_BADARG);
+            return -1;
+        }
+        AccountSession s;
+        if (!s.Open()) return -1;
+        bool dbError = false;
+        auto row = FindGroup(s, szName, &dbError);
+        if (!row) return GroupAbsent(dbError), -1;
+        *ppGroup = nullptr;
+        return FillGroup(*row, ppGroup, false) ? 0 : -1;
+    });
+}
+
+extern "C" int KOVAGroupGetByGID(unsigned int gid, PKOVA_GROUP *ppGroup) {
+    KOVA_FAULT_POINT("KOVAGroupGetByGID", int);
+    return Guarded(-1, [&]() -> int {
+        if (!ppGroup) {
+            KOVA_FAIL(KOVA_ERR_BADARG);
+            return -1;
+        }
+        AccountSession s;
+        if (!s.Open()) return -1;
+        bool dbError = false;
+        auto row = FindGroupByGid(s, gid, &dbError);
+        if (!row) return GroupAbsent(dbError), -1;
+        return FillGroup(*row, ppGroup, true) ? 0 : -1;
+    });
+}
+
+extern "C" int KOVAGroupGetGID(const char *szName, int *pGid) {
+    KOVA_FAULT_POINT("KOVAGroupGetGID", int);
+    return Guarded(-1, [&]() -> int {
+        if (!szName) {
+            KOVA_FAIL(KOVA_ERR_BADARG);
+            return -1;
+        }
+        AccountSession s;
+        if (!s.Open()) return -1;
+        bool dbError = false;
+        auto row = FindGroup(s, szName, &dbError);
+        if (!row) return GroupAbsent(dbError), -1;
+        if (pGid) *pGid = static_cast<int>(row->gid);
+        return 0;
+    });
+}
+
+extern "C" int KOVAGroupDescGet(const char *szName, char **pszDesc, char **pszReserved) {
+    KOVA_FAULT_POINT("KOVAGroupDescGet", int);
+    return Guarded(-1, [&]() -> int {
+        if (!szName || !pszDesc) {
+            KOVA_FAIL(KOVA_ERR_BADARG);
+            return -1;
+        }
+        if (pszReserved) *pszReserved = nullptr;
+        AccountSession s;
+        if (!s.Open()) return -1;
+        bool dbError = false;
+        auto row = FindGroup(s, szName, &dbError);
+        if (!row) return GroupAbsent(dbError), -1;
+        // A group without a description yields "", so callers always own a string.
+        char *copy = strdup(row->desc ? row->desc->c_str() : "");
+        if (!copy) {
+            KOVA_FAIL(KOVA_ERR_NOMEM);
+            return -1;
+        }
+        *pszDesc = copy;
+        return 0;
+    });
+}
+
+extern "C" int KOVAGroupIsAdminGroup(const char *szName) {
+    KOVA_FAULT_POINT("KOVAGroupIsAdminGroup", int);
+    return Guarded(-1, [&]() -> int {
+        if (!szName) {
+            KOVA_FAIL(KOVA_ERR_BADARG);
+            return -1;
+        }
+        AccountSession s;
+        if (!s.Open()) return -1;
+        bool dbError = false;
+        auto row = FindGroup(s, szName, &dbError);
+        if (!row) return GroupAbsent(dbError), -1;
+        return row->gid == KOVA_ADMIN_GID ? 1 : 0;
+    });
+}
+
+extern "C" int KOVAGroupIsAdminGroupByGid(unsigned int gid) {
+    KOVA_FAULT_POINT("KOVAGroupIsAdminGroupByGid", int);
+    return Guarded(-1, [&]() -> int {
+        AccountSession s;
+        if (!s.Open()) return -1;
+        bool dbError = false;
+        auto row = FindGroupByGid(s, gid, &dbError);
+        if (!row) return GroupAbsent(dbError), -1;
+        return row->gid == KOVA_ADMIN_GID ? 1 : 0;
+    });
+}
+
+extern "C" int KLIBGroupIsAdminGroupMem(const char *szUser, int flags) {
+    KOVA_FAULT_POINT("KLIBGroupIsAdminGroupMem", int);
+    return Guarded(-1, [&]() -> int {
+        if (!szUser) {
+            KOVA_FAIL(KOVA_ERR_BADARG);
+            return -1;
+        }
+        AccountSession s;
+        if (!s.Open()) return -1;
+        bool dbError = false;
+        auto row = FindUser(s, szUser, &dbError);
+        if (!row) return UserAbsent(dbError), -1;
+        return IsAdminMember(s, *row);
+    });
+}
+
+extern "C" int KLIBGroupIsAdminGroupMemByUid(unsigned int uid, int flags) {
+    KOVA_FAULT_POINT("KLIBGroupIsAdminGroupMemByUid", int);
+    return Guarded(-1, [&]() -> int {
+        AccountSession s;
+        if (!s.Open()) return -1;
+        bool dbError = false;
+        auto row = FindUserByUid(s, uid, &dbError);
+        if (!row) return UserAbsent(dbError), -1;
+        return IsAdminMember(s, *row);
+    });
+}
+
+extern "C" PKLIBC_SZLIST KLIBGroupInfoListGet(const char *szUser, int flags) {
+    KOVA_FAULT_POINT_NULL("KLIBGroupInfoListGet");
+    return Guarded<PKLIBC_SZLIST>(nullptr, [&]() -> PKLIBC_SZLIST {
+        if (!szUser) {
+            KOVA_FAIL(KOVA_ERR_BADARG);
+            return nullptr;
+        }
+        std::vector<unsigned> gids;
+        {
+            AccountSession s;
+            if (!s.Open()) return nullptr;
+            bool dbError = false;
+            auto row = FindUser(s, szUser, &dbError);
+            if (!row) return UserAbsent(dbError), nullptr;
+            if (!UserGids(s, *row, gids)) return nullptr;
+        }
+        PKLIBC_SZLIST list = KLIBCSzListAlloc(static_cast<int>(gids.size() * 8 + 16));
+        if (!list) return nullptr;
+        for (unsigned g : gids) {
+            if (KLIBCSzListPush(&list, std::to_string(g).c_str()) < 0) {
+                KLIBCSzListFree(list);
+                return nullptr;
+            }
+        }
+        return list;
+    });
+}

@@ -1,0 +1,25 @@
+// Row lookups shared by the account calls; each runs in an open session.
+#ifndef KOVA_ACCOUNTS_LOOKUP_H
+#define KOVA_ACCOUNTS_LOOKUP_H
+
+#include "account-db.h"
+#include "records.h"
+
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace kova_accounts {
+
+// nullopt when absent (no error set) or on a database error (error set;
+// dbError tells which when the caller cares).
+std::optional<UserRow> FindUser(AccountSession &s, const std::string &name, bool *dbError = nullptr);
+std::optional<UserRow> FindUserByUid(AccountSession &s, unsigned uid, bool *dbError = nullptr);
+std::optional<GroupRow> FindGroup(AccountSession &s, const std::string &name, bool *dbError = nullptr);
+std::optional<GroupRow> FindGroupByGid(AccountSession &s, unsigned gid, bool *dbError = nullptr);
+// The user's gids, primary first, then supplementary in ascending order.
+bool UserGids(AccountSession &s, const UserRow &user, std::vector<unsigned> &gids);
+
+} // namespace kova_accounts
+
+#endif

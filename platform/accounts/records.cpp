@@ -1,0 +1,134 @@
+// User and group records: C structures owned by the caller, released with
+// KOVAUserFree / KOVAGroupFree.
+#include "records.h"
+
+#include "kova-internal/fault-point.h"
+#include "kova/klibc.h"
+#include "kova/errcode.h"
+
+#include <cstdlib>
+#include <cstring>
+
+namespace kova_accounts {
+
+const char kUserColumns[] = "name, uid, gid, description, email, home, internal, password, disabled";
+const char kGroupColumns[] = "name, gid, description";
+
+std::optional<std::string> OptText(const kova_internal::Statement &st, int col) {
+    const char *t = st.TextOrNull(col);
+    if (!t) return std::nullopt;
+    return std::string(t);
+}
+
+UserRow ReadUser(const kova_internal::Statement &st) {
+    UserRow r;
+    r.name = st.Text(0);
+    r.uid = static_cast<unsigned>(st.Int(1));
+    r.gid = static_cast<unsigned>(st.Int(2));
+    r.desc = OptText(st, 3);
+    r.email = OptText(st, 4);
+    r.home = OptText(st, 5);
+    r.internal = st.Int(6) != 0;
+    r.password = OptText(st, 7);
+    r.disabled = st.Int(8) != 0;
+    return r;
+}
+
+GroupRow ReadGroup(const kova_internal::Statement &st) {
+    GroupRow r;
+    r.name = st.Text(0);
+    r.gid = static_cast<unsigned>(st.Int(1));
+    r.desc = OptText(st, 2);
+    return r;
+}
+
+namespace {
+
+// strdup that distinguishes "no text" (NULL) from an allocation failure.
+bool Dup(const std::optional<std::string> &s, char **out) {
+    *out = nullptr;
+    if (!s) return true;
+    *out = strdup(s->c_str());
+    return *out != nullptr;
+}
+
+void ClearUser(KOVA_USER *u) {
+    std::free(u->szName);
+    std::free(u->szDesc);
+    std::free(u->szEmail);
+    std::free(u->szHome);
+    std::memset(u, 0, sizeof(*u));
+}
+
+void ClearGroup(KOVA_GROUP *g) {
+    std::free(g->szName);
+    std::free(g->szDesc);
+    std::memset(g, 0, sizeof(*g));
+}
+
+} // namespace
+
+bool FillUser(const UserRow &row, PKOVA_USER *pp, bool reuse) {
+    KOVA_USER fresh{};
+    bool ok = Dup(row.name, &fresh.szName) && Dup(row.desc, &fresh.szDesc) && Dup(row.email, &fresh.szEmail) &&
+              Dup(row.home, &fresh.szHome);
+    if (!ok) {
+        ClearUser(&fresh);
+        KOVA_FAIL(KOVA_ERR_NOMEM);
+        return false;
+    }
+    fresh.uid = row.uid;
+    fresh.gid = row.gid;
+    fresh.isInternal = row.internal ? 1 : 0;
+    fresh.isDisabled = row.disabled ? 1 : 0;
+    KOVA_USER *target = (reuse && *pp) ? *pp : static_cast<KOVA_USER *>(std::calloc(1, sizeof(KOVA_USER)));
+    if (!target) {
+        ClearUser(&fresh);
+        KOVA_FAIL(KOVA_ERR_NOMEM);
+        return false;
+    }
+    ClearUser(target);
+    *target = fresh;
+    *pp = target;
+    return true;
+}
+
+bool FillGroup(const GroupRow &row, PKOVA_GROUP *pp, bool reuse) {
+    KOVA_GROUP fresh{};
+    if (!Dup(row.name, &fresh.szName) || !Dup(row.desc, &fresh.szDesc)) {
+        ClearGroup(&fresh);
+        KOVA_FAIL(KOVA_ERR_NOMEM);
+        return false;
+    }
+    fresh.gid = row.gid;
+    KOVA_GROUP *target = (reuse && *pp) ? *pp : static_cast<KOVA_GROUP *>(std::calloc(1, sizeof(KOVA_GROUP)));
+    if (!target) {
+        ClearGroup(&fresh);
+        KOVA_FAIL(KOVA_ERR_NOMEM);
+        return false;
+    }
+    ClearGroup(target);
+    *target = fresh;
+    *pp = target;
+    return true;
+}
+
+} // namespace kova_accounts
+
+// Releases never fail, so they have no fault point (an injected failure
+// would only leak).
+extern "C" void KOVAUserFree(PKOVA_USER pUser) {
+    if (!pUser) return;
+    std::free(pUser->szName);
+    std::free(pUser->szDesc);
+    std::free(pUser->szEmail);
+    std::free(pUser->szHome);
+    std::free(pUser);
+}
+
+extern "C" void KOVAGroupFree(PKOVA_GROUP pGroup) {
+    if (!pGroup) return;
+    std::free(pGroup->szName);
+    std::free(pGroup->szDesc);
+    std::free(pGroup);
+}

@@ -1,0 +1,105 @@
+// User lookups, the internal-account test and password checks.
+#include "account-db.h"
+#include "call-guard.h"
+#include "lookup.h"
+#include "password.h"
+
+#include "kova/account.h"
+
+using namespace kova_accounts;
+
+namespace {
+// Fails with NOUSER when absent, IO when the database failed.
+bool Absent(bool dbError) {
+    if (!dbError) KOVA_FAIL(KOVA_ERR_NOUSER);
+    return false;
+}
+} // namespace
+
+extern "C" int KOVAUserGet(const char *szName, PKOVA_USER *ppUser) {
+    KOVA_FAULT_POINT("KOVAUserGet", int);
+    return Guarded(-1, [&]() -> int {
+        if (!szName || !ppUser) {
+            KOVA_FAIL(KOVA_ERR_BADARG);
+            return -1;
+        }
+        AccountSession s;
+        if (!s.Open()) return -1;
+        bool dbError = false;
+        auto row = FindUser(s, szName, &dbError);
+        if (!row) return Absent(dbError), -1;
+        *ppUser = nullptr;
+        return FillUser(*row, ppUser, false) ? 0 : -1;
+    });
+}
+
+extern "C" int KOVAUserGetByUID(unsigned int uid, PKOVA_USER *ppUser) {
+    KOVA_FAULT_POINT("KOVAUserGetByUID", int);
+    return Guarded(-1, [&]() -> int {
+        if (!ppUser) {
+            KOVA_FAIL(KOVA_ERR_BADARG);
+            return -1;
+        }
+        AccountSession s;
+        if (!s.Open()) return -1;
+        bool dbError = false;
+        auto row = FindUserByUid(s, uid, &dbError);
+        if (!row) return Absent(dbError), -1;
+        return FillUser(*row, ppUser, true) ? 0 : -1;
+    });
+}
+
+extern "C" int KOVAUserIsInternal(const char *szName, unsigned int uid) {
+    KOVA_FAULT_POINT("KOVAUserIsInternal", int);
+    return Guarded(0, [&]() -> int {
+        AccountSession s;
+        if (!s.Open()) return 0;
+        bool dbError = false;
+        bool byName = szName && *szName;
+        auto row = byName ? FindUser(s, szName, &dbError) : FindUserByUid(s, uid, &dbError);
+        if (row) return row->internal ? 1 : 0;
+        Absent(dbError);
+        // An unknown uid below the first user's is a system account all the same.
+        return (!byName && !dbError && uid < KOVA_UID_FIRST_USER) ? 1 : 0;
+    });
+}
+
+extern "C" int KOVAUserGetUGID(const char *szName, int *pUid, int *pGid) {
+    KOVA_FAULT_POINT("KOVAUserGetUGID", int);
+    return Guarded(-1, [&]() -> int {
+        if (!szName) {
+            KOVA_FAIL(KOVA_ERR_BADARG);
+            return -1;
+        }
+        AccountSession s;
+        if (!s.Open()) return -1;
+        bool dbError = false;
+        auto row = FindUser(s, szName, &dbError);
+        if (!row) return Absent(dbError), -1;
+        if (pUid) *pUid = static_cast<int>(row->uid);
+        if (pGid) *pGid = static_cast<int>(row->gid);
+        return 0;
+    });
+}
+
+extern "C" int KOVAUserPasswordCheck(const char *szName, const char *szPassword) {
+    KOVA_FAULT_POINT("KOVAUserPasswordCheck", int);
+    return Guarded(-1, [&]() -> int {
+        if (!szName || !szPassword) {
+            KOVA_FAIL(KOVA_ERR_BADARG);
+            return -1;
+        }
+        AccountSession s;
+        if (!s.Open()) return -1;
+        bool dbError = false;
+        auto row = FindUser(s, szName, &dbError);
+        if (!row) return Absent(dbError), -1;
+        // Disabled accounts and accounts without a password never log in,
+        // and a wrong password reads the same as those to the caller.
+        if (row->disabled || !row->password || !VerifyPassword(*row->password, szPassword)) {
+            KOVA_FAIL(KOVA_ERR_PERM);
+            return -1;
+        }
+        return 0;
+    });
+}

@@ -1,0 +1,70 @@
+/*
+ * Directory-service administration (libkovawins.so.7), for kova-admin and
+ * tests: changes the recorded LDAP and Windows-domain state and reads
+ * accounts from an LDAP server or an LDIF file.
+ *
+ * Contract: every call is noexcept, returns 0 on success and a negative
+ * value on failure with the last error set. State changes are atomic (one
+ * SQLite transaction in <root>/etc/dirsvc.db).
+ */
+#ifndef KOVA_DIRSVC_ADMIN_H
+#define KOVA_DIRSVC_ADMIN_H
+
+#include <functional>
+#include <string>
+#include <vector>
+
+struct KovaLdapConfig {
+    bool bound = false;
+    std::string uri, base, bindDn, password, suffix;
+};
+
+struct KovaDomainState {
+    bool joined = false;
+    bool trusted = false;
+    bool reachable = true;
+    bool ownDc = false;          // the domain controller is this platform's own
+    std::vector<std::string> domains;  // joined domain first
+};
+
+// One account read from a directory.
+struct KovaDirEntry {
+    bool group = false;
+    std::string name, desc, mail, fullname, dn;
+};
+// Returns false to abort the read; the read then fails with the last error
+// that the sink set.
+using KovaDirSink = std::function<bool(const KovaDirEntry &)>;
+
+class KovaDirsvc {
+public:
+    static int LdapGet(KovaLdapConfig &out) noexcept;
+    // Records a binding (bound = yes); uri, base and suffix must not be empty.
+    static int LdapBind(const KovaLdapConfig &cfg) noexcept;
+    static int LdapUnbind() noexcept;
+
+    static int DomainGet(KovaDomainState &out) noexcept;
+    // Flags: "joined", "trusted", "reachable", "own-dc".
+    static int DomainSetFlag(const std::string &flag, bool value) noexcept;
+    // Adds a domain to the list (joined = yes); the first one is the joined
+    // domain. Names: letters, digits, '.', '-', '_', 1..63 bytes.
+    static int DomainAdd(const std::string &name) noexcept;
+    // Removes it; an empty list means not joined.
+    static int DomainRemove(const std::string &name) noexcept;
+    static int OuAdd(const std::string &name, const std::string &detail) noexcept;
+
+    // Simple bind (anonymous when bindDn is empty) to check that the
+    // server answers: KOVA_ERR_DIRSVC when it cannot be reached, KOVA_ERR_PERM
+    // when the credentials are refused.
+    static int LdapProbe(const std::string &uri, const std::string &bindDn, const std::string &password) noexcept;
+    // Reads every user (posixAccount / inetOrgPerson) and group (posixGroup /
+    // groupOfNames) under base, in pages, handing each to sink.
+    static int LdapRead(const std::string &uri, const std::string &base, const std::string &bindDn,
+                        const std::string &password, const KovaDirSink &sink) noexcept;
+    // The same from an LDIF file of entries.
+    static int LdifRead(const std::string &path, const KovaDirSink &sink) noexcept;
+    // True for valid domain names (as DomainAdd takes them).
+    static bool ValidDomainName(const std::string &name) noexcept;
+};
+
+#endif
