@@ -1,0 +1,81 @@
+// The rules table: the path's own rules (editable, in order) and the rules
+// it inherits (marked, read-only), with the thirteen permissions as columns.
+import { PERMISSIONS, inheritSummary, principalLabel } from './model.js';
+
+export function renderHead(tr) {
+  tr.innerHTML = '';
+  const cols = [['Principal'], ['Allow / deny']];
+  for (const [, letter, title] of PERMISSIONS) cols.push([letter, title]);
+  cols.push(['Applies to'], ['Level'], ['Actions']);
+  for (const [text, title] of cols) {
+    const th = document.createElement('th');
+    th.scope = 'col';
+    if (title) {
+      const abbr = document.createElement('abbr');
+      abbr.title = title;
+      abbr.textContent = text;
+      th.append(abbr);
+    } else {
+      th.textContent = text;
+    }
+    tr.append(th);
+  }
+}
+
+function cell(tr, text, cls) {
+  const td = document.createElement('td');
+  if (text !== undefined) td.textContent = text;
+  if (cls) td.className = cls;
+  tr.append(td);
+  return td;
+}
+
+function actionButton(td, label, title, fn, disabled = false) {
+  const b = document.createElement('button');
+  b.type = 'button';
+  b.className = 'act';
+  b.textContent = label;
+  b.setAttribute('aria-label', title);
+  b.title = title;
+  b.disabled = disabled;
+  b.addEventListener('click', fn);
+  td.append(b);
+}
+
+// own: editable rules; inherited: rules from above (shown greyed when the
+// inherit switch is off). actions: {edit(i), remove(i), move(i, delta)}.
+export function renderBody(tbody, own, inherited, inheritOn, editable, actions) {
+  tbody.innerHTML = '';
+  const rows = own.map((r, i) => ({ r, i, inherited: false })).concat(inherited.map((r) => ({ r, inherited: true })));
+  if (!rows.length) {
+    const tr = document.createElement('tr');
+    const td = cell(tr, 'No rules: nobody but the owner and administrators has access.');
+    td.colSpan = PERMISSIONS.length + 5;
+    tbody.append(tr);
+    return;
+  }
+  for (const { r, i, inherited: inh } of rows) {
+    const tr = document.createElement('tr');
+    if (inh) tr.className = inheritOn ? 'inherited' : 'inherited disabled';
+    const who = principalLabel(r.owner_type, r.owner_name);
+    const th = document.createElement('td');
+    th.textContent = who;
+    tr.append(th);
+    cell(tr, r.permission_type === 'deny' ? 'Deny' : 'Allow', r.permission_type === 'deny' ? 'deny' : 'allow');
+    for (const [key, , title] of PERMISSIONS) {
+      const on = !!(r.permission && r.permission[key]);
+      const td = cell(tr, undefined, on ? 'on' : 'off');
+      td.setAttribute('aria-label', `${title}: ${on ? 'yes' : 'no'}`);
+    }
+    cell(tr, inheritSummary(r.inherit || {}));
+    cell(tr, String(r.level || 0));
+    const act = cell(tr);
+    if (!inh && editable) {
+      actionButton(act, '✎', `Edit rule for ${who}`, () => actions.edit(i));
+      actionButton(act, '↑', `Move rule for ${who} up`, () => actions.move(i, -1), i === 0);
+      actionButton(act, '↓', `Move rule for ${who} down`, () => actions.move(i, 1), i === own.length - 1);
+      actionButton(act, '✕', `Delete rule for ${who}`, () => actions.remove(i));
+    }
+    tbody.append(tr);
+  }
+}

@@ -1,0 +1,58 @@
+// Follows a background "set" task: polls its status until it reports the
+// end, showing the path in hand, and stops it on request.
+import { acl } from './api.js';
+import { describe } from './messages.js';
+
+const POLL_MS = 400;
+
+export function runTask(taskId, { box, progress, text, stopButton }) {
+  return new Promise((resolve) => {
+    let stopping = false;
+    let done = false;
+    box.hidden = false;
+    progress.removeAttribute('value');  // indeterminate: the walk's size is not known
+    text.textContent = 'Starting…';
+    stopButton.disabled = false;
+
+    const finish = (result) => {
+      done = true;
+      stopButton.disabled = true;
+      stopButton.onclick = null;
+      progress.value = 1;
+      progress.max = 1;
+      resolve(result);
+    };
+
+    stopButton.onclick = async () => {
+      stopping = true;
+      stopButton.disabled = true;
+      text.textContent = 'Cancelling…';
+      try {
+        await acl('stop', { task_id: taskId });
+      } catch (e) {
+        if (!done) text.textContent = `Cannot cancel: ${describe(e)}`;
+      }
+    };
+
+    const poll = async () => {
+      if (done) return;
+      try {
+        const data = await acl('status', { task_id: taskId });
+        if (data && data.finished) {
+          text.textContent = 'Done.';
+          finish({ ok: true });
+          return;
+        }
+        if (!stopping) text.textContent = data && data.applypath ? `Applying to ${data.applypath}` : 'Working…';
+      } catch (e) {
+        // A stopped task ends with the generic failure code.
+        const cancelled = stopping && e.code === 6200;
+        text.textContent = cancelled ? 'Cancelled. What was already applied stays applied.' : describe(e);
+        finish({ ok: false, cancelled, code: e.code });
+        return;
+      }
+      setTimeout(poll, POLL_MS);
+    };
+    poll();
+  });
+}
