@@ -1,0 +1,133 @@
+// PanoraFileShare: the file-share helper the file-facing handlers use.
+#include "kova/fileshare.h"
+#include "kova/errcode.h"
+#include "kova/klibc.h"
+#include "kova/share.h"
+#include "kova-internal/fault-point.h"
+
+#include "identity-switch.h"
+#include "user-path.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <limits.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+// Every method answers a failure through err_ and the last error; a
+// success clears err_ so WfmLibGetErr always describes the latest call.
+#define WFM_FAIL(wfm, code) (KOVA_FAIL(code), err_ = (wfm), -1)
+
+PanoraFileShare::PanoraFileShare() : err_(KOVA_WFM_ERR_NONE) {}
+PanoraFileShare::~PanoraFileShare() {}
+
+int PanoraFileShare::WfmFullPathGet(const std::string &userPath, std::string &realPath, std::string &shareName,
+                                    std::string &shareRoot, std::string &allowed, const std::string &user) {
+    KOVA_FAULT_POINT("PanoraFileShare::WfmFullPathGet", int);
+    try {
+        kova_fileop::Resolved r;
+        int rc = kova_fileop::Resolve(userPath, user, r);
+        if (rc != KOVA_WFM_ERR_NONE) {
+            err_ = rc;
+            return -1;
+        }
+        realPath = r.realPath;
+        shareName = r.shareName;
+        shareRoot = r.shareRoot;
+        // A read-only share still lets its root's ACL change (that is how
+        // an administrator opens it up); nothing below it.
+        allowed = r.readOnly ? r.shareRoot : std::string();
+        err_ = KOVA_WFM_ERR_NONE;
+        return 0;
+    } catch (...) {
+        return WFM_FAIL(KOVA_WFM_ERR_IO, KOVA_ERR_NOMEM);
+    }
+}
+
+int PanoraFileShare::WfmCheckPath(const std::string &realPath) {
+    KOVA_FAULT_POINT("PanoraFileShare::WfmCheckPath", int);
+    try {
+        if (realPath.empty() || realPath[0] != '/' || realPath.size() >= PATH_MAX)
+            return WFM_FAIL(KOVA_WFM_ERR_BADARG, KOVA_ERR_BADARG);
+        struct stat st;
+        if (lstat(realPath.c_str(), &st) != 0) {
+            if (errno == EACCES) return WFM_FAIL(KOVA_WFM_ERR_PERM, KOVA_ERR_PERM);
+            return WFM_FAIL(KOVA_WFM_ERR_NOENT, KOVA_ERR_NOENT);
+        }
+        char name[KOVA_SHARE_NAME_MAX];
+        char root[PATH_MAX];
+        if (KOVAShareNamePathGet(realPath.c_str(), name, sizeof(name), root, sizeof(root)) < 0)
+            return WFM_FAIL(KOVA_WFM_ERR_BADPATH, KOVA_ERR_BADPATH);
+        std::string parent = realPath.substr(0, realPath.rfind('/'));
+        if (parent.empty()) parent = "/";
+        // The caller must be able to reach the entry through its folder,
+        // judged with the effective ids the caller acts with.
+        if (faccessat(AT_FDCWD, parent.c_str(), X_OK, AT_EACCESS) != 0)
+            return WFM_FAIL(KOVA_WFM_ERR_PERM, KOVA_ERR_PERM);
+        err_ = KOVA_WFM_ERR_NONE;
+        return 0;
+    } catch (...) {
+        return WFM_FAIL(KOVA_WFM_ERR_IO, KOVA_ERR_NOMEM);
+    }
+}
+
+bool PanoraFileShare::IsDirUserHome(const std::string &shareName, int flags) {
+    KOVA_FAULT_POINT_BOOL("PanoraFileShare::IsDirUserHome");
+    // Only the caller's own home is reported as "home"; a folder reached
+    // through the share "homes" belongs to whoever it is named after.
+    return shareName == kova_fileop::kHomeName;
+}
+
+int PanoraFileShare::WfmLibGetPrivilege(const std::string &userPath, const std::string &user,
+                                        const std::string &sessionId, int *pPrivilege, int *pFlags) {
+    KOVA_FAULT_POINT("PanoraFileShare::WfmLibGetPrivilege", int);
+    try {
+        if (!pPrivilege || !pFlags || user.empty()) return WFM_FAIL(KOVA_WFM_ERR_BADARG, KOVA_ERR_BADARG);
+        kova_fileop::Resolved r;
+        int rc = kova_fileop::Resolve(userPath, user, r);
+        if (rc != KOVA_WFM_ERR_NONE) {
+            err_ = rc;
+            return -1;
+        }
+        int flags = r.readOnly ? KOVA_WFM_PRIV_FLAG_READONLY : 0;
+        int priv = KOVA_SHARE_PRIV_NONE;
+        if (r.isHome) {
+            // Users own their home outright, whatever "homes" grants.
+            priv = KOVA_SHARE_PRIV_RW;
+            flags |= KOVA_WFM_PRIV_FLAG_HOME;
+        } else if (KOVASharePrivGet(r.recordShare.c_str(), user.c_str(), &priv) < 0) {
+            int code = KLIBCErrGet();
+            return WFM_FAIL(KOVA_WFM_ERR_PRIVILEGE, code ? code : KOVA_ERR_IO);
+        }
+        *pPrivilege = priv;
+        *pFlags = flags;
+        err_ = KOVA_WFM_ERR_NONE;
+        return 0;
+    } catch (...) {
+        return WFM_FAIL(KOVA_WFM_ERR_IO, KOVA_ERR_NOMEM);
+    }
+}
+
+int PanoraFileShare::WfmLibUGIDSet(const std::string &sessionId, const std::string &user) {
+    KOVA_FAULT_POINT("PanoraFileShare::WfmLibUGIDSet", int);
+    try {
+        uid_t uid;
+        gid_t gid;
+        std::vector<gid_t> groups;
+        int rc = kova_fileop::LookupIdentity(user, uid, gid, groups);
+        if (rc == KOVA_WFM_ERR_NONE) rc = kova_fileop::SwitchTo(uid, gid, groups);
+        if (rc != KOVA_WFM_ERR_NONE) {
+            err_ = rc;
+            return -1;
+        }
+        err_ = KOVA_WFM_ERR_NONE;
+        return 0;
+    } catch (...) {
+        return WFM_FAIL(KOVA_WFM_ERR_IO, KOVA_ERR_NOMEM);
+    }
+}
+
+int PanoraFileShare::WfmLibGetErr() const {
+    KOVA_FAULT_POINT("PanoraFileShare::WfmLibGetErr", int);
+    return err_;
+}
