@@ -105,7 +105,8 @@ extern "C" int KOVAACLSet(const char *szPath, int fd, const KOVA_ACL *pAcl) {
     PathState s;
     // Root may overwrite a damaged record; everyone else needs it readable to
     // be judged.
-    if (!root.ok() || !LoadPathState(szPath, s, caller.isRoot)) return -1;
+    const unsigned flags = caller.isRoot ? (kSkipInherited | kIgnoreCorruptOwn) : kLoadAll;
+    if (!root.ok() || !LoadPathState(szPath, s, flags)) return -1;
     if (!Holds(s, caller, KOVA_ACL_PERM_WRITE_ACL)) {
         KOVA_FAIL(KOVA_ERR_ACL_DENIED);
         return -1;
@@ -127,7 +128,8 @@ extern "C" int KOVAACLRemove(const char *szPath, int fd) {
     Principal caller = Principal::Caller();
     Elevation root;
     PathState s;
-    if (!root.ok() || !LoadPathState(szPath, s, caller.isRoot)) return -1;
+    if (!root.ok() || !LoadPathState(szPath, s, caller.isRoot ? (kSkipInherited | kIgnoreCorruptOwn) : kLoadAll))
+        return -1;
     if (!Holds(s, caller, KOVA_ACL_PERM_WRITE_ACL)) {
         KOVA_FAIL(KOVA_ERR_ACL_DENIED);
         return -1;

@@ -26,17 +26,18 @@ uint32_t PathState::RightsOf(const Principal &p) const {
     return EffectiveRights(p, owner, Complete(), target.BelowShareRoot());
 }
 
-bool LoadPathState(const char *szPath, PathState &out, bool ignoreCorruptOwn) {
+bool LoadPathState(const char *szPath, PathState &out, unsigned flags) {
     if (!ResolveTarget(szPath, out.target)) return false;
     bool present = false;
     if (!ReadStored(out.target.path, out.own, present)) {
-        if (!(ignoreCorruptOwn && KLIBCErrGet() == KOVA_ERR_CORRUPT)) return false;
+        if (!((flags & kIgnoreCorruptOwn) && KLIBCErrGet() == KOVA_ERR_CORRUPT)) return false;
         out.own = StoredAcl();
         present = false;
     }
     out.stored = present;
     out.inherited.clear();
-    if (present && out.own.inherits && !CollectInherited(out.target, out.inherited)) return false;
+    if (present && out.own.inherits && !(flags & kSkipInherited) && !CollectInherited(out.target, out.inherited))
+        return false;
     if (present && out.own.hasGroupOwner) {
         out.owner.idType = KOVA_ACL_ID_GROUP;
         out.owner.id = static_cast<int>(out.own.ownerGid);

@@ -27,9 +27,17 @@ struct PathState {
     uint32_t RightsOf(const Principal &p) const;
 };
 
-// False with the last error set. With ignoreCorruptOwn a malformed record of
-// the path itself reads as "not stored" (root rewriting or removing it).
-bool LoadPathState(const char *szPath, PathState &out, bool ignoreCorruptOwn = false);
+// Load options. Root's rights do not depend on entries, so a call made by
+// root that only needs the rights can skip the ancestors (a damaged ancestor
+// then does not block it) and may replace a damaged record of the path.
+enum LoadFlags : unsigned {
+    kLoadAll = 0,
+    kSkipInherited = 0x1,     // leave `inherited` empty
+    kIgnoreCorruptOwn = 0x2,  // a malformed own record reads as "not stored"
+};
+
+// False with the last error set.
+bool LoadPathState(const char *szPath, PathState &out, unsigned flags = kLoadAll);
 
 // Root for its lifetime; ok() false (last error KOVA_ERR_PERM) when the
 // process cannot raise its ids.

@@ -1,0 +1,85 @@
+#include "acl-fixture.h"
+
+#include "kova/acl.h"
+#include "kova/klibc.h"
+#include "kova/share.h"
+
+#include <sys/stat.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+
+namespace kova_acl_test {
+
+void AclFixture::SetUp() {
+    share_ = root_.At("volumes/volume1/data");
+    ASSERT_TRUE(kova_test::MakeDirs(share_));
+    chmod(share_.c_str(), 0777);
+    KOVA_SHARE s;
+    std::memset(&s, 0, sizeof s);
+    std::snprintf(s.szName, sizeof s.szName, "data");
+    std::snprintf(s.szPath, sizeof s.szPath, "%s", share_.c_str());
+    s.supportAcl = 1;
+    s.aclStatus = 1;
+    s.defaultPriv = KOVA_SHARE_PRIV_RW;
+    ASSERT_EQ(KOVAShareSet(&s), 0);
+}
+
+void AclFixture::Dir(const std::string &path) {
+    ASSERT_TRUE(kova_test::MakeDirs(path));
+    chmod(path.c_str(), 0777);
+}
+
+void AclFixture::File(const std::string &path) {
+    ASSERT_TRUE(kova_test::WriteFile(path, "x"));
+    chmod(path.c_str(), 0666);
+}
+
+int AclFixture::SetAcl(const std::string &path, const std::vector<std::string> &entries, bool inherits) {
+    PKOVA_ACL acl = KOVAACLAlloc(0);
+    if (!acl) return -100;
+    acl->isInherited = inherits ? 1 : 0;
+    for (const auto &text : entries) {
+        PKOVA_ACL_ENTRY e = KOVAACLAceAlloc();
+        if (!e || KOVAACLAceParse(text.c_str(), e) < 0 || KOVAACLAceAppend(acl, e) < 0) {
+            ADD_FAILURE() << "bad test entry " << text;
+            KOVAACLAceFree(e);
+            KOVAACLFree(acl);
+            return -100;
+        }
+    }
+    int rc = KOVAACLSet(path.c_str(), -1, acl);
+    KOVAACLFree(acl);
+    return rc;
+}
+
+bool AclFixture::GetAcl(const std::string &path, int selector, std::vector<std::string> &out, bool *inherits) {
+    out.clear();
+    PKOVA_ACL acl = nullptr;
+    if (KOVAACLGet(path.c_str(), -1, selector, &acl) < 0) return false;
+    int n = 0;
+    for (PKOVA_ACL_ENTRY e = acl->pHead; e; e = e->pNext, ++n) {
+        char buf[128];
+        EXPECT_GT(KOVAACLAcePrint(e, buf, sizeof buf), 0);
+        out.push_back(buf);
+    }
+    EXPECT_EQ(n, acl->aceCount);
+    if (inherits) *inherits = acl->isInherited != 0;
+    KOVAACLFree(acl);
+    return true;
+}
+
+std::string RawRecord(const std::string &path) {
+    char buf[8192];
+    ssize_t n = lgetxattr(path.c_str(), "trusted.kova.acl", buf, sizeof buf);
+    return n < 0 ? std::string() : std::string(buf, static_cast<size_t>(n));
+}
+
+bool WriteRawRecord(const std::string &path, const std::string &bytes) {
+    return lsetxattr(path.c_str(), "trusted.kova.acl", bytes.data(), bytes.size(), 0) == 0;
+}
+
+} // namespace kova_acl_test

@@ -1,0 +1,43 @@
+// A platform root with one share ("data" at <root>/volumes/volume1/data) and
+// helpers that write and read ACLs in the library's whole-entry text form
+// ("user:1030:allow:r------------:fd--", level optional).
+#ifndef KOVA_TEST_ACL_FIXTURE_H
+#define KOVA_TEST_ACL_FIXTURE_H
+
+#include "temp-root.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace kova_acl_test {
+
+class AclFixture : public ::testing::Test {
+protected:
+    void SetUp() override;
+
+    std::string Share() const { return share_; }
+    std::string In(const std::string &rel) const { return share_ + "/" + rel; }
+
+    // Creates a folder or file (mode 0777 / 0666, owned by root).
+    void Dir(const std::string &path);
+    void File(const std::string &path);
+
+    // Stores an ACL; returns KOVAACLSet's result.
+    int SetAcl(const std::string &path, const std::vector<std::string> &entries, bool inherits = true);
+    // Reads with a selector; entries printed "type:id:access:perm:inherit:level".
+    // Returns false when KOVAACLGet fails.
+    bool GetAcl(const std::string &path, int selector, std::vector<std::string> &out, bool *inherits = nullptr);
+
+    kova_test::TempRoot root_;
+    std::string share_;
+};
+
+// The raw stored record of a path ("" when there is none).
+std::string RawRecord(const std::string &path);
+bool WriteRawRecord(const std::string &path, const std::string &bytes);
+
+} // namespace kova_acl_test
+
+#endif

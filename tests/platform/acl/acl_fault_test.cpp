@@ -1,0 +1,102 @@
+// A failure at any platform call inside KOVAACLSet or KOVAACLOwnerIdSet
+// leaves the stored state either as it was or as asked, never in between.
+#include "acl-fixture.h"
+
+#include "kova/acl.h"
+#include "kova/errcode.h"
+#include "kova/fault.h"
+#include "kova/klibc.h"
+
+#include <sys/stat.h>
+
+#include <string>
+#include <vector>
+
+namespace {
+
+using kova_acl_test::AclFixture;
+using V = std::vector<std::string>;
+
+class AclFault : public AclFixture {
+protected:
+    void TearDown() override { KLIBCFaultClearAll(); }
+};
+
+TEST_F(AclFault, SetFailingAtEachCallLeavesOldOrNew) {
+    Dir(In("d"));
+    File(In("d/f"));
+    ASSERT_EQ(SetAcl(In("d"), {"group:2000:allow:r------------:fd--"}), 0);
+    const V oldOwn = {"user:1030:allow:r------------:----:0", "everyone:-1:deny:-w-----------:----:0"};
+    ASSERT_EQ(SetAcl(In("d/f"), {"user:1030:allow:r------------:----", "everyone:-1:deny:-w-----------:----"}, false), 0);
+    const V newOwn = {"user:1031:allow:rwxpdDaARWcCo:----:0", "group:2001:deny:r------------:----:0",
+                      "system:-1:allow:r------------:----:0"};
+
+    // Built before any fault is armed: only the set itself may fail.
+    PKOVA_ACL next = KOVAACLAlloc(0);
+    ASSERT_NE(next, nullptr);
+    next->isInherited = 1;
+    for (const char *text : {"user:1031:allow:rwxpdDaARWcCo:----", "group:2001:deny:r------------:----",
+                             "system:-1:allow:r------------:----"}) {
+        PKOVA_ACL_ENTRY e = KOVAACLAceAlloc();
+        ASSERT_EQ(KOVAACLAceParse(text, e), 0);
+        ASSERT_EQ(KOVAACLAceAppend(next, e), 0);
+    }
+
+    int failures = 0;
+    bool succeeded = false;
+    for (int n = 1; n < 200 && !succeeded; ++n) {
+        KLIBCFaultClearAll();
+        ASSERT_EQ(KLIBCFaultSet("*", n, -1, KOVA_ERR_FAULT), 0);
+        int rc = KOVAACLSet(In("d/f").c_str(), -1, next);
+        KLIBCFaultClearAll();
+        V own;
+        bool inherits = false;
+        ASSERT_TRUE(GetAcl(In("d/f"), KOVA_ACL_GET_OWN, own, &inherits)) << "call " << n;
+        if (rc == 0) {
+            EXPECT_EQ(own, newOwn) << "call " << n;
+            EXPECT_TRUE(inherits);
+            succeeded = true;
+        } else {
+            ++failures;
+            EXPECT_EQ(own, oldOwn) << "call " << n;
+            EXPECT_FALSE(inherits) << "call " << n;
+        }
+    }
+    KOVAACLFree(next);
+    EXPECT_TRUE(succeeded);
+    EXPECT_GE(failures, 2);  // the set itself and at least one call inside it
+    V all;
+    ASSERT_TRUE(GetAcl(In("d/f"), KOVA_ACL_GET_ALL, all));
+    EXPECT_EQ(all.back(), "group:2000:allow:r------------:fd--:1");
+}
+
+TEST_F(AclFault, OwnerChangeFailingAtEachCallLeavesOldOrNew) {
+    File(In("f"));
+    ASSERT_EQ(SetAcl(In("f"), {"everyone:-1:allow:r------------:----"}), 0);
+    KOVA_ACL_ID group{KOVA_ACL_ID_GROUP, 2000};
+    ASSERT_EQ(KOVAACLOwnerIdSet(In("f").c_str(), &group), 0);
+    bool succeeded = false;
+    for (int n = 1; n < 200 && !succeeded; ++n) {
+        KLIBCFaultClearAll();
+        ASSERT_EQ(KLIBCFaultSet("*", n, -1, KOVA_ERR_FAULT), 0);
+        KOVA_ACL_ID user{KOVA_ACL_ID_USER, 1030};
+        int rc = KOVAACLOwnerIdSet(In("f").c_str(), &user);
+        KLIBCFaultClearAll();
+        KOVA_ACL_ID now;
+        ASSERT_EQ(KOVAACLOwnerIdGet(In("f").c_str(), &now), 0);
+        struct stat st;
+        ASSERT_EQ(lstat(In("f").c_str(), &st), 0);
+        if (rc == 0) {
+            EXPECT_EQ(now.idType, KOVA_ACL_ID_USER);
+            EXPECT_EQ(now.id, 1030);
+            succeeded = true;
+        } else {
+            EXPECT_EQ(now.idType, KOVA_ACL_ID_GROUP) << "call " << n;
+            EXPECT_EQ(now.id, 2000) << "call " << n;
+            EXPECT_EQ(st.st_uid, 0u) << "call " << n;
+        }
+    }
+    EXPECT_TRUE(succeeded);
+}
+
+} // namespace

@@ -1,0 +1,185 @@
+// Enforcement of the calling identity's rights: reading needs read_perm,
+// writing needs change_perm, owner changes need take_ownership and may only
+// name the caller or its groups; root passes; administrators pass below a
+// share root but not at it.
+#include "acl-fixture.h"
+
+#include "as-identity.h"
+#include "kova/account.h"
+#include "kova/acl.h"
+#include "kova/errcode.h"
+#include "kova/klibc.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <string>
+
+namespace {
+
+using kova_acl_test::AclFixture;
+using kova_test::Identity;
+using kova_test::RunAs;
+
+const Identity kAlice{1030, 1030, {2000}};
+const Identity kBob{1031, 1031, {2000}};
+const Identity kAdmin{1040, 1040, {KOVA_ADMIN_GID}};
+
+// Outcome codes of a call made in a child: 0 success, else the high byte of
+// the last error (0x03 permission, 0xD8 ACL write refused, 0x24 owner change).
+int Code(int rc) { return rc < 0 ? (KLIBCErrGet() >> 8) : 0; }
+
+int ReadAcl(const std::string &p) {
+    PKOVA_ACL acl = nullptr;
+    int rc = KOVAACLGet(p.c_str(), -1, KOVA_ACL_GET_ALL, &acl);
+    KOVAACLFree(acl);
+    return Code(rc);
+}
+
+int WriteAcl(const std::string &p, const char *entry) {
+    PKOVA_ACL acl = KOVAACLAlloc(0);
+    PKOVA_ACL_ENTRY e = KOVAACLAceAlloc();
+    KOVAACLAceParse(entry, e);
+    KOVAACLAceAppend(acl, e);
+    int rc = KOVAACLSet(p.c_str(), -1, acl);
+    KOVAACLFree(acl);
+    return Code(rc);
+}
+
+int SetOwner(const std::string &p, int idType, int id) {
+    KOVA_ACL_ID o{idType, id};
+    return Code(KOVAACLOwnerIdSet(p.c_str(), &o));
+}
+
+class AclIdentity : public AclFixture {};
+
+TEST_F(AclIdentity, ReadNeedsReadPermAndWriteNeedsChangePerm) {
+    File(In("f"));
+    ASSERT_EQ(SetAcl(In("f"), {"everyone:-1:allow:r------------:----"}), 0);
+    EXPECT_EQ(RunAs(kAlice, [&] { return ReadAcl(In("f")); }), 0x03);
+    EXPECT_EQ(RunAs(kAlice, [&] { return WriteAcl(In("f"), "user:1030:allow:rwxpdDaARWcCo:----"); }), 0xD8);
+    EXPECT_EQ(RunAs(kAlice, [&] { return KOVAACLPermCheck(In("f").c_str(), KOVA_ACL_PERM_READ_DATA); }), 1);
+    EXPECT_EQ(RunAs(kAlice, [&] {
+                  int rc = KOVAACLPermCheck(In("f").c_str(), KOVA_ACL_PERM_WRITE_ACL);
+                  return rc == 0 && KLIBCErrGet() == KOVA_ERR_PERM ? 7 : 1;
+              }),
+              7);
+
+    // read_perm through a group entry lets Alice read but still not write.
+    ASSERT_EQ(SetAcl(In("f"), {"group:2000:allow:----------c--:----"}), 0);
+    EXPECT_EQ(RunAs(kAlice, [&] { return ReadAcl(In("f")); }), 0);
+    EXPECT_EQ(RunAs(kAlice, [&] { return WriteAcl(In("f"), "user:1030:allow:rwxpdDaARWcCo:----"); }), 0xD8);
+
+    // A deny in the same level wins even when listed after the allow.
+    ASSERT_EQ(SetAcl(In("f"), {"group:2000:allow:----------cC-:----", "user:1030:deny:----------c--:----"}), 0);
+    EXPECT_EQ(RunAs(kAlice, [&] { return ReadAcl(In("f")); }), 0x03);
+    EXPECT_EQ(RunAs(kBob, [&] { return ReadAcl(In("f")); }), 0);
+
+    // change_perm lets the write through, and it is stored.
+    ASSERT_EQ(SetAcl(In("f"), {"user:1030:allow:-----------C-:----"}), 0);
+    EXPECT_EQ(RunAs(kAlice, [&] { return WriteAcl(In("f"), "user:1030:allow:rwxpdDaARWcCo:----"); }), 0);
+    EXPECT_EQ(RunAs(kAlice, [&] { return ReadAcl(In("f")); }), 0);
+    EXPECT_EQ(RunAs(kAlice, [&] { return Code(KOVAACLRemove(In("f").c_str(), -1)); }), 0);
+}
+
+TEST_F(AclIdentity, OwnerKeepsImplicitRightsThatNoEntryRemoves) {
+    File(In("f"));
+    ASSERT_EQ(chown(In("f").c_str(), 1030, 1030), 0);
+    ASSERT_EQ(SetAcl(In("f"), {"everyone:-1:deny:rwxpdDaARWcCo:----"}), 0);
+    EXPECT_EQ(RunAs(kAlice, [&] {
+                  unsigned int perm = 0;
+                  return KOVAACLPermGet(In("f").c_str(), &perm) == 0 && perm == KOVA_ACL_PERM_OWNER_IMPLICIT ? 0 : 1;
+              }),
+              0);
+    EXPECT_EQ(RunAs(kAlice, [&] { return ReadAcl(In("f")); }), 0);
+    EXPECT_EQ(RunAs(kAlice, [&] { return WriteAcl(In("f"), "everyone:-1:allow:r------------:----"); }), 0);
+    EXPECT_EQ(RunAs(kBob, [&] { return ReadAcl(In("f")); }), 0x03);  // everyone r, no c
+    EXPECT_EQ(RunAs(kBob, [&] { return KOVAACLPermCheck(In("f").c_str(), KOVA_ACL_PERM_READ_ACL); }), 0);
+}
+
+TEST_F(AclIdentity, RootAndAdministratorsAndTheShareRootException) {
+    Dir(In("d"));
+    ASSERT_EQ(SetAcl(In("d"), {"everyone:-1:deny:rwxpdDaARWcCo:----"}), 0);
+    ASSERT_EQ(SetAcl(Share(), {"everyone:-1:deny:rwxpdDaARWcCo:----"}), 0);
+    // Below the share root an administrator holds every right.
+    EXPECT_EQ(RunAs(kAdmin, [&] { return ReadAcl(In("d")); }), 0);
+    EXPECT_EQ(RunAs(kAdmin, [&] { return WriteAcl(In("d"), "everyone:-1:deny:rwxpdDaARWcCo:----"); }), 0);
+    EXPECT_EQ(RunAs(kAdmin, [&] {
+                  unsigned int perm = 0;
+                  return KOVAACLPermGet(In("d").c_str(), &perm) == 0 && perm == KOVA_ACL_PERM_ALL ? 0 : 1;
+              }),
+              0);
+    // At the share root (also written with a trailing slash) only the entries decide.
+    EXPECT_EQ(RunAs(kAdmin, [&] { return ReadAcl(Share()); }), 0x03);
+    EXPECT_EQ(RunAs(kAdmin, [&] { return ReadAcl(Share() + "/"); }), 0x03);
+    EXPECT_EQ(RunAs(kAdmin, [&] { return WriteAcl(Share(), "everyone:-1:allow:rwxpdDaARWcCo:----"); }), 0xD8);
+    // A plain user is refused below the root too.
+    EXPECT_EQ(RunAs(kAlice, [&] { return ReadAcl(In("d")); }), 0x03);
+    // Root passes everywhere.
+    EXPECT_EQ(ReadAcl(Share()), 0);
+    EXPECT_EQ(WriteAcl(Share(), "everyone:-1:allow:rwxpdDaARWcCo:fd--"), 0);
+}
+
+TEST_F(AclIdentity, OwnerChangeRules) {
+    File(In("f"));
+    ASSERT_EQ(SetAcl(In("f"), {"everyone:-1:allow:r------------:----"}), 0);
+    EXPECT_EQ(RunAs(kAlice, [&] { return SetOwner(In("f"), KOVA_ACL_ID_USER, 1030); }), 0x03);
+
+    ASSERT_EQ(SetAcl(In("f"), {"user:1030:allow:------------o:----", "user:1031:allow:------------o:----"}), 0);
+    // Another user, or a group Alice is not in: refused.
+    EXPECT_EQ(RunAs(kAlice, [&] { return SetOwner(In("f"), KOVA_ACL_ID_USER, 1031); }), 0x24);
+    EXPECT_EQ(RunAs(kAlice, [&] { return SetOwner(In("f"), KOVA_ACL_ID_GROUP, 2001); }), 0x24);
+    struct stat st;
+    ASSERT_EQ(lstat(In("f").c_str(), &st), 0);
+    EXPECT_EQ(st.st_uid, 0u);
+    // Herself: the file's uid changes.
+    EXPECT_EQ(RunAs(kAlice, [&] { return SetOwner(In("f"), KOVA_ACL_ID_USER, 1030); }), 0);
+    ASSERT_EQ(lstat(In("f").c_str(), &st), 0);
+    EXPECT_EQ(st.st_uid, 1030u);
+    // One of her groups: recorded as the owner, and its members hold the
+    // owner's implicit rights.
+    EXPECT_EQ(RunAs(kAlice, [&] { return SetOwner(In("f"), KOVA_ACL_ID_GROUP, 2000); }), 0);
+    KOVA_ACL_ID owner;
+    ASSERT_EQ(KOVAACLOwnerIdGet(In("f").c_str(), &owner), 0);
+    EXPECT_EQ(owner.idType, KOVA_ACL_ID_GROUP);
+    EXPECT_EQ(owner.id, 2000);
+    EXPECT_EQ(RunAs(kBob, [&] { return ReadAcl(In("f")); }), 0);
+    // Naming a user again replaces the group owner.
+    EXPECT_EQ(RunAs(kBob, [&] { return SetOwner(In("f"), KOVA_ACL_ID_USER, 1031); }), 0);
+    ASSERT_EQ(KOVAACLOwnerIdGet(In("f").c_str(), &owner), 0);
+    EXPECT_EQ(owner.idType, KOVA_ACL_ID_USER);
+    EXPECT_EQ(owner.id, 1031);
+    // An administrator may name anyone below a share root.
+    EXPECT_EQ(RunAs(kAdmin, [&] { return SetOwner(In("f"), KOVA_ACL_ID_USER, 4242); }), 0);
+    ASSERT_EQ(KOVAACLOwnerIdGet(In("f").c_str(), &owner), 0);
+    EXPECT_EQ(owner.id, 4242);
+}
+
+TEST_F(AclIdentity, GroupOwnerOnModeBitPathConvertsItToAclMode) {
+    File(In("g"));
+    chmod(In("g").c_str(), 0640);
+    ASSERT_EQ(SetOwner(In("g"), KOVA_ACL_ID_GROUP, 2000), 0);
+    EXPECT_EQ(KOVAACLIsSupport(In("g").c_str(), -1, KOVA_ACL_SUPPORT_MODE), 1);
+    std::vector<std::string> got;
+    ASSERT_TRUE(GetAcl(In("g"), KOVA_ACL_GET_OWN, got));
+    EXPECT_EQ(got, std::vector<std::string>({"owner:-1:allow:rw-pdDaARWc--:----:0", "group:0:allow:r-----a-R-c--:----:0",
+                                             "everyone:-1:allow:-------------:----:0"}));
+}
+
+TEST_F(AclIdentity, PrincipalClassesForFixedEntries) {
+    File(In("f"));
+    ASSERT_EQ(SetAcl(In("f"), {"authenticated_user:-1:allow:r------------:----", "system:-1:allow:-w-----------:----"}),
+              0);
+    auto perm = [&](uid_t uid) {
+        return RunAs(Identity{uid, uid, {}}, [&] {
+            unsigned int p = 0;
+            return KOVAACLPermGet(In("f").c_str(), &p) == 0 ? static_cast<int>(p) : 255;
+        });
+    };
+    EXPECT_EQ(perm(1024), 1);
+    EXPECT_EQ(perm(1025), 0);  // the guest is not an authenticated user
+    EXPECT_EQ(perm(1026), 1);
+    EXPECT_EQ(perm(999), 2);
+}
+
+} // namespace

@@ -1,0 +1,130 @@
+// Dynamic inheritance: entries that ancestors pass down, with their levels,
+// where the chain ends, and how f, d, i and n carry an entry.
+#include "acl-fixture.h"
+
+#include "kova/acl.h"
+#include "kova/errcode.h"
+#include "kova/klibc.h"
+#include "as-identity.h"
+
+#include <string>
+#include <vector>
+
+namespace {
+
+using kova_acl_test::AclFixture;
+using V = std::vector<std::string>;
+
+class AclInherit : public AclFixture {
+protected:
+    // share root -> a -> b -> f (file); every path stores an ACL, the three
+    // below the root inherit.
+    void BuildTree() {
+        Dir(In("a/b"));
+        File(In("a/b/f"));
+        ASSERT_EQ(SetAcl(Share(), {"group:2000:allow:r------------:fd--"}), 0);
+        ASSERT_EQ(SetAcl(In("a"), {"user:1030:allow:-w-----------:fd--"}), 0);
+        ASSERT_EQ(SetAcl(In("a/b"), {"user:1031:allow:--x----------:f---"}), 0);
+        ASSERT_EQ(SetAcl(In("a/b/f"), {"everyone:-1:allow:------a------:----"}), 0);
+    }
+    V Get(const std::string &path, int selector) {
+        V out;
+        EXPECT_TRUE(GetAcl(path, selector, out)) << path << std::hex << " 0x" << KLIBCErrGet();
+        return out;
+    }
+};
+
+TEST_F(AclInherit, SelectorsListOwnAndInheritedEntriesWithLevels) {
+    BuildTree();
+    const V own = {"everyone:-1:allow:------a------:----:0"};
+    const V inherited = {"user:1031:allow:--x----------:f---:1", "user:1030:allow:-w-----------:fd--:2",
+                         "group:2000:allow:r------------:fd--:3"};
+    V all = own;
+    all.insert(all.end(), inherited.begin(), inherited.end());
+    EXPECT_EQ(Get(In("a/b/f"), KOVA_ACL_GET_ALL), all);
+    EXPECT_EQ(Get(In("a/b/f"), KOVA_ACL_GET_OWN), own);
+    EXPECT_EQ(Get(In("a/b/f"), KOVA_ACL_GET_INHERITED), inherited);
+    // The share root is where the chain ends, whatever its own flag says.
+    EXPECT_EQ(Get(Share(), KOVA_ACL_GET_INHERITED), V());
+}
+
+TEST_F(AclInherit, AncestorThatDoesNotInheritContributesAndCutsTheChain) {
+    BuildTree();
+    ASSERT_EQ(SetAcl(In("a"), {"user:1030:allow:-w-----------:fd--"}, false), 0);
+    EXPECT_EQ(Get(In("a/b/f"), KOVA_ACL_GET_INHERITED),
+              V({"user:1031:allow:--x----------:f---:1", "user:1030:allow:-w-----------:fd--:2"}));
+}
+
+TEST_F(AclInherit, AncestorWithoutStoredAclEndsTheChain) {
+    BuildTree();
+    ASSERT_EQ(KOVAACLRemove(In("a/b").c_str(), -1), 0);
+    EXPECT_EQ(Get(In("a/b/f"), KOVA_ACL_GET_INHERITED), V());
+}
+
+TEST_F(AclInherit, PathThatDoesNotInheritGetsNothing) {
+    BuildTree();
+    ASSERT_EQ(SetAcl(In("a/b/f"), {"everyone:-1:allow:------a------:----"}, false), 0);
+    EXPECT_EQ(Get(In("a/b/f"), KOVA_ACL_GET_INHERITED), V());
+}
+
+class AclPassDown : public AclFixture {
+protected:
+    // share root with a folder D (holding folder E and file G) and a file F;
+    // everything below the root inherits and has no entries of its own.
+    void SetUp() override {
+        AclFixture::SetUp();
+        Dir(In("D/E"));
+        File(In("D/G"));
+        File(In("F"));
+        for (const char *p : {"D", "D/E", "D/G", "F"}) ASSERT_EQ(SetAcl(In(p), {}), 0);
+    }
+    // Stores one root entry with the given inherit letters and returns what
+    // reaches D, E, G and F (their inherited entries, "perm-less" summary
+    // "inherit:level", "" when nothing arrives).
+    V Reach(const std::string &inherit) {
+        EXPECT_EQ(SetAcl(Share(), {"user:1030:allow:r------------:" + inherit}), 0);
+        V out;
+        for (const char *p : {"D", "D/E", "D/G", "F"}) {
+            V got;
+            EXPECT_TRUE(GetAcl(In(p), KOVA_ACL_GET_INHERITED, got));
+            std::string s;
+            for (const auto &e : got) s += (s.empty() ? "" : ",") + e.substr(e.size() - 6);
+            out.push_back(s);
+        }
+        return out;
+    }
+};
+
+TEST_F(AclPassDown, FileAndFolderFlags) {
+    //                      D            E            G            F
+    EXPECT_EQ(Reach("f---"), V({"f-i-:1", "f-i-:2", "f---:2", "f---:1"}));
+    EXPECT_EQ(Reach("-d--"), V({"-d--:1", "-d--:2", "", ""}));
+    EXPECT_EQ(Reach("fd--"), V({"fd--:1", "fd--:2", "fd--:2", "fd--:1"}));
+    EXPECT_EQ(Reach("----"), V({"", "", "", ""}));
+}
+
+TEST_F(AclPassDown, NoPropagateStopsAfterOneLevel) {
+    EXPECT_EQ(Reach("fd-n"), V({"---n:1", "", "", "---n:1"}));
+    EXPECT_EQ(Reach("-d-n"), V({"---n:1", "", "", ""}));
+    EXPECT_EQ(Reach("f--n"), V({"", "", "", "---n:1"}));
+}
+
+TEST_F(AclPassDown, InheritOnlyPassesWithoutApplyingToItsHolder) {
+    EXPECT_EQ(Reach("fdi-"), V({"fd--:1", "fd--:2", "fd--:2", "fd--:1"}));
+    // The root's own inherit-only entry grants nothing at the root; the
+    // copies below do.
+    kova_test::Identity user{1030, 1030, {}};
+    auto has = [&](const std::string &p) {
+        return kova_test::RunAs(user, [&] { return KOVAACLPermCheck(p.c_str(), KOVA_ACL_PERM_READ_DATA); });
+    };
+    ASSERT_EQ(SetAcl(Share(), {"user:1030:allow:r------------:fdi-"}), 0);
+    EXPECT_EQ(has(Share()), 0);
+    EXPECT_EQ(has(In("D")), 1);
+    EXPECT_EQ(has(In("D/G")), 1);
+    // A folder's inherit-only copy (f without d) does not apply to the folder.
+    ASSERT_EQ(SetAcl(Share(), {"user:1030:allow:r------------:f---"}), 0);
+    EXPECT_EQ(has(In("D")), 0);
+    EXPECT_EQ(has(In("D/G")), 1);
+}
+
+} // namespace

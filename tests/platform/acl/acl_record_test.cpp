@@ -1,0 +1,164 @@
+// The stored record: damage of any kind is an error, never an empty or
+// partial ACL; the entry limit is what one ext4 attribute value holds.
+#include "acl-fixture.h"
+
+#include "kova/acl.h"
+#include "kova/errcode.h"
+#include "kova/klibc.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+namespace {
+
+using kova_acl_test::AclFixture;
+using kova_acl_test::RawRecord;
+using kova_acl_test::WriteRawRecord;
+
+class AclRecord : public AclFixture {};
+
+// Reads through every call that trusts the record; each must fail with
+// KOVA_ERR_CORRUPT.
+void ExpectCorrupt(const std::string &path, const std::string &what) {
+    PKOVA_ACL acl = nullptr;
+    EXPECT_LT(KOVAACLGet(path.c_str(), -1, KOVA_ACL_GET_ALL, &acl), 0) << what;
+    EXPECT_EQ(KLIBCErrGet(), KOVA_ERR_CORRUPT) << what;
+    EXPECT_EQ(acl, nullptr) << what;
+    unsigned int perm = 0;
+    EXPECT_LT(KOVAACLPermGet(path.c_str(), &perm), 0) << what;
+    EXPECT_EQ(KLIBCErrGet(), KOVA_ERR_CORRUPT) << what;
+    KOVA_ACL_ID owner;
+    EXPECT_LT(KOVAACLOwnerIdGet(path.c_str(), &owner), 0) << what;
+    EXPECT_EQ(KLIBCErrGet(), KOVA_ERR_CORRUPT) << what;
+}
+
+TEST_F(AclRecord, GarbageIsCorruptButStillAclMode) {
+    File(In("f"));
+    ASSERT_TRUE(WriteRawRecord(In("f"), "hello, not a record"));
+    ExpectCorrupt(In("f"), "garbage");
+    // A damaged path stays in ACL mode: callers must not fall back to mode bits.
+    EXPECT_EQ(KOVAACLIsSupport(In("f").c_str(), -1, KOVA_ACL_SUPPORT_MODE), 1);
+    // Root may replace it; the new record reads back whole.
+    ASSERT_EQ(SetAcl(In("f"), {"everyone:-1:allow:r------------:----"}), 0);
+    std::vector<std::string> got;
+    ASSERT_TRUE(GetAcl(In("f"), KOVA_ACL_GET_OWN, got));
+    EXPECT_EQ(got, std::vector<std::string>({"everyone:-1:allow:r------------:----:0"}));
+}
+
+TEST_F(AclRecord, EveryTruncationAndEveryFlippedByteIsDetected) {
+    File(In("f"));
+    ASSERT_EQ(SetAcl(In("f"), {"user:1030:allow:rwxpdDaARWcCo:fd--", "group:2000:deny:-w-----------:----",
+                               "everyone:-1:allow:r------------:---n"}),
+              0);
+    const std::string good = RawRecord(In("f"));
+    ASSERT_EQ(good.size(), 20u + 16u * 3u);
+    for (size_t len = 0; len < good.size(); ++len) {
+        ASSERT_TRUE(WriteRawRecord(In("f"), good.substr(0, len)));
+        ExpectCorrupt(In("f"), "truncated to " + std::to_string(len));
+    }
+    ASSERT_TRUE(WriteRawRecord(In("f"), good + std::string(1, '\0')));
+    ExpectCorrupt(In("f"), "one byte too long");
+    for (size_t i = 0; i < good.size(); ++i) {
+        std::string bad = good;
+        bad[i] = static_cast<char>(bad[i] ^ 0x10);
+        ASSERT_TRUE(WriteRawRecord(In("f"), bad));
+        ExpectCorrupt(In("f"), "byte " + std::to_string(i) + " flipped");
+    }
+    ASSERT_TRUE(WriteRawRecord(In("f"), good));
+    std::vector<std::string> got;
+    ASSERT_TRUE(GetAcl(In("f"), KOVA_ACL_GET_OWN, got));
+    EXPECT_EQ(got.size(), 3u);
+}
+
+TEST_F(AclRecord, CorruptAncestorFailsTheInheritingChild) {
+    Dir(In("d"));
+    File(In("d/f"));
+    ASSERT_EQ(SetAcl(In("d/f"), {}, true), 0);
+    ASSERT_TRUE(WriteRawRecord(In("d"), std::string(40, 'x')));
+    PKOVA_ACL acl = nullptr;
+    EXPECT_LT(KOVAACLGet(In("d/f").c_str(), -1, KOVA_ACL_GET_ALL, &acl), 0);
+    EXPECT_EQ(KLIBCErrGet(), KOVA_ERR_CORRUPT);
+    // A child that does not inherit never reads the ancestor.
+    ASSERT_EQ(SetAcl(In("d/f"), {}, false), 0);
+    ASSERT_EQ(KOVAACLGet(In("d/f").c_str(), -1, KOVA_ACL_GET_ALL, &acl), 0);
+    KOVAACLFree(acl);
+}
+
+TEST_F(AclRecord, MaximumEntriesFitAndOneMoreIsRefused) {
+    File(In("f"));
+    const int max = KOVAACLGetMaxACECount();
+    std::vector<std::string> entries;
+    for (int i = 0; i < max; ++i) entries.push_back("user:" + std::to_string(2000 + i) + ":allow:r------------:----");
+    ASSERT_EQ(SetAcl(In("f"), entries), 0) << std::hex << KLIBCErrGet();
+    EXPECT_EQ(RawRecord(In("f")).size(), 4036u);  // the whole ext4 value budget
+    std::vector<std::string> got;
+    ASSERT_TRUE(GetAcl(In("f"), KOVA_ACL_GET_OWN, got));
+    EXPECT_EQ(got.size(), static_cast<size_t>(max));
+
+    entries.push_back("user:9999:deny:rwxpdDaARWcCo:----");
+    EXPECT_LT(SetAcl(In("f"), entries), 0);
+    EXPECT_EQ(KLIBCErrGet(), KOVA_ERR_ACL_NOSPACE);
+    ASSERT_TRUE(GetAcl(In("f"), KOVA_ACL_GET_OWN, got));
+    EXPECT_EQ(got.size(), static_cast<size_t>(max));
+    EXPECT_EQ(got.back(), "user:" + std::to_string(2000 + max - 1) + ":allow:r------------:----:0");
+}
+
+TEST_F(AclRecord, SetStoresOwnEntriesAtLevelZeroAndRemoveReturnsToModeBits) {
+    File(In("f"));
+    ASSERT_EQ(SetAcl(In("f"), {"user:1030:allow:r------------:----:4"}, false), 0);
+    std::vector<std::string> got;
+    bool inherits = true;
+    ASSERT_TRUE(GetAcl(In("f"), KOVA_ACL_GET_ALL, got, &inherits));
+    EXPECT_EQ(got, std::vector<std::string>({"user:1030:allow:r------------:----:0"}));
+    EXPECT_FALSE(inherits);
+    EXPECT_EQ(KOVAACLIsSupport(In("f").c_str(), -1, KOVA_ACL_SUPPORT_MODE), 1);
+
+    ASSERT_EQ(KOVAACLRemove(In("f").c_str(), -1), 0);
+    EXPECT_EQ(KOVAACLIsSupport(In("f").c_str(), -1, KOVA_ACL_SUPPORT_MODE), 0);
+    ASSERT_TRUE(GetAcl(In("f"), KOVA_ACL_GET_ALL, got, &inherits));
+    EXPECT_TRUE(got.empty());
+    EXPECT_FALSE(inherits);
+    // Removing twice is not an error: there is nothing left to remove.
+    EXPECT_EQ(KOVAACLRemove(In("f").c_str(), -1), 0);
+}
+
+TEST_F(AclRecord, ModeBitsAsEntries) {
+    File(In("f"));
+    chmod(In("f").c_str(), 0754);
+    chown(In("f").c_str(), 1030, 2000);
+    PKOVA_ACL acl = nullptr;
+    ASSERT_EQ(KOVAACLDumpFromMode(In("f").c_str(), -1, &acl), 0);
+    std::vector<std::string> got;
+    for (PKOVA_ACL_ENTRY e = acl->pHead; e; e = e->pNext) {
+        char buf[128];
+        ASSERT_GT(KOVAACLAcePrint(e, buf, sizeof buf), 0);
+        got.push_back(buf);
+    }
+    EXPECT_EQ(acl->isInherited, 0);
+    KOVAACLFree(acl);
+    EXPECT_EQ(got, std::vector<std::string>({"owner:-1:allow:rwxpdDaARWc--:----:0",
+                                             "group:2000:allow:r-x---a-R-c--:----:0",
+                                             "everyone:-1:allow:r-----a-R-c--:----:0"}));
+}
+
+TEST_F(AclRecord, SymbolicLinkIsItsOwnSubject) {
+    File(In("target"));
+    ASSERT_EQ(symlink(In("target").c_str(), In("link").c_str()), 0);
+    ASSERT_EQ(SetAcl(In("link"), {"user:1030:allow:r------------:----"}, false), 0);
+    EXPECT_EQ(KOVAACLIsSupport(In("target").c_str(), -1, KOVA_ACL_SUPPORT_MODE), 0);
+    EXPECT_EQ(KOVAACLIsSupport(In("link").c_str(), -1, KOVA_ACL_SUPPORT_MODE), 1);
+    EXPECT_FALSE(RawRecord(In("link")).empty());
+}
+
+TEST_F(AclRecord, FileSystemSupport) {
+    EXPECT_EQ(KOVAACLIsSupport(Share().c_str(), -1, KOVA_ACL_SUPPORT_FS), 1);  // the test tree is on a disk fs
+    EXPECT_EQ(KOVAACLIsSupport("/proc/self", -1, KOVA_ACL_SUPPORT_FS), 0);
+    EXPECT_LT(KOVAACLIsSupport(In("missing").c_str(), -1, KOVA_ACL_SUPPORT_FS), 0);
+    EXPECT_EQ(KLIBCErrGet(), KOVA_ERR_NOENT);
+    EXPECT_LT(KOVAACLIsSupport(Share().c_str(), -1, 3), 0);
+}
+
+} // namespace
