@@ -124,8 +124,8 @@ const int kErrorPriority = LOG_AUTH | LOG_ERR;
 
 // strerror_r comes in two shapes: the GNU one returns the text (which may
 // not be in the buffer), the XSI one fills the buffer and returns 0.
-const char *ErrorText(char *result, const char *) { return result; }
-const char *ErrorText(int result, const char *buffer) { return result == 0 ? buffer : "Unknown error"; }
+[[maybe_unused]] const char *ErrorText(char *result, const char *) { return result; }
+[[maybe_unused]] const char *ErrorText(int result, const char *buffer) { return result == 0 ? buffer : "Unknown error"; }
 
 void LogIdChange(int line, const char *which, int real, int effective, int saved) {
     KOVA_LOG(kWarningPriority, "acl", line, "WARNING: set%s(%d, %d, %d)", which, real, effective, saved);

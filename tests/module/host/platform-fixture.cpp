@@ -4,6 +4,7 @@
 #include "kova/acl.h"
 #include "kova/klibc.h"
 #include "kova/share.h"
+#include "kova-dirsvc-admin.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -139,6 +140,21 @@ int PlatformRoot::Gid(const std::string &group) const {
     int gid = -1;
     if (KOVAGroupGetGID(group.c_str(), &gid) < 0) return -1;
     return gid;
+}
+
+bool PlatformRoot::SetDomainFlag(const std::string &flag, bool value) {
+    if (KovaDirsvc::DomainSetFlag(flag, value) < 0) return Fail("domain flag " + flag + " " + LastPlatformError());
+    return true;
+}
+
+bool PlatformRoot::AddDomain(const std::string &name) {
+    if (KovaDirsvc::DomainAdd(name) < 0) return Fail("domain add " + name + " " + LastPlatformError());
+    return true;
+}
+
+bool PlatformRoot::AddOu(const std::string &name, const std::string &detail) {
+    if (KovaDirsvc::OuAdd(name, detail) < 0) return Fail("ou add " + name + " " + LastPlatformError());
+    return true;
 }
 
 std::string PlatformRoot::AddShare(const std::string &name, bool readOnly, bool supportAcl) {

@@ -45,6 +45,13 @@ public:
     int Uid(const std::string &user) const;
     int Gid(const std::string &group) const;
 
+    // Windows-domain state (through the directory-service administration
+    // calls): flags "joined", "trusted", "reachable", "own-dc"; domains are
+    // listed in the order added, the first being the joined one.
+    bool SetDomainFlag(const std::string &flag, bool value);
+    bool AddDomain(const std::string &name);
+    bool AddOu(const std::string &name, const std::string &detail);
+
     // A share whose root is <root>/volumes/volume1/<name> (created, mode
     // 0777 so every test user can work in it); returns the share's path or "".
     std::string AddShare(const std::string &name, bool readOnly = false, bool supportAcl = true);

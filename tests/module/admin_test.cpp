@@ -1,0 +1,231 @@
+// check_admin and get_ui_info through the shipped module.
+#include "module-host.h"
+#include "platform-fixture.h"
+
+#include <gtest/gtest.h>
+#include <syslog.h>
+
+#include <memory>
+#include <string>
+
+namespace {
+
+using kova_host::CallOptions;
+using kova_host::CallResult;
+using kova_host::Fault;
+using kova_host::ModuleHost;
+
+const int kWarn = LOG_AUTH | LOG_DEBUG;
+
+class AdminCheck : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        root_ = new kova_host::PlatformRoot();
+        ASSERT_TRUE(root_->AddUser("alice")) << root_->lastError();
+        ASSERT_TRUE(root_->AddUser("boss")) << root_->lastError();
+        ASSERT_TRUE(root_->MakeAdmin("boss")) << root_->lastError();
+        ASSERT_TRUE(root_->AddGroup("staff")) << root_->lastError();
+    }
+    static void TearDownTestSuite() {
+        delete root_;
+        root_ = nullptr;
+    }
+    void SetUp() override { ASSERT_TRUE(ModuleHost::Shared().ok()) << ModuleHost::Shared().error(); }
+    static CallResult Check(const std::string &type, const std::string &name, std::vector<Fault> faults = {}) {
+        CallOptions o;
+        o.user = "alice";
+        o.faults = std::move(faults);
+        Json::Value p(Json::objectValue);
+        p["owner_type"] = type;
+        p["owner_name"] = name;
+        return ModuleHost::Shared().Call("check_admin", p, o);
+    }
+    static kova_host::PlatformRoot *root_;
+};
+kova_host::PlatformRoot *AdminCheck::root_ = nullptr;
+
+TEST_F(AdminCheck, UsersAndGroups) {
+    const struct {
+        const char *type;
+        const char *name;
+        bool admin;
+    } cases[] = {
+        {"user", "admin", true},   {"user", "boss", true},        {"user", "alice", false},
+        {"user", "ghost", false},  {"group", "administrators", true}, {"group", "staff", false},
+        {"group", "ghosts", false}, {"User", "admin", false},     {"GROUP", "administrators", false},
+        {"everyone", "administrators", false}, {"system", "admin", false}, {"owner", "admin", false},
+    };
+    for (const auto &c : cases) {
+        CallResult r = Check(c.type, c.name);
+        ASSERT_TRUE(r.success()) << c.type << " " << c.name << ": " << r.Dump();
+        EXPECT_EQ(c.admin, r.data()["is_admin"].asBool()) << c.type << " " << c.name;
+        EXPECT_EQ(1u, r.data().size());
+        // Only a user's membership query runs in the privileged section.
+        if (std::string(c.type) == "user")
+            EXPECT_EQ(3u, r.logs.size()) << r.Dump();
+        else
+            EXPECT_TRUE(r.logs.empty()) << r.Dump();
+    }
+    CallResult user = Check("user", "boss");
+    ASSERT_EQ(3u, user.logs.size());
+    EXPECT_EQ(kWarn, user.logs[0].priority);
+    EXPECT_EQ("acl:1623 WARNING: setresgid(-1, 0, -1)", user.logs[0].text);
+    EXPECT_EQ("acl:1625 WARNING: setresuid(-1, 0, -1)", user.logs[2].text);
+}
+
+TEST_F(AdminCheck, EmptyNameIs403AndOnlyAnExactOneCounts) {
+    CallResult empty = Check("user", "");
+    EXPECT_EQ(403, empty.errorCode()) << empty.Dump();
+    EXPECT_TRUE(empty.logs.empty());
+    EXPECT_TRUE(empty.response["error"]["data"].isNull());
+
+    // Answers other than 1 (errors included) are "not an administrator".
+    for (long answer : {2L, -1L, 0L}) {
+        CallResult u = Check("user", "admin", {Fault{"KLIBGroupIsAdminGroupMem", 0, answer, 0x0800}});
+        ASSERT_TRUE(u.success()) << u.Dump();
+        EXPECT_FALSE(u.data()["is_admin"].asBool()) << answer;
+        CallResult g = Check("group", "administrators", {Fault{"KOVAGroupIsAdminGroup", 0, answer, 0x0800}});
+        ASSERT_TRUE(g.success()) << g.Dump();
+        EXPECT_FALSE(g.data()["is_admin"].asBool()) << answer;
+    }
+}
+
+// ---- get_ui_info: each test gets its own root, so domain state is fresh.
+
+class UiInfo : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_TRUE(ModuleHost::Shared().ok()) << ModuleHost::Shared().error();
+        root_.reset(new kova_host::PlatformRoot());
+        ASSERT_TRUE(root_->AddUser("alice")) << root_->lastError();
+    }
+    void TearDown() override { root_.reset(); }
+    CallResult Info(std::vector<Fault> faults = {}, bool asRoot = true) {
+        CallOptions o;
+        o.user = "alice";
+        if (asRoot) o.ids = kova_host::Ids::Root;
+        o.faults = std::move(faults);
+        return ModuleHost::Shared().Call("get_ui_info", Json::Value(Json::objectValue), o);
+    }
+    static Json::Value Item(const std::string &name, const std::string &detail) {
+        Json::Value i(Json::objectValue);
+        i["name"] = name;
+        i["detail"] = detail;
+        return i;
+    }
+    static Json::Value Answer(const std::string &type, const Json::Value &items) {
+        Json::Value a(Json::objectValue);
+        a["directoryServiceInfo"]["type"] = type;
+        a["directoryServiceInfo"]["items"] = items;
+        return a;
+    }
+    void JoinWithTrust(bool trusted) {
+        ASSERT_TRUE(root_->AddDomain("CORP")) << root_->lastError();
+        ASSERT_TRUE(root_->AddDomain("PARTNER.EXAMPLE")) << root_->lastError();
+        ASSERT_TRUE(root_->SetDomainFlag("joined", true)) << root_->lastError();
+        ASSERT_TRUE(root_->SetDomainFlag("trusted", trusted)) << root_->lastError();
+    }
+    std::unique_ptr<kova_host::PlatformRoot> root_;
+};
+
+TEST_F(UiInfo, NotJoined) {
+    CallResult r = Info();
+    ASSERT_TRUE(r.success()) << r.Dump();
+    EXPECT_EQ(Answer("none", Json::Value(Json::arrayValue)), r.data());
+    EXPECT_TRUE(r.logs.empty());
+}
+
+TEST_F(UiInfo, TrustedDomainsAreListedByName) {
+    JoinWithTrust(true);
+    CallResult r = Info();
+    ASSERT_TRUE(r.success()) << r.Dump();
+    Json::Value items(Json::arrayValue);
+    items.append(Item("CORP", "CORP"));
+    items.append(Item("PARTNER.EXAMPLE", "PARTNER.EXAMPLE"));
+    EXPECT_EQ(Answer("domain:domain", items), r.data());
+    EXPECT_TRUE(r.logs.empty()) << r.Dump();
+}
+
+TEST_F(UiInfo, UnreachableDirectoryIsQuiet) {
+    JoinWithTrust(true);
+    ASSERT_TRUE(root_->SetDomainFlag("reachable", false)) << root_->lastError();
+    CallResult r = Info();
+    ASSERT_TRUE(r.success()) << r.Dump();
+    EXPECT_EQ("domain:domain", r.data()["directoryServiceInfo"]["type"].asString());
+    EXPECT_TRUE(r.logs.empty()) << "0xE500 is an expected state: " << r.Dump();
+}
+
+TEST_F(UiInfo, OtherEnumerationFailuresAreLoggedUnlessTheControllerIsOurs) {
+    JoinWithTrust(true);
+    CallResult r = Info({Fault{"KOVAWinsEnumAllDomains", 0, -1, 0x0800}});
+    ASSERT_TRUE(r.success()) << r.Dump();
+    EXPECT_EQ(Answer("domain:domain", Json::Value(Json::arrayValue)), r.data());
+    ASSERT_EQ(1u, r.logs.size()) << r.Dump();
+    EXPECT_EQ(LOG_ERR, r.logs[0].priority);
+    const std::string prefix = "acl:1967 failed to get the domain list, kovaerr=[0x0800 ";
+    EXPECT_EQ(prefix, r.logs[0].text.substr(0, prefix.size())) << r.Dump();
+    EXPECT_EQ(']', r.logs[0].text.back());
+
+    ASSERT_TRUE(root_->SetDomainFlag("own-dc", true)) << root_->lastError();
+    CallResult own = Info({Fault{"KOVAWinsEnumAllDomains", 0, -1, 0x0800}});
+    ASSERT_TRUE(own.success()) << own.Dump();
+    EXPECT_TRUE(own.logs.empty()) << own.Dump();
+}
+
+TEST_F(UiInfo, ListAllocationFailureIs2617) {
+    JoinWithTrust(true);
+    CallResult r = Info({Fault{"KLIBCSzListAlloc", 1, 0, 0x0700}});
+    EXPECT_EQ(2617, r.errorCode()) << r.Dump();
+    ASSERT_EQ(1u, r.logs.size()) << r.Dump();
+    EXPECT_EQ(LOG_ERR, r.logs[0].priority);
+    EXPECT_EQ("acl:1958 out of memory", r.logs[0].text);
+}
+
+TEST_F(UiInfo, OrganisationalUnitsWithAndWithoutDetails) {
+    JoinWithTrust(false);
+    ASSERT_TRUE(root_->AddOu("Sales", "OU=Sales,DC=corp")) << root_->lastError();
+    ASSERT_TRUE(root_->AddOu("Lab", "")) << root_->lastError();
+    Json::Value items(Json::arrayValue);
+    items.append(Item("Sales", "OU=Sales,DC=corp"));
+    items.append(Item("Lab", ""));
+
+    CallResult r = Info();
+    ASSERT_TRUE(r.success()) << r.Dump();
+    EXPECT_EQ(Answer("domain:ou", items), r.data());
+    EXPECT_TRUE(r.logs.empty()) << r.Dump();
+
+    // A user process raises its ids around the enumeration.
+    CallResult user = Info({}, false);
+    ASSERT_TRUE(user.success()) << user.Dump();
+    EXPECT_EQ(Answer("domain:ou", items), user.data());
+    ASSERT_EQ(3u, user.logs.size()) << user.Dump();
+    EXPECT_EQ("acl:2004 WARNING: setresgid(-1, 0, -1)", user.logs[0].text);
+    EXPECT_EQ("acl:2004 WARNING: setresuid(-1, 0, -1)", user.logs[1].text);
+    EXPECT_EQ("acl:2009 WARNING: setresuid(-1, 0, -1)", user.logs[2].text);
+}
+
+TEST_F(UiInfo, OuFailures) {
+    JoinWithTrust(false);
+    ASSERT_TRUE(root_->AddOu("Sales", "x")) << root_->lastError();
+
+    CallResult enumFails = Info({Fault{"KOVAWinsEnumOU", 0, -1, 0x0800}});
+    ASSERT_TRUE(enumFails.success()) << enumFails.Dump();
+    EXPECT_EQ(Answer("domain:ou", Json::Value(Json::arrayValue)), enumFails.data());
+    ASSERT_EQ(1u, enumFails.logs.size()) << enumFails.Dump();
+    EXPECT_EQ(LOG_ERR, enumFails.logs[0].priority);
+    EXPECT_EQ("acl:2007 failed to get ou", enumFails.logs[0].text);
+
+    const struct {
+        int nth;
+        const char *log;
+    } allocs[] = {{1, "acl:1996 out of memory"}, {2, "acl:2000 out of memory"}};
+    for (const auto &a : allocs) {
+        CallResult r = Info({Fault{"KLIBCSzListAlloc", a.nth, 0, 0x0700}});
+        EXPECT_EQ(2617, r.errorCode()) << r.Dump();
+        ASSERT_EQ(1u, r.logs.size()) << r.Dump();
+        EXPECT_EQ(LOG_ERR, r.logs[0].priority);
+        EXPECT_EQ(a.log, r.logs[0].text);
+    }
+}
+
+} // namespace
