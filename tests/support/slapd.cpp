@@ -1,0 +1,180 @@
+#include "slapd.h"
+#include "temp-root.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <sstream>
+#include <thread>
+
+namespace kova_test {
+
+namespace {
+const char kSlapd[] = "/usr/sbin/slapd";
+const char kSlapadd[] = "/usr/sbin/slapadd";
+
+std::string Num(int v, int width) {
+    char buf[32];
+    std::snprintf(buf, sizeof(buf), "%0*d", width, v);
+    return buf;
+}
+
+int FreePort() {
+    int fd = socket(AF_INET, SOCK_STREAM, 0);
+    if (fd < 0) return -1;
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof(a);
+    int port = -1;
+    if (bind(fd, reinterpret_cast<sockaddr *>(&a), sizeof(a)) == 0 && getsockname(fd, reinterpret_cast<sockaddr *>(&a), &len) == 0)
+        port = ntohs(a.sin_port);
+    close(fd);
+    return port;
+}
+
+bool Connectable(int port) {
+    int fd = socket(AF_INET, SOCK_STREAM, 0);
+    if (fd < 0) return false;
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    a.sin_port = htons(static_cast<uint16_t>(port));
+    bool ok = connect(fd, reinterpret_cast<sockaddr *>(&a), sizeof(a)) == 0;
+    close(fd);
+    return ok;
+}
+} // namespace
+
+Slapd::Slapd(int users, int groups) : users_(users), groups_(groups) {}
+
+Slapd::~Slapd() {
+    Stop();
+    if (!dir_.empty()) RemoveTree(dir_);
+}
+
+bool Slapd::Installed() { return access(kSlapd, X_OK) == 0 && access(kSlapadd, X_OK) == 0; }
+
+int Slapd::userCount() const {
+    int n = users_;
+    for (const auto &a : extra_) n += a.group ? 0 : 1;
+    return n;
+}
+
+int Slapd::groupCount() const {
+    int n = groups_;
+    for (const auto &a : extra_) n += a.group ? 1 : 0;
+    return n;
+}
+
+std::string Slapd::Ldif() const {
+    std::ostringstream o;
+    o << "dn: dc=example,dc=com\nobjectClass: dcObject\nobjectClass: organization\ndc: example\no: Example\n\n"
+      << "dn: ou=people,dc=example,dc=com\nobjectClass: organizationalUnit\nou: people\n\n"
+      << "dn: ou=groups,dc=example,dc=com\nobjectClass: organizationalUnit\nou: groups\n\n";
+    std::vector<Account> all;
+    for (int i = 0; i < users_; ++i)
+        all.push_back({"user" + Num(i, 4), "Staff " + Num(i, 4), "user" + Num(i, 4) + "@example.com", "Person " + Num(i, 4), false});
+    for (int i = 0; i < groups_; ++i) all.push_back({"group" + Num(i, 2), "Team " + Num(i, 2), "", "", true});
+    all.insert(all.end(), extra_.begin(), extra_.end());
+    int id = 0;
+    for (const auto &a : all) {
+        ++id;
+        // Values go in base64 so any character survives the LDIF.
+        auto b64 = [](const std::string &s) {
+            static const char t[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+            std::string out;
+            size_t i = 0;
+            for (; i + 2 < s.size(); i += 3) {
+                unsigned v = (unsigned char)s[i] << 16 | (unsigned char)s[i + 1] << 8 | (unsigned char)s[i + 2];
+                out += {t[v >> 18], t[(v >> 12) & 63], t[(v >> 6) & 63], t[v & 63]};
+            }
+            if (i + 1 == s.size()) {
+                unsigned v = (unsigned char)s[i] << 16;
+                out += {t[v >> 18], t[(v >> 12) & 63], '=', '='};
+            } else if (i + 2 == s.size()) {
+                unsigned v = (unsigned char)s[i] << 16 | (unsigned char)s[i + 1] << 8;
+                out += {t[v >> 18], t[(v >> 12) & 63], t[(v >> 6) & 63], '='};
+            }
+            return out;
+        };
+        // Entries are named by number, so account names need no DN escaping.
+        if (a.group) {
+            o << "dn: gidNumber=" << 5000 + id << ",ou=groups,dc=example,dc=com\nobjectClass: posixGroup\n"
+              << "cn:: " << b64(a.uid) << "\ngidNumber: " << 5000 + id << "\n";
+            if (!a.desc.empty()) o << "description:: " << b64(a.desc) << "\n";
+        } else {
+            std::string rdn = "u" + std::to_string(10000 + id);
+            o << "dn: uidNumber=" << 10000 + id << ",ou=people,dc=example,dc=com\nobjectClass: inetOrgPerson\nobjectClass: posixAccount\n"
+              << "uid:: " << b64(a.uid) << "\ncn: " << rdn << "\nsn: " << rdn << "\nuidNumber: " << 10000 + id
+              << "\ngidNumber: 100\nhomeDirectory: /home/" << rdn << "\n";
+            if (!a.mail.empty()) o << "mail:: " << b64(a.mail) << "\n";
+            if (!a.desc.empty()) o << "description:: " << b64(a.desc) << "\n";
+            if (!a.fullname.empty()) o << "displayName:: " << b64(a.fullname) << "\n";
+        }
+        o << "\n";
+    }
+    return o.str();
+}
+
+bool Slapd::Start(std::string *error) {
+    auto fail = [&](const std::string &why) {
+        if (error) *error = why;
+        return false;
+    };
+    if (!Installed()) return fail("slapd is not installed");
+    char tmpl[] = "/tmp/kova-slapd-XXXXXX";
+    if (!mkdtemp(tmpl)) return fail("mkdtemp failed");
+    dir_ = tmpl;
+    port_ = FreePort();
+    if (port_ <= 0) return fail("no free port");
+    std::ostringstream conf;
+    conf << "include /etc/ldap/schema/core.schema\ninclude /etc/ldap/schema/cosine.schema\n"
+         << "include /etc/ldap/schema/nis.schema\ninclude /etc/ldap/schema/inetorgperson.schema\n"
+         << "pidfile " << dir_ << "/slapd.pid\nmodulepath /usr/lib/ldap\nmoduleload back_mdb\n"
+         // Plain searches stop at 50 entries; paged ones may read everything.
+         << "sizelimit size.soft=50 size.hard=50 size.pr=100 size.prtotal=unlimited\n"
+         << "database mdb\nmaxsize 268435456\nsuffix \"" << base() << "\"\nrootdn \"" << rootDn() << "\"\nrootpw "
+         << rootPassword() << "\ndirectory " << dir_ << "/db\n";
+    if (!WriteFile(dir_ + "/slapd.conf", conf.str()) || !MakeDirs(dir_ + "/db") || !WriteFile(LdifPath(), Ldif()))
+        return fail("cannot write the server files");
+    std::string add = std::string(kSlapadd) + " -q -f " + dir_ + "/slapd.conf -l " + LdifPath() + " > " + dir_ + "/slapadd.log 2>&1";
+    if (std::system(add.c_str()) != 0) return fail("slapadd failed, see " + dir_ + "/slapadd.log");
+    pid_t pid = fork();
+    if (pid < 0) return fail("fork failed");
+    if (pid == 0) {
+        std::string conf = dir_ + "/slapd.conf", url = uri();
+        // -d 0 keeps slapd in the foreground, so this pid is the server's.
+        execl(kSlapd, "slapd", "-f", conf.c_str(), "-h", url.c_str(), "-d", "0", static_cast<char *>(nullptr));
+        _exit(127);
+    }
+    pid_ = pid;
+    for (int i = 0; i < 200; ++i) {
+        if (Connectable(port_)) return true;
+        int status;
+        if (waitpid(pid_, &status, WNOHANG) == pid_) {
+            pid_ = -1;
+            return fail("slapd exited at start");
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    Stop();
+    return fail("slapd did not start listening");
+}
+
+void Slapd::Stop() {
+    if (pid_ <= 0) return;
+    kill(pid_, SIGTERM);
+    int status;
+    waitpid(pid_, &status, 0);
+    pid_ = -1;
+}
+
+} // namespace kova_test
