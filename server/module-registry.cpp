@@ -8,15 +8,14 @@
 
 namespace webd {
 
-std::string ValidateTable(const KOVA_API_ENTRY *table, std::vector<Route> &rows) {
-    rows.clear();
+namespace {
+
+std::string CheckRows(const KOVA_API_ENTRY *table, std::vector<Route> &rows) {
     if (table == nullptr) return "GetAPITable returned NULL";
     for (size_t i = 0; i < kMaxTableRows; ++i) {
         const KOVA_API_ENTRY &e = table[i];
-        if (!e.szAPI && !e.szMethod && !e.handler && e.version == 0) {
-            if (rows.empty()) return "the table has no rows";
-            return "";
-        }
+        if (!e.szAPI && !e.szMethod && !e.handler && e.version == 0)
+            return rows.empty() ? "the table has no rows" : "";
         std::string at = "row " + std::to_string(i + 1) + ": ";
         if (!e.szAPI) return at + "API name is NULL";
         if (!e.szMethod) return at + "method name is NULL";
@@ -31,8 +30,17 @@ std::string ValidateTable(const KOVA_API_ENTRY *table, std::vector<Route> &rows)
         r.handler = e.handler;
         rows.push_back(std::move(r));
     }
-    rows.clear();
     return "no end row within " + std::to_string(kMaxTableRows) + " rows";
+}
+
+} // namespace
+
+std::string ValidateTable(const KOVA_API_ENTRY *table, std::vector<Route> &rows) {
+    std::vector<Route> found;
+    std::string why = CheckRows(table, found);
+    rows.clear();
+    if (why.empty()) rows.swap(found);
+    return why;
 }
 
 ModuleRegistry::~ModuleRegistry() {
