@@ -1,0 +1,308 @@
+// Background tasks end to end: real detached processes, their records, the
+// owner rule, SIGTERM delivery, killed tasks and untorn records.
+#include "as-identity.h"
+#include "temp-root.h"
+
+#include "kova/account.h"
+#include "kova/errcode.h"
+#include "kova/fault.h"
+#include "kova/klibc.h"
+#include "kova/webapi.h"
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <functional>
+#include <memory>
+#include <sstream>
+#include <string>
+
+using KOVA::APIPolling;
+using KOVA::APIRequest;
+using KOVA::APIResponse;
+
+namespace {
+
+// Polls until cond holds; false when it never does within about 30 s.
+bool Eventually(const std::function<bool()> &cond) {
+    for (int i = 0; i < 3000; ++i) {
+        if (cond()) return true;
+        usleep(10000);
+    }
+    return false;
+}
+
+bool Exists(const std::string &path) {
+    struct stat st;
+    return lstat(path.c_str(), &st) == 0;
+}
+
+// Task bodies. They run in the task process: no test assertions there,
+// everything they do is observed through the record.
+struct Gate {
+    std::string goFile;
+};
+
+void ProgressThenFinish(APIRequest *req, APIResponse *resp, void *data) {
+    auto *gate = static_cast<Gate *>(data);
+    Json::Value progress(Json::objectValue);
+    progress["applypath"] = req->GetParam("file_path", "").asString();
+    progress["finished"] = false;
+    resp->SetSuccess(progress);
+    while (!Exists(gate->goFile)) usleep(5000);
+    Json::Value done(Json::objectValue);
+    done["finished"] = true;
+    resp->SetSuccess(done);
+}
+
+volatile sig_atomic_t gTerm = 0;
+void OnTerm(int) { gTerm = 1; }
+
+void WaitForTerm(APIRequest *, APIResponse *resp, void *) {
+    signal(SIGTERM, OnTerm);
+    resp->SetSuccess("waiting");
+    while (!gTerm) usleep(2000);
+    resp->SetError(4242);
+}
+
+void SleepForever(APIRequest *, APIResponse *resp, void *) {
+    resp->SetSuccess("sleeping");
+    for (;;) pause();
+}
+
+void Rewrite(APIRequest *, APIResponse *resp, void *) {
+    // Records of very different sizes, so a torn read would show.
+    for (int i = 0; i < 400; ++i) {
+        Json::Value d(Json::objectValue);
+        d["i"] = i;
+        d["pad"] = std::string(static_cast<size_t>((i % 7) * 3000), 'x');
+        resp->SetSuccess(d);
+    }
+}
+
+void Quick(APIRequest *, APIResponse *resp, void *) { resp->SetError(6201); }
+
+std::string ReadFile(const std::string &path) {
+    std::ifstream in(path);
+    std::stringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
+}
+
+class Polling : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_EQ(KOVAUserAdd("alice", -1, "pw", nullptr, nullptr, 0), 0);
+        ASSERT_EQ(KOVAUserAdd("bob", -1, "pw", nullptr, nullptr, 0), 0);
+    }
+
+    // Starts fn as alice's task; returns the task id ("" on failure).
+    std::string StartAs(const std::string &user, APIPolling::TaskFunc fn, void *data, const char *prefix = "setacl") {
+        APIRequest req(params_, user, "sid-" + user);
+        APIPolling poll(&req);
+        poll.SetPrefixAttr(prefix);
+        APIResponse resp;
+        if (!poll.Start(&resp, fn, data)) return "";
+        if (!resp.IsSuccess()) return "";
+        return resp.GetData()["task_id"].asString();
+    }
+
+    bool StatusAs(const std::string &user, const std::string &id, Json::Value &out, int *err = nullptr,
+                  bool remove = false) {
+        APIRequest req(params_, user, "s");
+        APIPolling poll(&req);
+        poll.SetRemoveAttr(remove);
+        bool ok = poll.Status(id, out);
+        if (err) *err = poll.GetError();
+        return ok;
+    }
+
+    Json::Value WaitFinished(const std::string &user, const std::string &id) {
+        Json::Value st;
+        bool ok = Eventually([&] { return StatusAs(user, id, st) && st["finished"].asBool(); });
+        return ok ? st : Json::Value("<never finished>");
+    }
+
+    std::string RecordPath(const std::string &id) const { return root_.At("var/run/tasks/" + id); }
+
+    kova_test::TempRoot root_;
+    Json::Value params_ = [] {
+        Json::Value p(Json::objectValue);
+        p["file_path"] = "/volume1/s/dir";
+        return p;
+    }();
+};
+
+} // namespace
+
+TEST_F(Polling, TaskPublishesProgressAndFinishes) {
+    Gate gate{root_.At("go")};
+    std::string id = StartAs("alice", ProgressThenFinish, &gate);
+    ASSERT_FALSE(id.empty());
+    EXPECT_EQ(id.rfind("setacl", 0), 0u);
+
+    Json::Value st;
+    ASSERT_TRUE(Eventually([&] { return StatusAs("alice", id, st) && st["data"].isObject(); }));
+    EXPECT_TRUE(st["success"].asBool());
+    EXPECT_FALSE(st["finished"].asBool());
+    EXPECT_EQ(st["data"]["applypath"].asString(), "/volume1/s/dir");
+    EXPECT_GT(st["pid"].asInt(), 0);
+    EXPECT_NE(st["pid"].asInt(), getpid());
+
+    // The record sits in a directory only root can read.
+    struct stat ds;
+    ASSERT_EQ(stat(root_.At("var/run/tasks").c_str(), &ds), 0);
+    EXPECT_EQ(ds.st_mode & 07777, 0700u);
+    EXPECT_EQ(ds.st_uid, 0u);
+
+    ASSERT_TRUE(kova_test::WriteFile(gate.goFile, "go"));
+    st = WaitFinished("alice", id);
+    EXPECT_TRUE(st["success"].asBool());
+    EXPECT_TRUE(st["data"]["finished"].asBool());
+    // Kept after the end unless removal was asked for.
+    EXPECT_TRUE(Exists(RecordPath(id)));
+}
+
+TEST_F(Polling, OnlyOwnerOrAdministratorSeesTask) {
+    Gate gate{root_.At("go")};
+    std::string id = StartAs("alice", ProgressThenFinish, &gate);
+    ASSERT_FALSE(id.empty());
+
+    Json::Value st;
+    int err = 0;
+    EXPECT_FALSE(StatusAs("bob", id, st, &err));
+    EXPECT_EQ(err, KOVA_POLLING_ERR_NOTASK);
+    EXPECT_EQ(KLIBCErrGet(), KOVA_ERR_NOTASK);
+    EXPECT_TRUE(StatusAs("admin", id, st));  // "admin" is an administrator on a new root
+
+    {
+        APIRequest req(params_, "bob", "s");
+        APIPolling poll(&req);
+        EXPECT_FALSE(poll.Stop(id, true));
+        EXPECT_EQ(poll.GetError(), KOVA_POLLING_ERR_NOTASK);
+    }
+    // Bob's refused stop did not touch the task.
+    ASSERT_TRUE(StatusAs("alice", id, st));
+    EXPECT_FALSE(st["finished"].asBool());
+
+    ASSERT_TRUE(kova_test::WriteFile(gate.goFile, "go"));
+    EXPECT_TRUE(WaitFinished("alice", id)["success"].asBool());
+}
+
+TEST_F(Polling, UnknownAndMalformedIds) {
+    Json::Value st;
+    int err = 0;
+    EXPECT_FALSE(StatusAs("alice", "setacl-1-2-abc", st, &err));
+    EXPECT_EQ(err, KOVA_POLLING_ERR_NOTASK);
+    EXPECT_FALSE(StatusAs("alice", "../../etc/accounts.db", st, &err));
+    EXPECT_EQ(err, KOVA_POLLING_ERR_NOTASK);
+    EXPECT_FALSE(StatusAs("alice", "", st, &err));
+    EXPECT_EQ(err, KOVA_POLLING_ERR_BADARG);
+
+    APIPolling noRequest;
+    EXPECT_FALSE(noRequest.Status("x", st));
+    APIResponse resp;
+    EXPECT_FALSE(noRequest.Start(&resp, Quick, nullptr));
+    EXPECT_EQ(noRequest.GetError(), KOVA_POLLING_ERR_BADARG);
+    EXPECT_FALSE(resp.IsSet());
+}
+
+TEST_F(Polling, StopDeliversSigterm) {
+    std::string id = StartAs("alice", WaitForTerm, nullptr);
+    ASSERT_FALSE(id.empty());
+    Json::Value st;
+    // The handler is installed before the task reports "waiting".
+    ASSERT_TRUE(Eventually([&] { return StatusAs("alice", id, st) && st["data"].asString() == "waiting"; }));
+    {
+        APIRequest req(params_, "alice", "s");
+        APIPolling poll(&req);
+        ASSERT_TRUE(poll.Stop(id, true));
+    }
+    st = WaitFinished("alice", id);
+    EXPECT_FALSE(st["success"].asBool());
+    EXPECT_EQ(st["error"]["code"].asInt(), 4242);  // the task's own handling ran
+    // Stopping a finished task is harmless.
+    APIRequest req(params_, "alice", "s");
+    APIPolling poll(&req);
+    EXPECT_TRUE(poll.Stop(id, true));
+}
+
+TEST_F(Polling, KilledTaskReadsAsFailed) {
+    std::string id = StartAs("alice", SleepForever, nullptr);
+    ASSERT_FALSE(id.empty());
+    Json::Value st;
+    ASSERT_TRUE(Eventually([&] { return StatusAs("alice", id, st) && st["data"].asString() == "sleeping"; }));
+    EXPECT_FALSE(st["finished"].asBool());
+    ASSERT_EQ(kill(static_cast<pid_t>(st["pid"].asInt()), SIGKILL), 0);
+    st = WaitFinished("alice", id);
+    EXPECT_FALSE(st["success"].asBool());
+    EXPECT_EQ(st["error"]["code"].asInt(), 6200);
+}
+
+TEST_F(Polling, RecordsAreNeverTorn) {
+    std::string id = StartAs("alice", Rewrite, nullptr, "rw");
+    ASSERT_FALSE(id.empty());
+    std::string path = RecordPath(id);
+    Json::CharReaderBuilder b;
+    std::unique_ptr<Json::CharReader> reader(b.newCharReader());
+    int reads = 0, bad = 0;
+    bool finished = false;
+    for (int i = 0; i < 200000 && !finished; ++i) {
+        std::string text = ReadFile(path);
+        Json::Value v;
+        std::string errs;
+        ++reads;
+        if (!reader->parse(text.data(), text.data() + text.size(), &v, &errs) || !v.isObject()) {
+            ++bad;
+            continue;
+        }
+        finished = v["finished"].asBool();
+    }
+    EXPECT_TRUE(finished);
+    EXPECT_EQ(bad, 0) << "of " << reads << " reads";
+    Json::Value st = WaitFinished("alice", id);
+    EXPECT_EQ(st["data"]["i"].asInt(), 399);
+}
+
+TEST_F(Polling, RemoveAttrDropsFinishedRecordOnRead) {
+    std::string id = StartAs("alice", Quick, nullptr);
+    ASSERT_FALSE(id.empty());
+    Json::Value st;
+    ASSERT_TRUE(Eventually([&] { return StatusAs("alice", id, st) && st["finished"].asBool(); }));
+    EXPECT_EQ(st["error"]["code"].asInt(), 6201);
+    EXPECT_TRUE(Exists(RecordPath(id)));
+    ASSERT_TRUE(StatusAs("alice", id, st, nullptr, true));
+    EXPECT_FALSE(Exists(RecordPath(id)));
+    int err = 0;
+    EXPECT_FALSE(StatusAs("alice", id, st, &err));
+    EXPECT_EQ(err, KOVA_POLLING_ERR_NOTASK);
+}
+
+TEST_F(Polling, StatusWorksForAUserIdentity) {
+    std::string id = StartAs("alice", Quick, nullptr);
+    ASSERT_FALSE(id.empty());
+    ASSERT_FALSE(WaitFinished("alice", id).isString());
+    // As the server runs handlers: effective ids of alice, saved uid 0.
+    int rc = kova_test::RunAs({1500, 1500, {}}, [&] {
+        Json::Value st;
+        if (!StatusAs("alice", id, st)) return 1;
+        if (st["error"]["code"].asInt() != 6201) return 2;
+        return geteuid() == 1500 ? 0 : 3;
+    });
+    EXPECT_EQ(rc, 0);
+}
+
+TEST_F(Polling, FaultedStartForksNothing) {
+    KLIBCFaultSet("APIPolling::Start", 1, 0, KOVA_ERR_IO);
+    APIRequest req(params_, "alice", "s");
+    APIPolling poll(&req);
+    APIResponse resp;
+    EXPECT_FALSE(poll.Start(&resp, Quick, nullptr));
+    KLIBCFaultClearAll();
+    EXPECT_EQ(KLIBCErrGet(), KOVA_ERR_IO);
+    EXPECT_FALSE(resp.IsSet());
+    EXPECT_FALSE(Exists(root_.At("var/run/tasks")));
+}

@@ -1,0 +1,178 @@
+// Request parameters and defaults, response JSON, and task-bound responses
+// writing their record as root whatever identity the writer acts with.
+#include "as-identity.h"
+#include "temp-root.h"
+
+#include "kova/errcode.h"
+#include "kova/fault.h"
+#include "kova/klibc.h"
+#include "kova/webapi.h"
+
+#include <dirent.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <fstream>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <vector>
+
+using KOVA::APIRequest;
+using KOVA::APIResponse;
+
+namespace {
+
+Json::Value Parse(const std::string &text) {
+    Json::CharReaderBuilder b;
+    std::unique_ptr<Json::CharReader> r(b.newCharReader());
+    Json::Value v;
+    std::string errs;
+    if (!r->parse(text.data(), text.data() + text.size(), &v, &errs)) return Json::Value("<invalid>");
+    return v;
+}
+
+std::string ReadFile(const std::string &path) {
+    std::ifstream in(path);
+    std::stringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
+}
+
+std::vector<std::string> List(const std::string &dir) {
+    std::vector<std::string> names;
+    if (DIR *d = opendir(dir.c_str())) {
+        while (dirent *e = readdir(d))
+            if (std::string(e->d_name) != "." && std::string(e->d_name) != "..") names.push_back(e->d_name);
+        closedir(d);
+    }
+    return names;
+}
+
+} // namespace
+
+TEST(APIRequest, ParametersAndDefaults) {
+    Json::Value params = Parse(R"({"path": "/s/a", "n": 3, "rules": null})");
+    APIRequest req(params, "alice", "sid-1");
+    EXPECT_EQ(req.GetLoginUserName(), "alice");
+    EXPECT_EQ(req.GetSessionID(), "sid-1");
+    EXPECT_TRUE(req.HasParam("path"));
+    EXPECT_TRUE(req.HasParam("rules"));  // a null parameter is still present
+    EXPECT_FALSE(req.HasParam("missing"));
+    EXPECT_EQ(req.GetParam("n", 0).asInt(), 3);
+    EXPECT_EQ(req.GetParam("missing", "dflt").asString(), "dflt");
+    EXPECT_TRUE(req.GetParam("rules", Json::Value(Json::arrayValue)).isNull());
+
+    // A present parameter is handed out in place, not copied.
+    EXPECT_EQ(&req.GetParamRef("path", Json::Value()), &req.GetParams()["path"]);
+
+    // Defaults outlive later calls: many references taken one after
+    // another all still read their own value.
+    std::vector<const Json::Value *> refs;
+    for (int i = 0; i < 200; ++i) refs.push_back(&req.GetParamRef("absent", Json::Value(i)));
+    for (int i = 0; i < 200; ++i) ASSERT_EQ(refs[static_cast<size_t>(i)]->asInt(), i);
+
+    req.SetMethod("KOVA.Core.ACL", 2, "list_owners");
+    EXPECT_EQ(req.GetAPIName(), "KOVA.Core.ACL");
+    EXPECT_EQ(req.GetAPIVersion(), 2);
+    EXPECT_EQ(req.GetMethodName(), "list_owners");
+}
+
+TEST(APIRequest, NonObjectParametersReadAsAbsent) {
+    APIRequest req(Json::Value(Json::arrayValue), "bob", "");
+    EXPECT_FALSE(req.HasParam("x"));
+    EXPECT_EQ(req.GetParam("x", 7).asInt(), 7);
+    EXPECT_EQ(req.GetParamRef("x", "d").asString(), "d");
+}
+
+TEST(APIRequest, FaultMakesParameterReadAsAbsent) {
+    APIRequest req(Parse(R"({"x": 1})"), "bob", "");
+    KLIBCFaultSet("APIRequest::GetParam", 1, 0, KOVA_ERR_IO);
+    EXPECT_EQ(req.GetParam("x", 9).asInt(), 9);
+    EXPECT_EQ(KLIBCErrGet(), KOVA_ERR_IO);
+    EXPECT_EQ(req.GetParam("x", 9).asInt(), 1);  // one-shot fault is spent
+    KLIBCFaultClearAll();
+}
+
+TEST(APIResponse, JsonForms) {
+    APIResponse r;
+    EXPECT_FALSE(r.IsSet());
+
+    r.SetSuccess(Parse(R"({"a": 1})"));
+    EXPECT_TRUE(r.IsSet());
+    EXPECT_TRUE(r.IsSuccess());
+    EXPECT_EQ(r.GetErrorCode(), 0);
+    EXPECT_EQ(r.ToJson(), Parse(R"({"success": true, "data": {"a": 1}})"));
+
+    r.SetError(6201);
+    EXPECT_FALSE(r.IsSuccess());
+    EXPECT_EQ(r.GetErrorCode(), 6201);
+    EXPECT_EQ(r.ToJson(), Parse(R"({"success": false, "error": {"code": 6201}})"));
+
+    r.SetError(117, 3);
+    EXPECT_EQ(r.ToJson(), Parse(R"({"success": false, "error": {"code": 117, "data": 3}})"));
+
+    // The last call wins, also back to success.
+    r.SetSuccess();
+    EXPECT_EQ(r.ToJson(), Parse(R"({"success": true, "data": null})"));
+    EXPECT_TRUE(r.GetErrorData().isNull());
+}
+
+TEST(APIResponse, FaultedSetLeavesResponseAsItWas) {
+    APIResponse r;
+    r.SetSuccess(1);
+    KLIBCFaultSet("APIResponse::SetError", 1, 0, KOVA_ERR_NOMEM);
+    r.SetError(6200);
+    KLIBCFaultClearAll();
+    EXPECT_EQ(KLIBCErrGet(), KOVA_ERR_NOMEM);
+    EXPECT_TRUE(r.IsSuccess());
+    EXPECT_EQ(r.GetData().asInt(), 1);
+}
+
+TEST(APIResponse, BoundRecordIsWrittenAsRootForAUser) {
+    kova_test::TempRoot root;
+    std::string dir = root.At("records");
+    ASSERT_TRUE(kova_test::MakeDirs(dir));
+    ASSERT_EQ(chmod(dir.c_str(), 0700), 0);
+    std::string path = dir + "/t1";
+
+    // The writer acts as an ordinary user that could not enter the
+    // directory on its own.
+    int rc = kova_test::RunAs({1500, 1500, {1500}}, [&] {
+        APIResponse r;
+        Json::Value owner(Json::objectValue);
+        owner["owner"] = "alice";
+        owner["pid"] = 42;
+        r.BindTaskRecord(path, owner);
+        r.SetSuccess(Parse(R"({"applypath": "/v/s", "finished": false})"));
+        if (geteuid() != 1500) return 3;  // ids restored after the write
+        r.SetError(6205, "why");
+        return 0;
+    });
+    ASSERT_EQ(rc, 0);
+    Json::Value rec = Parse(ReadFile(path));
+    EXPECT_EQ(rec["owner"].asString(), "alice");
+    EXPECT_EQ(rec["pid"].asInt(), 42);
+    EXPECT_FALSE(rec["success"].asBool());
+    EXPECT_EQ(rec["error"]["code"].asInt(), 6205);
+    EXPECT_EQ(rec["error"]["data"].asString(), "why");
+    EXPECT_FALSE(rec["finished"].asBool());
+
+    struct stat st;
+    ASSERT_EQ(stat(path.c_str(), &st), 0);
+    EXPECT_EQ(st.st_uid, 0u);
+    EXPECT_EQ(st.st_mode & 077, 0u);
+    // Replacement leaves no temporary files behind.
+    EXPECT_EQ(List(dir), std::vector<std::string>{"t1"});
+}
+
+TEST(APIResponse, UnwritableRecordStillSetsResponse) {
+    kova_test::TempRoot root;
+    std::string path = root.At("no-such-dir/t1");
+    APIResponse r;
+    r.BindTaskRecord(path, Json::Value(Json::objectValue));
+    r.SetSuccess(5);
+    EXPECT_EQ(KLIBCErrGet(), KOVA_ERR_IO);
+    EXPECT_TRUE(r.IsSuccess());
+    EXPECT_EQ(r.GetData().asInt(), 5);
+}
