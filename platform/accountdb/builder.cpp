@@ -47,10 +47,13 @@ bool SyncPath(const std::string &path, bool dir) {
 
 std::string DirOf(const std::string &path) { return path.substr(0, path.rfind('/')); }
 
-std::string Upper(const std::string &s) {
+// A name that cannot be upper-cased (invalid UTF-8) fails the entry: a
+// wrong name_upper would make the account unfindable case-insensitively.
+bool Upper(const std::string &s, std::string &out) {
     std::vector<char> buf(s.size() * 3 + 4);
-    if (KLIBCUnicodeUTF8StrUpper(s.c_str(), buf.data(), buf.size()) < 0) return s;
-    return buf.data();
+    if (KLIBCUnicodeUTF8StrUpper(s.c_str(), buf.data(), buf.size()) < 0) return false;
+    out = buf.data();
+    return true;
 }
 
 // One cache file under construction.
@@ -209,7 +212,8 @@ int KovaAccountCacheBuilder::Add(const KovaCacheEntry &entry) noexcept {
             KOVA_FAIL(KOVA_ERR_BADARG);
             return -1;
         }
-        std::string upper = Upper(entry.name);
+        std::string upper;
+        if (!Upper(entry.name, upper)) return -1;
         for (auto &f : impl_->files)
             if (!f->Add(entry, upper)) return -1;
         ++(entry.group ? groups_ : users_);
