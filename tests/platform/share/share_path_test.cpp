@@ -1,0 +1,95 @@
+// Which share holds a path, after links and ".." are resolved.
+#include "kova/errcode.h"
+#include "kova/klibc.h"
+#include "kova/share.h"
+#include "temp-root.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+namespace {
+
+class SharePath : public ::testing::Test {
+protected:
+    void SetUp() override {
+        vol_ = root_.At("volumes/volume1");
+        ASSERT_TRUE(kova_test::MakeDirs(vol_ + "/data/sub/deep"));
+        ASSERT_TRUE(kova_test::MakeDirs(vol_ + "/datax"));
+        ASSERT_TRUE(kova_test::MakeDirs(root_.At("outside")));
+        Add("data", vol_ + "/data");
+        Add("nested", vol_ + "/data/sub");
+        Add("homes", vol_ + "/homes");
+        ASSERT_TRUE(kova_test::MakeDirs(vol_ + "/homes/alice"));
+    }
+    void Add(const std::string &name, const std::string &path) {
+        KOVA_SHARE s;
+        std::memset(&s, 0, sizeof s);
+        std::snprintf(s.szName, sizeof s.szName, "%s", name.c_str());
+        std::snprintf(s.szPath, sizeof s.szPath, "%s", path.c_str());
+        ASSERT_EQ(KOVAShareSet(&s), 0);
+    }
+    // "name|root" of the share holding p, or "err:0xCODE".
+    std::string Lookup(const std::string &p) {
+        char name[KOVA_SHARE_NAME_MAX] = "", path[4096] = "";
+        if (KOVAShareNamePathGet(p.c_str(), name, sizeof name, path, sizeof path) < 0) {
+            char buf[32];
+            std::snprintf(buf, sizeof buf, "err:0x%04X", KLIBCErrGet());
+            return buf;
+        }
+        return std::string(name) + "|" + path;
+    }
+    kova_test::TempRoot root_;
+    std::string vol_;
+};
+
+TEST_F(SharePath, LongestRootOnAComponentBoundary) {
+    EXPECT_EQ(Lookup(vol_ + "/data"), "data|" + vol_ + "/data");
+    EXPECT_EQ(Lookup(vol_ + "/data/"), "data|" + vol_ + "/data");
+    EXPECT_EQ(Lookup(vol_ + "/data/sub/deep"), "nested|" + vol_ + "/data/sub");
+    EXPECT_EQ(Lookup(vol_ + "/datax"), "err:0x2500");
+    EXPECT_EQ(Lookup(vol_ + "/homes/alice"), "homes|" + vol_ + "/homes");
+    EXPECT_EQ(Lookup("/"), "err:0x2500");
+    EXPECT_EQ(Lookup("relative/path"), "err:0xBE00");
+}
+
+TEST_F(SharePath, MissingFinalComponentIsResolvedThroughItsParent) {
+    EXPECT_EQ(Lookup(vol_ + "/data/new-file"), "data|" + vol_ + "/data");
+    EXPECT_EQ(Lookup(vol_ + "/data/./sub/new"), "nested|" + vol_ + "/data/sub");
+    EXPECT_EQ(Lookup(vol_ + "/data/no/such"), "err:0x0600");
+}
+
+TEST_F(SharePath, LinksAndDotDotCannotLeaveTheShare) {
+    ASSERT_EQ(symlink(root_.At("outside").c_str(), (vol_ + "/data/escape").c_str()), 0);
+    EXPECT_EQ(Lookup(vol_ + "/data/escape"), "err:0xBE00");
+    EXPECT_EQ(Lookup(vol_ + "/data/escape/file"), "err:0xBE00");
+    EXPECT_EQ(Lookup(vol_ + "/data/../datax"), "err:0xBE00");
+    EXPECT_EQ(Lookup(vol_ + "/data/sub/../../../outside"), "err:0xBE00");
+    // Leaving one share for another by a link is leaving it too.
+    ASSERT_EQ(symlink((vol_ + "/homes/alice").c_str(), (vol_ + "/data/to-home").c_str()), 0);
+    EXPECT_EQ(Lookup(vol_ + "/data/to-home"), "err:0xBE00");
+    // ".." and links that stay inside are fine.
+    ASSERT_EQ(symlink((vol_ + "/data/sub").c_str(), (vol_ + "/data/inner").c_str()), 0);
+    EXPECT_EQ(Lookup(vol_ + "/data/sub/deep/../new"), "nested|" + vol_ + "/data/sub");
+    // Written inside the nested share, ".." leaves it: refused, even though
+    // the real location lies in the enclosing share.
+    EXPECT_EQ(Lookup(vol_ + "/data/sub/../new"), "err:0xBE00");
+    EXPECT_EQ(Lookup(vol_ + "/data/inner/deep"), "nested|" + vol_ + "/data/sub");
+    // A path written outside every share is judged where it really is.
+    ASSERT_EQ(symlink((vol_ + "/data").c_str(), root_.At("shortcut").c_str()), 0);
+    EXPECT_EQ(Lookup(root_.At("shortcut")), "data|" + vol_ + "/data");
+}
+
+TEST_F(SharePath, SmallBuffersAreRefused) {
+    char name[3], path[4096];
+    EXPECT_LT(KOVAShareNamePathGet((vol_ + "/data").c_str(), name, sizeof name, path, sizeof path), 0);
+    EXPECT_EQ(KLIBCErrGet(), KOVA_ERR_RANGE);
+    char name2[16], small[8];
+    EXPECT_LT(KOVAShareNamePathGet((vol_ + "/data").c_str(), name2, sizeof name2, small, sizeof small), 0);
+    EXPECT_EQ(KLIBCErrGet(), KOVA_ERR_RANGE);
+}
+
+} // namespace
