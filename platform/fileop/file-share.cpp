@@ -54,12 +54,15 @@ int PanoraFileShare::WfmCheckPath(const std::string &realPath) {
             if (errno == EACCES) return WFM_FAIL(KOVA_WFM_ERR_PERM, KOVA_ERR_PERM);
             return WFM_FAIL(KOVA_WFM_ERR_NOENT, KOVA_ERR_NOENT);
         }
-        char name[KOVA_SHARE_NAME_MAX];
-        char root[PATH_MAX];
-        if (KOVAShareNamePathGet(realPath.c_str(), name, sizeof(name), root, sizeof(root)) < 0)
-            return WFM_FAIL(KOVA_WFM_ERR_BADPATH, KOVA_ERR_BADPATH);
         std::string parent = realPath.substr(0, realPath.rfind('/'));
         if (parent.empty()) parent = "/";
+        // A symbolic link is an entry of its folder, wherever it points:
+        // its folder must lie in a share. Anything else must itself.
+        const std::string &located = S_ISLNK(st.st_mode) ? parent : realPath;
+        char name[KOVA_SHARE_NAME_MAX];
+        char root[PATH_MAX];
+        if (KOVAShareNamePathGet(located.c_str(), name, sizeof(name), root, sizeof(root)) < 0)
+            return WFM_FAIL(KOVA_WFM_ERR_BADPATH, KOVA_ERR_BADPATH);
         // The caller must be able to reach the entry through its folder,
         // judged with the effective ids the caller acts with.
         if (faccessat(AT_FDCWD, parent.c_str(), X_OK, AT_EACCESS) != 0)

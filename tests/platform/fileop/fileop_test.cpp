@@ -1,0 +1,225 @@
+// The file-share helper against real shares and accounts: folder
+// resolution (".." and link escapes, homes), path checks, privileges and
+// the identity switch.
+#include "as-identity.h"
+#include "temp-root.h"
+
+#include "kova/account.h"
+#include "kova/errcode.h"
+#include "kova/fault.h"
+#include "kova/fileshare.h"
+#include "kova/klibc.h"
+#include "kova/share.h"
+
+#include <grp.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+namespace {
+
+std::string Real(const std::string &p) {
+    char buf[PATH_MAX];
+    return realpath(p.c_str(), buf) ? std::string(buf) : std::string("<missing " + p + ">");
+}
+
+class FileShare : public ::testing::Test {
+protected:
+    void SetUp() override {
+        for (const char *d : {"volume1/s1/dir/sub", "volume1/s1/dir2", "volume1/s2/x", "volume1/ro/a",
+                              "volume1/homes/alice/docs", "volume1/homes/bob", "outside"})
+            ASSERT_TRUE(kova_test::MakeDirs(root_.At(d)));
+        ASSERT_TRUE(kova_test::WriteFile(root_.At("volume1/s1/dir/file.txt"), "x"));
+        ASSERT_EQ(symlink(root_.At("volume1/s2").c_str(), root_.At("volume1/s1/to-s2").c_str()), 0);
+        ASSERT_EQ(symlink(root_.At("outside").c_str(), root_.At("volume1/s1/to-outside").c_str()), 0);
+        ASSERT_EQ(symlink("dir/sub", root_.At("volume1/s1/inner").c_str()), 0);
+        AddShare("s1", false);
+        AddShare("s2", false);
+        AddShare("ro", true);
+        AddShare("homes", false);
+        ASSERT_EQ(KOVAUserAdd("alice", -1, "pw", nullptr, nullptr, 0), 0);
+        ASSERT_EQ(KOVAUserAdd("bob", -1, "pw", nullptr, nullptr, 0), 0);
+        ASSERT_EQ(KOVAGroupAdd("staff", -1, nullptr), 0);
+        ASSERT_EQ(KOVAGroupMemberAdd("staff", "alice"), 0);
+        int uid = 0, gid = 0;
+        ASSERT_EQ(KOVAUserGetUGID("alice", &uid, &gid), 0);
+        aliceUid_ = static_cast<uid_t>(uid);
+        aliceGid_ = static_cast<gid_t>(gid);
+        ASSERT_EQ(KOVAGroupGetGID("staff", &staffGid_), 0);
+        s1_ = Real(root_.At("volume1/s1"));
+    }
+
+    void AddShare(const char *name, bool readOnly) {
+        KOVA_SHARE s;
+        std::memset(&s, 0, sizeof(s));
+        std::strcpy(s.szName, name);
+        std::strcpy(s.szPath, root_.At(std::string("volume1/") + name).c_str());
+        s.supportAcl = 1;
+        s.aclStatus = 1;
+        s.isReadOnly = readOnly;
+        s.defaultPriv = KOVA_SHARE_PRIV_NONE;
+        ASSERT_EQ(KOVAShareSet(&s), 0) << name;
+    }
+
+    // Resolves for alice; returns the method's result and fills the outputs.
+    int Full(const std::string &userPath, const std::string &user = "alice") {
+        real_.clear();
+        name_.clear();
+        shareRoot_.clear();
+        allowed_.clear();
+        return fs_.WfmFullPathGet(userPath, real_, name_, shareRoot_, allowed_, user);
+    }
+
+    kova_test::TempRoot root_;
+    PanoraFileShare fs_;
+    std::string real_, name_, shareRoot_, allowed_, s1_;
+    uid_t aliceUid_ = 0;
+    gid_t aliceGid_ = 0;
+    int staffGid_ = 0;
+};
+
+} // namespace
+
+TEST_F(FileShare, ResolvesShareFolders) {
+    ASSERT_EQ(Full("/s1/dir"), 0);
+    EXPECT_EQ(real_, s1_ + "/dir");
+    EXPECT_EQ(name_, "s1");
+    EXPECT_EQ(shareRoot_, s1_);
+    EXPECT_EQ(allowed_, "");
+    EXPECT_EQ(fs_.WfmLibGetErr(), KOVA_WFM_ERR_NONE);
+
+    ASSERT_EQ(Full("//s1//dir/sub/"), 0);
+    EXPECT_EQ(real_, s1_ + "/dir/sub");
+    ASSERT_EQ(Full("/s1"), 0);
+    EXPECT_EQ(real_, s1_);
+    // ".." and links that stay inside the share are fine, and canonical.
+    ASSERT_EQ(Full("/s1/dir/../dir2"), 0);
+    EXPECT_EQ(real_, s1_ + "/dir2");
+    ASSERT_EQ(Full("/s1/inner"), 0);
+    EXPECT_EQ(real_, s1_ + "/dir/sub");
+
+    // A read-only share names its root as the one path still allowed.
+    ASSERT_EQ(Full("/ro/a"), 0);
+    EXPECT_EQ(allowed_, Real(root_.At("volume1/ro")));
+}
+
+TEST_F(FileShare, RefusesEscapesAndMissingFolders) {
+    for (const char *escape : {"/s1/..", "/s1/../s2/x", "/s1/to-s2", "/s1/to-s2/x", "/s1/to-outside", "/.."}) {
+        EXPECT_NE(Full(escape), 0) << escape;
+        EXPECT_EQ(fs_.WfmLibGetErr(), KOVA_WFM_ERR_BADPATH) << escape;
+        EXPECT_EQ(KLIBCErrGet(), KOVA_ERR_BADPATH) << escape;
+        EXPECT_EQ(real_, "") << "outputs untouched on failure: " << escape;
+    }
+    EXPECT_NE(Full("/s1/nope"), 0);
+    EXPECT_EQ(fs_.WfmLibGetErr(), KOVA_WFM_ERR_NOENT);
+    EXPECT_EQ(KLIBCErrGet(), KOVA_ERR_NOENT);
+    EXPECT_NE(Full("/nosuch/x"), 0);
+    EXPECT_EQ(fs_.WfmLibGetErr(), KOVA_WFM_ERR_NOSHARE);
+    EXPECT_NE(Full("s1/dir"), 0);
+    EXPECT_EQ(fs_.WfmLibGetErr(), KOVA_WFM_ERR_BADARG);
+    EXPECT_EQ(KLIBCErrGet(), KOVA_ERR_BADARG);
+}
+
+TEST_F(FileShare, OwnHomeOnly) {
+    std::string aliceHome = Real(root_.At("volume1/homes/alice"));
+    ASSERT_EQ(Full("/home"), 0);
+    EXPECT_EQ(real_, aliceHome);
+    EXPECT_EQ(name_, "home");
+    EXPECT_EQ(shareRoot_, aliceHome);
+    EXPECT_TRUE(fs_.IsDirUserHome(name_, 0));
+    ASSERT_EQ(Full("/home/docs/"), 0);
+    EXPECT_EQ(real_, aliceHome + "/docs");
+    // Another user's home is reached only as a folder of "homes".
+    EXPECT_NE(Full("/home/../bob"), 0);
+    EXPECT_EQ(fs_.WfmLibGetErr(), KOVA_WFM_ERR_BADPATH);
+    ASSERT_EQ(Full("/homes/bob"), 0);
+    EXPECT_EQ(name_, "homes");
+    EXPECT_FALSE(fs_.IsDirUserHome(name_, 0));
+    EXPECT_FALSE(fs_.IsDirUserHome("alice", 0));
+    EXPECT_NE(Full("/home", "nobody"), 0);
+    EXPECT_EQ(fs_.WfmLibGetErr(), KOVA_WFM_ERR_NOUSER);
+}
+
+TEST_F(FileShare, CheckPath) {
+    EXPECT_EQ(fs_.WfmCheckPath(s1_ + "/dir/file.txt"), 0);
+    EXPECT_EQ(fs_.WfmCheckPath(s1_ + "/to-outside"), 0);  // the link itself lies in the share
+    EXPECT_NE(fs_.WfmCheckPath(s1_ + "/nope"), 0);
+    EXPECT_EQ(KLIBCErrGet(), KOVA_ERR_NOENT);
+    EXPECT_NE(fs_.WfmCheckPath(Real(root_.At("outside"))), 0);
+    EXPECT_EQ(fs_.WfmLibGetErr(), KOVA_WFM_ERR_BADPATH);
+    EXPECT_EQ(KLIBCErrGet(), KOVA_ERR_BADPATH);
+
+    // The caller's own ids decide whether it may reach the entry.
+    ASSERT_EQ(chmod(root_.At("volume1/s1/dir").c_str(), 0700), 0);
+    std::string file = s1_ + "/dir/file.txt";
+    int rc = kova_test::RunAs({aliceUid_, aliceGid_, {}}, [&] {
+        PanoraFileShare fs;
+        if (fs.WfmCheckPath(file) == 0) return 1;
+        if (fs.WfmLibGetErr() != KOVA_WFM_ERR_PERM || KLIBCErrGet() != KOVA_ERR_PERM) return 2;
+        return fs.WfmCheckPath(s1_ + "/dir2") == 0 ? 0 : 3;
+    });
+    EXPECT_EQ(rc, 0);
+}
+
+TEST_F(FileShare, Privileges) {
+    ASSERT_EQ(KOVASharePrivSet("s1", 1, "alice", KOVA_SHARE_PRIV_RW), 0);
+    ASSERT_EQ(KOVASharePrivSet("ro", 4, "staff", KOVA_SHARE_PRIV_RW), 0);
+    int priv = -1, flags = -1;
+    ASSERT_EQ(fs_.WfmLibGetPrivilege("/s1/dir", "alice", "sid", &priv, &flags), 0);
+    EXPECT_EQ(priv, KOVA_SHARE_PRIV_RW);
+    EXPECT_EQ(flags, 0);
+    ASSERT_EQ(fs_.WfmLibGetPrivilege("/s1/dir", "bob", "sid", &priv, &flags), 0);
+    EXPECT_EQ(priv, KOVA_SHARE_PRIV_NONE);
+    ASSERT_EQ(fs_.WfmLibGetPrivilege("/ro/a", "alice", "sid", &priv, &flags), 0);
+    EXPECT_EQ(priv, KOVA_SHARE_PRIV_RW);
+    EXPECT_EQ(flags, KOVA_WFM_PRIV_FLAG_READONLY);
+    ASSERT_EQ(fs_.WfmLibGetPrivilege("/home/docs", "alice", "sid", &priv, &flags), 0);
+    EXPECT_EQ(priv, KOVA_SHARE_PRIV_RW);
+    EXPECT_EQ(flags, KOVA_WFM_PRIV_FLAG_HOME);
+    // Someone else's home is judged by the "homes" share like any folder.
+    ASSERT_EQ(fs_.WfmLibGetPrivilege("/homes/bob", "alice", "sid", &priv, &flags), 0);
+    EXPECT_EQ(priv, KOVA_SHARE_PRIV_NONE);
+    EXPECT_EQ(flags, 0);
+
+    // An escape is refused before any privilege is looked up.
+    EXPECT_NE(fs_.WfmLibGetPrivilege("/s1/to-s2", "alice", "sid", &priv, &flags), 0);
+    EXPECT_EQ(fs_.WfmLibGetErr(), KOVA_WFM_ERR_BADPATH);
+
+    KLIBCFaultSet("KOVASharePrivGet", 0, -1, KOVA_ERR_IO);
+    EXPECT_NE(fs_.WfmLibGetPrivilege("/s1/dir", "alice", "sid", &priv, &flags), 0);
+    KLIBCFaultClearAll();
+    EXPECT_EQ(fs_.WfmLibGetErr(), KOVA_WFM_ERR_PRIVILEGE);
+    EXPECT_EQ(KLIBCErrGet(), KOVA_ERR_IO);
+}
+
+TEST_F(FileShare, UGIDSetActsAsUserKeepingSavedRoot) {
+    // Run in a child: the switch changes the whole process. Start from a
+    // user identity as a task would after raising and lowering again.
+    int rc = kova_test::RunAs({4000, 4000, {}}, [&] {
+        PanoraFileShare fs;
+        if (fs.WfmLibUGIDSet("sid", "alice") != 0) return 1;
+        uid_t ru, eu, su;
+        gid_t rg, eg, sg;
+        getresuid(&ru, &eu, &su);
+        getresgid(&rg, &eg, &sg);
+        if (eu != aliceUid_ || ru != 0 || su != 0) return 2;
+        if (eg != aliceGid_ || rg != 0 || sg != 0) return 3;
+        std::vector<gid_t> groups(static_cast<size_t>(getgroups(0, nullptr)));
+        getgroups(static_cast<int>(groups.size()), groups.data());
+        if (std::find(groups.begin(), groups.end(), static_cast<gid_t>(staffGid_)) == groups.end()) return 4;
+        // An unknown user changes nothing.
+        if (fs.WfmLibUGIDSet("sid", "nobody") == 0) return 5;
+        if (fs.WfmLibGetErr() != KOVA_WFM_ERR_NOUSER || KLIBCErrGet() != KOVA_ERR_NOUSER) return 6;
+        if (geteuid() != aliceUid_) return 7;
+        // The switch can be repeated from the user identity.
+        return fs.WfmLibUGIDSet("sid", "bob") == 0 && geteuid() != aliceUid_ && geteuid() != 0 ? 0 : 8;
+    });
+    EXPECT_EQ(rc, 0);
+}
