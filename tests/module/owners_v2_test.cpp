@@ -1,0 +1,521 @@
+// list_owners version 2 through the test host, against a platform root with
+// local accounts, an LDAP cache filled from a real slapd and the caches of
+// two Windows domains.
+#include "module-host.h"
+#include "platform-fixture.h"
+#include "slapd.h"
+#include "temp-root.h"
+
+#include "kova/account.h"
+#include "kova/errcode.h"
+
+#include <gtest/gtest.h>
+#include <syslog.h>
+
+#include <algorithm>
+#include <memory>
+#include <set>
+#include <vector>
+
+namespace {
+
+using kova_host::CallOptions;
+using kova_host::CallResult;
+using kova_host::Fault;
+using kova_host::ModuleHost;
+using kova_host::PlatformRoot;
+
+Json::Value Parse(const std::string &text) {
+    Json::Value value;
+    std::string error;
+    EXPECT_TRUE(kova_host::ParseJson(text, value, &error)) << error << ": " << text;
+    return value;
+}
+
+// One directory entry of a domain, as an LDIF record.
+std::string LdifUser(const std::string &name, const std::string &dn, const std::string &desc, const std::string &mail,
+                     const std::string &fullname) {
+    return "dn: " + dn + "\nobjectClass: inetOrgPerson\nuid: " + name + "\ncn: " + fullname + "\nsn: " + name +
+           "\ndisplayName: " + fullname + "\nmail: " + mail + "\ndescription: " + desc + "\n\n";
+}
+
+std::string LdifGroup(const std::string &name, const std::string &dn, const std::string &desc) {
+    return "dn: " + dn + "\nobjectClass: posixGroup\ncn: " + name + "\ngidNumber: 7000\ndescription: " + desc + "\n\n";
+}
+
+// Two domains: CORP (two users, one group) and BRANCH (two users, one
+// group), every name starting with "kxd", spread over Sales and IT units.
+bool JoinDomains(PlatformRoot &root) {
+    const std::string corp = root.At("corp.ldif"), branch = root.At("branch.ldif");
+    kova_test::WriteFile(corp, LdifUser("kxd-dana", "uid=kxd-dana,ou=Sales,dc=corp,dc=example", "Sales lead",
+                                        "dana@corp.example", "Dana Sales") +
+                                   LdifUser("kxd-erik", "uid=kxd-erik,ou=IT,dc=corp,dc=example", "Printer wrangler",
+                                            "erik@corp.example", "Erik Ops") +
+                                   LdifGroup("kxd-sales-corp", "cn=kxd-sales-corp,ou=Sales,dc=corp,dc=example",
+                                             "Corp sellers"));
+    kova_test::WriteFile(branch, LdifUser("kxd-fiona", "uid=kxd-fiona,ou=Sales,dc=branch,dc=example", "Branch sales",
+                                          "fiona@branch.example", "Fiona Field") +
+                                     LdifUser("kxd-gus", "uid=kxd-gus,ou=IT,dc=branch,dc=example", "Network",
+                                              "gus@branch.example", "Gus Wire") +
+                                     LdifGroup("kxd-it-branch", "cn=kxd-it-branch,ou=IT,dc=branch,dc=example",
+                                               "Branch IT"));
+    // Without trusted domains the host knows only the joined one (CORP).
+    return root.Admin({"domain", "join", "CORP", "--from-ldif", corp}) == 0 &&
+           root.Admin({"domain", "join", "BRANCH", "--from-ldif", branch}) == 0 &&
+           root.SetDomainFlag("trusted", true);
+}
+
+// The shared root of this program, built once.
+struct World {
+    std::unique_ptr<PlatformRoot> root;
+    std::unique_ptr<kova_test::Slapd> slapd;
+    std::string error;
+};
+
+World *gWorld = nullptr;
+
+bool AddUser(const char *name, const char *desc, const char *mail, bool internal) {
+    return KOVAUserAdd(name, -1, "Passw0rd!", desc, mail, internal ? 1 : 0) >= 0;
+}
+
+std::string BuildWorld(World &w) {
+    w.root.reset(new PlatformRoot());
+    PlatformRoot &root = *w.root;
+    // Local accounts, all named "kx..." so a keyword isolates them from the
+    // root's own accounts.
+    if (!AddUser("kxalice", "Head of Payroll", "alice@corp.example", false) ||
+        !AddUser("kxbob", nullptr, nullptr, false) || !AddUser("kxcarol", "Courier", "carol@mail.example", false) ||
+        !AddUser("kxdave", "Night shift", nullptr, false) || !AddUser("kxsvc-backup", "Backup agent", nullptr, true) ||
+        !AddUser("kxsvc-index", nullptr, nullptr, true))
+        return "local users";
+    if (KOVAGroupAdd("kxstaff", -1, "Payroll team") < 0 || KOVAGroupAdd("kxsales", -1, nullptr) < 0)
+        return "local groups";
+
+    if (!kova_test::Slapd::Installed()) return "slapd is not installed";
+    w.slapd.reset(new kova_test::Slapd(12, 3));
+    kova_test::Slapd::Account underscore;
+    underscore.uid = "kx_ldap";
+    underscore.desc = "Payroll archive";
+    underscore.mail = "archive@ldap.example";
+    underscore.fullname = "Archive Keeper";
+    w.slapd->Add(underscore);
+    kova_test::Slapd::Account lookalike;
+    lookalike.uid = "kxQldap";
+    lookalike.fullname = "Look Alike";
+    w.slapd->Add(lookalike);
+    std::string error;
+    if (!w.slapd->Start(&error)) return "slapd: " + error;
+    if (root.Admin({"ldap", "bind", "--uri", w.slapd->uri(), "--base", w.slapd->base(), "--binddn", w.slapd->rootDn(),
+                    "--password", w.slapd->rootPassword(), "--suffix", "example.com"}) != 0 ||
+        root.Admin({"ldap", "sync"}) != 0)
+        return root.lastError();
+    if (!JoinDomains(root)) return root.lastError();
+    return "";
+}
+
+class OwnersV2 : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        if (gWorld) return;
+        gWorld = new World();
+        gWorld->error = BuildWorld(*gWorld);
+    }
+    // Stops slapd and removes the root.
+    static void TearDownTestSuite() {
+        delete gWorld;
+        gWorld = nullptr;
+    }
+
+    void SetUp() override {
+        ASSERT_TRUE(ModuleHost::Shared().ok()) << ModuleHost::Shared().error();
+        ASSERT_EQ("", gWorld->error);
+    }
+
+    static CallResult List(const std::string &params, const CallOptions &options = CallOptions()) {
+        return ModuleHost::Shared().Call(kova_host::kApi, 2, "list_owners", Parse(params), options);
+    }
+
+    // The reply's entries as "type:name".
+    static std::vector<std::string> Names(const CallResult &r) {
+        std::vector<std::string> out;
+        for (const Json::Value &o : r.data()["owners"]) out.push_back(o["type"].asString() + ":" + o["name"].asString());
+        return out;
+    }
+
+    static uint64_t Total(const CallResult &r) { return r.data()["total"].asUInt64(); }
+
+    static std::string Scope(const std::string &types, const std::string &extra = "") {
+        return "{\"keywordFields\": {}, \"searchScope\": [" + types + "]" + extra + "}";
+    }
+};
+
+TEST_F(OwnersV2, EmptyScopeAndUnknownType) {
+    CallResult empty = List(Scope(""));
+    ASSERT_TRUE(empty.success()) << empty.Dump();
+    EXPECT_TRUE(empty.data()["owners"].isArray());
+    EXPECT_EQ(0u, empty.data()["owners"].size());
+    EXPECT_EQ(0u, Total(empty));
+
+    // The local source is set up to fail loudly: if it ran, its log line
+    // would appear.
+    CallOptions failing;
+    failing.faults.push_back(Fault{"KLIBUserInfoEnum", 0, -1, KOVA_ERR_IO});
+    CallResult unknown = List(Scope("{\"type\": \"local\"}, {\"type\": \"nis\", \"config\": {}}"), failing);
+    ASSERT_EQ(403, unknown.errorCode()) << unknown.Dump();
+    EXPECT_EQ(Parse("{\"name\": \"searchScope[1].type\", \"value\": \"nis\"}"),
+              unknown.response["error"]["data"]);
+    EXPECT_EQ("", unknown.LogDump());
+
+    CallResult first = List(Scope("{\"type\": \"Local\"}"));
+    EXPECT_EQ(403, first.errorCode());
+    EXPECT_EQ("searchScope[0].type", first.response["error"]["data"]["name"].asString());
+    CallResult missing = List(Scope("{\"config\": {}}"));
+    EXPECT_EQ(403, missing.errorCode());
+    EXPECT_EQ("", missing.response["error"]["data"]["value"].asString());
+
+    // The schema still guards the required parameters.
+    EXPECT_EQ(403, List("{\"searchScope\": []}").errorCode());
+    EXPECT_EQ(403, List("{\"keywordFields\": {}}").errorCode());
+}
+
+TEST_F(OwnersV2, LocalKeywordInEachField) {
+    auto local = [](const std::string &keyword, const std::string &fields) {
+        return List("{\"keyword\": \"" + keyword + "\", \"keywordFields\": " + fields +
+                    ", \"searchScope\": [{\"type\": \"local\"}]}");
+    };
+    CallResult byName = local("KXAL", "{}");
+    ASSERT_TRUE(byName.success()) << byName.Dump();
+    EXPECT_EQ(std::vector<std::string>{"user:kxalice"}, Names(byName));
+    const Json::Value &alice = byName.data()["owners"][0];
+    EXPECT_EQ("Head of Payroll", alice["description"].asString());
+    EXPECT_EQ("alice@corp.example", alice["email"].asString());
+    EXPECT_EQ("", alice["fullname"].asString());
+    EXPECT_FALSE(alice.isMember("internal"));
+
+    // Description: users and groups alike; off by default.
+    EXPECT_EQ((std::vector<std::string>{"user:kxalice", "group:kxstaff"}),
+              Names(local("payroll", "{\"name\": false, \"description\": true}")));
+    EXPECT_TRUE(Names(local("payroll", "{}")).empty());
+    // E-mail: users only.
+    EXPECT_EQ(std::vector<std::string>{"user:kxcarol"}, Names(local("MAIL.EXAMPLE", "{\"email\": true}")));
+    EXPECT_TRUE(Names(local("mail.example", "{\"email\": false}")).empty());
+    // No field at all: the local sources match nothing.
+    CallResult none = local("kx", "{\"name\": false, \"description\": false, \"email\": false}");
+    EXPECT_EQ(0u, Total(none));
+    // Internal accounts are not local users.
+    CallResult all = local("kx", "{}");
+    EXPECT_EQ((std::vector<std::string>{"user:kxalice", "user:kxbob", "user:kxcarol", "user:kxdave", "group:kxsales",
+                                        "group:kxstaff"}),
+              Names(all));
+    EXPECT_EQ(6u, Total(all));
+}
+
+TEST_F(OwnersV2, InternalScopeMarksEveryEntry) {
+    CallResult r = List("{\"keyword\": \"kx\", \"keywordFields\": {}, \"searchScope\": [{\"type\": \"local\"}, "
+                        "{\"type\": \"internal\"}]}");
+    ASSERT_TRUE(r.success()) << r.Dump();
+    std::vector<std::string> names = Names(r);
+    ASSERT_EQ(8u, names.size()) << r.Dump();
+    // Local users and groups first, then the internal accounts.
+    EXPECT_EQ("user:kxsvc-backup", names[6]);
+    EXPECT_EQ("user:kxsvc-index", names[7]);
+    for (Json::ArrayIndex i = 0; i < r.data()["owners"].size(); ++i) {
+        const Json::Value &o = r.data()["owners"][i];
+        EXPECT_EQ(i >= 6, o.isMember("internal")) << o;
+        if (i >= 6) {
+            EXPECT_TRUE(o["internal"].isBool() && o["internal"].asBool());
+        }
+    }
+    // The description field works for internal accounts too.
+    CallResult byDesc = List("{\"keyword\": \"agent\", \"keywordFields\": {\"description\": true}, "
+                             "\"searchScope\": [{\"type\": \"internal\"}]}");
+    EXPECT_EQ(std::vector<std::string>{"user:kxsvc-backup"}, Names(byDesc));
+}
+
+TEST_F(OwnersV2, LdapKeywordInEachField) {
+    auto ldap = [](const std::string &keyword, const std::string &fields) {
+        return List("{\"keyword\": \"" + keyword + "\", \"keywordFields\": " + fields +
+                    ", \"searchScope\": [{\"type\": \"ldap\"}]}");
+    };
+    CallResult byName = ldap("User001", "{}");
+    ASSERT_TRUE(byName.success()) << byName.Dump();
+    EXPECT_EQ((std::vector<std::string>{"user:user0010@example.com", "user:user0011@example.com"}), Names(byName));
+    const Json::Value &u = byName.data()["owners"][0];
+    EXPECT_EQ("user0010@example.com", u["email"].asString());
+    EXPECT_EQ("Person 0010", u["fullname"].asString());
+    EXPECT_EQ("Staff 0010", u["description"].asString());
+
+    EXPECT_EQ(std::vector<std::string>{"group:group01@example.com"}, Names(ldap("GROUP01", "{}")));
+    // Description reaches users and groups. Only the name has an upper-cased
+    // copy; the other columns compare as the database does (case-sensitive).
+    EXPECT_EQ((std::vector<std::string>{"user:kx_ldap@example.com"}),
+              Names(ldap("Payroll", "{\"name\": false, \"description\": true}")));
+    EXPECT_TRUE(Names(ldap("payroll", "{\"name\": false, \"description\": true}")).empty());
+    EXPECT_EQ(std::vector<std::string>{"group:group02@example.com"}, Names(ldap("Team 02", "{\"description\": true}")));
+    // E-mail and full name are user columns: the group source then has no
+    // column to search, adds no condition and lists every group.
+    const std::vector<std::string> allGroups = {"group:group00@example.com", "group:group01@example.com",
+                                                "group:group02@example.com"};
+    std::vector<std::string> expected = {"user:kx_ldap@example.com"};
+    expected.insert(expected.end(), allGroups.begin(), allGroups.end());
+    EXPECT_EQ(expected, Names(ldap("archive@", "{\"name\": false, \"email\": true}")));
+    expected[0] = "user:kxQldap@example.com";
+    EXPECT_EQ(expected, Names(ldap("Look Alike", "{\"name\": false, \"fullname\": true}")));
+    // "_" is matched literally, not as a one-character wildcard.
+    EXPECT_EQ(std::vector<std::string>{"user:kx_ldap@example.com"}, Names(ldap("kx_", "{}")));
+    EXPECT_TRUE(Names(ldap("kx%", "{}")).empty());
+    // With a keyword but no field, no condition is added: everything.
+    CallResult everything = ldap("zzz", "{\"name\": false}");
+    EXPECT_EQ(uint64_t(12 + 2 + 3), Total(everything)) << everything.Dump();
+}
+
+TEST_F(OwnersV2, PagingCutsThroughSourcesAndTotalsStay) {
+    // Every source at once, unfiltered; each page must be the matching slice
+    // of the unpaged answer, whatever sources it starts and ends in.
+    const std::string scope = "[{\"type\": \"builtin\"}, {\"type\": \"local\"}, {\"type\": \"ldap\"}, "
+                              "{\"type\": \"internal\"}, {\"type\": \"domain\"}]";
+    CallResult full = List("{\"keywordFields\": {}, \"searchScope\": " + scope + "}");
+    ASSERT_TRUE(full.success()) << full.Dump();
+    const std::vector<std::string> all = Names(full);
+    ASSERT_EQ(Total(full), all.size());
+    ASSERT_GT(all.size(), 30u);
+    EXPECT_EQ("owner:Owner", all.front());
+    EXPECT_EQ("group:kxd-it-branch", all.back());
+
+    // Windows chosen to start and end inside sources and to span several.
+    const std::vector<std::pair<int, int>> windows = {{0, 3},  {2, 5},  {3, 4},  {7, 20}, {9, 1},
+                                                      {20, 9}, {30, 100}, {static_cast<int>(all.size()) - 1, 5},
+                                                      {static_cast<int>(all.size()), 5}, {5, 0}};
+    for (const auto &w : windows) {
+        CallResult page = List("{\"offset\": " + std::to_string(w.first) + ", \"limit\": " + std::to_string(w.second) +
+                               ", \"keywordFields\": {}, \"searchScope\": " + scope + "}");
+        ASSERT_TRUE(page.success()) << page.Dump();
+        const size_t begin = std::min<size_t>(w.first, all.size());
+        const size_t end = std::min<size_t>(begin + w.second, all.size());
+        EXPECT_EQ(std::vector<std::string>(all.begin() + begin, all.begin() + end), Names(page))
+            << "offset " << w.first << " limit " << w.second;
+        EXPECT_EQ(all.size(), Total(page));
+    }
+
+    // A negative offset is 0, a negative limit is no limit.
+    CallResult negative = List("{\"offset\": -3, \"limit\": -5, \"keywordFields\": {}, \"searchScope\": " + scope + "}");
+    EXPECT_EQ(all, Names(negative));
+}
+
+TEST_F(OwnersV2, SameTypeTwiceRunsTwice) {
+    CallResult once = List("{\"keyword\": \"kx\", \"keywordFields\": {}, \"searchScope\": [{\"type\": \"ldap\"}]}");
+    CallResult twice = List("{\"keyword\": \"kx\", \"keywordFields\": {}, \"searchScope\": [{\"type\": \"ldap\"}, "
+                            "{\"type\": \"ldap\"}]}");
+    ASSERT_TRUE(twice.success()) << twice.Dump();
+    std::vector<std::string> doubled = Names(once);
+    ASSERT_EQ(2u, doubled.size());
+    const std::vector<std::string> single = doubled;
+    doubled.insert(doubled.end(), single.begin(), single.end());
+    EXPECT_EQ(doubled, Names(twice));
+    EXPECT_EQ(2 * Total(once), Total(twice));
+    // Paging crosses from the first run into the second.
+    CallResult page = List("{\"keyword\": \"kx\", \"offset\": 1, \"limit\": 2, \"keywordFields\": {}, "
+                           "\"searchScope\": [{\"type\": \"ldap\"}, {\"type\": \"ldap\"}]}");
+    EXPECT_EQ(std::vector<std::string>(doubled.begin() + 1, doubled.begin() + 3), Names(page));
+    EXPECT_EQ(4u, Total(page));
+}
+
+TEST_F(OwnersV2, DomainsAcrossBothCaches) {
+    CallResult r = List("{\"keyword\": \"kxd\", \"keywordFields\": {}, \"searchScope\": [{\"type\": \"domain\"}]}");
+    ASSERT_TRUE(r.success()) << r.Dump();
+    EXPECT_EQ((std::vector<std::string>{"user:kxd-dana", "user:kxd-erik", "user:kxd-fiona", "user:kxd-gus",
+                                        "group:kxd-sales-corp", "group:kxd-it-branch"}),
+              Names(r));
+    EXPECT_EQ(6u, Total(r));
+    const Json::Value &dana = r.data()["owners"][0];
+    EXPECT_EQ("Sales lead", dana["description"].asString());
+    EXPECT_EQ("dana@corp.example", dana["email"].asString());
+    EXPECT_EQ("Dana Sales", dana["fullname"].asString());
+
+    // Paging runs across the domains: users of CORP then BRANCH.
+    CallResult page = List("{\"keyword\": \"KXD\", \"offset\": 1, \"limit\": 2, \"keywordFields\": {}, "
+                           "\"searchScope\": [{\"type\": \"domain\"}]}");
+    EXPECT_EQ((std::vector<std::string>{"user:kxd-erik", "user:kxd-fiona"}), Names(page));
+    EXPECT_EQ(6u, Total(page));
+
+    auto fields = [](const std::string &keyword, const std::string &kf) {
+        return Names(List("{\"keyword\": \"" + keyword + "\", \"keywordFields\": " + kf +
+                          ", \"searchScope\": [{\"type\": \"domain\"}]}"));
+    };
+    EXPECT_EQ(std::vector<std::string>{"user:kxd-erik"}, fields("wrangler", "{\"description\": true}"));
+    EXPECT_EQ(std::vector<std::string>{"user:kxd-fiona"}, fields("fiona@", "{\"name\": false, \"email\": true}"));
+    EXPECT_EQ(std::vector<std::string>{"user:kxd-gus"}, fields("Gus Wire", "{\"name\": false, \"fullname\": true}"));
+    EXPECT_TRUE(fields("wrangler", "{}").empty());
+}
+
+TEST_F(OwnersV2, BindonFiltersOrSelectsTheDomain) {
+    // Trusted domains off: the domains the host knows (only the joined CORP
+    // here), filtered by the DN suffix.
+    ASSERT_TRUE(gWorld->root->SetDomainFlag("trusted", false)) << gWorld->root->lastError();
+    CallResult filtered = List("{\"keywordFields\": {}, \"searchScope\": [{\"type\": \"domain\", \"config\": "
+                               "{\"bindon\": \"ou=Sales,dc=corp,dc=example\"}}]}");
+    ASSERT_TRUE(filtered.success()) << filtered.Dump();
+    EXPECT_EQ((std::vector<std::string>{"user:kxd-dana", "group:kxd-sales-corp"}), Names(filtered));
+    // The suffix must end the DN.
+    CallResult middle = List("{\"keywordFields\": {}, \"searchScope\": [{\"type\": \"domain\", \"config\": "
+                             "{\"bindon\": \"ou=Sales\"}}]}");
+    CallResult plain = List("{\"keyword\": \"kxd\", \"keywordFields\": {}, \"searchScope\": [{\"type\": "
+                            "\"domain\"}]}");
+    ASSERT_TRUE(gWorld->root->SetDomainFlag("trusted", true)) << gWorld->root->lastError();
+    EXPECT_TRUE(Names(middle).empty()) << middle.Dump();
+    EXPECT_EQ((std::vector<std::string>{"user:kxd-dana", "user:kxd-erik", "group:kxd-sales-corp"}), Names(plain));
+
+    // Trusted domains on: the bindon names the only domain searched.
+    CallResult trusted = List("{\"keyword\": \"kxd\", \"keywordFields\": {}, \"searchScope\": [{\"type\": "
+                              "\"domain\", \"config\": {\"bindon\": \"BRANCH\"}}]}");
+    ASSERT_TRUE(trusted.success()) << trusted.Dump();
+    EXPECT_EQ((std::vector<std::string>{"user:kxd-fiona", "user:kxd-gus", "group:kxd-it-branch"}), Names(trusted));
+    EXPECT_EQ(3u, Total(trusted));
+}
+
+TEST_F(OwnersV2, UnavailableDirectoriesContributeNothing) {
+    PlatformRoot bare;  // neither bound nor joined
+    CallResult r = List("{\"keywordFields\": {}, \"searchScope\": [{\"type\": \"ldap\"}, {\"type\": \"domain\"}, "
+                        "{\"type\": \"builtin\"}]}");
+    ASSERT_TRUE(r.success()) << r.Dump();
+    EXPECT_EQ(4u, Total(r));
+    EXPECT_TRUE(r.HasLog(LOG_DEBUG, "acl:1220 ldap is not bound")) << r.LogDump();
+    EXPECT_TRUE(r.HasLog(LOG_DEBUG, "acl:1240 domain is not joined")) << r.LogDump();
+}
+
+TEST_F(OwnersV2, DomainWithoutDatabaseFiles) {
+    // Joined to GHOST only by state: no cache of any domain exists.
+    PlatformRoot root;
+    ASSERT_TRUE(root.AddDomain("GHOST")) << root.lastError();
+    CallResult none = List(Scope("{\"type\": \"domain\"}"));
+    ASSERT_TRUE(none.success()) << none.Dump();
+    EXPECT_EQ(0u, Total(none));
+    EXPECT_TRUE(none.HasLog(LOG_ERR, "usergroup-enumerator/domain-enumerator:229 failed to open domain database"))
+        << none.LogDump();
+
+    // Another domain has caches, GHOST still has none: GHOST is logged and
+    // skipped, the cached domain answers.
+    ASSERT_TRUE(JoinDomains(root)) << root.lastError();  // GHOST stays the joined one
+    CallResult mixed = List("{\"keyword\": \"kxd\", \"keywordFields\": {}, \"searchScope\": [{\"type\": \"domain\"}]}");
+    ASSERT_TRUE(mixed.success()) << mixed.Dump();
+    EXPECT_EQ(6u, Total(mixed));
+    EXPECT_TRUE(mixed.HasLog(LOG_ERR, "usergroup-enumerator/domain-enumerator:115 "
+                                      "KOVAACCOUNTDBOpen#Domain(full:user:GHOST) failed"))
+        << mixed.LogDump();
+    EXPECT_TRUE(mixed.HasLog(LOG_ERR, "usergroup-enumerator/domain-enumerator:115 "
+                                      "KOVAACCOUNTDBOpen#Domain(full:group:GHOST) failed"));
+}
+
+TEST_F(OwnersV2, FailingSourcesStillAnswerSuccess) {
+    const std::string request = "{\"keyword\": \"kx\", \"keywordFields\": {}, \"searchScope\": [{\"type\": \"local\"}, "
+                                "{\"type\": \"ldap\"}, {\"type\": \"internal\"}, {\"type\": \"domain\"}]}";
+    CallResult clean = List(request);
+    ASSERT_TRUE(clean.success()) << clean.Dump();
+    const std::vector<std::string> all = Names(clean);
+
+    struct Case {
+        Fault fault;
+        std::string log;
+        std::vector<std::string> lost;  // entries that disappear
+    };
+    const std::vector<Case> cases = {
+        {{"KLIBUserInfoEnum", 0, -1, KOVA_ERR_IO},
+         "usergroup-enumerator/local-user-enumerator:97 KLIBUserInfoEnum failed. [0x0800",
+         {"user:kxalice", "user:kxbob", "user:kxcarol", "user:kxdave"}},
+        {{"KLIBUserInfoEnumInternalUsers", 0, -1, KOVA_ERR_IO},
+         "usergroup-enumerator/local-user-enumerator:106 KLIBUserInfoEnumInternalUsers failed. [0x0800",
+         {"user:kxsvc-backup", "user:kxsvc-index"}},
+        {{"KLIBGroupInfoEnumByPrefix", 0, -1, KOVA_ERR_IO},
+         "usergroup-enumerator/local-group-enumerator:100 KLIBGroupInfoEnumByPrefix failed. [0x0800",
+         {"group:kxsales", "group:kxstaff"}},
+        // The first open is the LDAP users' database.
+        {{"KOVAACCOUNTDBOpen", 1, 0, KOVA_ERR_IO},
+         "usergroup-enumerator/ldap-user-enumerator:84 KOVAACCOUNTDBOpen#LDAP failed",
+         {"user:kx_ldap@example.com", "user:kxQldap@example.com"}},
+        {{"KOVAACCOUNTDBCoreEnumExec", 1, -1, KOVA_ERR_IO},
+         "usergroup-enumerator/ldap-user-enumerator:141 KOVAACCOUNTDBCoreEnumExec failed",
+         {"user:kx_ldap@example.com", "user:kxQldap@example.com"}},
+        // Every AddClause fails: both LDAP sources and every domain query.
+        {{"KOVAACCOUNTDBAddClause", 0, -1, KOVA_ERR_BADARG},
+         "usergroup-enumerator/ldap-group-enumerator:111 KOVAACCOUNTDBAddClause((name_upper LIKE \"%KX%\" "
+         "ESCAPE '\\')) failed",
+         {"user:kx_ldap@example.com", "user:kxQldap@example.com", "user:kxd-dana", "user:kxd-erik", "user:kxd-fiona",
+          "user:kxd-gus", "group:kxd-sales-corp", "group:kxd-it-branch"}},
+        {{"KOVAACCOUNTDBEnumSetLimit", 0, -1, KOVA_ERR_IO},
+         "usergroup-enumerator/domain-enumerator:141 KOVAACCOUNTDBEnumSet{Start,Limit}(0, ",
+         {"user:kx_ldap@example.com", "user:kxQldap@example.com", "user:kxd-dana", "user:kxd-erik", "user:kxd-fiona",
+          "user:kxd-gus", "group:kxd-sales-corp", "group:kxd-it-branch"}},
+    };
+    for (const Case &c : cases) {
+        CallOptions options;
+        options.faults.push_back(c.fault);
+        CallResult r = List(request, options);
+        ASSERT_TRUE(r.success()) << c.fault.call << "\n" << r.Dump();
+        std::vector<std::string> expected;
+        for (const std::string &name : all)
+            if (std::find(c.lost.begin(), c.lost.end(), name) == c.lost.end()) expected.push_back(name);
+        EXPECT_EQ(expected, Names(r)) << c.fault.call;
+        EXPECT_EQ(expected.size(), Total(r)) << c.fault.call;
+        bool logged = false;
+        for (const auto &line : r.logs)
+            if (line.priority == LOG_ERR && line.text.compare(0, c.log.size(), c.log) == 0) logged = true;
+        EXPECT_TRUE(logged) << c.fault.call << "\n" << r.LogDump();
+    }
+}
+
+TEST_F(OwnersV2, SmallFailuresCostOnlyOneValue) {
+    // A failing description lookup: the group is still listed, matched by
+    // name, with an empty description.
+    CallOptions descFails;
+    descFails.faults.push_back(Fault{"KOVAGroupDescGet", 0, -1, KOVA_ERR_IO});
+    CallResult groups = List("{\"keyword\": \"kxstaff\", \"keywordFields\": {}, \"searchScope\": [{\"type\": "
+                             "\"local\"}]}",
+                             descFails);
+    ASSERT_TRUE(groups.success()) << groups.Dump();
+    ASSERT_EQ(std::vector<std::string>{"group:kxstaff"}, Names(groups));
+    EXPECT_EQ("", groups.data()["owners"][0]["description"].asString());
+    EXPECT_TRUE(groups.HasLog(LOG_ERR, "usergroup-enumerator/local-group-enumerator:42 KOVAGroupDescGet failed"))
+        << groups.LogDump();
+
+    // Upper-casing the keyword fails once: logged, the search goes on with
+    // an empty upper-case keyword (so the in-memory sources match all).
+    CallOptions upperFails;
+    upperFails.faults.push_back(Fault{"KLIBCUnicodeUTF8StrUpper", 1, -1, KOVA_ERR_BADARG});
+    CallResult upper = List("{\"keyword\": \"kxbob\", \"keywordFields\": {}, \"searchScope\": [{\"type\": "
+                            "\"builtin\"}]}",
+                            upperFails);
+    ASSERT_TRUE(upper.success()) << upper.Dump();
+    EXPECT_TRUE(upper.HasLog(LOG_ERR, "acl:1282 KLIBCUnicodeUTF8StrUpper(kxbob) failed[0x0D00 "
+                                      "KLIBCUnicodeUTF8StrUpper:0]"))
+        << upper.LogDump();
+    EXPECT_EQ(0u, Total(upper));  // built-ins compare the keyword itself
+
+    // One user whose name cannot be upper-cased costs that candidate only.
+    CallOptions userUpper;
+    userUpper.faults.push_back(Fault{"KLIBCUnicodeUTF8StrUpper", 2, -1, KOVA_ERR_BADARG});
+    CallResult users = List("{\"keyword\": \"kx\", \"keywordFields\": {}, \"searchScope\": [{\"type\": "
+                            "\"internal\"}]}",
+                            userUpper);
+    ASSERT_TRUE(users.success()) << users.Dump();
+    // The first internal account upper-cased is the one that fails; it is
+    // only lost when it would have matched.
+    const std::string prefix = "usergroup-enumerator/local-user-enumerator:57 KLIBCUnicodeUTF8StrUpper(";
+    std::vector<std::string> failedNames;
+    for (const auto &line : users.logs) {
+        if (line.priority == LOG_ERR && line.text.compare(0, prefix.size(), prefix) == 0)
+            failedNames.push_back(line.text.substr(prefix.size(), line.text.find(')') - prefix.size()));
+    }
+    ASSERT_EQ(1u, failedNames.size()) << users.LogDump();
+    EXPECT_EQ(failedNames[0].compare(0, 2, "kx") == 0 ? 1u : 2u, Total(users)) << users.Dump();
+}
+
+TEST_F(OwnersV2, BuiltinThroughTheModule) {
+    CallResult r = List("{\"keyword\": \"e\", \"offset\": 1, \"limit\": 2, \"keywordFields\": {}, "
+                        "\"searchScope\": [{\"type\": \"builtin\", \"config\": {\"everyone\": false}}]}");
+    ASSERT_TRUE(r.success()) << r.Dump();
+    // "everyone": false drops Owner (the key writes the owner flag).
+    EXPECT_EQ((std::vector<std::string>{"authenticated_user:Authenticated Users", "system:SYSTEM"}), Names(r));
+    EXPECT_EQ(3u, Total(r));
+}
+
+} // namespace
