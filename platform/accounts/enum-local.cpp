@@ -25,11 +25,6 @@ bool RunPaged(AccountSession &s, const std::string &table, const std::string &fi
               const Query &q, Page &page, ReadFn read) {
     bool bindPattern = q.mode != Query::kAll && !q.pattern.empty();
     std::string where = " WHERE " + filter + " AND " + NameCondition(q);
-    kova_internal::Statement count(s.db(), ("SELECT count(*) FROM " + table + where).c_str());
-    if (!count.ok()) return false;
-    if (bindPattern) count.Bind(1, q.pattern);
-    if (count.Step() != SQLITE_ROW) return false;
-    page.total = count.Int(0);
     kova_internal::Statement st(s.db(),
                                 ("SELECT " + columns + " FROM " + table + where + " ORDER BY name LIMIT ?2 OFFSET ?3").c_str());
     if (!st.ok()) return false;
@@ -37,7 +32,20 @@ bool RunPaged(AccountSession &s, const std::string &table, const std::string &fi
     st.Bind(2, q.limit == kNoLimit ? -1LL : static_cast<long long>(q.limit)).Bind(3, static_cast<long long>(q.offset));
     int rc;
     while ((rc = st.Step()) == SQLITE_ROW) page.entries.push_back(read(st));
-    return rc == SQLITE_DONE;
+    if (rc != SQLITE_DONE) return false;
+    // A window that ends early already tells the total; only a full window
+    // (or an empty one past the start) needs the count.
+    size_t got = page.entries.size();
+    if ((q.limit == kNoLimit || got < q.limit) && (got > 0 || q.offset == 0)) {
+        page.total = static_cast<long long>(q.offset) + static_cast<long long>(got);
+        return true;
+    }
+    kova_internal::Statement count(s.db(), ("SELECT count(*) FROM " + table + where).c_str());
+    if (!count.ok()) return false;
+    if (bindPattern) count.Bind(1, q.pattern);
+    if (count.Step() != SQLITE_ROW) return false;
+    page.total = count.Int(0);
+    return true;
 }
 
 } // namespace
