@@ -11,6 +11,8 @@
 #include "kova/errcode.h"
 #include "kova/klibc.h"
 
+#include <sys/stat.h>
+
 #include <memory>
 #include <string>
 #include <vector>
@@ -28,6 +30,13 @@ struct ListFree {
     void operator()(PKLIBC_SZLIST l) const { KLIBCSzListFree(l); }
 };
 using SzList = std::unique_ptr<KLIBC_SZLIST, ListFree>;
+
+// A plain existence test: a missing cache is an expected state here, not
+// an error worth recording as the caller's last error.
+bool Exists(const char *path) {
+    struct stat st;
+    return stat(path, &st) == 0;
+}
 
 std::string EscapeLike(const std::string &text) {
     std::string out;
@@ -105,7 +114,7 @@ bool LdapAccounts(bool groups, const Query &q, Page &page) {
     char path[4096];
     if (KOVAACCOUNTDBGetPath(KOVA_ACCOUNTDB_LDAP, groups ? 1 : 0, KOVA_ACCOUNTDB_TYPE_ENUM, nullptr, path, sizeof(path)) != 0)
         return false;
-    if (!KLIBCFileExist(path)) return true;  // bound but never synced: nothing cached yet
+    if (!Exists(path)) return true;  // bound but never synced: nothing cached yet
     DbHandle h(KOVAACCOUNTDBOpen(KOVA_ACCOUNTDB_LDAP, groups ? 1 : 0, KOVA_ACCOUNTDB_TYPE_ENUM, nullptr, 0));
     if (!h) return false;
     Collect c{&kLdap, "", std::string("@") + suffix, KOVA_ACCOUNT_SRC_LDAP, &page.entries};
@@ -131,10 +140,10 @@ bool DomainAccounts(bool groups, const Query &q, Page &page) {
         int type = KOVA_ACCOUNTDB_TYPE_FULL;
         char path[4096];
         if (KOVAACCOUNTDBGetPath(KOVA_ACCOUNTDB_DOMAIN, groups ? 1 : 0, type, domain, path, sizeof(path)) != 0 ||
-            !KLIBCFileExist(path)) {
+            !Exists(path)) {
             type = KOVA_ACCOUNTDB_TYPE_ENUM;
             if (KOVAACCOUNTDBGetPath(KOVA_ACCOUNTDB_DOMAIN, groups ? 1 : 0, type, domain, path, sizeof(path)) != 0 ||
-                !KLIBCFileExist(path))
+                !Exists(path))
                 continue;  // joined but not cached yet
         }
         DbHandle h(KOVAACCOUNTDBOpen(KOVA_ACCOUNTDB_DOMAIN, groups ? 1 : 0, type, domain, 0));
