@@ -1,0 +1,276 @@
+// list_owners version 1 through the test host: the special principals,
+// local accounts, internal users, the Windows domain and LDAP, paged by one
+// offset and limit.
+#include "module-host.h"
+#include "platform-fixture.h"
+#include "slapd.h"
+#include "temp-root.h"
+
+#include "kova/account.h"
+#include "kova/errcode.h"
+
+#include <gtest/gtest.h>
+#include <syslog.h>
+
+#include <memory>
+#include <vector>
+
+namespace {
+
+using kova_host::CallOptions;
+using kova_host::CallResult;
+using kova_host::Fault;
+using kova_host::ModuleHost;
+using kova_host::PlatformRoot;
+
+Json::Value Parse(const std::string &text) {
+    Json::Value value;
+    std::string error;
+    EXPECT_TRUE(kova_host::ParseJson(text, value, &error)) << error << ": " << text;
+    return value;
+}
+
+struct World {
+    std::unique_ptr<PlatformRoot> root;
+    std::unique_ptr<kova_test::Slapd> slapd;
+    std::string error;
+};
+
+World *gWorld = nullptr;
+
+// Local: two users, one group, one internal account named "kx...". LDAP:
+// slapd's generated accounts plus "kxldap". Domain CORP: "kxcorp" and the
+// group "kxcorp-team".
+std::string BuildWorld(World &w) {
+    w.root.reset(new PlatformRoot());
+    PlatformRoot &root = *w.root;
+    if (KOVAUserAdd("kxamy", -1, "Passw0rd!", nullptr, nullptr, 0) < 0 ||
+        KOVAUserAdd("kxben", -1, "Passw0rd!", nullptr, nullptr, 0) < 0 ||
+        KOVAUserAdd("kxsvc", -1, "Passw0rd!", nullptr, nullptr, 1) < 0 || KOVAGroupAdd("kxcrew", -1, nullptr) < 0)
+        return "local accounts";
+    if (!kova_test::Slapd::Installed()) return "slapd is not installed";
+    w.slapd.reset(new kova_test::Slapd(3, 1));
+    kova_test::Slapd::Account extra;
+    extra.uid = "kxldap";
+    w.slapd->Add(extra);
+    std::string error;
+    if (!w.slapd->Start(&error)) return "slapd: " + error;
+    const std::string ldif = root.At("corp.ldif");
+    kova_test::WriteFile(ldif, "dn: uid=kxcorp,ou=Staff,dc=corp,dc=example\nobjectClass: inetOrgPerson\nuid: kxcorp\n"
+                               "cn: Corp User\nsn: User\n\n"
+                               "dn: cn=kxcorp-team,ou=Staff,dc=corp,dc=example\nobjectClass: posixGroup\n"
+                               "cn: kxcorp-team\ngidNumber: 9000\n\n");
+    if (root.Admin({"ldap", "bind", "--uri", w.slapd->uri(), "--base", w.slapd->base(), "--binddn", w.slapd->rootDn(),
+                    "--password", w.slapd->rootPassword(), "--suffix", "example.com"}) != 0 ||
+        root.Admin({"ldap", "sync"}) != 0 || root.Admin({"domain", "join", "CORP", "--from-ldif", ldif}) != 0)
+        return root.lastError();
+    return "";
+}
+
+class OwnersV1 : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        if (gWorld) return;
+        gWorld = new World();
+        gWorld->error = BuildWorld(*gWorld);
+    }
+    static void TearDownTestSuite() {
+        delete gWorld;
+        gWorld = nullptr;
+    }
+
+    void SetUp() override {
+        ASSERT_TRUE(ModuleHost::Shared().ok()) << ModuleHost::Shared().error();
+        ASSERT_EQ("", gWorld->error);
+    }
+
+    static CallResult List(const std::string &params, const CallOptions &options = CallOptions()) {
+        return ModuleHost::Shared().Call("list_owners", Parse(params), options);
+    }
+
+    static std::vector<std::string> Names(const CallResult &r) {
+        std::vector<std::string> out;
+        for (const Json::Value &o : r.data()["owners"]) {
+            EXPECT_EQ(2u, o.size()) << o;  // only "type" and "name"
+            out.push_back(o["type"].asString() + ":" + o["name"].asString());
+        }
+        return out;
+    }
+
+    static unsigned Total(const CallResult &r) { return r.data()["total"].asUInt(); }
+};
+
+const std::vector<std::string> kSpecials = {"owner:Owner", "everyone:Everyone",
+                                            "authenticated_user:Authenticated Users", "system:SYSTEM"};
+const std::string kAllSpecials =
+    "\"include_owner\": true, \"include_everyone\": true, \"include_builtin\": true";
+
+TEST_F(OwnersV1, SpecialPrincipalsByPrefix) {
+    // "local" and a prefix no account contains keep the accounts out.
+    auto specials = [](const std::string &prefix) {
+        return List("{" + kAllSpecials + ", \"auth_type\": \"local\", \"prefix\": \"" + prefix + "\"}");
+    };
+    CallResult auth = specials("auth");
+    ASSERT_TRUE(auth.success()) << auth.Dump();
+    EXPECT_EQ(std::vector<std::string>{"authenticated_user:Authenticated Users"}, Names(auth));  // display name
+    EXPECT_EQ(1u, Total(auth));
+    EXPECT_EQ(std::vector<std::string>{"system:SYSTEM"}, Names(specials("sys")));  // type
+    EXPECT_EQ(std::vector<std::string>{"system:SYSTEM"}, Names(specials("SYS")));
+    EXPECT_EQ(std::vector<std::string>{"everyone:Everyone"}, Names(specials("EVERY")));
+    EXPECT_EQ(std::vector<std::string>{"owner:Owner"}, Names(specials("Own")));
+    // Compared over the prefix's whole length: longer than the text fails.
+    EXPECT_TRUE(Names(specials("systems")).empty());
+    // Prefix, not substring.
+    EXPECT_TRUE(Names(specials("ystem")).empty());
+
+    // Without their flags none is offered.
+    CallResult none = List("{\"auth_type\": \"local\", \"prefix\": \"sys\"}");
+    ASSERT_TRUE(none.success());
+    EXPECT_TRUE(Names(none).empty());
+    // include_builtin brings both Authenticated Users and SYSTEM.
+    CallResult builtin = List("{\"include_builtin\": true, \"auth_type\": \"local\", \"prefix\": \"zzzz\"}");
+    EXPECT_TRUE(Names(builtin).empty());
+}
+
+TEST_F(OwnersV1, OffsetSkipsAndLimitOnlyBoundsAccounts) {
+    // The prefix filters the specials too, so an empty one is needed here;
+    // the local accounts then include the root's own.
+    CallResult accounts = List("{\"auth_type\": \"local\", \"prefix\": \"\"}");
+    ASSERT_TRUE(accounts.success()) << accounts.Dump();
+    const std::vector<std::string> local = Names(accounts);
+    ASSERT_GE(local.size(), 3u);
+    ASSERT_EQ(local.size(), Total(accounts));
+
+    // Offset 1: Owner is skipped but counted, and the accounts start at 0.
+    CallResult skipped = List("{\"include_owner\": true, \"include_everyone\": true, \"auth_type\": \"local\", "
+                              "\"prefix\": \"\", \"offset\": 1}");
+    ASSERT_TRUE(skipped.success()) << skipped.Dump();
+    std::vector<std::string> expected = {"everyone:Everyone"};
+    expected.insert(expected.end(), local.begin(), local.end());
+    EXPECT_EQ(expected, Names(skipped));
+    EXPECT_EQ(local.size() + 2, Total(skipped));
+    // Offset 3 runs past both specials into the accounts.
+    CallResult further = List("{\"include_owner\": true, \"include_everyone\": true, \"auth_type\": \"local\", "
+                              "\"prefix\": \"\", \"offset\": 3}");
+    EXPECT_EQ(std::vector<std::string>(local.begin() + 1, local.end()), Names(further));
+
+    // Limit 1: all four specials anyway, the accounts get nothing.
+    CallResult limited = List("{" + kAllSpecials + ", \"auth_type\": \"local\", \"prefix\": \"\", \"limit\": 1}");
+    ASSERT_TRUE(limited.success()) << limited.Dump();
+    EXPECT_EQ(kSpecials, Names(limited));
+    EXPECT_EQ(local.size() + 4, Total(limited));  // the accounts are still counted
+
+    // Limit 2 with one special: one account fits after it.
+    CallResult two = List("{\"include_owner\": true, \"auth_type\": \"local\", \"prefix\": \"\", \"limit\": 2}");
+    EXPECT_EQ((std::vector<std::string>{"owner:Owner", local[0]}), Names(two));
+    EXPECT_EQ(local.size() + 1, Total(two));
+}
+
+TEST_F(OwnersV1, AuthTypeSelectsSources) {
+    auto names = [](const std::string &authType) {
+        CallResult r = List("{\"prefix\": \"kx\"" + authType + "}");
+        EXPECT_TRUE(r.success()) << r.Dump();
+        std::vector<std::string> n = Names(r);
+        EXPECT_EQ(n.size(), Total(r));
+        return n;
+    };
+    const std::vector<std::string> local = {"user:kxamy", "user:kxben", "group:kxcrew"};
+    EXPECT_EQ(local, names(", \"auth_type\": \"local\""));
+
+    // Domain first, then LDAP, each in the form the host's account library
+    // gives its names.
+    const std::vector<std::string> directory = names(", \"auth_type\": \"directory\"");
+    EXPECT_EQ((std::vector<std::string>{"user:CORP\\kxcorp", "group:CORP\\kxcorp-team", "user:kxldap@example.com"}),
+              directory);
+
+    std::vector<std::string> all = local;
+    all.insert(all.end(), directory.begin(), directory.end());
+    EXPECT_EQ(all, names(", \"auth_type\": \"all\""));
+    EXPECT_EQ(all, names(""));
+
+    // Internal users come between the local accounts and the domain.
+    std::vector<std::string> withInternal = local;
+    withInternal.push_back("user:kxsvc");
+    withInternal.insert(withInternal.end(), directory.begin(), directory.end());
+    EXPECT_EQ(withInternal, names(", \"include_internal\": true"));
+
+    CallResult bad = List("{\"auth_type\": \"ldap\", \"include_owner\": true}");
+    EXPECT_EQ(403, bad.errorCode()) << bad.Dump();
+    EXPECT_TRUE(bad.response["error"]["data"].isNull());
+    EXPECT_EQ(403, List("{\"auth_type\": \"Local\"}").errorCode());
+}
+
+TEST_F(OwnersV1, PagesAreSlicesOfTheWholeList) {
+    const std::string base = "\"prefix\": \"kx\", \"include_internal\": true";
+    CallResult whole = List("{" + base + "}");
+    ASSERT_TRUE(whole.success()) << whole.Dump();
+    const std::vector<std::string> all = Names(whole);
+    ASSERT_EQ(7u, all.size());
+    for (const auto &w : std::vector<std::pair<int, int>>{{0, 2}, {1, 3}, {2, 2}, {3, 1}, {2, 4}, {5, 9}, {6, 1}, {7, 3}}) {
+        CallResult page = List("{" + base + ", \"offset\": " + std::to_string(w.first) + ", \"limit\": " +
+                               std::to_string(w.second) + "}");
+        ASSERT_TRUE(page.success()) << page.Dump();
+        const size_t begin = std::min<size_t>(w.first, all.size());
+        const size_t end = std::min<size_t>(begin + w.second, all.size());
+        EXPECT_EQ(std::vector<std::string>(all.begin() + begin, all.begin() + end), Names(page))
+            << "offset " << w.first << " limit " << w.second;
+        EXPECT_EQ(7u, Total(page));
+    }
+}
+
+TEST_F(OwnersV1, DirectoryWithoutServicesListsOnlySpecials) {
+    PlatformRoot bare;
+    ASSERT_TRUE(bare.AddUser("kxsvc2", -1, true)) << bare.lastError();
+    CallResult r = List("{\"auth_type\": \"directory\", \"include_everyone\": true, \"prefix\": \"\"}");
+    ASSERT_TRUE(r.success()) << r.Dump();
+    EXPECT_EQ(std::vector<std::string>{"everyone:Everyone"}, Names(r));
+    EXPECT_EQ(1u, Total(r));
+    CallResult internal = List("{\"auth_type\": \"directory\", \"include_internal\": true, \"prefix\": \"kxsvc\"}");
+    EXPECT_EQ(std::vector<std::string>{"user:kxsvc2"}, Names(internal));
+}
+
+TEST_F(OwnersV1, FailingEnumerationsAreLoggedAndSkipped) {
+    const std::string request = "{\"prefix\": \"kx\", \"include_internal\": true}";
+    // The first user enumeration is the local one: its groups are skipped
+    // too, the other sources answer.
+    CallOptions users;
+    users.faults.push_back(Fault{"KLIBUserInfoEnumBySubstr", 1, -1, KOVA_ERR_IO});
+    CallResult r = List(request, users);
+    ASSERT_TRUE(r.success()) << r.Dump();
+    std::vector<std::string> names = Names(r);
+    ASSERT_EQ(4u, names.size()) << r.Dump();
+    EXPECT_EQ("user:kxsvc", names[0]);
+    EXPECT_EQ(4u, Total(r));
+    bool logged = false;
+    for (const auto &line : r.logs)
+        if (line.priority == LOG_ERR && line.text.find(" KLIBUserInfoEnumByPrefix failed. [0x0800 ") != std::string::npos &&
+            line.text.compare(0, 4, "acl:") == 0)
+            logged = true;
+    EXPECT_TRUE(logged) << r.LogDump();
+
+    // Local groups fail: local users and everything else stay.
+    CallOptions groups;
+    groups.faults.push_back(Fault{"KLIBGroupInfoEnumBySubstr", 1, -1, KOVA_ERR_IO});
+    CallResult g = List(request, groups);
+    ASSERT_TRUE(g.success()) << g.Dump();
+    names = Names(g);
+    EXPECT_EQ(std::count(names.begin(), names.end(), "group:kxcrew"), 0);
+    EXPECT_EQ(std::count(names.begin(), names.end(), "user:kxamy"), 1);
+    EXPECT_EQ(6u, names.size());
+    logged = false;
+    for (const auto &line : g.logs)
+        if (line.priority == LOG_ERR && line.text.find(" KLIBGroupInfoEnumByPrefix failed. [0x0800 ") != std::string::npos)
+            logged = true;
+    EXPECT_TRUE(logged) << g.LogDump();
+
+    // Internal users fail silently.
+    CallOptions internals;
+    internals.faults.push_back(Fault{"KLIBUserInfoEnumInternalUsers", 0, -1, KOVA_ERR_IO});
+    CallResult i = List(request, internals);
+    ASSERT_TRUE(i.success()) << i.Dump();
+    EXPECT_EQ(6u, Names(i).size());
+    EXPECT_EQ(6u, Total(i));
+    EXPECT_EQ("", i.LogDump());
+}
+
+} // namespace
