@@ -179,6 +179,9 @@ TEST_F(SelfDeniedTest, InheritedEntriesFollowTheProposedOnes) {
     ASSERT_TRUE(root_.SetAcl(dir, {"user:alice:allow:r:fd--"})) << root_.lastError();
     const std::string child = dir + "/c.txt";
     ASSERT_TRUE(root_.MakeFile(child)) << root_.lastError();
+    // Only a path in ACL mode inherits, and alice reads what it inherits
+    // with her own rights; the proposed rules replace this entry.
+    ASSERT_TRUE(root_.SetAcl(child, {"user:alice:allow:c:----"}, true)) << root_.lastError();
 
     EXPECT_FALSE(Denied(child, Rules({}), true));
     EXPECT_TRUE(Denied(child, Rules({}), false));
@@ -186,6 +189,11 @@ TEST_F(SelfDeniedTest, InheritedEntriesFollowTheProposedOnes) {
     EXPECT_TRUE(Denied(child, Rules({Rule("user", "alice", "deny", "r")}), true));
     // ... but not another bit.
     EXPECT_FALSE(Denied(child, Rules({Rule("user", "alice", "deny", "w")}), true));
+
+    // Without read_perm of her own, alice cannot read the inherited entries.
+    ASSERT_TRUE(root_.SetAcl(child, {}, true)) << root_.lastError();
+    EXPECT_EQ(6200, Check(child, Rules({}), true).errorCode());
+    EXPECT_TRUE(Denied(child, Rules({}), false));
 }
 
 TEST_F(SelfDeniedTest, ADenyAtANearerLevelKeepsMaskingFartherLevels) {
@@ -195,6 +203,9 @@ TEST_F(SelfDeniedTest, ADenyAtANearerLevelKeepsMaskingFartherLevels) {
     ASSERT_TRUE(root_.MakeDir(g)) << root_.lastError();
     ASSERT_TRUE(root_.MakeDir(p)) << root_.lastError();
     ASSERT_TRUE(root_.MakeFile(child)) << root_.lastError();
+    // Only a path in ACL mode inherits, and alice reads what it inherits
+    // with her own rights; the proposed rules replace this entry.
+    ASSERT_TRUE(root_.SetAcl(child, {"user:alice:allow:c:----"}, true)) << root_.lastError();
     ASSERT_TRUE(root_.SetAcl(g, {"user:alice:allow:w:fd--"})) << root_.lastError();
     ASSERT_TRUE(root_.SetAcl(p, {"user:alice:deny:w:fd--"})) << root_.lastError();
 
@@ -202,6 +213,9 @@ TEST_F(SelfDeniedTest, ADenyAtANearerLevelKeepsMaskingFartherLevels) {
     EXPECT_TRUE(Denied(child, Rules({}), true));
     // What level 0 allowed is carried, whatever a later level denies.
     EXPECT_FALSE(Denied(child, Rules({Rule("user", "alice", "allow", "w")}), true));
+    // Without the nearer deny the farther allow does reach the file.
+    ASSERT_TRUE(root_.SetAcl(p, {}, true)) << root_.lastError();
+    EXPECT_FALSE(Denied(child, Rules({}), true));
 }
 
 TEST_F(SelfDeniedTest, LevelsThatGoDownAreRefused) {
@@ -211,6 +225,9 @@ TEST_F(SelfDeniedTest, LevelsThatGoDownAreRefused) {
     ASSERT_TRUE(root_.SetAcl(dir, {"user:bob:allow:r:fd--", "user:bob:allow:w:fd--"})) << root_.lastError();
     const std::string child = dir + "/c.txt";
     ASSERT_TRUE(root_.MakeFile(child)) << root_.lastError();
+    // Only a path in ACL mode inherits, and alice reads what it inherits
+    // with her own rights; the proposed rules replace this entry.
+    ASSERT_TRUE(root_.SetAcl(child, {"user:alice:allow:c:----"}, true)) << root_.lastError();
 
     CallOptions options = As("alice");
     options.beforeHandler = [] { gRaiseFirstInheritedLevel = true; };
