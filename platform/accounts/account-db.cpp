@@ -88,7 +88,11 @@ bool AccountSession::Open() {
     mode_t old = umask(077);
     bool opened = db_.Open(path, true);
     umask(old);
-    if (!opened) return false;
+    if (!opened) {
+        // Without root (no saved uid 0 to raise to) the file is out of reach.
+        if (!root_.ok()) KOVA_FAIL(KOVA_ERR_PERM);
+        return false;
+    }
     sqlite3_create_function(db_.get(), "kova_upper", 1, SQLITE_UTF8 | SQLITE_DETERMINISTIC, nullptr, UpperFn, nullptr, nullptr);
     if (!db_.Exec("PRAGMA foreign_keys = ON")) return false;
     if (exists) {

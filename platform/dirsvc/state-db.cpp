@@ -30,7 +30,12 @@ bool StateSession::Open() {
     mode_t old = umask(077);
     bool ok = db_.Open(dir + "/dirsvc.db", true);
     umask(old);
-    return ok && db_.Exec(kSchema);
+    if (!ok) {
+        // Without root (no saved uid 0 to raise to) the file is out of reach.
+        if (!root_.ok()) KOVA_FAIL(KOVA_ERR_PERM);
+        return false;
+    }
+    return db_.Exec(kSchema);
 }
 
 bool StateSession::ReadAll(std::map<std::string, std::string> &kv) {
