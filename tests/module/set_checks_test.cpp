@@ -62,13 +62,13 @@ class SetChecksTest : public ::testing::Test {
 protected:
     void SetUp() override {
         ASSERT_TRUE(host_.ok()) << host_.error();
-        ASSERT_TRUE(root_.AddUser("admin")) << root_.lastError();
-        ASSERT_TRUE(root_.MakeAdmin("admin")) << root_.lastError();
+        ASSERT_TRUE(root_.AddUser("boss")) << root_.lastError();
+        ASSERT_TRUE(root_.MakeAdmin("boss")) << root_.lastError();
         ASSERT_TRUE(root_.AddUser("alice")) << root_.lastError();
         ASSERT_TRUE(root_.AddUser("bob")) << root_.lastError();
         share_ = root_.AddShare("pub");
         ASSERT_FALSE(share_.empty()) << root_.lastError();
-        admin_.user = "admin";
+        admin_.user = "boss";
         alice_.user = "alice";
     }
 
@@ -165,10 +165,11 @@ TEST_F(SetChecksTest, ShareStateAndPrivilegeRefusalsChangeNothing) {
         EXPECT_EQ(-1, StoredCount(dir + "/sub"));
     }
 
-    // A share that cannot be found when the task looks it up.
+    // A share that is gone when the task looks it up by name (the first
+    // lookup is the folder resolution's, the second the task's own).
     ASSERT_TRUE(root_.MakeDir(share_ + "/sub", 0777));
     CallOptions noShare = admin_;
-    noShare.faults.push_back(Fault{"KOVAShareGet", 0, -1, KOVA_ERR_NOSHARE});
+    noShare.faults.push_back(Fault{"KOVAShareGet", 2, -1, KOVA_ERR_NOSHARE});
     CallResult missing = RunSet(AclParams("sub"), noShare);
     EXPECT_EQ(402, missing.errorCode()) << missing.Dump();
 
@@ -435,7 +436,7 @@ TEST_F(SetChecksTest, TransferLogRecordsARecursiveChangeOnce) {
     std::vector<std::string> dir = fields(lines[0]);
     ASSERT_EQ(8u, dir.size()) << lines[0];
     EXPECT_EQ("192.0.2.7", dir[1]);
-    EXPECT_EQ("admin", dir[2]);
+    EXPECT_EQ("boss", dir[2]);
     EXPECT_EQ("property set", dir[3]);
     EXPECT_EQ("0", dir[4]);
     EXPECT_EQ(top + "/ **Below too**", dir[7]);
