@@ -322,11 +322,11 @@ TEST_F(SetTreeTest, ProgressAndStopDuringALargeWalk) {
     const std::string top = share_ + "/big";
     ASSERT_TRUE(root_.MakeDir(top, 0777));
     std::vector<std::string> entries;
-    for (int d = 0; d < 40; ++d) {
+    for (int d = 0; d < 20; ++d) {
         const std::string dir = top + "/d" + std::to_string(d);
         ASSERT_TRUE(kova_test::MakeDirs(dir));
         entries.push_back(dir);
-        for (int f = 0; f < 1000; ++f) {
+        for (int f = 0; f < 600; ++f) {
             const std::string file = dir + "/f" + std::to_string(f);
             ASSERT_TRUE(kova_test::WriteFile(file, ""));
             entries.push_back(file);
