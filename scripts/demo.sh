@@ -1,0 +1,261 @@
+#!/usr/bin/env bash
+# Sets up a sample platform and runs the web-administration server on it.
+#
+#   bash scripts/demo.sh [--root DIR] [--port N] [--host ADDR] [--build DIR]
+#                        [--files N] [--skip-build] [--no-ldap] [--background]
+#   bash scripts/demo.sh --stop [--root DIR]
+#
+# On a fresh machine it installs the dependencies and builds first. The
+# sample root holds an administrator and ordinary users with known
+# passwords, groups, three shares (one with ACLs, one read-only, one
+# without ACL support), a few thousand files with ACLs, and an LDAP cache
+# filled from a private slapd. The server runs in the foreground (Ctrl-C
+# stops everything) unless --background is given.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+SRC=$(pwd)
+
+ROOT=/var/tmp/kova-demo
+PORT=5080
+HOST=127.0.0.1
+BUILD=$SRC/build
+FILES=3000
+SKIP_BUILD=0
+LDAP=1
+BACKGROUND=0
+STOP=0
+while (($#)); do
+  case "$1" in
+    --root) ROOT=$2; shift ;;
+    --port) PORT=$2; shift ;;
+    --host) HOST=$2; shift ;;
+    --build) BUILD=$2; shift ;;
+    --files) FILES=$2; shift ;;
+    --skip-build) SKIP_BUILD=1 ;;
+    --no-ldap) LDAP=0 ;;
+    --background) BACKGROUND=1 ;;
+    --stop) STOP=1 ;;
+    -h|--help) sed -n '2,13p' "$0"; exit 0 ;;
+    *) echo "demo: unknown option $1" >&2; exit 2 ;;
+  esac
+  shift
+done
+
+PIDS=$ROOT/run/demo.pids
+say() { printf '\033[1m== %s\033[0m\n' "$*"; }
+
+stop_demo() {
+  [[ -f $PIDS ]] || return 0
+  while read -r pid; do
+    [[ -n $pid ]] && kill "$pid" 2>/dev/null || true
+  done <"$PIDS"
+  rm -f "$PIDS"
+}
+
+if ((STOP)); then
+  stop_demo
+  echo "demo stopped"
+  exit 0
+fi
+
+if [[ $(id -u) -ne 0 ]]; then
+  echo "demo: run as root: the server switches to each signed-in user" >&2
+  exit 1
+fi
+
+if ((!SKIP_BUILD)); then
+  say "Installing dependencies"
+  bash scripts/install-deps.sh
+  say "Building (in $BUILD)"
+  cmake -S . -B "$BUILD" -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+  cmake --build "$BUILD" -j "$(nproc)" --target kova-webd kova-admin kova_acl_module
+fi
+KA=("$BUILD/bin/kova-admin" --root "$ROOT")
+[[ -x $BUILD/bin/kova-webd && -x $BUILD/bin/kova-admin ]] || { echo "demo: no build in $BUILD" >&2; exit 1; }
+
+# ---- a fresh sample root -------------------------------------------------
+say "Creating the sample platform root $ROOT"
+if [[ -e $ROOT && ! -e $ROOT/.kova-demo ]]; then
+  echo "demo: $ROOT exists and was not made by this script; choose another --root" >&2
+  exit 1
+fi
+stop_demo
+rm -rf "$ROOT"
+mkdir -p "$ROOT/run" "$ROOT/var/log"
+touch "$ROOT/.kova-demo"
+"${KA[@]}" init >/dev/null
+
+declare -A PASSWD=([admin]=Admin-2024 [alice]=Alice-2024 [bob]=Bob-2024 [carol]=Carol-2024 [dave]=Dave-2024)
+"${KA[@]}" user passwd admin "${PASSWD[admin]}" >/dev/null
+"${KA[@]}" user add alice --password "${PASSWD[alice]}" --desc "Alice Andersen, finance" --email alice@example.com >/dev/null
+"${KA[@]}" user add bob --password "${PASSWD[bob]}" --desc "Bob Berg, engineering" --email bob@example.com >/dev/null
+"${KA[@]}" user add carol --password "${PASSWD[carol]}" --desc "Carol Costa, engineering" --email carol@example.com >/dev/null
+"${KA[@]}" user add dave --password "${PASSWD[dave]}" --desc "Dave Dahl, contractor" --email dave@example.com >/dev/null
+"${KA[@]}" group add staff --desc "Permanent staff" >/dev/null
+"${KA[@]}" group add finance --desc "Finance team" >/dev/null
+"${KA[@]}" group add engineering --desc "Engineering team" >/dev/null
+for u in alice bob carol; do "${KA[@]}" group member add staff "$u" >/dev/null; done
+"${KA[@]}" group member add finance alice >/dev/null
+for u in bob carol; do "${KA[@]}" group member add engineering "$u" >/dev/null; done
+
+"${KA[@]}" share add projects --comment "Team projects" --default-priv none >/dev/null
+"${KA[@]}" share add archive --read-only --comment "Read-only archive" --default-priv none >/dev/null
+"${KA[@]}" share add usbcopy --no-acl --comment "Copy of a USB drive (no ACL support)" --default-priv none >/dev/null
+"${KA[@]}" share priv projects --group staff rw >/dev/null
+"${KA[@]}" share priv projects --user dave ro >/dev/null
+"${KA[@]}" share priv archive --group staff ro >/dev/null
+"${KA[@]}" share priv usbcopy --group staff rw >/dev/null
+share_path() { "${KA[@]}" share show "$1" | sed -n 's/^path: //p'; }
+PROJECTS=$(share_path projects)
+ARCHIVE=$(share_path archive)
+USBCOPY=$(share_path usbcopy)
+
+say "Writing $FILES sample files"
+depts=(finance engineering marketing sales legal support research operations design quality)
+per_dir=$(( (FILES + 99) / 100 ))
+n=0
+for d in "${depts[@]}"; do
+  for s in $(seq -w 1 10); do
+    dir="$PROJECTS/$d/project-$s"
+    mkdir -p "$dir/docs"
+    for f in $(seq 1 "$per_dir"); do
+      ((n < FILES)) || break
+      name=$(printf '%03d' "$f")
+      if ((f % 3 == 0)); then echo "$d $s $f" >"$dir/docs/note-$name.txt"; else echo "$d $s $f" >"$dir/report-$name.txt"; fi
+      n=$((n + 1))
+    done
+  done
+done
+for y in 2019 2020 2021 2022; do mkdir -p "$ARCHIVE/$y"; for q in 1 2 3 4; do echo "$y Q$q" >"$ARCHIVE/$y/q$q.txt"; done; done
+mkdir -p "$USBCOPY/photos"; for i in $(seq 1 20); do echo "photo $i" >"$USBCOPY/photos/img-$i.jpg"; done
+
+# The share roots' rules; everything below inherits them once the server
+# has applied them recursively (see below).
+"${KA[@]}" acl set "$PROJECTS" \
+  group:administrators:allow:rwxpdDaARWcCo:fd-- \
+  group:staff:allow:rwxpdDaARWc--:fd-- \
+  user:dave:allow:rwx--a-R-c--:fd-- >/dev/null
+"${KA[@]}" acl set "$PROJECTS/finance" \
+  group:finance:allow:rwxpdDaARWcCo:fd-- \
+  user:bob:deny:rwxpdDaARWcCo:fd-- >/dev/null
+"${KA[@]}" acl set "$PROJECTS/engineering" group:engineering:allow:rwxpdDaARWc--:fd-- >/dev/null
+"${KA[@]}" acl set "$ARCHIVE" group:administrators:allow:rwxpdDaARWcCo:fd-- group:staff:allow:rwx--a-R-c--:fd-- >/dev/null
+
+# ---- LDAP ------------------------------------------------------------------
+free_port() {
+  local p
+  for p in $(seq "$1" $(($1 + 200))); do
+    if ! (exec 3<>"/dev/tcp/127.0.0.1/$p") 2>/dev/null; then echo "$p"; return; fi
+  done
+  return 1
+}
+
+if ((LDAP)); then
+  say "Starting a private LDAP server and filling the LDAP cache"
+  LD=$ROOT/ldap
+  mkdir -p "$LD/db"
+  LPORT=$(free_port 38900)
+  cat >"$LD/slapd.conf" <<EOF
+include /etc/ldap/schema/core.schema
+include /etc/ldap/schema/cosine.schema
+include /etc/ldap/schema/nis.schema
+include /etc/ldap/schema/inetorgperson.schema
+pidfile $LD/slapd.pid
+modulepath /usr/lib/ldap
+moduleload back_mdb
+database mdb
+maxsize 268435456
+suffix "dc=example,dc=com"
+rootdn "cn=admin,dc=example,dc=com"
+rootpw secret
+directory $LD/db
+EOF
+  {
+    printf 'dn: dc=example,dc=com\nobjectClass: dcObject\nobjectClass: organization\ndc: example\no: Example\n\n'
+    printf 'dn: ou=people,dc=example,dc=com\nobjectClass: organizationalUnit\nou: people\n\n'
+    printf 'dn: ou=groups,dc=example,dc=com\nobjectClass: organizationalUnit\nou: groups\n\n'
+    for i in $(seq -w 1 40); do
+      printf 'dn: uid=ldapuser%s,ou=people,dc=example,dc=com\nobjectClass: inetOrgPerson\nobjectClass: posixAccount\n' "$i"
+      printf 'uid: ldapuser%s\ncn: Directory User %s\nsn: User%s\ndisplayName: Directory User %s\n' "$i" "$i" "$i" "$i"
+      printf 'mail: ldapuser%s@example.com\ndescription: Remote office %s\n' "$i" "$i"
+      printf 'uidNumber: %d\ngidNumber: 100\nhomeDirectory: /home/ldapuser%s\n\n' $((20000 + 10#$i)) "$i"
+    done
+    for g in sales-eu sales-us auditors contractors helpdesk; do
+      printf 'dn: cn=%s,ou=groups,dc=example,dc=com\nobjectClass: posixGroup\ncn: %s\n' "$g" "$g"
+      printf 'gidNumber: %d\ndescription: Directory group %s\n\n' $((30000 + ${#g} * 7 + RANDOM % 100)) "$g"
+    done
+  } >"$LD/data.ldif"
+  /usr/sbin/slapadd -q -f "$LD/slapd.conf" -l "$LD/data.ldif" >"$LD/slapadd.log" 2>&1
+  /usr/sbin/slapd -f "$LD/slapd.conf" -h "ldap://127.0.0.1:$LPORT/" >"$LD/slapd.log" 2>&1
+  for _ in $(seq 1 100); do [[ -s $LD/slapd.pid ]] && break; sleep 0.1; done
+  cat "$LD/slapd.pid" >>"$PIDS"
+  "${KA[@]}" ldap bind --uri "ldap://127.0.0.1:$LPORT/" --base dc=example,dc=com \
+    --binddn cn=admin,dc=example,dc=com --password secret --suffix example.com >/dev/null
+  "${KA[@]}" ldap sync
+fi
+
+# ---- the server --------------------------------------------------------------
+say "Starting kova-webd"
+PORT_FILE=$ROOT/run/webd.port
+rm -f "$PORT_FILE"
+WEBD_ARGS=(--root "$ROOT" --modules "$BUILD/modules" --host "$HOST" --port "$PORT" --port-file "$PORT_FILE")
+if ((BACKGROUND)); then
+  # Detached from this terminal: its console lines go to a file.
+  setsid "$BUILD/bin/kova-webd" "${WEBD_ARGS[@]}" </dev/null >"$ROOT/var/log/webd-console.log" 2>&1 &
+else
+  "$BUILD/bin/kova-webd" "${WEBD_ARGS[@]}" &
+fi
+WEBD=$!
+echo "$WEBD" >>"$PIDS"
+if ((!BACKGROUND)); then trap 'stop_demo; exit 0' INT TERM; fi
+for _ in $(seq 1 100); do [[ -s $PORT_FILE ]] && break; kill -0 "$WEBD" 2>/dev/null || break; sleep 0.1; done
+[[ -s $PORT_FILE ]] || { echo "demo: the server did not start; see $ROOT/var/log/webd-error.log" >&2; stop_demo; exit 1; }
+URL="http://$HOST:$(cat "$PORT_FILE")/"
+
+# Every sample file gets an inheriting ACL the way an administrator would
+# do it: one recursive apply through the server.
+say "Applying the share's rules to every file (recursive apply through the server)"
+JAR=$ROOT/run/cookies
+api() {  # api JSON-BODY [TOKEN]
+  curl -sS -b "$JAR" -c "$JAR" -H 'Content-Type: application/json' -H "X-Kova-Token: ${2:-}" \
+    --data "$1" "${URL}webapi"
+}
+token=$(api '{"api":"KOVA.Server.Session","version":1,"method":"login","params":{"account":"admin","passwd":"'"${PASSWD[admin]}"'"}}' |
+  sed -n 's/.*"token":"\([0-9a-f]*\)".*/\1/p')
+for dir in "$PROJECTS" "$ARCHIVE"; do
+  share=/$(basename "$dir")
+  reply=$(api '{"api":"KOVA.Core.ACL","version":1,"method":"set","params":{"file_path":"'"$dir"'","dirPaths":"'"$share"'","change_acl":false,"acl_recur":true}}' "$token")
+  task=$(sed -n 's/.*"task_id":"\([^"]*\)".*/\1/p' <<<"$reply")
+  if [[ -z $task ]]; then echo "  $share: not applied: $reply"; continue; fi
+  for _ in $(seq 1 600); do
+    st=$(api '{"api":"KOVA.Core.ACL","version":1,"method":"status","params":{"task_id":"'"$task"'"}}' "$token")
+    [[ $st == *'"finished":true'* || $st == *'"success":false'* ]] && break
+    sleep 0.2
+  done
+  echo "  $share: $st"
+done
+api '{"api":"KOVA.Server.Session","version":1,"method":"logout"}' "$token" >/dev/null || true
+rm -f "$JAR"
+
+cat <<EOF
+
+  kova-webd is running at $URL
+  Platform root: $ROOT (logs in $ROOT/var/log)
+
+  Sign in as:
+    admin / ${PASSWD[admin]}   administrator
+    alice / ${PASSWD[alice]}   staff, finance
+    bob   / ${PASSWD[bob]}     staff, engineering (denied in projects/finance)
+    carol / ${PASSWD[carol]}   staff, engineering
+    dave  / ${PASSWD[dave]}    contractor, read-only on projects
+
+  Shares: projects (ACLs), archive (read-only), usbcopy (no ACL support).
+EOF
+if ((LDAP)); then echo "  LDAP: ldapuser01..ldapuser40 and 5 groups in the cache (search them in the rule dialog)."; fi
+if ((BACKGROUND)); then
+  echo "  Stop it with: bash scripts/demo.sh --stop --root $ROOT"
+  exit 0
+fi
+echo "  Press Ctrl-C to stop."
+wait "$WEBD" || true
+stop_demo
