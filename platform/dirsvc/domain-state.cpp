@@ -98,6 +98,7 @@ extern "C" int KOVAWinsEnumOU(PKLIBC_SZLIST *ppNames, PKLIBC_SZLIST *ppDetails) 
 }
 
 bool KovaDirsvc::ValidDomainName(const std::string &name) noexcept {
+    KOVA_FAULT_POINT_BOOL("KovaDirsvc::ValidDomainName");
     if (name.empty() || name.size() > 63 || name[0] == '.' || name[0] == '-') return false;
     for (char c : name)
         if (!std::isalnum(static_cast<unsigned char>(c)) && c != '.' && c != '-' && c != '_') return false;
