@@ -94,7 +94,9 @@ bool AccountSession::Open() {
         return false;
     }
     sqlite3_create_function(db_.get(), "kova_upper", 1, SQLITE_UTF8 | SQLITE_DETERMINISTIC, nullptr, UpperFn, nullptr, nullptr);
-    if (!db_.Exec("PRAGMA foreign_keys = ON")) return false;
+    // Enumerations walk the name index and fetch rows by uid; a larger page
+    // cache and memory-mapped reads keep that from re-reading pages.
+    if (!db_.Exec("PRAGMA foreign_keys = ON; PRAGMA cache_size = -16384; PRAGMA mmap_size = 268435456")) return false;
     if (exists) {
         // Raw probe: a missing table here is expected, not an error to report.
         sqlite3_stmt *probe = nullptr;
