@@ -72,6 +72,14 @@ std::string CollapseDots(const std::string &p) {
     return out.empty() ? "/" : out;
 }
 
+// A share's root as it is on disk now (stored paths are real when written,
+// but a root may be recorded by another tool).
+std::string RootOf(const KOVA_SHARE &s) {
+    std::string stored = StripTrailingSlashes(s.szPath), real;
+    int err = 0;
+    return RealPath(stored, real, err) ? real : stored;
+}
+
 bool UnderRoot(const std::string &path, const std::string &root) {
     if (root == "/") return true;
     return path.compare(0, root.size(), root) == 0 && (path.size() == root.size() || path[root.size()] == '/');
@@ -82,7 +90,7 @@ int LongestMatch(const std::vector<KOVA_SHARE> &shares, const std::string &path)
     int best = -1;
     size_t bestLen = 0;
     for (size_t i = 0; i < shares.size(); ++i) {
-        std::string root = StripTrailingSlashes(shares[i].szPath);
+        std::string root = RootOf(shares[i]);
         if (!UnderRoot(path, root)) continue;
         if (best < 0 || root.size() > bestLen) {
             best = static_cast<int>(i);
@@ -114,7 +122,7 @@ extern "C" int KOVAShareNamePathGet(const char *szPath, char *szName, int cbName
 
     int lexical = LongestMatch(shares, CollapseDots(raw));
     int real = LongestMatch(shares, canonical);
-    if (lexical >= 0 && !UnderRoot(canonical, StripTrailingSlashes(shares[static_cast<size_t>(lexical)].szPath))) {
+    if (lexical >= 0 && !UnderRoot(canonical, RootOf(shares[static_cast<size_t>(lexical)]))) {
         // Written inside a share but resolving elsewhere: an escape.
         KOVA_FAIL(KOVA_ERR_BADPATH);
         return -1;
@@ -124,7 +132,7 @@ extern "C" int KOVAShareNamePathGet(const char *szPath, char *szName, int cbName
         return -1;
     }
     const KOVA_SHARE &s = shares[static_cast<size_t>(real)];
-    std::string root = StripTrailingSlashes(s.szPath);
+    std::string root = RootOf(s);
     if ((szName && !kova_share::CopyText(szName, static_cast<size_t>(cbName), s.szName)) ||
         (szSharePath && !kova_share::CopyText(szSharePath, static_cast<size_t>(cbSharePath), root))) {
         KOVA_FAIL(KOVA_ERR_RANGE);
