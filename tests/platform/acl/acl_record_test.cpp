@@ -5,7 +5,9 @@
 #include "kova/acl.h"
 #include "kova/errcode.h"
 #include "kova/klibc.h"
+#include "kova/share.h"
 
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -159,6 +161,42 @@ TEST_F(AclRecord, FileSystemSupport) {
     EXPECT_LT(KOVAACLIsSupport(In("missing").c_str(), -1, KOVA_ACL_SUPPORT_FS), 0);
     EXPECT_EQ(KLIBCErrGet(), KOVA_ERR_NOENT);
     EXPECT_LT(KOVAACLIsSupport(Share().c_str(), -1, 3), 0);
+}
+
+} // namespace
+
+namespace {
+
+// A tmpfs mounted inside the share for one test, unmounted afterwards.
+class AclReadOnlyFs : public kova_acl_test::AclFixture {
+protected:
+    void SetUp() override {
+        AclFixture::SetUp();
+        mnt_ = In("mnt");
+        Dir(mnt_);
+        if (mount("tmpfs", mnt_.c_str(), "tmpfs", 0, "size=1m") != 0) GTEST_SKIP() << "cannot mount tmpfs here";
+        mounted_ = true;
+    }
+    void TearDown() override {
+        if (mounted_) umount2(mnt_.c_str(), MNT_DETACH);
+    }
+    std::string mnt_;
+    bool mounted_ = false;
+};
+
+TEST_F(AclReadOnlyFs, ReadOnlyFileSystemRefusesTheWriteAndKeepsTheOldAcl) {
+    File(mnt_ + "/f");
+    EXPECT_EQ(KOVAGetFSType((mnt_ + "/f").c_str(), 0), FSTYPE_TMPFS);
+    EXPECT_EQ(KOVAACLIsSupport((mnt_ + "/f").c_str(), -1, KOVA_ACL_SUPPORT_FS), 1);
+    ASSERT_EQ(SetAcl(mnt_ + "/f", {"user:1030:allow:r------------:----"}), 0);
+    ASSERT_EQ(mount(nullptr, mnt_.c_str(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
+    EXPECT_LT(SetAcl(mnt_ + "/f", {"user:1031:allow:r------------:----"}), 0);
+    EXPECT_EQ(KLIBCErrGet(), KOVA_ERR_ACL_NOSPACE);
+    EXPECT_LT(KOVAACLRemove((mnt_ + "/f").c_str(), -1), 0);
+    EXPECT_EQ(KLIBCErrGet(), KOVA_ERR_ACL_NOSPACE);
+    std::vector<std::string> got;
+    ASSERT_TRUE(GetAcl(mnt_ + "/f", KOVA_ACL_GET_OWN, got));
+    EXPECT_EQ(got, std::vector<std::string>({"user:1030:allow:r------------:----:0"}));
 }
 
 } // namespace
