@@ -84,11 +84,15 @@ void ResetSignals() {
     for (int s : sigs) signal(s, SIG_DFL);
 }
 
+// A detached task must not hold the caller's terminal or pipes open: whoever
+// waits for the caller's output to end would otherwise wait for the task.
+// Tasks report through their record and the system log.
 void DetachStdio() {
     int null = open("/dev/null", O_RDWR | O_CLOEXEC);
     if (null < 0) return;
     dup2(null, STDIN_FILENO);
     dup2(null, STDOUT_FILENO);
+    dup2(null, STDERR_FILENO);
     if (null > STDERR_FILENO) close(null);
 }
 

@@ -41,7 +41,8 @@ bool Exists(const std::string &path) {
 }
 
 // Task bodies. They run in the task process: no test assertions there,
-// everything they do is observed through the record.
+// everything they do is observed through the record. Their waits are
+// bounded, so a failing test leaves no task behind for good.
 struct Gate {
     std::string goFile;
 };
@@ -52,7 +53,7 @@ void ProgressThenFinish(APIRequest *req, APIResponse *resp, void *data) {
     progress["applypath"] = req->GetParam("file_path", "").asString();
     progress["finished"] = false;
     resp->SetSuccess(progress);
-    while (!Exists(gate->goFile)) usleep(5000);
+    for (int i = 0; i < 24000 && !Exists(gate->goFile); ++i) usleep(5000);
     Json::Value done(Json::objectValue);
     done["finished"] = true;
     resp->SetSuccess(done);
@@ -64,13 +65,14 @@ void OnTerm(int) { gTerm = 1; }
 void WaitForTerm(APIRequest *, APIResponse *resp, void *) {
     signal(SIGTERM, OnTerm);
     resp->SetSuccess("waiting");
-    while (!gTerm) usleep(2000);
+    // Bounded, so a failing test cannot leave the task behind for good.
+    for (int i = 0; i < 60000 && !gTerm; ++i) usleep(2000);
     resp->SetError(4242);
 }
 
-void SleepForever(APIRequest *, APIResponse *resp, void *) {
+void SleepLong(APIRequest *, APIResponse *resp, void *) {
     resp->SetSuccess("sleeping");
-    for (;;) pause();
+    sleep(120);
 }
 
 void Rewrite(APIRequest *, APIResponse *resp, void *) {
@@ -231,7 +233,7 @@ TEST_F(Polling, StopDeliversSigterm) {
 }
 
 TEST_F(Polling, KilledTaskReadsAsFailed) {
-    std::string id = StartAs("alice", SleepForever, nullptr);
+    std::string id = StartAs("alice", SleepLong, nullptr);
     ASSERT_FALSE(id.empty());
     Json::Value st;
     ASSERT_TRUE(Eventually([&] { return StatusAs("alice", id, st) && st["data"].asString() == "sleeping"; }));
