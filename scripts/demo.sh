@@ -130,16 +130,13 @@ for y in 2019 2020 2021 2022; do mkdir -p "$ARCHIVE/$y"; for q in 1 2 3 4; do ec
 mkdir -p "$USBCOPY/photos"; for i in $(seq 1 20); do echo "photo $i" >"$USBCOPY/photos/img-$i.jpg"; done
 
 # The share roots' rules; everything below inherits them once the server
-# has applied them recursively (see below).
+# has applied them recursively (see below), and two departments add their
+# own after that.
 "${KA[@]}" acl set "$PROJECTS" \
   group:administrators:allow:rwxpdDaARWcCo:fd-- \
   group:staff:allow:rwxpdDaARWc--:fd-- \
-  user:dave:allow:rwx--a-R-c--:fd-- >/dev/null
-"${KA[@]}" acl set "$PROJECTS/finance" \
-  group:finance:allow:rwxpdDaARWcCo:fd-- \
-  user:bob:deny:rwxpdDaARWcCo:fd-- >/dev/null
-"${KA[@]}" acl set "$PROJECTS/engineering" group:engineering:allow:rwxpdDaARWc--:fd-- >/dev/null
-"${KA[@]}" acl set "$ARCHIVE" group:administrators:allow:rwxpdDaARWcCo:fd-- group:staff:allow:rwx--a-R-c--:fd-- >/dev/null
+  user:dave:allow:r-x---a-R-c--:fd-- >/dev/null
+"${KA[@]}" acl set "$ARCHIVE" group:administrators:allow:rwxpdDaARWcCo:fd-- group:staff:allow:r-x---a-R-c--:fd-- >/dev/null
 
 # ---- LDAP ------------------------------------------------------------------
 free_port() {
@@ -236,6 +233,10 @@ for dir in "$PROJECTS" "$ARCHIVE"; do
 done
 api '{"api":"KOVA.Server.Session","version":1,"method":"logout"}' "$token" >/dev/null || true
 rm -f "$JAR"
+"${KA[@]}" acl set "$PROJECTS/finance" \
+  group:finance:allow:rwxpdDaARWcCo:fd-- \
+  user:bob:deny:rwxpdDaARWcCo:fd-- >/dev/null
+"${KA[@]}" acl set "$PROJECTS/engineering" group:engineering:allow:rwxpdDaARWc--:fd-- >/dev/null
 
 cat <<EOF
 

@@ -42,6 +42,7 @@ async function showApp(account) {
   $('app-view').hidden = false;
   $('who').textContent = account ? `Signed in as ${account}` : '';
   await browser.open(null);
+  for (const p of [rulePicker, ownerPicker, inspectPicker]) p.prepare();
 }
 
 // ---- the folder browser ------------------------------------------------

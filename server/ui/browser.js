@@ -33,9 +33,8 @@ export function createBrowser({ crumbs, entries, more, onSelect, onError }) {
     const li = document.createElement('li');
     if (selected && selected.real_path === item.real_path) li.className = 'selected';
     const icon = document.createElement('span');
-    icon.className = 'icon';
+    icon.className = item.is_dir ? 'icon dir' : 'icon file';
     icon.setAttribute('aria-hidden', 'true');
-    icon.textContent = item.is_dir ? '📁' : '📄';
     const name = document.createElement('button');
     name.type = 'button';
     name.className = 'name';

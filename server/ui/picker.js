@@ -190,5 +190,7 @@ export function createPicker(container, { label, builtin = false, onChange = () 
       chosen.textContent = type ? principalLabel(type, name) : '';
     },
     focus() { input.focus(); },
+    // Fills the source list; called once signed in.
+    prepare: () => ready(),
   };
 }
