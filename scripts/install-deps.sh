@@ -7,11 +7,10 @@ PACKAGES=(
   build-essential cmake pkg-config git
   libjsoncpp-dev libsqlite3-dev sqlite3 libicu-dev libldap-dev libargon2-dev libssl-dev
   libcpp-httplib-dev libgtest-dev libgmock-dev libbenchmark-dev
-  attr acl slapd ldap-utils
+  attr acl slapd ldap-utils curl
+  # the browser tests of the permissions editor
+  chromium nodejs npm
 )
-if [[ "${KOVA_WITH_BROWSER:-0}" == "1" ]]; then
-  PACKAGES+=(chromium nodejs npm)
-fi
 if [[ "${KOVA_WITH_BENCH:-0}" == "1" ]]; then
   PACKAGES+=(nginx-light wrk)
 fi
@@ -30,4 +29,14 @@ if ((${#missing[@]})); then
   $SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}"
 fi
 # The Debian slapd package starts a system instance; the tests start their own.
-if command -v service >/dev/null 2>&1; then service slapd stop >/dev/null 2>&1 || true; fi
+# Likewise nginx (benchmarks only): the load benchmark starts its own.
+if command -v service >/dev/null 2>&1; then
+  service slapd stop >/dev/null 2>&1 || true
+  service nginx stop >/dev/null 2>&1 || true
+fi
+# playwright-core for the browser tests (it drives the chromium above and
+# downloads no browser of its own).
+BROWSER_TESTS="$(cd "$(dirname "$0")/.." && pwd)/tests/browser"
+if [[ ! -d $BROWSER_TESTS/node_modules/playwright-core ]]; then
+  (cd "$BROWSER_TESTS" && npm ci --no-audit --no-fund --loglevel=error)
+fi
