@@ -7,10 +7,13 @@ PACKAGES=(
   build-essential cmake pkg-config git
   libjsoncpp-dev libsqlite3-dev sqlite3 libicu-dev libldap-dev libargon2-dev libssl-dev
   libcpp-httplib-dev libgtest-dev libgmock-dev libbenchmark-dev
-  attr acl slapd ldap-utils curl
-  # the browser tests of the permissions editor
-  chromium nodejs npm
+  attr acl slapd ldap-utils curl chromium
 )
+# The browser tests also need node and npm. Some machines carry a nodejs
+# package that bundles npm and conflicts with Debian's npm: ask only for
+# what is missing as a command.
+command -v node >/dev/null 2>&1 || PACKAGES+=(nodejs)
+command -v npm >/dev/null 2>&1 || PACKAGES+=(npm)
 if [[ "${KOVA_WITH_BENCH:-0}" == "1" ]]; then
   PACKAGES+=(nginx-light wrk)
 fi
