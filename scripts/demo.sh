@@ -82,6 +82,7 @@ fi
 stop_demo
 rm -rf "$ROOT"
 mkdir -p "$ROOT/run" "$ROOT/var/log"
+chmod 755 "$ROOT"  # every signed-in user must be able to reach the shares below it
 touch "$ROOT/.kova-demo"
 "${KA[@]}" init >/dev/null
 

@@ -1,0 +1,108 @@
+#!/usr/bin/env bash
+# Load benchmark of kova-webd: wrk on loopback against the ACL "get" of one
+# path, side by side with nginx serving a static file of the same size on the
+# same machine (the floor: what plain HTTP costs here). Prints requests/s and
+# p99 latency of both and their ratios.
+#
+#   bash bench/webd-load/run.sh [--build DIR] [--seconds N] [--connections N] [--threads N] [--workers N]
+set -euo pipefail
+cd "$(dirname "$0")/../.."
+SRC=$(pwd)
+BUILD=$SRC/build
+SECONDS_RUN=10
+CONNS=16
+THREADS=2
+WORKERS=4
+while (($#)); do
+  case "$1" in
+    --build) BUILD=$2; shift ;;
+    --seconds) SECONDS_RUN=$2; shift ;;
+    --connections) CONNS=$2; shift ;;
+    --threads) THREADS=$2; shift ;;
+    --workers) WORKERS=$2; shift ;;
+    *) echo "unknown option $1" >&2; exit 2 ;;
+  esac
+  shift
+done
+
+KOVA_WITH_BENCH=1 bash scripts/install-deps.sh
+[[ -x $BUILD/bin/kova-webd ]] || { echo "no build in $BUILD (cmake --build $BUILD first)" >&2; exit 1; }
+
+WORK=$(mktemp -d /tmp/kova-webd-load-XXXXXX)
+# Users must be able to reach the shares below it.
+chmod 755 "$WORK"
+ROOT=$WORK/root
+NGINX_PID=""
+cleanup() {
+  if [[ -n $NGINX_PID ]]; then kill "$NGINX_PID" 2>/dev/null || true; fi
+  bash scripts/demo.sh --stop --root "$ROOT" >/dev/null 2>&1 || true
+  [[ -n ${KEEP:-} ]] || rm -rf "$WORK"
+}
+trap cleanup EXIT
+
+bash scripts/demo.sh --skip-build --no-ldap --build "$BUILD" --root "$ROOT" --port 0 --background --files 200 \
+  >"$WORK/demo.log" 2>&1 || { cat "$WORK/demo.log"; exit 1; }
+# demo.sh starts the default pool; restart with the size asked for.
+bash scripts/demo.sh --stop --root "$ROOT" >/dev/null
+"$BUILD/bin/kova-webd" --root "$ROOT" --modules "$BUILD/modules" --port 0 --port-file "$WORK/port" \
+  --workers "$WORKERS" >"$WORK/webd.log" 2>&1 &
+echo $! >>"$ROOT/run/demo.pids"
+for _ in $(seq 1 100); do [[ -s $WORK/port ]] && break; sleep 0.1; done
+URL="http://127.0.0.1:$(cat "$WORK/port")/webapi"
+
+TARGET=$("$BUILD/bin/kova-admin" --root "$ROOT" share show projects | sed -n 's/^path: //p')/engineering/project-01
+curl -sS -c "$WORK/jar" -H 'Content-Type: application/json' \
+  --data '{"api":"KOVA.Server.Session","version":1,"method":"login","params":{"account":"admin","passwd":"Admin-2024"}}' \
+  "$URL" >"$WORK/login.json"
+TOKEN=$(sed -n 's/.*"token":"\([0-9a-f]*\)".*/\1/p' "$WORK/login.json")
+SID=$(awk '$6 == "kova_sid" {print $7}' "$WORK/jar")
+BODY='{"api":"KOVA.Core.ACL","version":1,"method":"get","params":{"file_path":"'"$TARGET"'","type":"all"}}'
+curl -sS -H "Cookie: kova_sid=$SID" -H "X-Kova-Token: $TOKEN" -H 'Content-Type: application/json' \
+  --data "$BODY" "$URL" >"$WORK/reply.json"
+grep -q '"success":true' "$WORK/reply.json" || { echo "get failed: $(cat "$WORK/reply.json")" >&2; exit 1; }
+SIZE=$(stat -c %s "$WORK/reply.json")
+
+{
+  echo 'wrk.method = "POST"'
+  echo "wrk.body = [[$BODY]]"
+  echo 'wrk.headers["Content-Type"] = "application/json"'
+  echo "wrk.headers[\"Cookie\"] = \"kova_sid=$SID\""
+  echo "wrk.headers[\"X-Kova-Token\"] = \"$TOKEN\""
+} >"$WORK/post.lua"
+
+# nginx with the same reply as a static file, as many workers as kova-webd.
+mkdir -p "$WORK/nginx/html" "$WORK/nginx/logs"
+cp "$WORK/reply.json" "$WORK/nginx/html/reply.json"
+NPORT=$(((RANDOM % 20000) + 30000))
+{
+  echo "worker_processes $WORKERS;"
+  echo "daemon off;"
+  echo "pid $WORK/nginx/nginx.pid;"
+  echo "error_log $WORK/nginx/logs/error.log;"
+  echo "events { worker_connections 1024; }"
+  echo "http { access_log off; default_type application/json;"
+  echo "  server { listen 127.0.0.1:$NPORT; root $WORK/nginx/html; } }"
+} >"$WORK/nginx/nginx.conf"
+nginx -p "$WORK/nginx" -c "$WORK/nginx/nginx.conf" &
+NGINX_PID=$!
+for _ in $(seq 1 50); do curl -sf "http://127.0.0.1:$NPORT/reply.json" >/dev/null && break; sleep 0.1; done
+
+# "Requests/sec" and the 99% latency in milliseconds from wrk --latency.
+measure() {
+  local out rps p99
+  out=$(wrk -t"$THREADS" -c"$CONNS" -d"${SECONDS_RUN}s" --latency "$@")
+  if grep -q 'Non-2xx' <<<"$out"; then echo "warning: non-2xx replies during $*" >&2; fi
+  rps=$(awk '/^Requests\/sec:/ {print $2}' <<<"$out")
+  p99=$(awk '$1 == "99%" { v = $2; u = v; sub(/^[0-9.]+/, "", u); sub(/[a-z]+$/, "", v);
+        if (u == "us") v /= 1000; else if (u == "s") v *= 1000; print v }' <<<"$out")
+  echo "$rps $p99"
+}
+
+echo "reply size: $SIZE bytes; wrk: $THREADS threads, $CONNS connections, ${SECONDS_RUN}s; $WORKERS workers each"
+read -r WEBD_RPS WEBD_P99 < <(measure -s "$WORK/post.lua" "$URL")
+read -r NGINX_RPS NGINX_P99 < <(measure "http://127.0.0.1:$NPORT/reply.json")
+printf '%-28s %12s %12s\n' "" "requests/s" "p99 (ms)"
+printf '%-28s %12.0f %12.2f\n' "kova-webd ACL get" "$WEBD_RPS" "$WEBD_P99"
+printf '%-28s %12.0f %12.2f\n' "nginx static file (floor)" "$NGINX_RPS" "$NGINX_P99"
+awk -v a="$WEBD_RPS" -v b="$NGINX_RPS" -v c="$WEBD_P99" -v d="$NGINX_P99" \
+  'BEGIN { printf "ratio kova-webd / nginx: throughput %.3f, p99 latency %.1fx\n", a / b, (d > 0 ? c / d : 0) }'
