@@ -36,7 +36,7 @@ NGINX_PID=""
 cleanup() {
   if [[ -n $NGINX_PID ]]; then kill "$NGINX_PID" 2>/dev/null || true; fi
   bash scripts/demo.sh --stop --root "$ROOT" >/dev/null 2>&1 || true
-  [[ -n ${KEEP:-} ]] || rm -rf "$WORK"
+  rm -rf "$WORK"
 }
 trap cleanup EXIT
 
