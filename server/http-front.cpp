@@ -186,6 +186,9 @@ void Front::HandleApi(const httplib::Request &req, httplib::Response &res) {
         reply["error"]["data"]["reason"] = bad;
     } else if (call.api == "KOVA.Server.Session" && call.version == 1 && call.method == "login") {
         reply = Login(call, res, user);
+        // A new sign-in replaces whatever session this browser held.
+        const std::string old = CookieValue(req.get_header_value("Cookie"), kSessionCookie);
+        if (reply["success"].asBool() && !old.empty()) sessions_.Remove(old);
     } else {
         Session s;
         const std::string sid = CookieValue(req.get_header_value("Cookie"), kSessionCookie);

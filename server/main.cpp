@@ -101,7 +101,7 @@ int main(int argc, char **argv) {
     if (worker) return webd::WorkerMain(o.workerFd, registry, logs);
 
     std::vector<std::string> workerArgs = {SelfPath(), "--root", o.root, "--modules", o.modulesDir};
-    webd::WorkerPool pool(workerArgs, static_cast<size_t>(o.workers), logs);
+    webd::WorkerPool pool(workerArgs, static_cast<size_t>(o.workers), o.requestTimeout, logs);
     if (!pool.Start()) {
         logs.Error("no worker could be started");
         return 1;

@@ -1,7 +1,7 @@
 // Command line of kova-webd:
 //   kova-webd [--root DIR] [--modules DIR] [--ui DIR] [--host ADDR] [--port N]
 //             [--port-file FILE] [--workers N] [--http-threads N]
-//             [--session-idle SECONDS]
+//             [--session-idle SECONDS] [--request-timeout SECONDS]
 // --root defaults to $KOVA_ROOT; --port 0 picks a free port, written to
 // --port-file (for scripts and tests). --worker-fd is internal: the server
 // starts its workers with it.
@@ -23,6 +23,7 @@ struct Options {
     int workers = 4;
     int httpThreads = 16;
     int sessionIdle = 3600;
+    int requestTimeout = 600;
     int workerFd = -1;
 };
 

@@ -28,8 +28,8 @@ std::string DescribeStatus(int status) {
 
 } // namespace
 
-WorkerPool::WorkerPool(std::vector<std::string> argv, size_t size, Logs &logs)
-    : argv_(std::move(argv)), size_(size ? size : 1), logs_(logs) {
+WorkerPool::WorkerPool(std::vector<std::string> argv, size_t size, int timeoutSeconds, Logs &logs)
+    : argv_(std::move(argv)), size_(size ? size : 1), timeoutSeconds_(timeoutSeconds), logs_(logs) {
     argv_.push_back("--worker-fd");
     argv_.push_back("3");
 }
@@ -141,9 +141,16 @@ WorkerPool::Outcome WorkerPool::Call(const Json::Value &request, Json::Value &re
         Replenish();
         return Outcome::kCrashed;
     }
-    for (;;) {
+    const long maxPolls = static_cast<long>(timeoutSeconds_) * 1000 / kAlivePollMs;
+    for (long polls = 0;; ++polls) {
         bool timedOut = false;
         if (ReadFrame(w.fd, reply, kAlivePollMs, &timedOut)) break;
+        if (timedOut && polls >= maxPolls) {
+            // A handler that never returns would hold the slot for ever.
+            Discard(w, "killed: no answer to " + what + " within " + std::to_string(timeoutSeconds_) + " s");
+            Replenish();
+            return Outcome::kCrashed;
+        }
         if (!timedOut) {
             Discard(w, "failed during " + what);
             Replenish();

@@ -21,7 +21,8 @@ namespace webd {
 class WorkerPool {
 public:
     // argv: the program and its arguments; "--worker-fd 3" is appended.
-    WorkerPool(std::vector<std::string> argv, size_t size, Logs &logs);
+    // A request still unanswered after timeoutSeconds kills its worker.
+    WorkerPool(std::vector<std::string> argv, size_t size, int timeoutSeconds, Logs &logs);
     ~WorkerPool();  // closes every channel and waits for the workers
     WorkerPool(const WorkerPool &) = delete;
     WorkerPool &operator=(const WorkerPool &) = delete;
@@ -47,6 +48,7 @@ private:
 
     std::vector<std::string> argv_;
     size_t size_;
+    int timeoutSeconds_;
     Logs &logs_;
     std::mutex mu_;
     std::condition_variable cv_;

@@ -64,6 +64,10 @@ void Crash(KOVA::APIRequest *, KOVA::APIResponse *) { abort(); }
 
 void NoReply(KOVA::APIRequest *, KOVA::APIResponse *) {}
 
+void Hang(KOVA::APIRequest *, KOVA::APIResponse *) {
+    for (;;) pause();
+}
+
 void Throw(KOVA::APIRequest *, KOVA::APIResponse *) { throw 42; }
 
 // Gives up root for good: the worker must not serve anyone after this.
@@ -80,6 +84,7 @@ const KOVA_API_ENTRY gTable[] = {
     {"Test.Probe", 1, "noreply", NoReply},
     {"Test.Probe", 1, "throw", Throw},
     {"Test.Probe", 1, "drop_root", DropRoot},
+    {"Test.Probe", 1, "hang", Hang},
     {"Test.Probe", 2, "whoami", WhoAmI},
     {nullptr, 0, nullptr, nullptr},
 };

@@ -64,7 +64,8 @@ protected:
         drop = root.At("drop");
         ASSERT_TRUE(kova_test::MakeDirs(drop));
         chmod(drop.c_str(), 01777);
-        webd.reset(new WebdProcess(root.path(), ModulesDir(), 2));
+        // A short request time-out lets the hang test end quickly.
+        webd.reset(new WebdProcess(root.path(), ModulesDir(), 2, {"--request-timeout", "2"}));
         ASSERT_TRUE(webd->ok()) << webd->ErrorLog();
     }
 
@@ -154,7 +155,7 @@ TEST_F(Server, InfoListsLoadedApisAndTheMalformedModuleIsRefused) {
         std::string key = a["api"].asString() + "/" + std::to_string(a["version"].asInt());
         for (const Json::Value &m : a["methods"]) seen[key].insert(m.asString());
     }
-    EXPECT_EQ((std::set<std::string>{"whoami", "touch", "crash", "noreply", "throw", "drop_root"}),
+    EXPECT_EQ((std::set<std::string>{"whoami", "touch", "crash", "noreply", "throw", "drop_root", "hang"}),
               seen["Test.Probe/1"]);
     EXPECT_EQ(std::set<std::string>{"whoami"}, seen["Test.Probe/2"]);
     EXPECT_EQ((std::set<std::string>{"list_shares", "list_dir"}), seen["KOVA.Server.Files/1"]);
@@ -286,6 +287,28 @@ TEST_F(Server, AWorkerCrashAnswers500AndThePoolRecovers) {
     EXPECT_NE(0, pids[0]);
     EXPECT_NE(0, pids[1]);
     EXPECT_NE(pids[0], pids[1]);
+}
+
+TEST_F(Server, AHandlerThatNeverReturnsIsKilledAndReplaced) {
+    WebClient c(webd->port());
+    ASSERT_TRUE(c.Login(alice.name, alice.passwd).body["success"].asBool());
+    Reply hung = c.Call("Test.Probe", 1, "hang");
+    EXPECT_EQ(500, hung.status);
+    EXPECT_EQ(160, Code(hung));
+    EXPECT_NE(std::string::npos, webd->ErrorLog().find("no answer to Test.Probe.hang")) << webd->ErrorLog();
+    EXPECT_TRUE(c.Call("Test.Probe", 1, "whoami").body["success"].asBool());
+}
+
+TEST_F(Server, SigningInAgainEndsTheBrowsersPreviousSession) {
+    WebClient c(webd->port());
+    ASSERT_TRUE(c.Login(alice.name, alice.passwd).body["success"].asBool());
+    WebClient old(webd->port());
+    old.cookie = c.cookie;
+    old.token = c.token;
+    ASSERT_TRUE(c.Login(bob.name, bob.passwd).body["success"].asBool());
+    EXPECT_NE(old.cookie, c.cookie);
+    EXPECT_EQ(119, Code(old.Call("Test.Probe", 1, "whoami")));
+    EXPECT_EQ(bob.uid, c.Call("Test.Probe", 1, "whoami").body["data"]["euid"].asInt());
 }
 
 TEST_F(Server, AWorkerThatLostRootIsRetiredNotReused) {

@@ -34,15 +34,21 @@ Reply ToReply(const httplib::Result &r) {
 
 } // namespace
 
-WebdProcess::WebdProcess(const std::string &root, const std::string &modules, int workers) : root_(root) {
+WebdProcess::WebdProcess(const std::string &root, const std::string &modules, int workers,
+                         const std::vector<std::string> &extraArgs)
+    : root_(root) {
     const std::string portFile = root + "/webd.port";
     unlink(portFile.c_str());
     const std::string exe = BuildDir() + "/bin/kova-webd";
     pid_ = fork();
     if (pid_ == 0) {
-        std::string w = std::to_string(workers);
-        execl(exe.c_str(), exe.c_str(), "--root", root.c_str(), "--modules", modules.c_str(), "--port", "0",
-              "--port-file", portFile.c_str(), "--workers", w.c_str(), "--ui", "", static_cast<char *>(nullptr));
+        std::vector<std::string> args = {exe, "--root", root, "--modules", modules, "--port", "0",
+                                         "--port-file", portFile, "--workers", std::to_string(workers), "--ui", ""};
+        args.insert(args.end(), extraArgs.begin(), extraArgs.end());
+        std::vector<char *> argv;
+        for (std::string &a : args) argv.push_back(&a[0]);
+        argv.push_back(nullptr);
+        execv(exe.c_str(), argv.data());
         _exit(127);
     }
     // Start-up is waited for by polling the port file; a server that exits

@@ -9,13 +9,15 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace kova_test {
 
 class WebdProcess {
 public:
     // root: platform root; modules: modules folder. Waits until it listens.
-    WebdProcess(const std::string &root, const std::string &modules, int workers = 3);
+    WebdProcess(const std::string &root, const std::string &modules, int workers = 3,
+                const std::vector<std::string> &extraArgs = {});
     ~WebdProcess();
     bool ok() const { return port_ > 0; }
     int port() const { return port_; }
