@@ -8,7 +8,9 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <string>
+#include <tuple>
 #include <vector>
 
 namespace {
@@ -108,6 +110,35 @@ TEST_F(Entry, TableHasTheTenMethodsInOrder) {
     EXPECT_EQ(nullptr, row->handler);
     EXPECT_EQ(0, row->version);
     EXPECT_EQ(nullptr, host().Find("KOVA.Core.ACL", 2, "get"));
+}
+
+TEST_F(Entry, HostDispatchesOnlyTheTableTriples) {
+    for (const auto &triple : {std::make_tuple("KOVA.Core.ACL", 3, "get"), std::make_tuple("KOVA.Core.ACLX", 1, "get"),
+                               std::make_tuple("KOVA.Core.ACL", 1, "Get")}) {
+        CallResult r = host().Call(std::get<0>(triple), std::get<1>(triple), std::get<2>(triple), Params({}), AsRoot());
+        EXPECT_FALSE(r.delivered) << r.Dump();
+        EXPECT_NE(std::string::npos, r.hostError.find("no handler")) << r.hostError;
+    }
+    ModuleHost missing("/nonexistent/libwebapi-KOVA.Core.ACL.so");
+    EXPECT_FALSE(missing.ok());
+    EXPECT_FALSE(missing.Call("get", Params({}), AsRoot()).delivered);
+}
+
+__attribute__((noinline)) void LoseMemory() {
+    for (int i = 0; i < 100; ++i) {
+        void *volatile p = std::malloc(1024);
+        (void)p;
+    }
+}
+
+TEST_F(Entry, HostReportsMemoryLostDuringACall) {
+    if (!kova_host::LeakCheckActive()) GTEST_SKIP() << "leak checks run in sanitizer builds only";
+    CallOptions o = AsRoot();
+    o.beforeHandler = [] { LoseMemory(); };
+    CallResult r = host().Call("get_ui_info", Params({}), o);
+    EXPECT_FALSE(r.delivered);
+    EXPECT_NE(std::string::npos, r.hostError.find("leaked")) << r.Dump();
+    EXPECT_TRUE(host().Call("get_ui_info", Params({}), AsRoot()).delivered);
 }
 
 TEST_F(Entry, SchemaFailuresAnswer403WithoutRunningTheMethod) {

@@ -236,6 +236,8 @@ std::string CallResult::Dump() const {
 
 // ---- ModuleHost ---------------------------------------------------------
 
+bool LeakCheckActive() { return __lsan_do_recoverable_leak_check != nullptr; }
+
 std::string DefaultModulePath() {
     const char *dir = std::getenv("KOVA_BUILD_DIR");
     return std::string(dir ? dir : ".") + "/modules/libwebapi-KOVA.Core.ACL.so";

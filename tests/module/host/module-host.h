@@ -116,6 +116,10 @@ private:
     std::string error_;
 };
 
+// True in sanitizer builds, where every call ends with a leak check in the
+// child (a leak makes the call undelivered).
+bool LeakCheckActive();
+
 // Default module path: $KOVA_BUILD_DIR/modules/libwebapi-KOVA.Core.ACL.so.
 std::string DefaultModulePath();
 
