@@ -335,6 +335,39 @@ TEST_F(SetChecksTest, EmptyRulesWriteAnEmptyAclWithTheRequestedInheritance) {
     EXPECT_EQ(0, acl->aceCount);
     EXPECT_EQ(0, acl->isInherited);
     KOVAACLFree(acl);
+
+    // "rules": null is kept as given and builds the same empty ACL.
+    ASSERT_TRUE(root_.MakeDir(share_ + "/n", 0777));
+    Json::Value nullRules = AclParams("n");
+    nullRules["rules"] = Json::Value();
+    CallResult withNull = RunSet(nullRules, admin_);
+    EXPECT_TRUE(withNull.success()) << withNull.Dump();
+    EXPECT_EQ(0, StoredCount(share_ + "/n"));
+}
+
+// In their own home a user needs no share privilege at all.
+TEST_F(SetChecksTest, OwnHomeNeedsNoPrivilegeCheck) {
+    const std::string homes = root_.AddShare("homes");
+    ASSERT_FALSE(homes.empty()) << root_.lastError();
+    const uid_t alice = static_cast<uid_t>(root_.Uid("alice"));
+    ASSERT_TRUE(root_.MakeDir(homes + "/alice", 0755, alice));
+    ASSERT_TRUE(root_.MakeDir(homes + "/alice/docs", 0755, alice));
+    ASSERT_GE(KOVASharePrivSet("homes", 1, "alice", KOVA_SHARE_PRIV_NONE), 0);
+
+    Json::Value params = AclParams("x");
+    params["file_path"] = homes + "/alice/docs";
+    params["dirPaths"] = "/home/docs";
+    CallResult own = RunSet(params, alice_);
+    EXPECT_TRUE(own.success()) << own.Dump();
+    EXPECT_EQ(1, StoredCount(homes + "/alice/docs"));
+
+    // The same folder reached through the share itself is checked.
+    ASSERT_TRUE(root_.MakeDir(homes + "/alice/other", 0755, alice));
+    params["file_path"] = homes + "/alice/other";
+    params["dirPaths"] = "/homes/alice/other";
+    CallResult viaShare = RunSet(params, alice_);
+    EXPECT_EQ(6209, viaShare.errorCode()) << viaShare.Dump();
+    EXPECT_EQ(-1, StoredCount(homes + "/alice/other"));
 }
 
 // An unmapped ACL failure, or a failed walk, reads as success once the
