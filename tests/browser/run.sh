@@ -41,5 +41,18 @@ done
 status=0
 KOVA_URL=$URL KOVA_CHROMIUM=$CHROMIUM KOVA_ARTIFACTS=$HERE/artifacts KOVA_ROOT_DIR=$ROOT \
   node --test --test-reporter=spec "$HERE/editor.test.mjs" || status=$?
-cp "$ROOT/var/log/webd-error.log" "$HERE/artifacts/" 2>/dev/null || true
+
+# Stop the server and wait for it, so that a sanitizer build has written its
+# report; any report fails the test.
+WEBD_PIDS=$(cat "$ROOT/run/demo.pids" 2>/dev/null || true)
+bash "$SRC/scripts/demo.sh" --stop --root "$ROOT" >/dev/null 2>&1 || true
+for pid in $WEBD_PIDS; do
+  for _ in $(seq 1 100); do kill -0 "$pid" 2>/dev/null || break; sleep 0.1; done
+done
+cp "$ROOT/var/log/webd-error.log" "$ROOT/var/log/webd-console.log" "$HERE/artifacts/" 2>/dev/null || true
+if grep -qE 'ERROR: (Address|Leak)Sanitizer|runtime error:' "$ROOT/var/log/webd-console.log" 2>/dev/null; then
+  echo "kova-webd reported a sanitizer error:"
+  cat "$ROOT/var/log/webd-console.log"
+  status=1
+fi
 exit $status
