@@ -201,7 +201,10 @@ void ACLHandler::Inspect() {
         }
         const unsigned int bits = ace->permission & undecided;
         undecided &= ~ace->permission;
-        if (ace->accessType == KOVA_ACL_DENY) granted &= ~bits; else granted |= bits;
+        if (ace->accessType == KOVA_ACL_DENY)
+            granted &= ~bits;
+        else
+            granted |= bits;
         if (undecided == 0) break;
     }
 

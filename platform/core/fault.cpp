@@ -55,10 +55,12 @@ void LoadEnvLocked(FaultTable &t) {
         std::string item = spec.substr(pos, end - pos);
         pos = end + 1;
         if (item.empty()) continue;
-        size_t c1 = item.find(':');
-        size_t c2 = c1 == std::string::npos ? c1 : item.find(':', c1 + 1);
-        size_t c3 = c2 == std::string::npos ? c2 : item.find(':', c2 + 1);
-        if (c3 == std::string::npos) continue;
+        // Names may contain "::" (class methods), so the three numbers are
+        // taken from the right.
+        size_t c3 = item.rfind(':');
+        size_t c2 = (c3 == std::string::npos || c3 == 0) ? std::string::npos : item.rfind(':', c3 - 1);
+        size_t c1 = (c2 == std::string::npos || c2 == 0) ? std::string::npos : item.rfind(':', c2 - 1);
+        if (c1 == std::string::npos || c1 == 0) continue;
         std::string name = item.substr(0, c1);
         int nth = static_cast<int>(std::strtol(item.substr(c1 + 1, c2 - c1 - 1).c_str(), nullptr, 0));
         long result = std::strtol(item.substr(c2 + 1, c3 - c2 - 1).c_str(), nullptr, 0);

@@ -8,6 +8,9 @@
 #include <string>
 #include <thread>
 
+#include <sys/wait.h>
+#include <unistd.h>
+
 using kova_test::TempRoot;
 
 TEST(LastError, IsPerThreadAndKeepsPlace) {
@@ -76,4 +79,31 @@ TEST(Fault, FiresOnNthCallOnlyAndWildcardCountsEveryCall) {
     EXPECT_NE(l, nullptr);
     KLIBCSzListFree(l);
     EXPECT_EQ(KLIBCFaultCallCount(), 1);
+}
+
+TEST(Fault, EnvironmentEntriesAcceptClassMethodNames) {
+    // A child started by exec arms faults from $KOVA_FAULTS; names of class
+    // methods contain "::" and must not be split there.
+    pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+        setenv("KOVA_FAULTS", "KOVA::APIPolling::Start:1:0:0x2600,KLIBCFileExist:0:9:0x0800", 1);
+        execl("/proc/self/exe", "core_test", "--gtest_filter=FaultEnvChild.*", "--gtest_also_run_disabled_tests", nullptr);
+        _exit(127);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+}
+
+// Runs only inside the child above, with $KOVA_FAULTS set.
+TEST(FaultEnvChild, DISABLED_ArmsFromEnvironment) {
+    long result = 1;
+    ASSERT_EQ(KLIBCFaultHit("KOVA::APIPolling::Start", &result), 1);
+    EXPECT_EQ(result, 0);
+    EXPECT_EQ(KLIBCErrGet(), KOVA_ERR_NOTASK);
+    EXPECT_EQ(KLIBCFaultHit("KOVA::APIPolling::Start", &result), 0);
+    EXPECT_EQ(KLIBCFileExist("/"), 9);
+    EXPECT_EQ(KLIBCErrGet(), KOVA_ERR_IO);
 }
