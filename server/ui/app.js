@@ -82,10 +82,10 @@ async function loadItem(item) {
     state.inheritOn = all.is_inherited;
     state.editable = all.is_acl ? all.change_permission : all.acl_editable;
     const mode = $('perm-mode');
-    mode.hidden = all.is_acl;
-    mode.textContent = all.acl_editable
-      ? 'This item has no ACL yet: the rules below come from its mode bits. Saving gives it an ACL.'
-      : 'This item has no ACL and its file system cannot hold one.';
+    mode.hidden = all.is_acl && state.editable;
+    if (all.is_acl) mode.textContent = 'You may read these rules but not change them.';
+    else if (all.acl_editable) mode.textContent = 'This item has no ACL yet: the rules below come from its mode bits. Saving gives it an ACL.';
+    else mode.textContent = 'This item has no ACL and its file system cannot hold one.';
     render();
   } catch (e) {
     state.own = [];

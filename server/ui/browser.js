@@ -10,6 +10,7 @@ export function createBrowser({ crumbs, entries, more, onSelect, onError }) {
   let loaded = [];
   let total = 0;
   let selected = null;
+  let seq = 0;       // only the latest open() may draw: quick clicks overtake slow replies
 
   function crumb(label, target) {
     const li = document.createElement('li');
@@ -68,13 +69,16 @@ export function createBrowser({ crumbs, entries, more, onSelect, onError }) {
   }
 
   async function open(target, append = false) {
+    const mine = ++seq;
     try {
       if (target === null) {
         const data = await files('list_shares');
+        if (mine !== seq) return;
         loaded = data.shares.map((s) => ({ ...s, is_dir: true, is_share: true }));
         total = loaded.length;
       } else {
         const data = await files('list_dir', { path: target, offset: append ? loaded.length : 0, limit: PAGE });
+        if (mine !== seq) return;
         const fresh = data.entries.map((e) => ({ ...e, share_read_only: data.read_only }));
         loaded = append ? loaded.concat(fresh) : fresh;
         total = data.total;
@@ -83,7 +87,7 @@ export function createBrowser({ crumbs, entries, more, onSelect, onError }) {
       renderCrumbs();
       render();
     } catch (e) {
-      onError(describe(e));
+      if (mine === seq) onError(describe(e));
     }
   }
 
