@@ -6,6 +6,7 @@
 #include "cache-paths.h"
 
 #include "kova-accountdb-admin.h"
+#include "kova-internal/call-guard.h"
 #include "kova-internal/fault-point.h"
 #include "kova-internal/sqlite-db.h"
 #include "kova/accountdb.h"
@@ -22,20 +23,9 @@
 #include <vector>
 
 using namespace kova_accountdb;
+using kova_internal::Guarded;
 
 namespace {
-
-template <typename T, typename Fn>
-T Guarded(T onFailure, Fn &&body) noexcept {
-    try {
-        return body();
-    } catch (const std::bad_alloc &) {
-        KOVA_FAIL(KOVA_ERR_NOMEM);
-    } catch (...) {
-        KOVA_FAIL(KOVA_ERR_IO);
-    }
-    return onFailure;
-}
 
 bool SyncPath(const std::string &path, bool dir) {
     int fd = open(path.c_str(), (dir ? O_RDONLY | O_DIRECTORY : O_RDONLY) | O_CLOEXEC);

@@ -6,6 +6,7 @@
 #include "clause.h"
 #include "fts-narrow.h"
 
+#include "kova-internal/call-guard.h"
 #include "kova-internal/fault-point.h"
 #include "kova/klibc.h"
 #include "kova-internal/sqlite-db.h"
@@ -19,6 +20,7 @@
 #include <vector>
 
 using namespace kova_accountdb;
+using kova_internal::Guarded;
 
 struct _tag_KOVA_ACCOUNTDB {
     kova_internal::Database db;
@@ -38,18 +40,6 @@ struct _tag_KOVA_ACCOUNTDB_ROW {
 };
 
 namespace {
-
-template <typename T, typename Fn>
-T Guarded(T onFailure, Fn &&body) noexcept {
-    try {
-        return body();
-    } catch (const std::bad_alloc &) {
-        KOVA_FAIL(KOVA_ERR_NOMEM);
-    } catch (...) {
-        KOVA_FAIL(KOVA_ERR_IO);
-    }
-    return onFailure;
-}
 
 int Fail(int code) {
     KOVA_FAIL(code);

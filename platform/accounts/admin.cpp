@@ -1,16 +1,17 @@
 // Account administration: every change is one SQLite transaction, so a
 // failure leaves the database as it was.
 #include "account-db.h"
-#include "call-guard.h"
 #include "lookup.h"
 #include "names.h"
 #include "password.h"
 
+#include "kova-internal/call-guard.h"
 #include "kova/account.h"
 
 #include <string>
 
 using namespace kova_accounts;
+using kova_internal::Guarded;
 
 namespace {
 

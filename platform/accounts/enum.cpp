@@ -1,15 +1,16 @@
 // The exported enumerations: pick the source, fill a page, then hand each
 // entry of the window to the callback until it asks to stop. The result is
 // the number of all matches, whatever the window and the callback did.
-#include "call-guard.h"
 #include "enum-common.h"
 
+#include "kova-internal/call-guard.h"
 #include "kova/account.h"
 #include "kova/klibc.h"
 
 #include <vector>
 
 using namespace kova_accounts;
+using kova_internal::Guarded;
 
 namespace kova_accounts {
 

@@ -1,14 +1,15 @@
 // The recorded Windows-domain membership: flags, the domain list (joined
 // domain first) and the organisational units.
-#include "call-guard.h"
 #include "kova-dirsvc-admin.h"
 #include "state-db.h"
 
+#include "kova-internal/call-guard.h"
 #include "kova/dirsvc.h"
 
 #include <cctype>
 
 using namespace kova_dirsvc;
+using kova_internal::Guarded;
 
 namespace {
 

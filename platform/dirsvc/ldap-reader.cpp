@@ -1,9 +1,10 @@
 // Reading accounts from an LDAP server with libldap: simple bind, then a
 // subtree search in pages (the paged-results control), so directories of
 // any size come through without tripping the server's size limit.
-#include "call-guard.h"
 #include "entry-map.h"
 #include "kova-dirsvc-admin.h"
+
+#include "kova-internal/call-guard.h"
 
 #include <ldap.h>
 
@@ -11,6 +12,7 @@
 #include <string>
 
 using namespace kova_dirsvc;
+using kova_internal::Guarded;
 
 namespace {
 

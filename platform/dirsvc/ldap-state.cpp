@@ -1,13 +1,14 @@
 // The recorded LDAP binding.
-#include "call-guard.h"
 #include "kova-dirsvc-admin.h"
 #include "state-db.h"
 
+#include "kova-internal/call-guard.h"
 #include "kova/dirsvc.h"
 
 #include <cstring>
 
 using namespace kova_dirsvc;
+using kova_internal::Guarded;
 
 namespace {
 bool ReadLdap(KovaLdapConfig &out) {

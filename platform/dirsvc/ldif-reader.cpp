@@ -1,8 +1,9 @@
 // Reading accounts from an LDIF file of entries, parsed by libldap's LDIF
 // reader so folded lines and base64 values are handled as LDAP tools do.
-#include "call-guard.h"
 #include "entry-map.h"
 #include "kova-dirsvc-admin.h"
+
+#include "kova-internal/call-guard.h"
 
 #include <ldap.h>
 #include <ldif.h>
@@ -11,6 +12,7 @@
 #include <memory>
 
 using namespace kova_dirsvc;
+using kova_internal::Guarded;
 
 namespace {
 struct LdifClose {
