@@ -1,8 +1,8 @@
 // Group lookups, descriptions, the administrators group and memberships.
 #include "account-db.h"
-#include "call-guard.h"
 #include "lookup.h"
 
+#include "kova-internal/call-guard.h"
 #include "kova/account.h"
 
 #include <cstdlib>
@@ -10,17 +10,9 @@
 #include <string>
 
 using namespace kova_accounts;
+using kova_internal::Guarded;
 
 namespace {
-bool GroupAbsent(bool dbError) {
-    if (!dbError) KOVA_FAIL(KOVA_ERR_NOGROUP);
-    return false;
-}
-bool UserAbsent(bool dbError) {
-    if (!dbError) KOVA_FAIL(KOVA_ERR_NOUSER);
-    return false;
-}
-
 // 1 when the user's primary group or one of its memberships is the
 // administrators group, 0 when not, -1 on failure.
 int IsAdminMember(AccountSession &s, const UserRow &user) {
@@ -43,9 +35,8 @@ extern "C" int KOVAGroupGet(const char *szName, PKOVA_GROUP *ppGroup) {
         }
         AccountSession s;
         if (!s.Open()) return -1;
-        bool dbError = false;
-        auto row = FindGroup(s, szName, &dbError);
-        if (!row) return GroupAbsent(dbError), -1;
+        auto row = RequireGroup(s, szName);
+        if (!row) return -1;
         *ppGroup = nullptr;
         return FillGroup(*row, ppGroup, false) ? 0 : -1;
     });
@@ -60,9 +51,8 @@ extern "C" int KOVAGroupGetByGID(unsigned int gid, PKOVA_GROUP *ppGroup) {
         }
         AccountSession s;
         if (!s.Open()) return -1;
-        bool dbError = false;
-        auto row = FindGroupByGid(s, gid, &dbError);
-        if (!row) return GroupAbsent(dbError), -1;
+        auto row = RequireGroupByGid(s, gid);
+        if (!row) return -1;
         return FillGroup(*row, ppGroup, true) ? 0 : -1;
     });
 }
@@ -76,9 +66,8 @@ extern "C" int KOVAGroupGetGID(const char *szName, int *pGid) {
         }
         AccountSession s;
         if (!s.Open()) return -1;
-        bool dbError = false;
-        auto row = FindGroup(s, szName, &dbError);
-        if (!row) return GroupAbsent(dbError), -1;
+        auto row = RequireGroup(s, szName);
+        if (!row) return -1;
         if (pGid) *pGid = static_cast<int>(row->gid);
         return 0;
     });
@@ -94,9 +83,8 @@ extern "C" int KOVAGroupDescGet(const char *szName, char **pszDesc, char **pszRe
         if (pszReserved) *pszReserved = nullptr;
         AccountSession s;
         if (!s.Open()) return -1;
-        bool dbError = false;
-        auto row = FindGroup(s, szName, &dbError);
-        if (!row) return GroupAbsent(dbError), -1;
+        auto row = RequireGroup(s, szName);
+        if (!row) return -1;
         // A group without a description yields "", so callers always own a string.
         char *copy = strdup(row->desc ? row->desc->c_str() : "");
         if (!copy) {
@@ -117,9 +105,8 @@ extern "C" int KOVAGroupIsAdminGroup(const char *szName) {
         }
         AccountSession s;
         if (!s.Open()) return -1;
-        bool dbError = false;
-        auto row = FindGroup(s, szName, &dbError);
-        if (!row) return GroupAbsent(dbError), -1;
+        auto row = RequireGroup(s, szName);
+        if (!row) return -1;
         return row->gid == KOVA_ADMIN_GID ? 1 : 0;
     });
 }
@@ -129,9 +116,8 @@ extern "C" int KOVAGroupIsAdminGroupByGid(unsigned int gid) {
     return Guarded(-1, [&]() -> int {
         AccountSession s;
         if (!s.Open()) return -1;
-        bool dbError = false;
-        auto row = FindGroupByGid(s, gid, &dbError);
-        if (!row) return GroupAbsent(dbError), -1;
+        auto row = RequireGroupByGid(s, gid);
+        if (!row) return -1;
         return row->gid == KOVA_ADMIN_GID ? 1 : 0;
     });
 }
@@ -145,9 +131,8 @@ extern "C" int KLIBGroupIsAdminGroupMem(const char *szUser, int flags) {
         }
         AccountSession s;
         if (!s.Open()) return -1;
-        bool dbError = false;
-        auto row = FindUser(s, szUser, &dbError);
-        if (!row) return UserAbsent(dbError), -1;
+        auto row = RequireUser(s, szUser);
+        if (!row) return -1;
         return IsAdminMember(s, *row);
     });
 }
@@ -157,9 +142,8 @@ extern "C" int KLIBGroupIsAdminGroupMemByUid(unsigned int uid, int flags) {
     return Guarded(-1, [&]() -> int {
         AccountSession s;
         if (!s.Open()) return -1;
-        bool dbError = false;
-        auto row = FindUserByUid(s, uid, &dbError);
-        if (!row) return UserAbsent(dbError), -1;
+        auto row = RequireUserByUid(s, uid);
+        if (!row) return -1;
         return IsAdminMember(s, *row);
     });
 }
@@ -175,9 +159,8 @@ extern "C" PKLIBC_SZLIST KLIBGroupInfoListGet(const char *szUser, int flags) {
         {
             AccountSession s;
             if (!s.Open()) return nullptr;
-            bool dbError = false;
-            auto row = FindUser(s, szUser, &dbError);
-            if (!row) return UserAbsent(dbError), nullptr;
+            auto row = RequireUser(s, szUser);
+            if (!row) return nullptr;
             if (!UserGids(s, *row, gids)) return nullptr;
         }
         PKLIBC_SZLIST list = KLIBCSzListAlloc(static_cast<int>(gids.size() * 8 + 16));

@@ -1,5 +1,8 @@
 #include "lookup.h"
 
+#include "kova-internal/fault-point.h"
+#include "kova/errcode.h"
+
 namespace kova_accounts {
 
 namespace {
@@ -16,6 +19,15 @@ std::optional<Row> FindOne(AccountSession &s, const std::string &sql, BindFn bin
     if (rc == SQLITE_ROW) return read(st);
     if (rc != SQLITE_DONE && dbError) *dbError = true;
     return std::nullopt;
+}
+
+// A database error already set the last error; only absence is left to say.
+template <typename Find>
+auto Required(Find find, int absentCode) {
+    bool dbError = false;
+    auto row = find(&dbError);
+    if (!row && !dbError) KOVA_FAIL(absentCode);
+    return row;
 }
 } // namespace
 
@@ -39,6 +51,22 @@ std::optional<GroupRow> FindGroupByGid(AccountSession &s, unsigned gid, bool *db
     return FindOne<GroupRow>(s, std::string("SELECT ") + kGroupColumns + " FROM groups WHERE gid = ?1",
                              [&](kova_internal::Statement &st) { st.Bind(1, static_cast<long long>(gid)); },
                              ReadGroup, dbError);
+}
+
+std::optional<UserRow> RequireUser(AccountSession &s, const std::string &name) {
+    return Required([&](bool *dbError) { return FindUser(s, name, dbError); }, KOVA_ERR_NOUSER);
+}
+
+std::optional<UserRow> RequireUserByUid(AccountSession &s, unsigned uid) {
+    return Required([&](bool *dbError) { return FindUserByUid(s, uid, dbError); }, KOVA_ERR_NOUSER);
+}
+
+std::optional<GroupRow> RequireGroup(AccountSession &s, const std::string &name) {
+    return Required([&](bool *dbError) { return FindGroup(s, name, dbError); }, KOVA_ERR_NOGROUP);
+}
+
+std::optional<GroupRow> RequireGroupByGid(AccountSession &s, unsigned gid) {
+    return Required([&](bool *dbError) { return FindGroupByGid(s, gid, dbError); }, KOVA_ERR_NOGROUP);
 }
 
 bool UserGids(AccountSession &s, const UserRow &user, std::vector<unsigned> &gids) {

@@ -17,6 +17,12 @@ std::optional<UserRow> FindUser(AccountSession &s, const std::string &name, bool
 std::optional<UserRow> FindUserByUid(AccountSession &s, unsigned uid, bool *dbError = nullptr);
 std::optional<GroupRow> FindGroup(AccountSession &s, const std::string &name, bool *dbError = nullptr);
 std::optional<GroupRow> FindGroupByGid(AccountSession &s, unsigned gid, bool *dbError = nullptr);
+// For calls where the account must exist: nullopt always has the last
+// error set, KOVA_ERR_NOUSER / KOVA_ERR_NOGROUP when the row is absent.
+std::optional<UserRow> RequireUser(AccountSession &s, const std::string &name);
+std::optional<UserRow> RequireUserByUid(AccountSession &s, unsigned uid);
+std::optional<GroupRow> RequireGroup(AccountSession &s, const std::string &name);
+std::optional<GroupRow> RequireGroupByGid(AccountSession &s, unsigned gid);
 // The user's gids, primary first, then supplementary in ascending order.
 bool UserGids(AccountSession &s, const UserRow &user, std::vector<unsigned> &gids);
 

@@ -52,7 +52,8 @@ bool Dup(const std::optional<std::string> &s, char **out) {
     return *out != nullptr;
 }
 
-void ClearUser(KOVA_USER *u) {
+// Frees the strings a record owns and zeroes it.
+void Clear(KOVA_USER *u) {
     std::free(u->szName);
     std::free(u->szDesc);
     std::free(u->szEmail);
@@ -60,10 +61,30 @@ void ClearUser(KOVA_USER *u) {
     std::memset(u, 0, sizeof(*u));
 }
 
-void ClearGroup(KOVA_GROUP *g) {
+void Clear(KOVA_GROUP *g) {
     std::free(g->szName);
     std::free(g->szDesc);
     std::memset(g, 0, sizeof(*g));
+}
+
+// An allocation failed while filling fresh: nothing reaches the caller.
+template <typename Record>
+bool OutOfMemory(Record &fresh) {
+    Clear(&fresh);
+    KOVA_FAIL(KOVA_ERR_NOMEM);
+    return false;
+}
+
+// Moves a completely filled record to the caller: into the record *pp holds
+// when reuse allows (its old strings are freed), otherwise into a new one.
+template <typename Record>
+bool Deliver(Record &fresh, Record **pp, bool reuse) {
+    Record *target = (reuse && *pp) ? *pp : static_cast<Record *>(std::calloc(1, sizeof(Record)));
+    if (!target) return OutOfMemory(fresh);
+    Clear(target);
+    *target = fresh;
+    *pp = target;
+    return true;
 }
 
 } // namespace
@@ -72,45 +93,19 @@ bool FillUser(const UserRow &row, PKOVA_USER *pp, bool reuse) {
     KOVA_USER fresh{};
     bool ok = Dup(row.name, &fresh.szName) && Dup(row.desc, &fresh.szDesc) && Dup(row.email, &fresh.szEmail) &&
               Dup(row.home, &fresh.szHome);
-    if (!ok) {
-        ClearUser(&fresh);
-        KOVA_FAIL(KOVA_ERR_NOMEM);
-        return false;
-    }
+    if (!ok) return OutOfMemory(fresh);
     fresh.uid = row.uid;
     fresh.gid = row.gid;
     fresh.isInternal = row.internal ? 1 : 0;
     fresh.isDisabled = row.disabled ? 1 : 0;
-    KOVA_USER *target = (reuse && *pp) ? *pp : static_cast<KOVA_USER *>(std::calloc(1, sizeof(KOVA_USER)));
-    if (!target) {
-        ClearUser(&fresh);
-        KOVA_FAIL(KOVA_ERR_NOMEM);
-        return false;
-    }
-    ClearUser(target);
-    *target = fresh;
-    *pp = target;
-    return true;
+    return Deliver(fresh, pp, reuse);
 }
 
 bool FillGroup(const GroupRow &row, PKOVA_GROUP *pp, bool reuse) {
     KOVA_GROUP fresh{};
-    if (!Dup(row.name, &fresh.szName) || !Dup(row.desc, &fresh.szDesc)) {
-        ClearGroup(&fresh);
-        KOVA_FAIL(KOVA_ERR_NOMEM);
-        return false;
-    }
+    if (!Dup(row.name, &fresh.szName) || !Dup(row.desc, &fresh.szDesc)) return OutOfMemory(fresh);
     fresh.gid = row.gid;
-    KOVA_GROUP *target = (reuse && *pp) ? *pp : static_cast<KOVA_GROUP *>(std::calloc(1, sizeof(KOVA_GROUP)));
-    if (!target) {
-        ClearGroup(&fresh);
-        KOVA_FAIL(KOVA_ERR_NOMEM);
-        return false;
-    }
-    ClearGroup(target);
-    *target = fresh;
-    *pp = target;
-    return true;
+    return Deliver(fresh, pp, reuse);
 }
 
 } // namespace kova_accounts
@@ -119,16 +114,12 @@ bool FillGroup(const GroupRow &row, PKOVA_GROUP *pp, bool reuse) {
 // would only leak).
 extern "C" void KOVAUserFree(PKOVA_USER pUser) {
     if (!pUser) return;
-    std::free(pUser->szName);
-    std::free(pUser->szDesc);
-    std::free(pUser->szEmail);
-    std::free(pUser->szHome);
+    kova_accounts::Clear(pUser);
     std::free(pUser);
 }
 
 extern "C" void KOVAGroupFree(PKOVA_GROUP pGroup) {
     if (!pGroup) return;
-    std::free(pGroup->szName);
-    std::free(pGroup->szDesc);
+    kova_accounts::Clear(pGroup);
     std::free(pGroup);
 }

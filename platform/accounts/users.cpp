@@ -1,20 +1,13 @@
 // User lookups, the internal-account test and password checks.
 #include "account-db.h"
-#include "call-guard.h"
 #include "lookup.h"
 #include "password.h"
 
+#include "kova-internal/call-guard.h"
 #include "kova/account.h"
 
 using namespace kova_accounts;
-
-namespace {
-// Fails with NOUSER when absent, IO when the database failed.
-bool Absent(bool dbError) {
-    if (!dbError) KOVA_FAIL(KOVA_ERR_NOUSER);
-    return false;
-}
-} // namespace
+using kova_internal::Guarded;
 
 extern "C" int KOVAUserGet(const char *szName, PKOVA_USER *ppUser) {
     KOVA_FAULT_POINT("KOVAUserGet", int);
@@ -25,9 +18,8 @@ extern "C" int KOVAUserGet(const char *szName, PKOVA_USER *ppUser) {
         }
         AccountSession s;
         if (!s.Open()) return -1;
-        bool dbError = false;
-        auto row = FindUser(s, szName, &dbError);
-        if (!row) return Absent(dbError), -1;
+        auto row = RequireUser(s, szName);
+        if (!row) return -1;
         *ppUser = nullptr;
         return FillUser(*row, ppUser, false) ? 0 : -1;
     });
@@ -42,9 +34,8 @@ extern "C" int KOVAUserGetByUID(unsigned int uid, PKOVA_USER *ppUser) {
         }
         AccountSession s;
         if (!s.Open()) return -1;
-        bool dbError = false;
-        auto row = FindUserByUid(s, uid, &dbError);
-        if (!row) return Absent(dbError), -1;
+        auto row = RequireUserByUid(s, uid);
+        if (!row) return -1;
         return FillUser(*row, ppUser, true) ? 0 : -1;
     });
 }
@@ -58,7 +49,7 @@ extern "C" int KOVAUserIsInternal(const char *szName, unsigned int uid) {
         bool byName = szName && *szName;
         auto row = byName ? FindUser(s, szName, &dbError) : FindUserByUid(s, uid, &dbError);
         if (row) return row->internal ? 1 : 0;
-        Absent(dbError);
+        if (!dbError) KOVA_FAIL(KOVA_ERR_NOUSER);
         // An unknown uid below the first user's is a system account all the same.
         return (!byName && !dbError && uid < KOVA_UID_FIRST_USER) ? 1 : 0;
     });
@@ -73,9 +64,8 @@ extern "C" int KOVAUserGetUGID(const char *szName, int *pUid, int *pGid) {
         }
         AccountSession s;
         if (!s.Open()) return -1;
-        bool dbError = false;
-        auto row = FindUser(s, szName, &dbError);
-        if (!row) return Absent(dbError), -1;
+        auto row = RequireUser(s, szName);
+        if (!row) return -1;
         if (pUid) *pUid = static_cast<int>(row->uid);
         if (pGid) *pGid = static_cast<int>(row->gid);
         return 0;
@@ -91,9 +81,8 @@ extern "C" int KOVAUserPasswordCheck(const char *szName, const char *szPassword)
         }
         AccountSession s;
         if (!s.Open()) return -1;
-        bool dbError = false;
-        auto row = FindUser(s, szName, &dbError);
-        if (!row) return Absent(dbError), -1;
+        auto row = RequireUser(s, szName);
+        if (!row) return -1;
         // Disabled accounts and accounts without a password never log in,
         // and a wrong password reads the same as those to the caller.
         if (row->disabled || !row->password || !VerifyPassword(*row->password, szPassword)) {
