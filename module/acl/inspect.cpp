@@ -2,6 +2,7 @@
 // on one path, computed from the path's owner and ACL the way an access
 // check evaluates them.
 #include "acl.h"
+#include "acl-holder.h"
 #include "acl-object.h"
 
 #include "kova/account.h"
@@ -14,20 +15,6 @@
 namespace {
 
 const Json::Value kNull;
-
-// Releases the ACL this request obtained, whichever way the method leaves.
-class AclHolder {
-public:
-    AclHolder() : acl_(nullptr) {}
-    ~AclHolder() { KOVAACLFree(acl_); }
-    AclHolder(const AclHolder &) = delete;
-    AclHolder &operator=(const AclHolder &) = delete;
-    PKOVA_ACL *out() { return &acl_; }
-    PKOVA_ACL get() const { return acl_; }
-
-private:
-    PKOVA_ACL acl_;
-};
 
 // Within each run of consecutive entries of one level, moves the deny
 // entries ahead of the allow entries, both keeping their relative order.

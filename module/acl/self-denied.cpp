@@ -5,6 +5,7 @@
 // Unlike the other methods this one keeps its own error code, starting at
 // 0, rather than the handler's.
 #include "acl.h"
+#include "acl-holder.h"
 #include "acl-object.h"
 #include "module-log.h"
 
@@ -17,23 +18,6 @@
 namespace {
 
 const Json::Value kNull;
-
-class AclHolder {
-public:
-    AclHolder() : acl_(nullptr) {}
-    ~AclHolder() { KOVAACLFree(acl_); }
-    AclHolder(const AclHolder &) = delete;
-    AclHolder &operator=(const AclHolder &) = delete;
-    PKOVA_ACL *out() { return &acl_; }
-    PKOVA_ACL get() const { return acl_; }
-    void reset(PKOVA_ACL acl) {
-        KOVAACLFree(acl_);
-        acl_ = acl;
-    }
-
-private:
-    PKOVA_ACL acl_;
-};
 
 // Builds the proposed ACL from the rule objects, in their order. Returns 0
 // or the error code of the first rule that cannot become a valid entry.
