@@ -126,12 +126,7 @@ template <>
 bool Deserialize<DomainEnumerator::Option>(Json::Value const &keywordFields, Json::Value const &config,
                                           DomainEnumerator::Option &option) {
     option = DomainEnumerator::Option();
-    if (!keywordFields.empty()) {
-        ReadBool(keywordFields, "name", option.name);
-        ReadBool(keywordFields, "description", option.description);
-        ReadBool(keywordFields, "email", option.email);
-        ReadBool(keywordFields, "fullname", option.fullname);
-    }
+    ReadDirectoryFields(keywordFields, option);
     if (!config.empty() && config.isObject() && config.isMember("bindon") && config["bindon"].isString()) {
         const std::string bindon = config["bindon"].asString();
         if (!bindon.empty()) {

@@ -6,6 +6,7 @@
 #ifndef KOVA_MODULE_DOMAIN_ENUMERATOR_H
 #define KOVA_MODULE_DOMAIN_ENUMERATOR_H
 
+#include "directory-fields.h"
 #include "usergroup-enumerator.h"
 
 #include <string>
@@ -15,11 +16,7 @@ namespace internal {
 
 class DomainEnumerator : public UserGroupEnumerator {
 public:
-    struct Option {
-        bool name = true;
-        bool description = false;
-        bool email = false;
-        bool fullname = false;
+    struct Option : DirectoryFields {
         std::vector<std::string> domains;  // queried in order
         std::string bindon;                // distinguished-name suffix filter
     };

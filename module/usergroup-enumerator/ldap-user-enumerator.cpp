@@ -8,11 +8,7 @@ template <>
 bool Deserialize<LdapUserEnumerator::Option>(Json::Value const &keywordFields, Json::Value const &,
                                             LdapUserEnumerator::Option &option) {
     option = LdapUserEnumerator::Option();
-    if (keywordFields.empty()) return true;
-    ReadBool(keywordFields, "name", option.name);
-    ReadBool(keywordFields, "description", option.description);
-    ReadBool(keywordFields, "email", option.email);
-    ReadBool(keywordFields, "fullname", option.fullname);
+    ReadDirectoryFields(keywordFields, option);
     return true;
 }
 

@@ -3,6 +3,7 @@
 #ifndef KOVA_MODULE_LDAP_USER_ENUMERATOR_H
 #define KOVA_MODULE_LDAP_USER_ENUMERATOR_H
 
+#include "directory-fields.h"
 #include "usergroup-enumerator.h"
 
 #include <string>
@@ -11,12 +12,7 @@ namespace internal {
 
 class LdapUserEnumerator : public UserGroupEnumerator {
 public:
-    struct Option {
-        bool name = true;
-        bool description = false;
-        bool email = false;
-        bool fullname = false;
-    };
+    struct Option : DirectoryFields {};
 
     // suffix: "@" followed by the login suffix.
     LdapUserEnumerator(std::string const &suffix, Option const &option) : suffix_(suffix), option_(option) {}
