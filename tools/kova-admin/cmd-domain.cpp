@@ -1,5 +1,6 @@
 // kova-admin domain commands: Windows-domain membership state and the
 // per-domain account caches (filled from an LDAP server or an LDIF file).
+#include "cache-sink.h"
 #include "command.h"
 
 #include "kova-accountdb-admin.h"
@@ -24,16 +25,7 @@ int DomainJoin(const std::vector<std::string> &args) {
     if (!KovaDirsvc::ValidDomainName(name)) return Fail("invalid domain name '" + name + "'");
     auto builder = KovaAccountCacheBuilder::Begin(KOVA_ACCOUNTDB_DOMAIN, name);
     if (!builder) return Fail("cannot start the caches of domain '" + name + "'");
-    auto sink = [&](const KovaDirEntry &e) {
-        KovaCacheEntry c;
-        c.group = e.group;
-        c.name = e.name;
-        c.desc = e.desc;
-        c.mail = e.mail;
-        c.fullname = e.fullname;
-        c.dn = e.dn;
-        return builder->Add(c) == 0;
-    };
+    const KovaDirSink sink = CacheSink(*builder);
     int rc = uri.empty() ? KovaDirsvc::LdifRead(ldif, sink)
                          : KovaDirsvc::LdapRead(uri, base, Option(args, "--binddn"), Option(args, "--password"), sink);
     if (rc != 0) return Fail("cannot read the accounts of domain '" + name + "'; nothing changed");

@@ -1,5 +1,6 @@
 // kova-admin ldap commands: record a binding to an LDAP server and fill the
 // LDAP account cache from it.
+#include "cache-sink.h"
 #include "command.h"
 
 #include "kova-accountdb-admin.h"
@@ -36,16 +37,7 @@ int LdapSync(const std::vector<std::string> &) {
     if (!cfg.bound) return Fail("not bound to an LDAP server (run ldap bind first)");
     auto builder = KovaAccountCacheBuilder::Begin(KOVA_ACCOUNTDB_LDAP, "");
     if (!builder) return Fail("cannot start a new LDAP cache");
-    int rc = KovaDirsvc::LdapRead(cfg.uri, cfg.base, cfg.bindDn, cfg.password, [&](const KovaDirEntry &e) {
-        KovaCacheEntry c;
-        c.group = e.group;
-        c.name = e.name;
-        c.desc = e.desc;
-        c.mail = e.mail;
-        c.fullname = e.fullname;
-        c.dn = e.dn;
-        return builder->Add(c) == 0;
-    });
+    int rc = KovaDirsvc::LdapRead(cfg.uri, cfg.base, cfg.bindDn, cfg.password, CacheSink(*builder));
     if (rc != 0) return Fail("cannot read the directory at " + cfg.uri + "; the previous cache is kept");
     if (builder->Commit() != 0) return Fail("cannot replace the LDAP cache; the previous cache is kept");
     std::printf("synced %lld users and %lld groups\n", builder->users(), builder->groups());
