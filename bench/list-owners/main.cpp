@@ -5,9 +5,12 @@
 // than the scan (ratio <= 0.333).
 //
 // Usage: bench-list-owners [local-users (100000)] [ldap-users (1000000)]
+#include "fill-accounts.h"
+#include "sqlite-baseline.h"
+#include "timing.h"
+
 #include "kova-accountdb-admin.h"
 #include "kova-dirsvc-admin.h"
-#include "kova/account.h"
 #include "kova/accountdb.h"
 #include "kova/klibc.h"
 #include "kova/module.h"
@@ -17,72 +20,19 @@
 #include <sqlite3.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
-#include <random>
 #include <string>
 #include <vector>
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using namespace kova_bench;
 
 const char kKeyword[] = "123";
 const int kOffset = 100;
 const int kLimit = 50;
-
-double Ms(Clock::time_point a, Clock::time_point b) { return std::chrono::duration<double, std::milli>(b - a).count(); }
-
-template <typename Fn>
-double Median(int runs, Fn fn) {
-    std::vector<double> t;
-    for (int i = 0; i < runs; ++i) {
-        auto a = Clock::now();
-        fn();
-        t.push_back(Ms(a, Clock::now()));
-    }
-    std::sort(t.begin(), t.end());
-    return t[t.size() / 2];
-}
-
-struct Db {
-    sqlite3 *db = nullptr;
-    ~Db() {
-        if (db) sqlite3_close(db);
-    }
-};
-
-bool Exec(sqlite3 *db, const char *sql) {
-    char *err = nullptr;
-    if (sqlite3_exec(db, sql, nullptr, nullptr, &err) == SQLITE_OK) return true;
-    std::fprintf(stderr, "sqlite: %s\n", err ? err : "?");
-    sqlite3_free(err);
-    return false;
-}
-
-// The count and one page of a LIKE scan: what a search without an index
-// costs on the same table.
-struct Scan {
-    long long total = 0;
-    std::vector<std::string> page;
-};
-
-Scan LikeScan(sqlite3 *db, const std::string &countSql, const std::string &pageSql, const std::string &pattern) {
-    Scan s;
-    sqlite3_stmt *c = nullptr, *p = nullptr;
-    sqlite3_prepare_v2(db, countSql.c_str(), -1, &c, nullptr);
-    sqlite3_bind_text(c, 1, pattern.c_str(), -1, SQLITE_TRANSIENT);
-    if (sqlite3_step(c) == SQLITE_ROW) s.total = sqlite3_column_int64(c, 0);
-    sqlite3_finalize(c);
-    sqlite3_prepare_v2(db, pageSql.c_str(), -1, &p, nullptr);
-    sqlite3_bind_text(p, 1, pattern.c_str(), -1, SQLITE_TRANSIENT);
-    while (sqlite3_step(p) == SQLITE_ROW) s.page.push_back(reinterpret_cast<const char *>(sqlite3_column_text(p, 0)));
-    sqlite3_finalize(p);
-    return s;
-}
 
 class Module {
 public:
@@ -133,56 +83,15 @@ void Report(const char *what, double ours, double base, bool agree, const char *
                 agree ? "" : "   (RESULTS DIFFER)");
 }
 
-// Local users go straight into the account table: adding them one call at
-// a time would time password hashing, not the search.
-bool FillLocal(int users) {
-    if (KOVAUserAdd("bench-seed", -1, nullptr, nullptr, nullptr, 0) != 0) return false;
-    Db d;
-    std::string path = std::string(KLIBCRootGet()) + "/etc/accounts.db";
-    if (sqlite3_open(path.c_str(), &d.db) != SQLITE_OK || !Exec(d.db, "BEGIN")) return false;
-    sqlite3_stmt *ins = nullptr;
-    sqlite3_prepare_v2(d.db, "INSERT INTO users(uid, name, gid, description, email) VALUES (?, ?, 100, ?, ?)", -1, &ins,
-                       nullptr);
-    for (int i = 0; i < users; ++i) {
-        std::string name = "luser" + std::to_string(1000000 + static_cast<long long>(i) * 7919 % users);
-        std::string desc = "Local user " + std::to_string(i), mail = name + "@example.com";
-        sqlite3_bind_int(ins, 1, 2000 + i);
-        sqlite3_bind_text(ins, 2, name.c_str(), -1, SQLITE_TRANSIENT);
-        sqlite3_bind_text(ins, 3, desc.c_str(), -1, SQLITE_TRANSIENT);
-        sqlite3_bind_text(ins, 4, mail.c_str(), -1, SQLITE_TRANSIENT);
-        if (sqlite3_step(ins) != SQLITE_DONE) return false;
-        sqlite3_reset(ins);
-    }
-    sqlite3_finalize(ins);
-    return Exec(d.db, "COMMIT");
-}
-
 bool FillLdap(int users) {
-    std::mt19937 rng(42);
-    const char *syll[] = {"ka", "lo", "mi", "ne", "su", "ta", "ro", "vi", "de", "ba", "xo", "qu", "zen", "fa", "gi", "ho"};
-    auto word = [&](int n) {
-        std::string w;
-        for (int i = 0; i < n; ++i) w += syll[rng() % 16];
-        w[0] = static_cast<char>(w[0] - 32);
-        return w;
-    };
+    Words words;
     auto builder = KovaAccountCacheBuilder::Begin(KOVA_ACCOUNTDB_LDAP, "");
-    if (!builder) return false;
-    for (int i = 0; i < users; ++i) {
-        KovaCacheEntry e;
-        char n[32];
-        std::snprintf(n, sizeof(n), "user%07d", i);
-        e.name = n;
-        e.fullname = word(2) + " " + word(3);
-        e.mail = std::string(n) + "@example.com";
-        e.desc = "Department " + word(2);
-        if (builder->Add(e) != 0) return false;
-    }
+    if (!builder || !AddLdapUsers(*builder, users, words)) return false;
     for (int i = 0; i < users / 100; ++i) {
         KovaCacheEntry e;
         e.group = true;
         e.name = "group" + std::to_string(i);
-        e.desc = "Team " + word(2);
+        e.desc = "Team " + words.Word(2);
         if (builder->Add(e) != 0) return false;
     }
     if (builder->Commit() != 0) return false;
@@ -270,7 +179,7 @@ int main(int argc, char **argv) {
         auto t0 = Clock::now();
         if (!module.ok()) {
             std::fprintf(stderr, "cannot load %s: %s\n", KOVA_BENCH_MODULE, dlerror());
-        } else if (!FillLocal(localUsers) || !FillLdap(ldapUsers)) {
+        } else if (!FillLocalUsers(localUsers) || !FillLdap(ldapUsers)) {
             std::fprintf(stderr, "cannot fill the platform root (last error 0x%04X)\n", KLIBCErrGet());
         } else {
             std::printf("list_owners v2, keyword \"%s\", offset %d, limit %d; root filled in %.1f s\n", kKeyword, kOffset,
