@@ -1,9 +1,7 @@
 // list_owners version 1 through the test host: the special principals,
 // local accounts, internal users, the Windows domain and LDAP, paged by one
 // offset and limit.
-#include "module-host.h"
-#include "platform-fixture.h"
-#include "slapd.h"
+#include "owners-fixture.h"
 #include "temp-root.h"
 
 #include "kova/account.h"
@@ -23,20 +21,8 @@ using kova_host::Fault;
 using kova_host::ModuleHost;
 using kova_host::PlatformRoot;
 
-Json::Value Parse(const std::string &text) {
-    Json::Value value;
-    std::string error;
-    EXPECT_TRUE(kova_host::ParseJson(text, value, &error)) << error << ": " << text;
-    return value;
-}
-
-struct World {
-    std::unique_ptr<PlatformRoot> root;
-    std::unique_ptr<kova_test::Slapd> slapd;
-    std::string error;
-};
-
-World *gWorld = nullptr;
+using kova_owners_test::Parse;
+using kova_owners_test::World;
 
 // Local: two users, one group, one internal account named "kx...". LDAP:
 // slapd's generated accounts plus "kxldap". Domain CORP: "kxcorp" and the
@@ -53,37 +39,19 @@ std::string BuildWorld(World &w) {
     kova_test::Slapd::Account extra;
     extra.uid = "kxldap";
     w.slapd->Add(extra);
-    std::string error;
-    if (!w.slapd->Start(&error)) return "slapd: " + error;
+    std::string error = kova_owners_test::StartLdapSource(w);
+    if (!error.empty()) return error;
     const std::string ldif = root.At("corp.ldif");
     kova_test::WriteFile(ldif, "dn: uid=kxcorp,ou=Staff,dc=corp,dc=example\nobjectClass: inetOrgPerson\nuid: kxcorp\n"
                                "cn: Corp User\nsn: User\n\n"
                                "dn: cn=kxcorp-team,ou=Staff,dc=corp,dc=example\nobjectClass: posixGroup\n"
                                "cn: kxcorp-team\ngidNumber: 9000\n\n");
-    if (root.Admin({"ldap", "bind", "--uri", w.slapd->uri(), "--base", w.slapd->base(), "--binddn", w.slapd->rootDn(),
-                    "--password", w.slapd->rootPassword(), "--suffix", "example.com"}) != 0 ||
-        root.Admin({"ldap", "sync"}) != 0 || root.Admin({"domain", "join", "CORP", "--from-ldif", ldif}) != 0)
-        return root.lastError();
+    if (root.Admin({"domain", "join", "CORP", "--from-ldif", ldif}) != 0) return root.lastError();
     return "";
 }
 
-class OwnersV1 : public ::testing::Test {
+class OwnersV1 : public kova_owners_test::OwnersSuite<BuildWorld> {
 protected:
-    static void SetUpTestSuite() {
-        if (gWorld) return;
-        gWorld = new World();
-        gWorld->error = BuildWorld(*gWorld);
-    }
-    static void TearDownTestSuite() {
-        delete gWorld;
-        gWorld = nullptr;
-    }
-
-    void SetUp() override {
-        ASSERT_TRUE(ModuleHost::Shared().ok()) << ModuleHost::Shared().error();
-        ASSERT_EQ("", gWorld->error);
-    }
-
     static CallResult List(const std::string &params, const CallOptions &options = CallOptions()) {
         return ModuleHost::Shared().Call("list_owners", Parse(params), options);
     }

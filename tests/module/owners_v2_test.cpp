@@ -1,9 +1,7 @@
 // list_owners version 2 through the test host, against a platform root with
 // local accounts, an LDAP cache filled from a real slapd and the caches of
 // two Windows domains.
-#include "module-host.h"
-#include "platform-fixture.h"
-#include "slapd.h"
+#include "owners-fixture.h"
 #include "temp-root.h"
 
 #include "kova/account.h"
@@ -25,12 +23,8 @@ using kova_host::Fault;
 using kova_host::ModuleHost;
 using kova_host::PlatformRoot;
 
-Json::Value Parse(const std::string &text) {
-    Json::Value value;
-    std::string error;
-    EXPECT_TRUE(kova_host::ParseJson(text, value, &error)) << error << ": " << text;
-    return value;
-}
+using kova_owners_test::Parse;
+using kova_owners_test::World;
 
 // One directory entry of a domain, as an LDIF record.
 std::string LdifUser(const std::string &name, const std::string &dn, const std::string &desc, const std::string &mail,
@@ -65,15 +59,6 @@ bool JoinDomains(PlatformRoot &root) {
            root.SetDomainFlag("trusted", true);
 }
 
-// The shared root of this program, built once.
-struct World {
-    std::unique_ptr<PlatformRoot> root;
-    std::unique_ptr<kova_test::Slapd> slapd;
-    std::string error;
-};
-
-World *gWorld = nullptr;
-
 bool AddUser(const char *name, const char *desc, const char *mail, bool internal) {
     return KOVAUserAdd(name, -1, "Passw0rd!", desc, mail, internal ? 1 : 0) >= 0;
 }
@@ -103,34 +88,14 @@ std::string BuildWorld(World &w) {
     lookalike.uid = "kxQldap";
     lookalike.fullname = "Look Alike";
     w.slapd->Add(lookalike);
-    std::string error;
-    if (!w.slapd->Start(&error)) return "slapd: " + error;
-    if (root.Admin({"ldap", "bind", "--uri", w.slapd->uri(), "--base", w.slapd->base(), "--binddn", w.slapd->rootDn(),
-                    "--password", w.slapd->rootPassword(), "--suffix", "example.com"}) != 0 ||
-        root.Admin({"ldap", "sync"}) != 0)
-        return root.lastError();
+    std::string error = kova_owners_test::StartLdapSource(w);
+    if (!error.empty()) return error;
     if (!JoinDomains(root)) return root.lastError();
     return "";
 }
 
-class OwnersV2 : public ::testing::Test {
+class OwnersV2 : public kova_owners_test::OwnersSuite<BuildWorld> {
 protected:
-    static void SetUpTestSuite() {
-        if (gWorld) return;
-        gWorld = new World();
-        gWorld->error = BuildWorld(*gWorld);
-    }
-    // Stops slapd and removes the root.
-    static void TearDownTestSuite() {
-        delete gWorld;
-        gWorld = nullptr;
-    }
-
-    void SetUp() override {
-        ASSERT_TRUE(ModuleHost::Shared().ok()) << ModuleHost::Shared().error();
-        ASSERT_EQ("", gWorld->error);
-    }
-
     static CallResult List(const std::string &params, const CallOptions &options = CallOptions()) {
         return ModuleHost::Shared().Call(kova_host::kApi, 2, "list_owners", Parse(params), options);
     }
@@ -351,7 +316,7 @@ TEST_F(OwnersV2, DomainsAcrossBothCaches) {
 TEST_F(OwnersV2, BindonFiltersOrSelectsTheDomain) {
     // Trusted domains off: the domains the host knows (only the joined CORP
     // here), filtered by the DN suffix.
-    ASSERT_TRUE(gWorld->root->SetDomainFlag("trusted", false)) << gWorld->root->lastError();
+    ASSERT_TRUE(world().root->SetDomainFlag("trusted", false)) << world().root->lastError();
     CallResult filtered = List("{\"keywordFields\": {}, \"searchScope\": [{\"type\": \"domain\", \"config\": "
                                "{\"bindon\": \"ou=Sales,dc=corp,dc=example\"}}]}");
     ASSERT_TRUE(filtered.success()) << filtered.Dump();
@@ -361,7 +326,7 @@ TEST_F(OwnersV2, BindonFiltersOrSelectsTheDomain) {
                              "{\"bindon\": \"ou=Sales\"}}]}");
     CallResult plain = List("{\"keyword\": \"kxd\", \"keywordFields\": {}, \"searchScope\": [{\"type\": "
                             "\"domain\"}]}");
-    ASSERT_TRUE(gWorld->root->SetDomainFlag("trusted", true)) << gWorld->root->lastError();
+    ASSERT_TRUE(world().root->SetDomainFlag("trusted", true)) << world().root->lastError();
     EXPECT_TRUE(Names(middle).empty()) << middle.Dump();
     EXPECT_EQ((std::vector<std::string>{"user:kxd-dana", "user:kxd-erik", "group:kxd-sales-corp"}), Names(plain));
 

@@ -1,8 +1,7 @@
 // check_self_denied through the shipped module on real files: proposed rules
 // that lock the caller out or keep its access, inherited entries and their
 // levels, the owner entry, and every error code.
-#include "module-host.h"
-#include "platform-fixture.h"
+#include "principal-fixture.h"
 
 #include "kova/acl.h"
 #include "kova/errcode.h"
@@ -18,8 +17,6 @@ using kova_host::CallOptions;
 using kova_host::CallResult;
 using kova_host::Fault;
 using kova_host::Ids;
-using kova_host::ModuleHost;
-using kova_host::PlatformRoot;
 
 namespace {
 
@@ -83,27 +80,14 @@ Json::Value Rules(std::initializer_list<Json::Value> rules) {
     return list;
 }
 
-class SelfDeniedTest : public ::testing::Test {
+// file_ is "f.txt" in the share, owned by bob and the staff group.
+class SelfDeniedTest : public PrincipalFixture {
 protected:
     void SetUp() override {
-        ASSERT_TRUE(host().ok()) << host().error();
-        ASSERT_TRUE(root_.AddGroup("staff", 3001)) << root_.lastError();
-        ASSERT_TRUE(root_.AddUser("alice", 2001)) << root_.lastError();
-        ASSERT_TRUE(root_.AddUser("bob", 2002)) << root_.lastError();
-        ASSERT_TRUE(root_.AddMember("staff", "alice")) << root_.lastError();
-        share_ = root_.AddShare("docs");
-        ASSERT_FALSE(share_.empty()) << root_.lastError();
+        PrincipalFixture::SetUp();
+        if (HasFatalFailure()) return;
         file_ = share_ + "/f.txt";
         ASSERT_TRUE(root_.MakeFile(file_, "x", 0644, 2002, 3001)) << root_.lastError();
-    }
-
-    static const ModuleHost &host() { return ModuleHost::Shared(); }
-
-    static CallOptions As(const std::string &user, std::vector<Fault> faults = {}) {
-        CallOptions options;
-        options.user = user;
-        options.faults = std::move(faults);
-        return options;
     }
 
     CallResult Check(const std::string &path, const Json::Value &rules, bool inherited,
@@ -135,8 +119,6 @@ protected:
         return false;
     }
 
-    PlatformRoot root_;
-    std::string share_;
     std::string file_;
 };
 

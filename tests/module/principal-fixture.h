@@ -1,0 +1,44 @@
+// The platform root the effective-permission tests (inspect and
+// check_self_denied) start from: group "staff" (gid 3001) holding "alice"
+// (uid 2001), the user "bob" (uid 2002, not in staff) and the ACL-enabled
+// share "docs" (share_). A derived fixture adds its own accounts and files
+// after calling this SetUp.
+#ifndef KOVA_TEST_PRINCIPAL_FIXTURE_H
+#define KOVA_TEST_PRINCIPAL_FIXTURE_H
+
+#include "module-host.h"
+#include "platform-fixture.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <utility>
+#include <vector>
+
+class PrincipalFixture : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_TRUE(host().ok()) << host().error();
+        ASSERT_TRUE(root_.AddGroup("staff", 3001)) << root_.lastError();
+        ASSERT_TRUE(root_.AddUser("alice", 2001)) << root_.lastError();
+        ASSERT_TRUE(root_.AddUser("bob", 2002)) << root_.lastError();
+        ASSERT_TRUE(root_.AddMember("staff", "alice")) << root_.lastError();
+        share_ = root_.AddShare("docs");
+        ASSERT_FALSE(share_.empty()) << root_.lastError();
+    }
+
+    static const kova_host::ModuleHost &host() { return kova_host::ModuleHost::Shared(); }
+
+    // Call options for a request made by `user`, with the given faults armed.
+    static kova_host::CallOptions As(const std::string &user, std::vector<kova_host::Fault> faults = {}) {
+        kova_host::CallOptions options;
+        options.user = user;
+        options.faults = std::move(faults);
+        return options;
+    }
+
+    kova_host::PlatformRoot root_;
+    std::string share_;
+};
+
+#endif
