@@ -29,10 +29,7 @@ int IsAdminMember(AccountSession &s, const UserRow &user) {
 extern "C" int KOVAGroupGet(const char *szName, PKOVA_GROUP *ppGroup) {
     KOVA_FAULT_POINT("KOVAGroupGet", int);
     return Guarded(-1, [&]() -> int {
-        if (!szName || !ppGroup) {
-            KOVA_FAIL(KOVA_ERR_BADARG);
-            return -1;
-        }
+        if (!szName || !ppGroup) return KOVA_FAIL(KOVA_ERR_BADARG), -1;
         AccountSession s;
         if (!s.Open()) return -1;
         auto row = RequireGroup(s, szName);
@@ -45,10 +42,7 @@ extern "C" int KOVAGroupGet(const char *szName, PKOVA_GROUP *ppGroup) {
 extern "C" int KOVAGroupGetByGID(unsigned int gid, PKOVA_GROUP *ppGroup) {
     KOVA_FAULT_POINT("KOVAGroupGetByGID", int);
     return Guarded(-1, [&]() -> int {
-        if (!ppGroup) {
-            KOVA_FAIL(KOVA_ERR_BADARG);
-            return -1;
-        }
+        if (!ppGroup) return KOVA_FAIL(KOVA_ERR_BADARG), -1;
         AccountSession s;
         if (!s.Open()) return -1;
         auto row = RequireGroupByGid(s, gid);
@@ -60,10 +54,7 @@ extern "C" int KOVAGroupGetByGID(unsigned int gid, PKOVA_GROUP *ppGroup) {
 extern "C" int KOVAGroupGetGID(const char *szName, int *pGid) {
     KOVA_FAULT_POINT("KOVAGroupGetGID", int);
     return Guarded(-1, [&]() -> int {
-        if (!szName) {
-            KOVA_FAIL(KOVA_ERR_BADARG);
-            return -1;
-        }
+        if (!szName) return KOVA_FAIL(KOVA_ERR_BADARG), -1;
         AccountSession s;
         if (!s.Open()) return -1;
         auto row = RequireGroup(s, szName);
@@ -76,10 +67,7 @@ extern "C" int KOVAGroupGetGID(const char *szName, int *pGid) {
 extern "C" int KOVAGroupDescGet(const char *szName, char **pszDesc, char **pszReserved) {
     KOVA_FAULT_POINT("KOVAGroupDescGet", int);
     return Guarded(-1, [&]() -> int {
-        if (!szName || !pszDesc) {
-            KOVA_FAIL(KOVA_ERR_BADARG);
-            return -1;
-        }
+        if (!szName || !pszDesc) return KOVA_FAIL(KOVA_ERR_BADARG), -1;
         if (pszReserved) *pszReserved = nullptr;
         AccountSession s;
         if (!s.Open()) return -1;
@@ -99,10 +87,7 @@ extern "C" int KOVAGroupDescGet(const char *szName, char **pszDesc, char **pszRe
 extern "C" int KOVAGroupIsAdminGroup(const char *szName) {
     KOVA_FAULT_POINT("KOVAGroupIsAdminGroup", int);
     return Guarded(-1, [&]() -> int {
-        if (!szName) {
-            KOVA_FAIL(KOVA_ERR_BADARG);
-            return -1;
-        }
+        if (!szName) return KOVA_FAIL(KOVA_ERR_BADARG), -1;
         AccountSession s;
         if (!s.Open()) return -1;
         auto row = RequireGroup(s, szName);
@@ -125,10 +110,7 @@ extern "C" int KOVAGroupIsAdminGroupByGid(unsigned int gid) {
 extern "C" int KLIBGroupIsAdminGroupMem(const char *szUser, int flags) {
     KOVA_FAULT_POINT("KLIBGroupIsAdminGroupMem", int);
     return Guarded(-1, [&]() -> int {
-        if (!szUser) {
-            KOVA_FAIL(KOVA_ERR_BADARG);
-            return -1;
-        }
+        if (!szUser) return KOVA_FAIL(KOVA_ERR_BADARG), -1;
         AccountSession s;
         if (!s.Open()) return -1;
         auto row = RequireUser(s, szUser);
@@ -151,10 +133,7 @@ extern "C" int KLIBGroupIsAdminGroupMemByUid(unsigned int uid, int flags) {
 extern "C" PKLIBC_SZLIST KLIBGroupInfoListGet(const char *szUser, int flags) {
     KOVA_FAULT_POINT_NULL("KLIBGroupInfoListGet");
     return Guarded<PKLIBC_SZLIST>(nullptr, [&]() -> PKLIBC_SZLIST {
-        if (!szUser) {
-            KOVA_FAIL(KOVA_ERR_BADARG);
-            return nullptr;
-        }
+        if (!szUser) return KOVA_FAIL(KOVA_ERR_BADARG), nullptr;
         std::vector<unsigned> gids;
         {
             AccountSession s;

@@ -12,10 +12,7 @@ using kova_internal::Guarded;
 extern "C" int KOVAUserGet(const char *szName, PKOVA_USER *ppUser) {
     KOVA_FAULT_POINT("KOVAUserGet", int);
     return Guarded(-1, [&]() -> int {
-        if (!szName || !ppUser) {
-            KOVA_FAIL(KOVA_ERR_BADARG);
-            return -1;
-        }
+        if (!szName || !ppUser) return KOVA_FAIL(KOVA_ERR_BADARG), -1;
         AccountSession s;
         if (!s.Open()) return -1;
         auto row = RequireUser(s, szName);
@@ -28,10 +25,7 @@ extern "C" int KOVAUserGet(const char *szName, PKOVA_USER *ppUser) {
 extern "C" int KOVAUserGetByUID(unsigned int uid, PKOVA_USER *ppUser) {
     KOVA_FAULT_POINT("KOVAUserGetByUID", int);
     return Guarded(-1, [&]() -> int {
-        if (!ppUser) {
-            KOVA_FAIL(KOVA_ERR_BADARG);
-            return -1;
-        }
+        if (!ppUser) return KOVA_FAIL(KOVA_ERR_BADARG), -1;
         AccountSession s;
         if (!s.Open()) return -1;
         auto row = RequireUserByUid(s, uid);
@@ -58,10 +52,7 @@ extern "C" int KOVAUserIsInternal(const char *szName, unsigned int uid) {
 extern "C" int KOVAUserGetUGID(const char *szName, int *pUid, int *pGid) {
     KOVA_FAULT_POINT("KOVAUserGetUGID", int);
     return Guarded(-1, [&]() -> int {
-        if (!szName) {
-            KOVA_FAIL(KOVA_ERR_BADARG);
-            return -1;
-        }
+        if (!szName) return KOVA_FAIL(KOVA_ERR_BADARG), -1;
         AccountSession s;
         if (!s.Open()) return -1;
         auto row = RequireUser(s, szName);
@@ -75,10 +66,7 @@ extern "C" int KOVAUserGetUGID(const char *szName, int *pUid, int *pGid) {
 extern "C" int KOVAUserPasswordCheck(const char *szName, const char *szPassword) {
     KOVA_FAULT_POINT("KOVAUserPasswordCheck", int);
     return Guarded(-1, [&]() -> int {
-        if (!szName || !szPassword) {
-            KOVA_FAIL(KOVA_ERR_BADARG);
-            return -1;
-        }
+        if (!szName || !szPassword) return KOVA_FAIL(KOVA_ERR_BADARG), -1;
         AccountSession s;
         if (!s.Open()) return -1;
         auto row = RequireUser(s, szName);
