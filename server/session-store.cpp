@@ -34,7 +34,7 @@ bool SameSecret(const std::string &a, const std::string &b) {
 
 bool SessionStore::Create(Session &session) {
     if (!RandomHex(32, session.id) || !RandomHex(32, session.token)) return false;
-    session.lastUsed = time(nullptr);
+    session.lastUsed = clock_();
     std::lock_guard<std::mutex> lock(mu_);
     // Drop expired sessions here so the table cannot grow without bound.
     for (auto it = sessions_.begin(); it != sessions_.end();) {
@@ -49,7 +49,7 @@ bool SessionStore::Get(const std::string &id, Session &out) {
     std::lock_guard<std::mutex> lock(mu_);
     auto it = sessions_.find(id);
     if (it == sessions_.end()) return false;
-    time_t now = time(nullptr);
+    time_t now = clock_();
     if (now - it->second.lastUsed > idleSeconds_) {
         sessions_.erase(it);
         return false;

@@ -9,6 +9,7 @@
 #include <sys/types.h>
 #include <time.h>
 
+#include <functional>
 #include <map>
 #include <mutex>
 #include <string>
@@ -29,7 +30,10 @@ struct Session {
 
 class SessionStore {
 public:
-    explicit SessionStore(int idleSeconds) : idleSeconds_(idleSeconds) {}
+    using Clock = std::function<time_t()>;
+    // clock: seconds now (tests pass their own).
+    explicit SessionStore(int idleSeconds, Clock clock = [] { return time(nullptr); })
+        : idleSeconds_(idleSeconds), clock_(std::move(clock)) {}
 
     // Fills id and token with fresh random values and stores the session.
     // false when the system's random source failed.
@@ -43,6 +47,7 @@ private:
     std::mutex mu_;
     std::map<std::string, Session> sessions_;
     int idleSeconds_;
+    Clock clock_;
 };
 
 // Hex text of n random bytes from the kernel; false on failure.

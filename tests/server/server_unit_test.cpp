@@ -165,6 +165,30 @@ TEST(Sessions, IdsAndTokensAreFreshAndChecked) {
     EXPECT_FALSE(webd::SameSecret("abc", "ab"));
 }
 
+TEST(Sessions, IdleSessionsEndAndUseKeepsThemAlive) {
+    time_t now = 1000;
+    webd::SessionStore store(60, [&now] { return now; });
+    webd::Session a, b;
+    ASSERT_TRUE(store.Create(a));
+    ASSERT_TRUE(store.Create(b));
+    webd::Session got;
+    now += 50;
+    EXPECT_TRUE(store.Get(a.id, got));   // a is used, b is not
+    now += 50;
+    EXPECT_TRUE(store.Get(a.id, got));   // 50 s idle: still alive
+    EXPECT_FALSE(store.Get(b.id, got));  // 100 s idle: gone
+    now += 61;
+    EXPECT_FALSE(store.Get(a.id, got));
+    EXPECT_EQ(0u, store.Count());
+
+    // Expired sessions are swept when others are created.
+    webd::Session c, d;
+    ASSERT_TRUE(store.Create(c));
+    now += 100;
+    ASSERT_TRUE(store.Create(d));
+    EXPECT_EQ(1u, store.Count());
+}
+
 TEST(Sessions, CookieHeaderParsing) {
     EXPECT_EQ("v1", webd::CookieValue("kova_sid=v1", "kova_sid"));
     EXPECT_EQ("v2", webd::CookieValue("a=1; kova_sid=v2; b=3", "kova_sid"));
