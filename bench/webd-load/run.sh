@@ -62,13 +62,21 @@ curl -sS -H "Cookie: kova_sid=$SID" -H "X-Kova-Token: $TOKEN" -H 'Content-Type: 
 grep -q '"success":true' "$WORK/reply.json" || { echo "get failed: $(cat "$WORK/reply.json")" >&2; exit 1; }
 SIZE=$(stat -c %s "$WORK/reply.json")
 
-{
-  echo 'wrk.method = "POST"'
-  echo "wrk.body = [[$BODY]]"
-  echo 'wrk.headers["Content-Type"] = "application/json"'
-  echo "wrk.headers[\"Cookie\"] = \"kova_sid=$SID\""
-  echo "wrk.headers[\"X-Kova-Token\"] = \"$TOKEN\""
-} >"$WORK/post.lua"
+# One wrk script per call: the ACL get, and two calls that show the
+# server's own share of the cost (answered by the front alone, and one
+# worker round trip with little platform work).
+lua() {  # lua FILE BODY
+  {
+    echo 'wrk.method = "POST"'
+    echo "wrk.body = [[$2]]"
+    echo 'wrk.headers["Content-Type"] = "application/json"'
+    echo "wrk.headers[\"Cookie\"] = \"kova_sid=$SID\""
+    echo "wrk.headers[\"X-Kova-Token\"] = \"$TOKEN\""
+  } >"$1"
+}
+lua "$WORK/post.lua" "$BODY"
+lua "$WORK/info.lua" '{"api":"KOVA.Server.Info","version":1,"method":"query"}'
+lua "$WORK/dir.lua" '{"api":"KOVA.Server.Files","version":1,"method":"list_dir","params":{"path":"/projects/engineering/project-01/docs","limit":1}}'
 
 # nginx with the same reply as a static file, as many workers as kova-webd.
 mkdir -p "$WORK/nginx/html" "$WORK/nginx/logs"
@@ -101,8 +109,12 @@ measure() {
 echo "reply size: $SIZE bytes; wrk: $THREADS threads, $CONNS connections, ${SECONDS_RUN}s; $WORKERS workers each"
 read -r WEBD_RPS WEBD_P99 < <(measure -s "$WORK/post.lua" "$URL")
 read -r NGINX_RPS NGINX_P99 < <(measure "http://127.0.0.1:$NPORT/reply.json")
-printf '%-28s %12s %12s\n' "" "requests/s" "p99 (ms)"
-printf '%-28s %12.0f %12.2f\n' "kova-webd ACL get" "$WEBD_RPS" "$WEBD_P99"
-printf '%-28s %12.0f %12.2f\n' "nginx static file (floor)" "$NGINX_RPS" "$NGINX_P99"
+read -r INFO_RPS INFO_P99 < <(measure -s "$WORK/info.lua" "$URL")
+read -r DIR_RPS DIR_P99 < <(measure -s "$WORK/dir.lua" "$URL")
+printf '%-34s %12s %12s\n' "" "requests/s" "p99 (ms)"
+printf '%-34s %12.0f %12.2f\n' "kova-webd ACL get" "$WEBD_RPS" "$WEBD_P99"
+printf '%-34s %12.0f %12.2f\n' "nginx static file (floor)" "$NGINX_RPS" "$NGINX_P99"
+printf '%-34s %12.0f %12.2f\n' "  for reference: Info (front only)" "$INFO_RPS" "$INFO_P99"
+printf '%-34s %12.0f %12.2f\n' "  for reference: list_dir (worker)" "$DIR_RPS" "$DIR_P99"
 awk -v a="$WEBD_RPS" -v b="$NGINX_RPS" -v c="$WEBD_P99" -v d="$NGINX_P99" \
   'BEGIN { printf "ratio kova-webd / nginx: throughput %.3f, p99 latency %.1fx\n", a / b, (d > 0 ? c / d : 0) }'
