@@ -51,18 +51,20 @@ void OrderForEvaluation(std::vector<Ace> &entries) {
     }
 }
 
+bool RightsIgnoreEntries(const Principal &p, bool belowShareRoot) {
+    return p.isRoot || (p.isAdmin && belowShareRoot);
+}
+
 uint32_t EffectiveRights(const Principal &p, const OwnerId &owner, std::vector<Ace> entries, bool belowShareRoot) {
-    if (p.isRoot) return KOVA_ACL_PERM_ALL;
+    // An administrator below a share root starts with every right granted
+    // and none undecided: no entry could take one away.
+    if (RightsIgnoreEntries(p, belowShareRoot)) return KOVA_ACL_PERM_ALL;
     OrderForEvaluation(entries);
     const bool isOwner = EntryMatches(owner.idType, owner.id, p, false);
     uint32_t granted = 0, undecided = 0xFFFFFFFFu;
     if (isOwner) {
         granted = KOVA_ACL_PERM_OWNER_IMPLICIT;
         undecided = ~static_cast<uint32_t>(KOVA_ACL_PERM_OWNER_IMPLICIT);
-    }
-    if (p.isAdmin && belowShareRoot) {
-        granted = KOVA_ACL_PERM_ALL;
-        undecided = ~static_cast<uint32_t>(KOVA_ACL_PERM_ALL);
     }
     for (const Ace &e : entries) {
         if (!EntryMatches(e.idType, e.id, p, isOwner) || (e.inherit & KOVA_ACL_INHERIT_ONLY)) continue;

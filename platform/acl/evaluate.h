@@ -45,6 +45,12 @@ bool EntryMatches(int idType, int id, const Principal &p, bool isOwner);
 // Deny-before-allow within each run of equal level; runs keep their order.
 void OrderForEvaluation(std::vector<Ace> &entries);
 
+// True when no entry can change p's rights on the path (root anywhere; an
+// administrator strictly below a share root): EffectiveRights then answers
+// every right without looking at the entries, so callers need not read the
+// ancestors' records to ask it.
+bool RightsIgnoreEntries(const Principal &p, bool belowShareRoot);
+
 // The rights mask of p given the path's complete ACL (or its mode-derived
 // entries) and owner. belowShareRoot: the path lies in a share and is not
 // its root.

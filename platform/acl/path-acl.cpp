@@ -106,7 +106,7 @@ extern "C" int KOVAACLSet(const char *szPath, int fd, const KOVA_ACL *pAcl) {
     // Root may overwrite a damaged record; everyone else needs it readable to
     // be judged.
     const unsigned flags = caller.isRoot ? (kSkipInherited | kIgnoreCorruptOwn) : kLoadAll;
-    if (!root.ok() || !LoadPathState(szPath, s, flags)) return -1;
+    if (!root.ok() || !LoadPathState(szPath, s, flags, &caller)) return -1;
     if (!Holds(s, caller, KOVA_ACL_PERM_WRITE_ACL)) {
         KOVA_FAIL(KOVA_ERR_ACL_DENIED);
         return -1;
@@ -128,7 +128,8 @@ extern "C" int KOVAACLRemove(const char *szPath, int fd) {
     Principal caller = Principal::Caller();
     Elevation root;
     PathState s;
-    if (!root.ok() || !LoadPathState(szPath, s, caller.isRoot ? (kSkipInherited | kIgnoreCorruptOwn) : kLoadAll))
+    if (!root.ok() ||
+        !LoadPathState(szPath, s, caller.isRoot ? (kSkipInherited | kIgnoreCorruptOwn) : kLoadAll, &caller))
         return -1;
     if (!Holds(s, caller, KOVA_ACL_PERM_WRITE_ACL)) {
         KOVA_FAIL(KOVA_ERR_ACL_DENIED);

@@ -56,7 +56,7 @@ extern "C" int KOVAACLOwnerIdSet(const char *szPath, const KOVA_ACL_ID *pOwner) 
     PathState s;
     // The entries are kept when the owner changes, so a damaged record is
     // refused even for root.
-    if (!root.ok() || !LoadPathState(szPath, s, caller.isRoot ? kSkipInherited : kLoadAll)) return -1;
+    if (!root.ok() || !LoadPathState(szPath, s, caller.isRoot ? kSkipInherited : kLoadAll, &caller)) return -1;
     if ((s.RightsOf(caller) & KOVA_ACL_PERM_TAKE_OWNERSHIP) == 0) {
         KOVA_FAIL(KOVA_ERR_PERM);
         return -1;

@@ -9,10 +9,19 @@
 #include "kova/klibc.h"
 #include "kova-internal/fault-point.h"
 
+#include <unistd.h>
+
 namespace kova_acl {
 
-Elevation::Elevation() {
-    if (!scope_.ok()) KOVA_FAIL(KOVA_ERR_PERM);
+Elevation::Elevation() : uid_(geteuid()), ok_(true) {
+    if (uid_ != 0 && setresuid(static_cast<uid_t>(-1), 0, static_cast<uid_t>(-1)) != 0) {
+        ok_ = false;
+        KOVA_FAIL(KOVA_ERR_PERM);
+    }
+}
+
+Elevation::~Elevation() {
+    if (ok_ && uid_ != 0) (void)setresuid(static_cast<uid_t>(-1), uid_, static_cast<uid_t>(-1));
 }
 
 std::vector<Ace> PathState::Complete() const {
@@ -26,8 +35,9 @@ uint32_t PathState::RightsOf(const Principal &p) const {
     return EffectiveRights(p, owner, Complete(), target.BelowShareRoot());
 }
 
-bool LoadPathState(const char *szPath, PathState &out, unsigned flags) {
+bool LoadPathState(const char *szPath, PathState &out, unsigned flags, const Principal *judged) {
     if (!ResolveTarget(szPath, out.target)) return false;
+    if (judged && RightsIgnoreEntries(*judged, out.target.BelowShareRoot())) flags |= kSkipInherited;
     bool present = false;
     if (!ReadStored(out.target.path, out.own, present)) {
         if (!((flags & kIgnoreCorruptOwn) && KLIBCErrGet() == KOVA_ERR_CORRUPT)) return false;

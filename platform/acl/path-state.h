@@ -9,7 +9,7 @@
 #include "evaluate.h"
 #include "target.h"
 
-#include "kova-internal/identity.h"
+#include <sys/types.h>
 
 #include <vector>
 
@@ -30,6 +30,9 @@ struct PathState {
 // Load options. Root's rights do not depend on entries, so a call made by
 // root that only needs the rights can skip the ancestors (a damaged ancestor
 // then does not block it) and may replace a damaged record of the path.
+// The same holds for whoever RightsIgnoreEntries names once the path's place
+// is known: pass that caller as `judged` and the ancestors are only read
+// when its rights could depend on them.
 enum LoadFlags : unsigned {
     kLoadAll = 0,
     kSkipInherited = 0x1,     // leave `inherited` empty
@@ -37,17 +40,27 @@ enum LoadFlags : unsigned {
 };
 
 // False with the last error set.
-bool LoadPathState(const char *szPath, PathState &out, unsigned flags = kLoadAll);
+bool LoadPathState(const char *szPath, PathState &out, unsigned flags = kLoadAll,
+                   const Principal *judged = nullptr);
 
-// Root for its lifetime; ok() false (last error KOVA_ERR_PERM) when the
-// process cannot raise its ids.
+// Effective uid 0 for its lifetime, the caller's uid back afterwards; ok()
+// false (last error KOVA_ERR_PERM) when the process cannot raise it (it
+// needs a saved uid of 0, which the server and its tasks keep). Only the
+// uid is raised: with it the process holds its capabilities again, which is
+// all that reading and writing trusted attributes, lstat and lchown need;
+// the group ids are left alone, which saves two of the four id changes a
+// path call would otherwise pay.
 class Elevation {
 public:
     Elevation();
-    bool ok() const { return scope_.ok(); }
+    ~Elevation();
+    Elevation(const Elevation &) = delete;
+    Elevation &operator=(const Elevation &) = delete;
+    bool ok() const { return ok_; }
 
 private:
-    kova_internal::RootScope scope_;
+    uid_t uid_;
+    bool ok_;
 };
 
 } // namespace kova_acl

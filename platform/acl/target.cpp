@@ -6,11 +6,14 @@
 #include "kova/share.h"
 #include "kova/klibc.h"
 #include "kova-internal/fault-point.h"
+#include "real-path.h"
+#include "share-lookup.h"
+
+#include <fcntl.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <climits>
-#include <cstdlib>
-#include <vector>
 
 namespace kova_acl {
 
@@ -21,17 +24,17 @@ std::string ParentOf(const std::string &canonical) {
 }
 
 bool ShareRootOf(const std::string &canonical, bool &inShare, std::string &root) {
-    std::vector<char> name(KOVA_SHARE_NAME_MAX), path(PATH_MAX);
+    std::string name;
     inShare = false;
     root.clear();
-    if (KOVAShareNamePathGet(canonical.c_str(), name.data(), static_cast<int>(name.size()), path.data(),
-                             static_cast<int>(path.size())) < 0) {
+    // The path is real already: only the share table is consulted.
+    if (kova_share::ShareOfRealPath(canonical, name, root) < 0) {
+        root.clear();
         int err = KLIBCErrGet();
         // Not in any share is an answer, not a failure.
         return err == KOVA_ERR_NOSHARE || err == KOVA_ERR_BADPATH;
     }
     inShare = true;
-    root = path.data();
     return true;
 }
 
@@ -49,18 +52,30 @@ bool ResolveTarget(const char *szPath, Target &t) {
     size_t slash = p.rfind('/');
     std::string name = p.substr(slash + 1);
     std::string toResolve = (name.empty() || name == "." || name == "..") ? p : (slash == 0 ? "/" : p.substr(0, slash));
-    char *real = realpath(toResolve.c_str(), nullptr);
-    if (!real) {
-        KOVA_FAIL(errno == ENOENT || errno == ENOTDIR ? KOVA_ERR_NOENT : KOVA_ERR_BADPATH);
+    std::string base;
+    int dirFd = -1;
+    const bool wholePath = toResolve == p;
+    const int err = kova_share::RealPathOf(toResolve, base, wholePath ? nullptr : &dirFd);
+    if (err != 0) {
+        KOVA_FAIL(err == ENOENT || err == ENOTDIR ? KOVA_ERR_NOENT : KOVA_ERR_BADPATH);
         return false;
     }
-    std::string base = real;
-    std::free(real);
-    if (toResolve == p)
+    if (wholePath)
         t.path = base;
     else
         t.path = base == "/" ? "/" + name : base + "/" + name;
-    if (lstat(t.path.c_str(), &t.st) != 0) {
+    // The parent is open already: the final name is looked up in it rather
+    // than by walking the whole path again.
+    int statRc;
+    if (dirFd >= 0) {
+        statRc = fstatat(dirFd, name.c_str(), &t.st, AT_SYMLINK_NOFOLLOW);
+        const int saved = errno;
+        close(dirFd);
+        errno = saved;
+    } else {
+        statRc = lstat(t.path.c_str(), &t.st);
+    }
+    if (statRc != 0) {
         KOVA_FAIL(errno == ENOENT || errno == ENOTDIR ? KOVA_ERR_NOENT : KOVA_ERR_BADPATH);
         return false;
     }

@@ -6,11 +6,16 @@
 #include "kova/errcode.h"
 #include "kova/klibc.h"
 #include "kova-internal/fault-point.h"
+#include "real-path.h"
+#include "share-cache.h"
 #include "share-db.h"
+#include "share-lookup.h"
 
 #include <cerrno>
 #include <climits>
-#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -22,14 +27,8 @@ std::string StripTrailingSlashes(std::string p) {
 }
 
 bool RealPath(const std::string &p, std::string &out, int &err) {
-    char *r = realpath(p.c_str(), nullptr);
-    if (!r) {
-        err = errno;
-        return false;
-    }
-    out = r;
-    std::free(r);
-    return true;
+    err = kova_share::RealPathOf(p, out);
+    return err == 0;
 }
 
 // realpath of the whole path; when only the final component is missing, the
@@ -72,25 +71,19 @@ std::string CollapseDots(const std::string &p) {
     return out.empty() ? "/" : out;
 }
 
-// A share's root as it is on disk now (stored paths are real when written,
-// but a root may be recorded by another tool).
-std::string RootOf(const KOVA_SHARE &s) {
-    std::string stored = StripTrailingSlashes(s.szPath), real;
-    int err = 0;
-    return RealPath(stored, real, err) ? real : stored;
-}
-
 bool UnderRoot(const std::string &path, const std::string &root) {
     if (root == "/") return true;
     return path.compare(0, root.size(), root) == 0 && (path.size() == root.size() || path[root.size()] == '/');
 }
 
-// Index of the share whose root is the longest prefix of path, or -1.
-int LongestMatch(const std::vector<KOVA_SHARE> &shares, const std::string &path) {
+// Index of the share whose real root is the longest prefix of path, or -1.
+// Roots are compared as they are on disk now (stored paths are real when
+// written, but a root may be recorded by another tool).
+int LongestMatch(const kova_share::ShareRoots &shares, const std::string &path) {
     int best = -1;
     size_t bestLen = 0;
     for (size_t i = 0; i < shares.size(); ++i) {
-        std::string root = RootOf(shares[i]);
+        const std::string &root = shares[i].real;
         if (!UnderRoot(path, root)) continue;
         if (best < 0 || root.size() > bestLen) {
             best = static_cast<int>(i);
@@ -100,7 +93,36 @@ int LongestMatch(const std::vector<KOVA_SHARE> &shares, const std::string &path)
     return best;
 }
 
+bool Table(std::shared_ptr<const kova_share::ShareRoots> &table) {
+    try {
+        return kova_share::CurrentShareRoots(table);
+    } catch (const std::bad_alloc &) {
+        KOVA_FAIL(KOVA_ERR_NOMEM);
+        return false;
+    }
+}
+
 } // namespace
+
+int kova_share::ShareOfRealPath(const std::string &real, std::string &name, std::string &root) {
+    KOVA_FAULT_POINT("KOVAShareNamePathGet", int);
+    std::shared_ptr<const ShareRoots> table;
+    if (!Table(table)) return -1;
+    const int found = LongestMatch(*table, real);
+    if (found < 0) {
+        KOVA_FAIL(KOVA_ERR_NOSHARE);
+        return -1;
+    }
+    const ShareRoot &s = (*table)[static_cast<size_t>(found)];
+    try {
+        name = s.name;
+        root = s.real;
+    } catch (const std::bad_alloc &) {
+        KOVA_FAIL(KOVA_ERR_NOMEM);
+        return -1;
+    }
+    return 0;
+}
 
 extern "C" int KOVAShareNamePathGet(const char *szPath, char *szName, int cbName, char *szSharePath, int cbSharePath) {
     KOVA_FAULT_POINT("KOVAShareNamePathGet", int);
@@ -116,13 +138,13 @@ extern "C" int KOVAShareNamePathGet(const char *szPath, char *szName, int cbName
     std::string canonical;
     if (!Canonicalise(raw, canonical)) return -1;
 
-    kova_internal::Database db;
-    std::vector<KOVA_SHARE> shares;
-    if (!kova_share::OpenShareDb(db, false) || !kova_share::LoadAllShares(db, shares)) return -1;
+    std::shared_ptr<const kova_share::ShareRoots> table;
+    if (!Table(table)) return -1;
+    const kova_share::ShareRoots &shares = *table;
 
     int lexical = LongestMatch(shares, CollapseDots(raw));
     int real = LongestMatch(shares, canonical);
-    if (lexical >= 0 && !UnderRoot(canonical, RootOf(shares[static_cast<size_t>(lexical)]))) {
+    if (lexical >= 0 && !UnderRoot(canonical, shares[static_cast<size_t>(lexical)].real)) {
         // Written inside a share but resolving elsewhere: an escape.
         KOVA_FAIL(KOVA_ERR_BADPATH);
         return -1;
@@ -131,10 +153,9 @@ extern "C" int KOVAShareNamePathGet(const char *szPath, char *szName, int cbName
         KOVA_FAIL(KOVA_ERR_NOSHARE);
         return -1;
     }
-    const KOVA_SHARE &s = shares[static_cast<size_t>(real)];
-    std::string root = RootOf(s);
-    if ((szName && !kova_share::CopyText(szName, static_cast<size_t>(cbName), s.szName)) ||
-        (szSharePath && !kova_share::CopyText(szSharePath, static_cast<size_t>(cbSharePath), root))) {
+    const kova_share::ShareRoot &s = shares[static_cast<size_t>(real)];
+    if ((szName && !kova_share::CopyText(szName, static_cast<size_t>(cbName), s.name)) ||
+        (szSharePath && !kova_share::CopyText(szSharePath, static_cast<size_t>(cbSharePath), s.real))) {
         KOVA_FAIL(KOVA_ERR_RANGE);
         return -1;
     }

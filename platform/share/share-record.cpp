@@ -3,6 +3,7 @@
 #include "kova/errcode.h"
 #include "kova/klibc.h"
 #include "kova-internal/fault-point.h"
+#include "share-cache.h"
 #include "share-db.h"
 
 #include <cstdlib>
@@ -82,6 +83,7 @@ extern "C" int KOVAShareSet(const KOVA_SHARE *pShare) {
         st.Bind(8, static_cast<long long>(pShare->defaultPriv));
         return st.Step() == SQLITE_DONE;
     });
+    kova_share::ShareTableChanged();
     return ok ? 0 : -1;
 }
 
@@ -109,6 +111,7 @@ extern "C" int KOVAShareDelete(const char *szName) {
         privs.Bind(1, std::string(szName));
         return privs.Step() == SQLITE_DONE;
     });
+    kova_share::ShareTableChanged();
     return ok ? 0 : -1;
 }
 
