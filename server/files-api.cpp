@@ -47,7 +47,7 @@ private:
 
 bool IsAdmin(const std::string &user) {
     AsRoot root;
-    return KLIBGroupIsAdminGroupMem(user.c_str(), 0) == 1;
+    return root.ok() && KLIBGroupIsAdminGroupMem(user.c_str(), 0) == 1;
 }
 
 // KOVA_SHARE_PRIV_* of the user on the share; administrators hold RW.
@@ -55,7 +55,7 @@ int Privilege(const std::string &share, const std::string &user, bool admin) {
     if (admin) return KOVA_SHARE_PRIV_RW;
     AsRoot root;
     int priv = KOVA_SHARE_PRIV_NONE;
-    if (KOVASharePrivGet(share.c_str(), user.c_str(), &priv) < 0) return KOVA_SHARE_PRIV_NONE;
+    if (!root.ok() || KOVASharePrivGet(share.c_str(), user.c_str(), &priv) < 0) return KOVA_SHARE_PRIV_NONE;
     return priv;
 }
 
@@ -71,7 +71,7 @@ void ListShares(KOVA::APIRequest *req, KOVA::APIResponse *resp) {
     int rc;
     {
         AsRoot root;
-        rc = KOVAShareEnum(&names);
+        rc = root.ok() ? KOVAShareEnum(&names) : -1;
     }
     if (rc < 0) {
         KLIBCSzListFree(names);
