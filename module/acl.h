@@ -73,5 +73,7 @@ bool EntryMatchesPrincipal(const KOVA_ACL_ID &entry, const KOVA_ACL_ID &principa
 bool LoadUserGroupIds(const std::string &userName, std::vector<unsigned int> &gids);
 bool IsPathOwner(const std::string &path, const KOVA_ACL_ID &principal,
                  const std::vector<unsigned int> &gids, int &errorCode);
+// The WebAPI code for a failed owner lookup, from the platform's last error.
+int OwnerLookupErrorCode(int lastError);
 
 #endif

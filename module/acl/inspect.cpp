@@ -54,15 +54,6 @@ std::string WithTrailingSlash(const std::string &path) {
     return path + "/";
 }
 
-int MapOwnerLookupError(int lastError) {
-    switch (lastError) {
-    case KOVA_ERR_NOENT: return 6207;
-    case KOVA_ERR_ACL_NOTSUP: return 6201;
-    case KOVA_ERR_PERM: return 6205;
-    default: return 6200;
-    }
-}
-
 } // namespace
 
 void ACLHandler::Inspect() {
@@ -120,7 +111,7 @@ void ACLHandler::Inspect() {
         ret = KOVAACLOwnerIdGet(path.c_str(), &owner);
     }
     if (ret != 0) {
-        error_ = MapOwnerLookupError(KLIBCErrGet());
+        error_ = OwnerLookupErrorCode(KLIBCErrGet());
         response_->SetError(error_, kNull);
         return;
     }

@@ -78,13 +78,17 @@ bool IsPathOwner(const std::string &path, const KOVA_ACL_ID &principal,
     }
 
     if (ret != 0) {
-        switch (KLIBCErrGet()) {
-        case KOVA_ERR_NOENT: errorCode = 6207; break;
-        case KOVA_ERR_ACL_NOTSUP: errorCode = 6201; break;
-        case KOVA_ERR_PERM: errorCode = 6205; break;
-        default: errorCode = 6200; break;
-        }
+        errorCode = OwnerLookupErrorCode(KLIBCErrGet());
         return false;
     }
     return EntryMatchesPrincipal(owner, principal, gids, false);
+}
+
+int OwnerLookupErrorCode(int lastError) {
+    switch (lastError) {
+    case KOVA_ERR_NOENT: return 6207;
+    case KOVA_ERR_ACL_NOTSUP: return 6201;
+    case KOVA_ERR_PERM: return 6205;
+    default: return 6200;
+    }
 }
