@@ -3,7 +3,9 @@
 // with, a file created with that identity, a crash, a missing response.
 #include <fcntl.h>
 #include <stdlib.h>
+#include <string.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <vector>
@@ -62,6 +64,27 @@ void Touch(KOVA::APIRequest *req, KOVA::APIResponse *resp) {
 
 void Crash(KOVA::APIRequest *, KOVA::APIResponse *) { abort(); }
 
+// Forks as a background task would and reports, from the child, whether the
+// worker's channel (descriptor 3) is still open there.
+void ForkProbe(KOVA::APIRequest *req, KOVA::APIResponse *resp) {
+    std::string path = req->GetParam("path", "").asString();
+    pid_t pid = fork();
+    if (pid == 0) {
+        // Asked before open(), which would take the lowest free number.
+        const char *state = fcntl(3, F_GETFD) == -1 ? "closed" : "open";
+        int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        if (fd >= 0) {
+            ssize_t w = write(fd, state, strlen(state));
+            (void)w;
+            close(fd);
+        }
+        _exit(0);
+    }
+    int status = 0;
+    waitpid(pid, &status, 0);
+    resp->SetSuccess(Json::Value(pid > 0));
+}
+
 void NoReply(KOVA::APIRequest *, KOVA::APIResponse *) {}
 
 void Hang(KOVA::APIRequest *, KOVA::APIResponse *) {
@@ -85,6 +108,7 @@ const KOVA_API_ENTRY gTable[] = {
     {"Test.Probe", 1, "throw", Throw},
     {"Test.Probe", 1, "drop_root", DropRoot},
     {"Test.Probe", 1, "hang", Hang},
+    {"Test.Probe", 1, "fork_probe", ForkProbe},
     {"Test.Probe", 2, "whoami", WhoAmI},
     {nullptr, 0, nullptr, nullptr},
 };

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <fstream>
 #include <map>
 #include <set>
 #include <thread>
@@ -155,7 +156,7 @@ TEST_F(Server, InfoListsLoadedApisAndTheMalformedModuleIsRefused) {
         std::string key = a["api"].asString() + "/" + std::to_string(a["version"].asInt());
         for (const Json::Value &m : a["methods"]) seen[key].insert(m.asString());
     }
-    EXPECT_EQ((std::set<std::string>{"whoami", "touch", "crash", "noreply", "throw", "drop_root", "hang"}),
+    EXPECT_EQ((std::set<std::string>{"whoami", "touch", "crash", "noreply", "throw", "drop_root", "hang", "fork_probe"}),
               seen["Test.Probe/1"]);
     EXPECT_EQ(std::set<std::string>{"whoami"}, seen["Test.Probe/2"]);
     EXPECT_EQ((std::set<std::string>{"list_shares", "list_dir"}), seen["KOVA.Server.Files/1"]);
@@ -297,6 +298,20 @@ TEST_F(Server, AHandlerThatNeverReturnsIsKilledAndReplaced) {
     EXPECT_EQ(160, Code(hung));
     EXPECT_NE(std::string::npos, webd->ErrorLog().find("no answer to Test.Probe.hang")) << webd->ErrorLog();
     EXPECT_TRUE(c.Call("Test.Probe", 1, "whoami").body["success"].asBool());
+}
+
+TEST_F(Server, ProcessesForkedByAHandlerDoNotHoldTheWorkersChannel) {
+    WebClient c(webd->port());
+    ASSERT_TRUE(c.Login(alice.name, alice.passwd).body["success"].asBool());
+    const std::string report = drop + "/fork-report";
+    Json::Value p(Json::objectValue);
+    p["path"] = report;
+    Reply r = c.Call("Test.Probe", 1, "fork_probe", p);
+    ASSERT_TRUE(r.body["success"].asBool()) << r.body;
+    std::ifstream in(report);
+    std::string state;
+    in >> state;
+    EXPECT_EQ("closed", state);
 }
 
 TEST_F(Server, SigningInAgainEndsTheBrowsersPreviousSession) {
