@@ -4,7 +4,7 @@ import { PERMISSIONS, inheritSummary, principalLabel } from './model.js';
 
 export function renderHead(tr) {
   tr.innerHTML = '';
-  const cols = [['Principal'], ['Allow / deny']];
+  const cols = [['Owner', 'The user, group or built-in principal the rule is for'], ['Allow / deny']];
   for (const [, letter, title] of PERMISSIONS) cols.push([letter, title]);
   cols.push(['Applies to'], ['Level'], ['Actions']);
   for (const [text, title] of cols) {
