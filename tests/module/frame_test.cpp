@@ -3,6 +3,7 @@
 // ids see it.
 #include "module-host.h"
 #include "platform-fixture.h"
+#include "request-fixture.h"
 
 #include <gtest/gtest.h>
 #include <syslog.h>
@@ -17,11 +18,13 @@ namespace {
 
 using kova_host::CallOptions;
 using kova_host::CallResult;
-using kova_host::LogLine;
 using kova_host::ModuleHost;
 
+using kova_module_test::AsRoot;
+using kova_module_test::kWarn;
+using kova_module_test::LogsAre;
+
 const std::string kShareLog = "acl:1943 failed to get share name from path";
-const int kWarn = LOG_AUTH | LOG_DEBUG;
 const int kErr = LOG_AUTH | LOG_ERR;
 
 Json::Value Params(std::initializer_list<std::pair<const char *, Json::Value>> kv) {
@@ -30,26 +33,7 @@ Json::Value Params(std::initializer_list<std::pair<const char *, Json::Value>> k
     return p;
 }
 
-Json::Value ValidRule() {
-    Json::Value r(Json::objectValue);
-    r["owner_type"] = "everyone";
-    r["owner_name"] = "Everyone";
-    r["permission_type"] = "allow";
-    for (const char *k : {"read_data", "write_data", "exe_file", "append_data", "delete", "delete_sub", "read_attr",
-                          "write_attr", "read_ext_attr", "write_ext_attr", "read_perm", "change_perm", "take_ownership"})
-        r["permission"][k] = true;
-    for (const char *k : {"child_files", "child_folders", "this_folder", "all_descendants"}) r["inherit"][k] = true;
-    return r;
-}
-
-std::vector<LogLine> Lines(std::initializer_list<LogLine> lines) { return lines; }
-
-bool SameLogs(const std::vector<LogLine> &want, const CallResult &r) {
-    if (want.size() != r.logs.size()) return false;
-    for (size_t i = 0; i < want.size(); ++i)
-        if (want[i].priority != r.logs[i].priority || want[i].text != r.logs[i].text) return false;
-    return true;
-}
+Json::Value ValidRule() { return kova_module_test::RuleJson("everyone", "Everyone", "allow", "rwxpdDaARWcCo"); }
 
 class Entry : public ::testing::Test {
 protected:
@@ -65,23 +49,6 @@ protected:
     }
     void SetUp() override { ASSERT_TRUE(host().ok()) << host().error(); }
     static ModuleHost &host() { return ModuleHost::Shared(); }
-    static CallOptions AsRoot() {
-        CallOptions o;
-        o.ids = kova_host::Ids::Root;
-        return o;
-    }
-    // A 403 from the entry layer: the method never ran, so nothing was
-    // logged (the methods log the failed share lookup of a path outside
-    // every share).
-    static void ExpectRejectedAtEntry(const CallResult &r, const std::string &what) {
-        ASSERT_TRUE(r.delivered) << what << ": " << r.Dump();
-        EXPECT_EQ(403, r.errorCode()) << what << ": " << r.Dump();
-        EXPECT_TRUE(r.logs.empty()) << what << ": " << r.Dump();
-    }
-    static void ExpectMethodRan(const CallResult &r, const std::string &what) {
-        ASSERT_TRUE(r.delivered) << what << ": " << r.Dump();
-        EXPECT_TRUE(r.HasLog(LOG_ERR, kShareLog)) << what << ": " << r.Dump();
-    }
     static kova_host::PlatformRoot *root_;
     static std::string share_;
 };
@@ -141,69 +108,74 @@ TEST_F(Entry, HostReportsMemoryLostDuringACall) {
     EXPECT_TRUE(host().Call("get_ui_info", Params({}), AsRoot()).delivered);
 }
 
-TEST_F(Entry, SchemaFailuresAnswer403WithoutRunningTheMethod) {
-    const std::string outside = "/nowhere/file";
-    ExpectRejectedAtEntry(host().Call("get", Params({{"type", "all"}}), AsRoot()), "get without file_path");
-    ExpectRejectedAtEntry(host().Call("get", Params({{"file_path", outside}, {"type", 1}}), AsRoot()), "get type 1");
-    ExpectRejectedAtEntry(host().Call("set", Params({{"file_path", outside}}), AsRoot()), "set without change_acl");
-    ExpectRejectedAtEntry(host().Call("set", Params({{"file_path", outside}, {"change_acl", true}, {"inherited", true}}), AsRoot()),
-                          "set change_acl without rules");
-    Json::Value rules(Json::arrayValue);
-    rules.append(ValidRule());
-    ExpectRejectedAtEntry(host().Call("set", Params({{"file_path", outside}, {"change_acl", true}, {"rules", rules}}), AsRoot()),
-                          "set change_acl without inherited");
-    ExpectRejectedAtEntry(host().Call("set", Params({{"file_path", outside}, {"change_acl", false}, {"change_acl_owner", true},
-                                                     {"acl_owner_type", "user"}}),
-                                      AsRoot()),
-                          "set change_acl_owner without acl_owner");
-    ExpectRejectedAtEntry(host().Call("set", Params({{"file_path", outside}, {"change_acl", "yes"}}), AsRoot()),
-                          "set change_acl as a string");
-    ExpectRejectedAtEntry(host().Call("status", Params({}), AsRoot()), "status without task_id");
-    ExpectRejectedAtEntry(host().Call("stop", Params({{"task_id", 3}}), AsRoot()), "stop task_id 3");
-    ExpectRejectedAtEntry(host().Call("list_owners", Params({{"offset", "10"}}), AsRoot()), "list_owners offset text");
-    ExpectRejectedAtEntry(host().Call(kova_host::kApi, 2, "list_owners", Params({{"searchScope", Json::Value(Json::arrayValue)}}), AsRoot()),
-                          "list_owners v2 without keywordFields");
-    ExpectRejectedAtEntry(host().Call(kova_host::kApi, 2, "list_owners", Params({{"keywordFields", Json::Value(Json::objectValue)}}), AsRoot()),
-                          "list_owners v2 without searchScope");
-    ExpectRejectedAtEntry(host().Call("inspect", Params({{"file_path", outside}, {"owner_type", "user"}}), AsRoot()),
-                          "inspect without owner_name");
-    ExpectRejectedAtEntry(host().Call("check_admin", Params({{"owner_name", "alice"}}), AsRoot()), "check_admin without owner_type");
-    ExpectRejectedAtEntry(host().Call("check_self_denied", Params({{"file_path", outside}, {"change_acl", true}}), AsRoot()),
-                          "check_self_denied change_acl without rules");
-}
-
-TEST_F(Entry, ComputedRequirementsLetTheMethodRun) {
-    const std::string outside = "/nowhere/file";
-    ExpectMethodRan(host().Call("set", Params({{"file_path", outside}, {"change_acl", false}}), AsRoot()),
-                    "set change_acl false without rules");
-    ExpectMethodRan(host().Call("set", Params({{"file_path", outside}, {"change_acl", false}, {"change_acl_owner", false}}), AsRoot()),
-                    "set change_acl_owner false without acl_owner");
-    ExpectMethodRan(host().Call("get", Params({{"file_path", outside}, {"type", "all"}, {"extra", 1}}), AsRoot()),
-                    "get with an unlisted parameter");
-    CallResult v1 = host().Call("list_owners", Params({}), AsRoot());
-    ASSERT_TRUE(v1.delivered) << v1.Dump();
-    EXPECT_NE(403, v1.errorCode()) << "version 1 has no mandatory parameter: " << v1.Dump();
-}
-
-TEST_F(Entry, InvalidRulesStopTheRequestAtTheFirstBadOne) {
+// A rejected request never reaches its method; one let through runs it
+// (and the method logs the failed share lookup of the path outside every
+// share).
+TEST_F(Entry, ParameterChecksRejectOrPassEachRequest) {
     const std::string outside = "/nowhere/file";
     Json::Value bad = ValidRule();
     bad["permission"]["read_data"] = "true";
-    Json::Value rules(Json::arrayValue);
-    rules.append(ValidRule());
-    rules.append(bad);
-    rules.append(ValidRule());
-    ExpectRejectedAtEntry(host().Call("check_self_denied", Params({{"file_path", outside}, {"change_acl", false}, {"rules", rules}}), AsRoot()),
-                          "check_self_denied, second rule invalid, change_acl false");
-    ExpectRejectedAtEntry(host().Call("set", Params({{"file_path", outside}, {"change_acl", true}, {"inherited", false}, {"rules", rules}}),
-                                      AsRoot()),
-                          "set, second rule invalid");
-    Json::Value good(Json::arrayValue);
-    good.append(ValidRule());
-    good.append(ValidRule());
-    ExpectMethodRan(host().Call("check_self_denied", Params({{"file_path", outside}, {"change_acl", true}, {"inherited", true}, {"rules", good}}),
-                                AsRoot()),
-                    "check_self_denied with valid rules");
+    const Json::Value one = kova_module_test::Array({ValidRule()});
+    const Json::Value two = kova_module_test::Array({ValidRule(), ValidRule()});
+    const Json::Value secondBad = kova_module_test::Array({ValidRule(), bad, ValidRule()});
+    const bool rejected = true, runs = false;
+    const struct {
+        int version;
+        const char *method;
+        Json::Value params;
+        bool rejected;
+        const char *what;
+    } cases[] = {
+        {1, "get", Params({{"type", "all"}}), rejected, "get without file_path"},
+        {1, "get", Params({{"file_path", outside}, {"type", 1}}), rejected, "get type 1"},
+        {1, "set", Params({{"file_path", outside}}), rejected, "set without change_acl"},
+        {1, "set", Params({{"file_path", outside}, {"change_acl", true}, {"inherited", true}}), rejected,
+         "set change_acl without rules"},
+        {1, "set", Params({{"file_path", outside}, {"change_acl", true}, {"rules", one}}), rejected,
+         "set change_acl without inherited"},
+        {1, "set",
+         Params({{"file_path", outside}, {"change_acl", false}, {"change_acl_owner", true}, {"acl_owner_type", "user"}}),
+         rejected, "set change_acl_owner without acl_owner"},
+        {1, "set", Params({{"file_path", outside}, {"change_acl", "yes"}}), rejected, "set change_acl as a string"},
+        {1, "status", Params({}), rejected, "status without task_id"},
+        {1, "stop", Params({{"task_id", 3}}), rejected, "stop task_id 3"},
+        {1, "list_owners", Params({{"offset", "10"}}), rejected, "list_owners offset text"},
+        {2, "list_owners", Params({{"searchScope", Json::Value(Json::arrayValue)}}), rejected,
+         "list_owners v2 without keywordFields"},
+        {2, "list_owners", Params({{"keywordFields", Json::Value(Json::objectValue)}}), rejected,
+         "list_owners v2 without searchScope"},
+        {1, "inspect", Params({{"file_path", outside}, {"owner_type", "user"}}), rejected, "inspect without owner_name"},
+        {1, "check_admin", Params({{"owner_name", "alice"}}), rejected, "check_admin without owner_type"},
+        {1, "check_self_denied", Params({{"file_path", outside}, {"change_acl", true}}), rejected,
+         "check_self_denied change_acl without rules"},
+        // Rules are checked one by one up to the first bad one, even when
+        // change_acl says they will not be used.
+        {1, "check_self_denied", Params({{"file_path", outside}, {"change_acl", false}, {"rules", secondBad}}),
+         rejected, "check_self_denied, second rule invalid, change_acl false"},
+        {1, "set", Params({{"file_path", outside}, {"change_acl", true}, {"inherited", false}, {"rules", secondBad}}),
+         rejected, "set, second rule invalid"},
+        {1, "check_self_denied",
+         Params({{"file_path", outside}, {"change_acl", true}, {"inherited", true}, {"rules", two}}), runs,
+         "check_self_denied with valid rules"},
+        // Requirements computed from other parameters.
+        {1, "set", Params({{"file_path", outside}, {"change_acl", false}}), runs, "set change_acl false without rules"},
+        {1, "set", Params({{"file_path", outside}, {"change_acl", false}, {"change_acl_owner", false}}), runs,
+         "set change_acl_owner false without acl_owner"},
+        {1, "get", Params({{"file_path", outside}, {"type", "all"}, {"extra", 1}}), runs, "get with an unlisted parameter"},
+    };
+    for (const auto &c : cases) {
+        const CallResult r = host().Call(kova_host::kApi, c.version, c.method, c.params, AsRoot());
+        ASSERT_TRUE(r.delivered) << c.what << ": " << r.Dump();
+        if (c.rejected) {
+            EXPECT_EQ(403, r.errorCode()) << c.what << ": " << r.Dump();
+            EXPECT_TRUE(r.logs.empty()) << c.what << ": " << r.Dump();
+        } else {
+            EXPECT_TRUE(r.HasLog(LOG_ERR, kShareLog)) << c.what << ": " << r.Dump();
+        }
+    }
+    CallResult v1 = host().Call("list_owners", Params({}), AsRoot());
+    ASSERT_TRUE(v1.delivered) << v1.Dump();
+    EXPECT_NE(403, v1.errorCode()) << "version 1 has no mandatory parameter: " << v1.Dump();
 }
 
 TEST_F(Entry, UiInfoNeverFailsAtTheEntry) {
@@ -233,41 +205,31 @@ protected:
     }
 };
 
-TEST_F(Privileged, RootChangesNothingAndLogsNothing) {
-    CallResult r = CheckAdminAs(AsRoot());
-    ASSERT_TRUE(r.success()) << r.Dump();
-    EXPECT_TRUE(r.data()["is_admin"].asBool()) << r.Dump();
-    EXPECT_TRUE(r.logs.empty()) << r.Dump();
-    EXPECT_EQ(0u, r.euidAfter);
-    EXPECT_EQ(0u, r.egidAfter);
-}
-
-TEST_F(Privileged, AUserProcessRaisesBothIdsAndGetsThemBack) {
-    CallOptions o;
-    o.user = "alice";
-    CallResult r = CheckAdminAs(o);
-    ASSERT_TRUE(r.success()) << r.Dump();
-    EXPECT_TRUE(r.data()["is_admin"].asBool()) << r.Dump();
-    EXPECT_NE(0u, r.euidBefore);
-    EXPECT_NE(0u, r.egidBefore);
-    EXPECT_TRUE(SameLogs(Lines({{kWarn, "acl:1623 WARNING: setresgid(-1, 0, -1)"},
-                                {kWarn, "acl:1623 WARNING: setresuid(-1, 0, -1)"},
-                                {kWarn, "acl:1625 WARNING: setresuid(-1, 0, -1)"}}),
-                         r))
-        << r.Dump();
-    EXPECT_EQ(r.euidBefore, r.euidAfter);
-    EXPECT_EQ(r.egidBefore, r.egidAfter);
-}
-
-TEST_F(Privileged, GroupRootUserNotChangesOnlyTheUid) {
-    CallResult r = CheckAdminAs(Explicit(root_->Uid("alice"), 0));
-    ASSERT_TRUE(r.success()) << r.Dump();
-    EXPECT_TRUE(SameLogs(Lines({{kWarn, "acl:1623 WARNING: setresuid(-1, 0, -1)"},
-                                {kWarn, "acl:1625 WARNING: setresuid(-1, 0, -1)"}}),
-                         r))
-        << r.Dump();
-    EXPECT_EQ(static_cast<uid_t>(root_->Uid("alice")), r.euidAfter);
-    EXPECT_EQ(0u, r.egidAfter);
+TEST_F(Privileged, OnlyIdsThatAreNotRootAreRaisedAndBothComeBack) {
+    const uid_t alice = root_->Uid("alice");
+    const struct {
+        const char *what;
+        CallOptions options;
+        std::vector<kova_host::LogLine> logs;
+        uid_t euid;
+        bool rootGroup;
+    } cases[] = {
+        {"root", AsRoot(), {}, 0, true},
+        {"alice", kova_module_test::As("alice"), kova_module_test::Bracket(1623, 1625), alice, false},
+        {"alice with gid 0", Explicit(alice, 0),
+         {{kWarn, "acl:1623 WARNING: setresuid(-1, 0, -1)"}, {kWarn, "acl:1625 WARNING: setresuid(-1, 0, -1)"}}, alice,
+         true},
+    };
+    for (const auto &c : cases) {
+        CallResult r = CheckAdminAs(c.options);
+        ASSERT_TRUE(r.success()) << c.what << ": " << r.Dump();
+        EXPECT_TRUE(r.data()["is_admin"].asBool()) << c.what << ": " << r.Dump();
+        EXPECT_TRUE(LogsAre(c.logs, r)) << c.what;
+        EXPECT_EQ(c.euid, r.euidBefore) << c.what;
+        EXPECT_EQ(c.rootGroup, r.egidBefore == 0) << c.what;
+        EXPECT_EQ(r.euidBefore, r.euidAfter) << c.what;
+        EXPECT_EQ(r.egidBefore, r.egidAfter) << c.what;
+    }
 }
 
 TEST_F(Privileged, ARefusedGroupChangeIsLoggedAndTheWorkStillRuns) {
@@ -282,10 +244,9 @@ TEST_F(Privileged, ARefusedGroupChangeIsLoggedAndTheWorkStillRuns) {
     CallResult r = CheckAdminAs(o);
     ASSERT_TRUE(r.delivered) << r.Dump();
     EXPECT_TRUE(r.success()) << r.Dump();
-    EXPECT_TRUE(SameLogs(Lines({{kErr, "acl:1623 ERROR: setresgid(-1, 0, -1) [Operation not permitted]"},
-                                {kErr, "acl:1623 ERROR: ENTERCriticalSection"}}),
-                         r))
-        << r.Dump();
+    EXPECT_TRUE(LogsAre({{kErr, "acl:1623 ERROR: setresgid(-1, 0, -1) [Operation not permitted]"},
+                         {kErr, "acl:1623 ERROR: ENTERCriticalSection"}},
+                        r));
 }
 
 TEST_F(Privileged, ARefusedUidChangeFailsBothBrackets) {
@@ -300,13 +261,12 @@ TEST_F(Privileged, ARefusedUidChangeFailsBothBrackets) {
     CallResult r = CheckAdminAs(o);
     ASSERT_TRUE(r.delivered) << r.Dump();
     EXPECT_TRUE(r.success()) << r.Dump();
-    EXPECT_TRUE(SameLogs(Lines({{kWarn, "acl:1623 WARNING: setresgid(-1, 0, -1)"},
-                                {kErr, "acl:1623 ERROR: setresuid(-1, 0, -1) [Operation not permitted]"},
-                                {kErr, "acl:1623 ERROR: ENTERCriticalSection"},
-                                {kErr, "acl:1625 ERROR: setresgid(-1, 100, -1) [Operation not permitted]"},
-                                {kErr, "acl:1625 ERROR: LEAVECriticalSection"}}),
-                         r))
-        << r.Dump();
+    EXPECT_TRUE(LogsAre({{kWarn, "acl:1623 WARNING: setresgid(-1, 0, -1)"},
+                         {kErr, "acl:1623 ERROR: setresuid(-1, 0, -1) [Operation not permitted]"},
+                         {kErr, "acl:1623 ERROR: ENTERCriticalSection"},
+                         {kErr, "acl:1625 ERROR: setresgid(-1, 100, -1) [Operation not permitted]"},
+                         {kErr, "acl:1625 ERROR: LEAVECriticalSection"}},
+                        r));
     EXPECT_EQ(0u, r.egidAfter) << "the group stays raised when it cannot be restored";
 }
 

@@ -49,22 +49,25 @@ kova_host::PlatformRoot *Frame::root_ = nullptr;
 std::string Frame::share_;
 
 TEST_F(Frame, OwnersMapToAclIdentities) {
+    const struct {
+        const char *type;
+        const char *name;
+        int idType;
+        int id;
+    } cases[] = {
+        {"user", "alice", KOVA_ACL_ID_USER, root_->Uid("alice")},
+        {"group", "staff", KOVA_ACL_ID_GROUP, root_->Gid("staff")},
+        {"everyone", "", KOVA_ACL_ID_EVERYONE, -1},
+        {"authenticated_user", "x", KOVA_ACL_ID_AUTHUSER, -1},
+        {"system", "x", KOVA_ACL_ID_SYSTEM, -1},
+    };
     KOVA_ACL_ID id = {0, 0};
-    ASSERT_TRUE(Owner2AclId("user", "alice", id));
-    EXPECT_EQ(KOVA_ACL_ID_USER, id.idType);
-    EXPECT_EQ(root_->Uid("alice"), id.id);
-    ASSERT_TRUE(Owner2AclId("group", "staff", id));
-    EXPECT_EQ(KOVA_ACL_ID_GROUP, id.idType);
-    EXPECT_EQ(root_->Gid("staff"), id.id);
-    ASSERT_TRUE(Owner2AclId("everyone", "", id));
-    EXPECT_EQ(KOVA_ACL_ID_EVERYONE, id.idType);
-    EXPECT_EQ(-1, id.id);
-    ASSERT_TRUE(Owner2AclId("authenticated_user", "x", id));
-    EXPECT_EQ(KOVA_ACL_ID_AUTHUSER, id.idType);
-    EXPECT_EQ(-1, id.id);
-    ASSERT_TRUE(Owner2AclId("system", "x", id));
-    EXPECT_EQ(KOVA_ACL_ID_SYSTEM, id.idType);
-    EXPECT_EQ(-1, id.id);
+    for (const auto &c : cases) {
+        id = {0, 0};
+        ASSERT_TRUE(Owner2AclId(c.type, c.name, id)) << c.type;
+        EXPECT_EQ(c.idType, id.idType) << c.type;
+        EXPECT_EQ(c.id, id.id) << c.type;
+    }
 
     // "owner" is a valid rule type but not an owner identity; types are
     // case-sensitive. None of these log.

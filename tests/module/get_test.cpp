@@ -3,6 +3,7 @@
 // every error code (host failures through fault injection).
 #include "module-host.h"
 #include "platform-fixture.h"
+#include "request-fixture.h"
 
 #include <gtest/gtest.h>
 #include <syslog.h>
@@ -13,58 +14,25 @@
 
 namespace {
 
-using kova_host::CallOptions;
 using kova_host::CallResult;
 using kova_host::Fault;
-using kova_host::LogLine;
 using kova_host::ModuleHost;
 
-const char *const kPermKeys[] = {"read_data",  "write_data", "exe_file",      "append_data",   "delete",
-                                 "delete_sub", "read_attr",  "write_attr",    "read_ext_attr", "write_ext_attr",
-                                 "read_perm",  "change_perm", "take_ownership"};
-const int kWarn = LOG_AUTH | LOG_DEBUG;
+using kova_module_test::Bracket;
+using kova_module_test::Join;
+using kova_module_test::kPermKeys;
+using kova_module_test::LogsAre;
+
 const char kAll[] = "rwxpdDaARWcCo";
 
 // The rule object a client should see, written from letters independently
 // of the module's tables.
 Json::Value ExpectedRule(const std::string &type, const std::string &name, const std::string &access,
                          const std::string &perm, const std::string &inherit, unsigned level, bool internal = false) {
-    Json::Value r(Json::objectValue);
-    r["owner_type"] = type;
-    r["owner_name"] = name;
+    Json::Value r = kova_module_test::RuleJson(type, name, access, perm, inherit);
     if (internal) r["owner_is_internal"] = true;
-    r["permission_type"] = access;
-    for (size_t i = 0; i < 13; ++i) r["permission"][kPermKeys[i]] = perm[i] != '-';
-    r["inherit"]["child_files"] = inherit[0] == 'f';
-    r["inherit"]["child_folders"] = inherit[1] == 'd';
-    r["inherit"]["this_folder"] = inherit[2] != 'i';
-    r["inherit"]["all_descendants"] = inherit[3] != 'n';
     r["level"] = static_cast<Json::Int>(level);  // numbers read back from JSON text are signed
     return r;
-}
-
-// The three lines one bracket pair writes in a process whose uid and gid
-// are both not 0.
-std::vector<LogLine> Bracket(int enter, int leave) {
-    return {{kWarn, "acl:" + std::to_string(enter) + " WARNING: setresgid(-1, 0, -1)"},
-            {kWarn, "acl:" + std::to_string(enter) + " WARNING: setresuid(-1, 0, -1)"},
-            {kWarn, "acl:" + std::to_string(leave) + " WARNING: setresuid(-1, 0, -1)"}};
-}
-
-std::vector<LogLine> Join(std::initializer_list<std::vector<LogLine>> parts) {
-    std::vector<LogLine> out;
-    for (const auto &p : parts) out.insert(out.end(), p.begin(), p.end());
-    return out;
-}
-
-::testing::AssertionResult LogsAre(const std::vector<LogLine> &want, const CallResult &r) {
-    bool same = want.size() == r.logs.size();
-    for (size_t i = 0; same && i < want.size(); ++i)
-        same = want[i].priority == r.logs[i].priority && want[i].text == r.logs[i].text;
-    if (same) return ::testing::AssertionSuccess();
-    std::string w;
-    for (const auto &l : want) w += std::to_string(l.priority) + " " + l.text + "\n";
-    return ::testing::AssertionFailure() << "expected logs:\n" << w << "got:\n" << r.LogDump();
 }
 
 class Get : public ::testing::Test {
@@ -116,13 +84,10 @@ protected:
 
     static CallResult Call(const std::string &user, const std::string &rel, const std::string &type,
                            std::vector<Fault> faults = {}) {
-        CallOptions o;
-        o.user = user;
-        o.faults = std::move(faults);
         Json::Value params(Json::objectValue);
         params["file_path"] = rel.empty() || rel[0] == '/' ? rel : share_ + "/" + rel;
         params["type"] = type;
-        return ModuleHost::Shared().Call("get", params, o);
+        return ModuleHost::Shared().Call("get", params, kova_module_test::As(user, std::move(faults)));
     }
     static kova_host::PlatformRoot *root_;
     static std::string share_;

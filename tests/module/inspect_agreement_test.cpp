@@ -5,6 +5,7 @@
 // the user's own identity. The two masks must agree bit by bit.
 #include "module-host.h"
 #include "platform-fixture.h"
+#include "request-fixture.h"
 
 #include "as-identity.h"
 
@@ -26,20 +27,7 @@ using kova_host::PlatformRoot;
 
 namespace {
 
-const struct {
-    const char *key;
-    unsigned int bit;
-} kPermKeys[] = {
-    {"read_data", KOVA_ACL_PERM_READ_DATA},       {"write_data", KOVA_ACL_PERM_WRITE_DATA},
-    {"exe_file", KOVA_ACL_PERM_EXECUTE},          {"append_data", KOVA_ACL_PERM_APPEND_DATA},
-    {"delete", KOVA_ACL_PERM_DELETE},             {"delete_sub", KOVA_ACL_PERM_DELETE_CHILD},
-    {"read_attr", KOVA_ACL_PERM_READ_ATTR},       {"write_attr", KOVA_ACL_PERM_WRITE_ATTR},
-    {"read_ext_attr", KOVA_ACL_PERM_READ_XATTR},  {"write_ext_attr", KOVA_ACL_PERM_WRITE_XATTR},
-    {"read_perm", KOVA_ACL_PERM_READ_ACL},        {"change_perm", KOVA_ACL_PERM_WRITE_ACL},
-    {"take_ownership", KOVA_ACL_PERM_TAKE_OWNERSHIP},
-};
-
-const char kPermLetters[] = "rwxpdDaARWcCo";  // print order of the 13 bits
+using kova_module_test::kPermLetters;  // print order of the 13 bits
 const char kInheritLetters[] = "fdin";
 
 struct User {
@@ -139,11 +127,7 @@ protected:
         CallResult r = ModuleHost::Shared().Call("inspect", params);
         dump = r.Dump();
         if (!r.success()) return -1;
-        long mask = 0;
-        for (const auto &k : kPermKeys) {
-            if (r.data()["permission"][k.key].asBool()) mask |= k.bit;
-        }
-        return mask;
+        return kova_module_test::PermissionMask(r.data()["permission"]);
     }
 
     PlatformRoot root_;
@@ -278,7 +262,7 @@ TEST_F(InspectAgreementTest, RootDiffersByDesign) {
     params["owner_name"] = "SYSTEM";
     CallResult r = ModuleHost::Shared().Call("inspect", params);
     ASSERT_TRUE(r.success()) << r.Dump();
-    for (const auto &k : kPermKeys) EXPECT_FALSE(r.data()["permission"][k.key].asBool()) << k.key;
+    EXPECT_EQ(0u, kova_module_test::PermissionMask(r.data()["permission"])) << r.Dump();
 }
 
 } // namespace

@@ -7,6 +7,7 @@
 
 #include "module-host.h"
 #include "platform-fixture.h"
+#include "request-fixture.h"
 #include "slapd.h"
 
 #include <gtest/gtest.h>
@@ -16,13 +17,7 @@
 
 namespace kova_owners_test {
 
-// Request parameters from JSON text; a typo in a test's JSON fails the test.
-inline Json::Value Parse(const std::string &text) {
-    Json::Value value;
-    std::string error;
-    EXPECT_TRUE(kova_host::ParseJson(text, value, &error)) << error << ": " << text;
-    return value;
-}
+using kova_module_test::Parse;
 
 struct World {
     std::unique_ptr<kova_host::PlatformRoot> root;

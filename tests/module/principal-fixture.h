@@ -8,12 +8,11 @@
 
 #include "module-host.h"
 #include "platform-fixture.h"
+#include "request-fixture.h"
 
 #include <gtest/gtest.h>
 
 #include <string>
-#include <utility>
-#include <vector>
 
 class PrincipalFixture : public ::testing::Test {
 protected:
@@ -28,14 +27,6 @@ protected:
     }
 
     static const kova_host::ModuleHost &host() { return kova_host::ModuleHost::Shared(); }
-
-    // Call options for a request made by `user`, with the given faults armed.
-    static kova_host::CallOptions As(const std::string &user, std::vector<kova_host::Fault> faults = {}) {
-        kova_host::CallOptions options;
-        options.user = user;
-        options.faults = std::move(faults);
-        return options;
-    }
 
     kova_host::PlatformRoot root_;
     std::string share_;

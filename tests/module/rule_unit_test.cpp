@@ -3,6 +3,7 @@
 #include "acl-object.h"
 #include "module-host.h"
 #include "platform-fixture.h"
+#include "request-fixture.h"
 
 #include "kova/acl.h"
 #include "kova/klibc.h"
@@ -14,10 +15,11 @@
 
 namespace {
 
-const char *const kPermKeys[] = {"read_data",  "write_data",    "exe_file",       "append_data", "delete",
-                                 "delete_sub", "read_attr",     "write_attr",     "read_ext_attr",
-                                 "write_ext_attr", "read_perm", "change_perm",    "take_ownership"};
-const char *const kInheritKeys[] = {"child_files", "child_folders", "this_folder", "all_descendants"};
+using kova_module_test::kInheritKeys;
+using kova_module_test::kPermKeys;
+
+// Masks in these tests count in table order (bit 0 "read_data" ... bit 12
+// "take_ownership"), not in platform bits.
 
 Json::Value Flags(const char *const *keys, size_t n, unsigned mask) {
     Json::Value obj(Json::objectValue);
@@ -109,19 +111,23 @@ TEST_F(RuleModel, ValidationRefusesWrongTypesValuesAndMissingKeys) {
 }
 
 TEST_F(RuleModel, TextFormUsesDisplayNamesForFixedPrincipals) {
+    const struct {
+        Json::Value rule;
+        const char *text;
+    } cases[] = {
+        {Rule("everyone", "whatever", "allow", 0x1FFF, 0xF), "everyone:Everyone:allow:rwxpdDaARWcCo:fd--"},
+        {Rule("owner", "x", "deny", 0, 0), "owner:Owner:deny:-------------:--in"},
+        {Rule("authenticated_user", "x", "allow", 0x1, 0xF),
+         "authenticated_user:Authenticated Users:allow:r------------:fd--"},
+        {Rule("system", "x", "allow", 0x400 | 0x800, 0x1), "system:SYSTEM:allow:----------cC-:f-in"},
+        {Rule("user", "Alice Smith", "allow", 0x801, 0x4), "user:Alice Smith:allow:r----------C-:---n"},
+        {Rule("group", "staff", "deny", 0x2, 0x8), "group:staff:deny:-w-----------:--i-"},
+    };
     std::string text;
-    ASSERT_TRUE(RuleObj2AclStr(Rule("everyone", "whatever", "allow", 0x1FFF, 0xF), text));
-    EXPECT_EQ("everyone:Everyone:allow:rwxpdDaARWcCo:fd--", text);
-    ASSERT_TRUE(RuleObj2AclStr(Rule("owner", "x", "deny", 0, 0), text));
-    EXPECT_EQ("owner:Owner:deny:-------------:--in", text);
-    ASSERT_TRUE(RuleObj2AclStr(Rule("authenticated_user", "x", "allow", 0x1, 0xF), text));
-    EXPECT_EQ("authenticated_user:Authenticated Users:allow:r------------:fd--", text);
-    ASSERT_TRUE(RuleObj2AclStr(Rule("system", "x", "allow", 0x400 | 0x800, 0x1), text));
-    EXPECT_EQ("system:SYSTEM:allow:----------cC-:f-in", text);
-    ASSERT_TRUE(RuleObj2AclStr(Rule("user", "Alice Smith", "allow", 0x801, 0x4), text));
-    EXPECT_EQ("user:Alice Smith:allow:r----------C-:---n", text);
-    ASSERT_TRUE(RuleObj2AclStr(Rule("group", "staff", "deny", 0x2, 0x8), text));
-    EXPECT_EQ("group:staff:deny:-w-----------:--i-", text);
+    for (const auto &c : cases) {
+        ASSERT_TRUE(RuleObj2AclStr(c.rule, text)) << c.text;
+        EXPECT_EQ(c.text, text);
+    }
 
     text = "untouched";
     EXPECT_FALSE(RuleObj2AclStr(Rule("everyone", ""), text));
@@ -221,9 +227,6 @@ TEST_F(RuleModel, UnknownPrincipalsRecordTheirOwnErrors) {
     EXPECT_FALSE(RuleObj2AclAce(Rule("everyone", ""), &ace)) << "invalid rules are refused before any lookup";
     EXPECT_EQ(0, KLIBCErrGet());
 }
-
-// Masks in these tests count in table order (bit 0 "read_data" ... bit 12
-// "take_ownership"), not in platform bits.
 
 // Rule -> entry -> platform letters -> rule gives back the same flags, for
 // every inherit combination and a spread of permission masks.

@@ -4,6 +4,8 @@
 #include "../../module/usergroup-enumerator/search-records.cpp"
 #include "../../module/usergroup-enumerator/usergroup-enumerator.cpp"
 
+#include "request-fixture.h"
+
 #include <gtest/gtest.h>
 
 #include <vector>
@@ -11,15 +13,7 @@
 namespace {
 
 using namespace internal;
-
-Json::Value Parse(const std::string &text) {
-    Json::Value value;
-    Json::CharReaderBuilder builder;
-    std::string errors;
-    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-    EXPECT_TRUE(reader->parse(text.data(), text.data() + text.size(), &value, &errors)) << text;
-    return value;
-}
+using kova_module_test::Parse;
 
 BuiltinEnumerator::Option Builtin(const std::string &config) {
     BuiltinEnumerator::Option option;

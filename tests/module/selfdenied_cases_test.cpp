@@ -43,41 +43,16 @@ extern "C" int KOVAACLGet(const char *szPath, int fd, int selector, PKOVA_ACL *p
 
 namespace {
 
-// Letters of the 13 permission flags, as the ACL text forms print them.
-const struct {
-    char letter;
-    const char *key;
-} kPermLetters[] = {
-    {'r', "read_data"},     {'w', "write_data"},      {'x', "exe_file"},      {'p', "append_data"},
-    {'d', "delete"},        {'D', "delete_sub"},      {'a', "read_attr"},     {'A', "write_attr"},
-    {'R', "read_ext_attr"}, {'W', "write_ext_attr"},  {'c', "read_perm"},     {'C', "change_perm"},
-    {'o', "take_ownership"},
-};
+using kova_module_test::As;
+using kova_module_test::LogStartsWith;
 
-// A rule object granting or denying the given permission letters; by
-// default it applies to the path itself and is not inherited.
+Json::Value Rules(std::initializer_list<Json::Value> rules) { return kova_module_test::Array(rules); }
+
+// A rule granting or denying the given permission letters; by default it
+// applies to the path itself and is not inherited.
 Json::Value Rule(const std::string &type, const std::string &name, const std::string &access,
                  const std::string &letters, bool thisFolder = true) {
-    Json::Value rule(Json::objectValue);
-    rule["owner_type"] = type;
-    rule["owner_name"] = name;
-    rule["permission_type"] = access;
-    Json::Value perm(Json::objectValue);
-    for (const auto &p : kPermLetters) perm[p.key] = letters.find(p.letter) != std::string::npos;
-    rule["permission"] = perm;
-    Json::Value inherit(Json::objectValue);
-    inherit["child_files"] = false;
-    inherit["child_folders"] = false;
-    inherit["this_folder"] = thisFolder;
-    inherit["all_descendants"] = true;
-    rule["inherit"] = inherit;
-    return rule;
-}
-
-Json::Value Rules(std::initializer_list<Json::Value> rules) {
-    Json::Value list(Json::arrayValue);
-    for (const auto &r : rules) list.append(r);
-    return list;
+    return kova_module_test::RuleJson(type, name, access, letters, thisFolder ? "----" : "--i-");
 }
 
 // file_ is "f.txt" in the share, owned by bob and the staff group.
@@ -100,6 +75,16 @@ protected:
         return host().Call("check_self_denied", params, options);
     }
 
+    // A file in `dir` that inherits (only a path in ACL mode does) and whose
+    // own entry lets alice read what it inherits; the proposed rules replace
+    // that entry.
+    std::string InheritingChild(const std::string &dir) {
+        const std::string child = dir + "/c.txt";
+        EXPECT_TRUE(root_.MakeFile(child)) << root_.lastError();
+        EXPECT_TRUE(root_.SetAcl(child, {"user:alice:allow:c:----"}, true)) << root_.lastError();
+        return child;
+    }
+
     // "is_denied" of a successful answer; fails the test otherwise.
     bool Denied(const CallResult &r) {
         EXPECT_TRUE(r.success()) << r.Dump();
@@ -110,13 +95,6 @@ protected:
 
     bool Denied(const std::string &path, const Json::Value &rules, bool inherited) {
         return Denied(Check(path, rules, inherited));
-    }
-
-    static bool LogStartsWith(const CallResult &r, int priority, const std::string &prefix) {
-        for (const auto &line : r.logs) {
-            if (line.priority == priority && line.text.compare(0, prefix.size(), prefix) == 0) return true;
-        }
-        return false;
     }
 
     std::string file_;
@@ -159,11 +137,7 @@ TEST_F(SelfDeniedTest, InheritedEntriesFollowTheProposedOnes) {
     const std::string dir = share_ + "/p";
     ASSERT_TRUE(root_.MakeDir(dir)) << root_.lastError();
     ASSERT_TRUE(root_.SetAcl(dir, {"user:alice:allow:r:fd--"})) << root_.lastError();
-    const std::string child = dir + "/c.txt";
-    ASSERT_TRUE(root_.MakeFile(child)) << root_.lastError();
-    // Only a path in ACL mode inherits, and alice reads what it inherits
-    // with her own rights; the proposed rules replace this entry.
-    ASSERT_TRUE(root_.SetAcl(child, {"user:alice:allow:c:----"}, true)) << root_.lastError();
+    const std::string child = InheritingChild(dir);
 
     EXPECT_FALSE(Denied(child, Rules({}), true));
     EXPECT_TRUE(Denied(child, Rules({}), false));
@@ -181,13 +155,8 @@ TEST_F(SelfDeniedTest, InheritedEntriesFollowTheProposedOnes) {
 TEST_F(SelfDeniedTest, ADenyAtANearerLevelKeepsMaskingFartherLevels) {
     const std::string g = share_ + "/g";
     const std::string p = g + "/p";
-    const std::string child = p + "/c.txt";
-    ASSERT_TRUE(root_.MakeDir(g)) << root_.lastError();
     ASSERT_TRUE(root_.MakeDir(p)) << root_.lastError();
-    ASSERT_TRUE(root_.MakeFile(child)) << root_.lastError();
-    // Only a path in ACL mode inherits, and alice reads what it inherits
-    // with her own rights; the proposed rules replace this entry.
-    ASSERT_TRUE(root_.SetAcl(child, {"user:alice:allow:c:----"}, true)) << root_.lastError();
+    const std::string child = InheritingChild(p);
     ASSERT_TRUE(root_.SetAcl(g, {"user:alice:allow:w:fd--"})) << root_.lastError();
     ASSERT_TRUE(root_.SetAcl(p, {"user:alice:deny:w:fd--"})) << root_.lastError();
 
@@ -205,11 +174,7 @@ TEST_F(SelfDeniedTest, LevelsThatGoDownAreRefused) {
     ASSERT_TRUE(root_.MakeDir(dir)) << root_.lastError();
     // The entries that end up out of order do not even apply to alice.
     ASSERT_TRUE(root_.SetAcl(dir, {"user:bob:allow:r:fd--", "user:bob:allow:w:fd--"})) << root_.lastError();
-    const std::string child = dir + "/c.txt";
-    ASSERT_TRUE(root_.MakeFile(child)) << root_.lastError();
-    // Only a path in ACL mode inherits, and alice reads what it inherits
-    // with her own rights; the proposed rules replace this entry.
-    ASSERT_TRUE(root_.SetAcl(child, {"user:alice:allow:c:----"}, true)) << root_.lastError();
+    const std::string child = InheritingChild(dir);
 
     CallOptions options = As("alice");
     options.beforeHandler = [] { gRaiseFirstInheritedLevel = true; };
@@ -286,8 +251,7 @@ TEST_F(SelfDeniedTest, FailuresAndTheirCodes) {
     for (const Case &c : cases) {
         CallResult r = Check(file_, rules, c.inherited, As("alice", {c.fault}));
         EXPECT_EQ(c.code, r.errorCode()) << c.name << "\n" << r.Dump();
-        const Json::Value &response = r.response;
-        EXPECT_TRUE(response["error"]["data"].isNull()) << c.name << "\n" << r.Dump();
+        EXPECT_TRUE(r.response["error"]["data"].isNull()) << c.name << "\n" << r.Dump();
     }
 }
 

@@ -2,6 +2,7 @@
 // the codes that the apply step and its owner-result rules produce.
 #include "module-host.h"
 #include "platform-fixture.h"
+#include "request-fixture.h"
 
 #include "kova/acl.h"
 #include "kova/errcode.h"
@@ -27,29 +28,12 @@ using kova_host::Fault;
 using kova_host::ModuleHost;
 using kova_host::PlatformRoot;
 
-const char *const kPermKeys[] = {"read_data", "write_data", "exe_file", "append_data", "delete",
-                                 "delete_sub", "read_attr", "write_attr", "read_ext_attr", "write_ext_attr",
-                                 "read_perm", "change_perm", "take_ownership"};
-const char *const kInheritKeys[] = {"child_files", "child_folders", "this_folder", "all_descendants"};
+using kova_module_test::RunSet;
+using kova_module_test::StoredCount;
 
+// An inherited rule granting read_data (or nothing).
 Json::Value Rule(const std::string &type, const std::string &name, bool read = true) {
-    Json::Value rule(Json::objectValue);
-    rule["owner_type"] = type;
-    rule["owner_name"] = name;
-    rule["permission_type"] = "allow";
-    for (const char *key : kPermKeys) rule["permission"][key] = read && std::strcmp(key, "read_data") == 0;
-    for (const char *key : kInheritKeys) rule["inherit"][key] = true;
-    return rule;
-}
-
-// Own entries of a path, -1 when it has no stored ACL.
-int StoredCount(const std::string &path) {
-    if (KOVAACLIsSupport(path.c_str(), -1, KOVA_ACL_SUPPORT_MODE) != 1) return -1;
-    PKOVA_ACL acl = nullptr;
-    if (KOVAACLGet(path.c_str(), -1, KOVA_ACL_GET_OWN, &acl) != 0 || !acl) return -2;
-    int n = acl->aceCount;
-    KOVAACLFree(acl);
-    return n;
+    return kova_module_test::RuleJson(type, name, "allow", read ? "r" : "");
 }
 
 int OwnerUid(const std::string &path) {
@@ -82,22 +66,6 @@ protected:
         params["rules"] = Json::Value(Json::arrayValue);
         params["rules"].append(Rule("user", "alice"));
         return params;
-    }
-
-    // Runs a set to its end: the task's final status (success or error).
-    CallResult RunSet(const Json::Value &params, const CallOptions &options) {
-        CallResult started = host_.Call("set", params, options);
-        if (!started.success()) return started;
-        Json::Value id(Json::objectValue);
-        id["task_id"] = started.data()["task_id"];
-        CallResult last;
-        for (int i = 0; i < 30000; ++i) {
-            last = host_.Call("status", id, options);
-            if (!last.success() || last.data()["finished"].asBool()) return last;
-            usleep(2000);
-        }
-        ADD_FAILURE() << "the task did not end: " << last.Dump();
-        return last;
     }
 
     ModuleHost &host_ = ModuleHost::Shared();

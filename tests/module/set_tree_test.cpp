@@ -3,6 +3,7 @@
 // short with "stop"; every entry is then inspected through the platform.
 #include "module-host.h"
 #include "platform-fixture.h"
+#include "request-fixture.h"
 
 #include "kova/acl.h"
 
@@ -25,26 +26,9 @@ using kova_host::CallOptions;
 using kova_host::CallResult;
 using kova_host::ModuleHost;
 using kova_host::PlatformRoot;
-
-// The ACL a path stores for itself (not resolved through its ancestors).
-struct StoredAcl {
-    bool readable = false;
-    bool stored = false;  // the path is in ACL mode
-    int inherited = -1;
-    std::vector<KOVA_ACL_ENTRY> entries;
-};
-
-StoredAcl ReadStored(const std::string &path) {
-    StoredAcl out;
-    out.stored = KOVAACLIsSupport(path.c_str(), -1, KOVA_ACL_SUPPORT_MODE) == 1;
-    PKOVA_ACL acl = nullptr;
-    if (KOVAACLGet(path.c_str(), -1, KOVA_ACL_GET_OWN, &acl) != 0 || !acl) return out;
-    out.readable = true;
-    out.inherited = acl->isInherited;
-    for (PKOVA_ACL_ENTRY e = acl->pHead; e; e = e->pNext) out.entries.push_back(*e);
-    KOVAACLFree(acl);
-    return out;
-}
+using kova_module_test::ReadStored;
+using kova_module_test::StoredAcl;
+using kova_module_test::WaitTask;
 
 bool IsEmptyInheriting(const std::string &path) {
     StoredAcl acl = ReadStored(path);
@@ -60,28 +44,10 @@ bool HasMarker(const std::string &path) {
            acl.entries[0].idType == KOVA_ACL_ID_EVERYONE && acl.entries[0].permission == KOVA_ACL_PERM_READ_DATA;
 }
 
-Json::Value Flags(const char *const *keys, const std::vector<bool> &values) {
-    Json::Value obj(Json::objectValue);
-    for (size_t i = 0; i < values.size(); ++i) obj[keys[i]] = values[i];
-    return obj;
-}
-
-const char *const kPermKeys[] = {"read_data", "write_data", "exe_file", "append_data", "delete",
-                                 "delete_sub", "read_attr", "write_attr", "read_ext_attr", "write_ext_attr",
-                                 "read_perm", "change_perm", "take_ownership"};
-const char *const kInheritKeys[] = {"child_files", "child_folders", "this_folder", "all_descendants"};
-
+// read_data, or every permission; inheritable to files and folders or not.
 Json::Value Rule(const std::string &type, const std::string &name, const std::string &access, bool all,
                  bool inheritable) {
-    Json::Value rule(Json::objectValue);
-    rule["owner_type"] = type;
-    rule["owner_name"] = name;
-    rule["permission_type"] = access;
-    std::vector<bool> perms(13, all);
-    perms[0] = true;  // read_data in every rule
-    rule["permission"] = Flags(kPermKeys, perms);
-    rule["inherit"] = Flags(kInheritKeys, {inheritable, inheritable, true, true});
-    return rule;
+    return kova_module_test::RuleJson(type, name, access, all ? "rwxpdDaARWcCo" : "r", inheritable ? "fd--" : "----");
 }
 
 // The entries below `top` in the order a pre-order walk over readdir meets
@@ -123,23 +89,16 @@ protected:
         return id;
     }
 
-    // Polls status until the task reports an end; every progress path seen
-    // is handed to `seen`. The bound only guards against a task that never
-    // ends.
-    CallResult WaitEnd(const std::string &taskId, const CallOptions &options,
-                       const std::function<void(const Json::Value &)> &seen = nullptr) {
+    // A recursive ACL change of "pub/<rel>".
+    Json::Value RecursiveAcl(const std::string &rel, bool inherited, const Json::Value &rules) const {
         Json::Value params(Json::objectValue);
-        params["task_id"] = taskId;
-        CallResult last;
-        for (int i = 0; i < 30000; ++i) {
-            last = host_.Call("status", params, options);
-            if (!last.success()) return last;
-            if (last.data()["finished"].asBool()) return last;
-            if (seen && last.data().isObject()) seen(last.data());
-            usleep(2000);
-        }
-        ADD_FAILURE() << "the task did not end: " << last.Dump();
-        return last;
+        params["file_path"] = share_ + "/" + rel;
+        params["dirPaths"] = "/pub/" + rel;
+        params["change_acl"] = true;
+        params["inherited"] = inherited;
+        params["acl_recur"] = true;
+        params["rules"] = rules;
+        return params;
     }
 
     ModuleHost &host_ = ModuleHost::Shared();
@@ -213,18 +172,11 @@ TEST_F(SetTreeTest, RecursiveAclReachesEveryWalkedEntryAndNothingElse) {
     ASSERT_GT(walked.size(), 3000u);
 
     const int aliceUid = root_.Uid("alice");
-    Json::Value params(Json::objectValue);
-    params["file_path"] = top;
-    params["dirPaths"] = "/pub/top";
-    params["change_acl"] = true;
-    params["inherited"] = false;
-    params["acl_recur"] = true;
-    params["rules"] = Json::Value(Json::arrayValue);
-    params["rules"].append(Rule("user", "alice", "allow", true, true));
-    params["rules"].append(Rule("everyone", "Everyone", "deny", false, false));
+    const Json::Value params = RecursiveAcl("top", false, kova_module_test::Array({
+        Rule("user", "alice", "allow", true, true), Rule("everyone", "Everyone", "deny", false, false)}));
 
     std::set<std::string> progress;
-    CallResult end = WaitEnd(StartSet(params, admin_), admin_,
+    CallResult end = WaitTask(StartSet(params, admin_), admin_,
                              [&](const Json::Value &data) { progress.insert(data["applypath"].asString()); });
     ASSERT_TRUE(end.success()) << end.Dump();
     EXPECT_TRUE(end.data()["finished"].asBool());
@@ -282,19 +234,13 @@ TEST_F(SetTreeTest, RecursiveOwnerChangeWithAcl) {
     ASSERT_TRUE(root_.MakeDir(top + "/#recycle"));
     ASSERT_TRUE(root_.MakeFile(top + "/#recycle/old"));
 
-    Json::Value params(Json::objectValue);
-    params["file_path"] = top;
-    params["dirPaths"] = "/pub/owned";
-    params["change_acl"] = true;
-    params["inherited"] = true;
-    params["rules"] = Json::Value(Json::arrayValue);
-    params["rules"].append(Rule("group", "administrators", "allow", true, true));
-    params["acl_recur"] = true;
+    Json::Value params =
+        RecursiveAcl("owned", true, kova_module_test::Array({Rule("group", "administrators", "allow", true, true)}));
     params["change_acl_owner"] = true;
     params["acl_owner_type"] = "user";
     params["acl_owner"] = "alice";
     params["acl_owner_recur"] = true;
-    CallResult end = WaitEnd(StartSet(params, admin_), admin_);
+    CallResult end = WaitTask(StartSet(params, admin_), admin_);
     ASSERT_TRUE(end.success()) << end.Dump();
 
     const int aliceUid = root_.Uid("alice");
@@ -333,15 +279,8 @@ TEST_F(SetTreeTest, ProgressAndStopDuringALargeWalk) {
         }
     }
 
-    Json::Value params(Json::objectValue);
-    params["file_path"] = top;
-    params["dirPaths"] = "/pub/big";
-    params["change_acl"] = true;
-    params["inherited"] = false;
-    params["rules"] = Json::Value(Json::arrayValue);
-    params["rules"].append(Rule("user", "alice", "allow", true, true));
-    params["acl_recur"] = true;
-    const std::string taskId = StartSet(params, admin_);
+    const std::string taskId =
+        StartSet(RecursiveAcl("big", false, kova_module_test::Array({Rule("user", "alice", "allow", true, true)})), admin_);
     ASSERT_FALSE(taskId.empty());
 
     // Stop as soon as the walk has reported an entry below the top.
@@ -349,7 +288,7 @@ TEST_F(SetTreeTest, ProgressAndStopDuringALargeWalk) {
     idParam["task_id"] = taskId;
     std::vector<std::string> seen;
     bool stopped = false;
-    CallResult end = WaitEnd(taskId, admin_, [&](const Json::Value &data) {
+    CallResult end = WaitTask(taskId, admin_, [&](const Json::Value &data) {
         const std::string path = data["applypath"].asString();
         EXPECT_FALSE(data["finished"].asBool());
         if (seen.empty() || seen.back() != path) seen.push_back(path);

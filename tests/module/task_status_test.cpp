@@ -3,6 +3,7 @@
 // handed through as the method's error.
 #include "module-host.h"
 #include "platform-fixture.h"
+#include "request-fixture.h"
 
 #include "kova/share.h"
 #include "kova/webapi.h"
@@ -21,6 +22,7 @@ using kova_host::CallResult;
 using kova_host::Fault;
 using kova_host::ModuleHost;
 using kova_host::PlatformRoot;
+using kova_module_test::WaitTask;
 
 Json::Value TaskId(const std::string &id) {
     Json::Value params(Json::objectValue);
@@ -54,17 +56,6 @@ protected:
         CallResult started = host_.Call("set", params, as);
         EXPECT_TRUE(started.success()) << started.Dump();
         return started.data()["task_id"].asString();
-    }
-
-    CallResult WaitEnd(const std::string &id, const CallOptions &as) {
-        CallResult last;
-        for (int i = 0; i < 30000; ++i) {
-            last = host_.Call("status", TaskId(id), as);
-            if (!last.success() || last.data()["finished"].asBool()) return last;
-            usleep(2000);
-        }
-        ADD_FAILURE() << "the task did not end: " << last.Dump();
-        return last;
     }
 
     ModuleHost &host_ = ModuleHost::Shared();
@@ -102,7 +93,7 @@ TEST_F(TaskTest, UnknownTaskIsUnreadableAndCannotBeStopped) {
 TEST_F(TaskTest, OnlyTheOwnerOrAnAdministratorReachesATask) {
     const std::string id = StartOn("bobs", bob_);
     ASSERT_FALSE(id.empty());
-    CallResult end = WaitEnd(id, bob_);
+    CallResult end = WaitTask(id, bob_);
     EXPECT_TRUE(end.success()) << end.Dump();
     EXPECT_TRUE(end.data()["finished"].asBool()) << end.Dump();
     // The record is kept after the end: it can be read again.
@@ -121,7 +112,7 @@ TEST_F(TaskTest, TheTasksFailureBecomesTheStatusError) {
     ASSERT_GE(KOVASharePrivSet("pub", 1, "bob", KOVA_SHARE_PRIV_RO), 0);
     const std::string id = StartOn("readonly", bob_);
     ASSERT_FALSE(id.empty());
-    CallResult end = WaitEnd(id, bob_);
+    CallResult end = WaitTask(id, bob_);
     EXPECT_EQ(6209, end.errorCode()) << end.Dump();
     EXPECT_TRUE(end.response["error"]["data"].isNull() || !end.response["error"].isMember("data"));
 }
@@ -129,7 +120,7 @@ TEST_F(TaskTest, TheTasksFailureBecomesTheStatusError) {
 TEST_F(TaskTest, StatusFailureOfTheFrameworkCarriesItsErrorNumber) {
     const std::string id = StartOn("own", alice_);
     ASSERT_FALSE(id.empty());
-    WaitEnd(id, alice_);
+    WaitTask(id, alice_);
     CallOptions failing = alice_;
     failing.faults.push_back(Fault{"APIPolling::Status", 0, 0, 0x0800});
     CallResult r = host_.Call("status", TaskId(id), failing);
