@@ -23,6 +23,7 @@ using kova_host::Fault;
 using kova_host::ModuleHost;
 using kova_host::PlatformRoot;
 
+using kova_module_test::As;
 using kova_owners_test::Parse;
 using kova_owners_test::World;
 
@@ -123,9 +124,8 @@ TEST_F(OwnersV2, EmptyScopeAndUnknownType) {
 
     // The local source is set up to fail loudly: if it ran, its log line
     // would appear.
-    CallOptions failing;
-    failing.faults.push_back(Fault{"KLIBUserInfoEnum", 0, -1, KOVA_ERR_IO});
-    CallResult unknown = List(Scope("{\"type\": \"local\"}, {\"type\": \"nis\", \"config\": {}}"), failing);
+    CallResult unknown = List(Scope("{\"type\": \"local\"}, {\"type\": \"nis\", \"config\": {}}"),
+                              As("admin", {Fault{"KLIBUserInfoEnum", 0, -1, KOVA_ERR_IO}}));
     ASSERT_EQ(403, unknown.errorCode()) << unknown.Dump();
     EXPECT_EQ(Parse("{\"name\": \"searchScope[1].type\", \"value\": \"nis\"}"),
               unknown.response["error"]["data"]);
@@ -412,30 +412,23 @@ TEST_F(OwnersV2, FailingSourcesStillAnswerSuccess) {
           "user:kxd-gus", "group:kxd-sales-corp", "group:kxd-it-branch"}},
     };
     for (const Case &c : cases) {
-        CallOptions options;
-        options.faults.push_back(c.fault);
-        CallResult r = List(request, options);
+        CallResult r = List(request, As("admin", {c.fault}));
         ASSERT_TRUE(r.success()) << c.fault.call << "\n" << r.Dump();
         std::vector<std::string> expected;
         for (const std::string &name : all)
             if (std::find(c.lost.begin(), c.lost.end(), name) == c.lost.end()) expected.push_back(name);
         EXPECT_EQ(expected, Names(r)) << c.fault.call;
         EXPECT_EQ(expected.size(), Total(r)) << c.fault.call;
-        bool logged = false;
-        for (const auto &line : r.logs)
-            if (line.priority == LOG_ERR && line.text.compare(0, c.log.size(), c.log) == 0) logged = true;
-        EXPECT_TRUE(logged) << c.fault.call << "\n" << r.LogDump();
+        EXPECT_TRUE(kova_module_test::LogStartsWith(r, LOG_ERR, c.log)) << c.fault.call << "\n" << r.LogDump();
     }
 }
 
 TEST_F(OwnersV2, SmallFailuresCostOnlyOneValue) {
     // A failing description lookup: the group is still listed, matched by
     // name, with an empty description.
-    CallOptions descFails;
-    descFails.faults.push_back(Fault{"KOVAGroupDescGet", 0, -1, KOVA_ERR_IO});
     CallResult groups = List("{\"keyword\": \"kxstaff\", \"keywordFields\": {}, \"searchScope\": [{\"type\": "
                              "\"local\"}]}",
-                             descFails);
+                             As("admin", {Fault{"KOVAGroupDescGet", 0, -1, KOVA_ERR_IO}}));
     ASSERT_TRUE(groups.success()) << groups.Dump();
     ASSERT_EQ(std::vector<std::string>{"group:kxstaff"}, Names(groups));
     EXPECT_EQ("", groups.data()["owners"][0]["description"].asString());
@@ -444,11 +437,9 @@ TEST_F(OwnersV2, SmallFailuresCostOnlyOneValue) {
 
     // Upper-casing the keyword fails once: logged, the search goes on with
     // an empty upper-case keyword (so the in-memory sources match all).
-    CallOptions upperFails;
-    upperFails.faults.push_back(Fault{"KLIBCUnicodeUTF8StrUpper", 1, -1, KOVA_ERR_BADARG});
     CallResult upper = List("{\"keyword\": \"kxbob\", \"keywordFields\": {}, \"searchScope\": [{\"type\": "
                             "\"builtin\"}]}",
-                            upperFails);
+                            As("admin", {Fault{"KLIBCUnicodeUTF8StrUpper", 1, -1, KOVA_ERR_BADARG}}));
     ASSERT_TRUE(upper.success()) << upper.Dump();
     EXPECT_TRUE(upper.HasLog(LOG_ERR, "acl:1282 KLIBCUnicodeUTF8StrUpper(kxbob) failed[0x0D00 "
                                       "KLIBCUnicodeUTF8StrUpper:0]"))
@@ -456,11 +447,9 @@ TEST_F(OwnersV2, SmallFailuresCostOnlyOneValue) {
     EXPECT_EQ(0u, Total(upper));  // built-ins compare the keyword itself
 
     // One user whose name cannot be upper-cased costs that candidate only.
-    CallOptions userUpper;
-    userUpper.faults.push_back(Fault{"KLIBCUnicodeUTF8StrUpper", 2, -1, KOVA_ERR_BADARG});
     CallResult users = List("{\"keyword\": \"kx\", \"keywordFields\": {}, \"searchScope\": [{\"type\": "
                             "\"internal\"}]}",
-                            userUpper);
+                            As("admin", {Fault{"KLIBCUnicodeUTF8StrUpper", 2, -1, KOVA_ERR_BADARG}}));
     ASSERT_TRUE(users.success()) << users.Dump();
     // The first internal account upper-cased is the one that fails; it is
     // only lost when it would have matched.

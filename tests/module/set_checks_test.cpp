@@ -28,6 +28,7 @@ using kova_host::Fault;
 using kova_host::ModuleHost;
 using kova_host::PlatformRoot;
 
+using kova_module_test::As;
 using kova_module_test::RunSet;
 using kova_module_test::StoredCount;
 
@@ -52,8 +53,6 @@ protected:
         ASSERT_TRUE(root_.AddUser("bob")) << root_.lastError();
         share_ = root_.AddShare("pub");
         ASSERT_FALSE(share_.empty()) << root_.lastError();
-        admin_.user = "boss";
-        alice_.user = "alice";
     }
 
     // A set of one rule on `rel` (below the share "pub").
@@ -63,16 +62,22 @@ protected:
         params["dirPaths"] = "/" + share + "/" + rel;
         params["change_acl"] = true;
         params["inherited"] = true;
-        params["rules"] = Json::Value(Json::arrayValue);
-        params["rules"].append(Rule("user", "alice"));
+        params["rules"] = kova_module_test::Array({Rule("user", "alice")});
+        return params;
+    }
+
+    // The same request also giving the path to an owner.
+    static Json::Value WithOwner(Json::Value params, const std::string &type, const std::string &name) {
+        params["change_acl_owner"] = true;
+        params["acl_owner_type"] = type;
+        params["acl_owner"] = name;
         return params;
     }
 
     ModuleHost &host_ = ModuleHost::Shared();
     PlatformRoot root_;
     std::string share_;
-    CallOptions admin_;
-    CallOptions alice_;
+    const CallOptions admin_ = As("boss"), alice_ = As("alice");
 };
 
 // ---- request side ------------------------------------------------------
@@ -85,16 +90,14 @@ TEST_F(SetChecksTest, RequestRefusesPathsOutsideSharesAndUnknownFileSystems) {
     EXPECT_EQ(403, outside.errorCode()) << outside.Dump();
 
     ASSERT_TRUE(root_.MakeDir(share_ + "/x", 0777));
-    CallOptions failing = admin_;
-    failing.faults.push_back(Fault{"KOVAGetFSType", 0, -1, KOVA_ERR_IO});
+    const CallOptions failing = As("boss", {Fault{"KOVAGetFSType", 0, -1, KOVA_ERR_IO}});
     CallResult unknown = host_.Call("set", AclParams("x"), failing);
     EXPECT_EQ(6200, unknown.errorCode()) << unknown.Dump();
     EXPECT_NE(std::string::npos, unknown.LogDump().find("3 acl:765 Failed to get the file system statistics of '" +
                                                          share_ + "/x', errno: "))
         << unknown.LogDump();
 
-    CallOptions ntfs = admin_;
-    ntfs.faults.push_back(Fault{"KOVAGetFSType", 0, FSTYPE_NTFS, 0});
+    const CallOptions ntfs = As("boss", {Fault{"KOVAGetFSType", 0, FSTYPE_NTFS, 0}});
     EXPECT_EQ(6212, host_.Call("set", AclParams("x"), ntfs).errorCode());
     EXPECT_EQ(-1, StoredCount(share_ + "/x"));
 }
@@ -136,8 +139,7 @@ TEST_F(SetChecksTest, ShareStateAndPrivilegeRefusalsChangeNothing) {
     // A share that is gone when the task looks it up by name (the first
     // lookup is the folder resolution's, the second the task's own).
     ASSERT_TRUE(root_.MakeDir(share_ + "/sub", 0777));
-    CallOptions noShare = admin_;
-    noShare.faults.push_back(Fault{"KOVAShareGet", 2, -1, KOVA_ERR_NOSHARE});
+    const CallOptions noShare = As("boss", {Fault{"KOVAShareGet", 2, -1, KOVA_ERR_NOSHARE}});
     CallResult missing = RunSet(AclParams("sub"), noShare);
     EXPECT_EQ(402, missing.errorCode()) << missing.Dump();
 
@@ -187,8 +189,7 @@ TEST_F(SetChecksTest, FolderResolutionAndPathChecks) {
     EXPECT_EQ(6207, RunSet(missing, admin_).errorCode());
 
     // The path is refused to the user when the task checks it.
-    CallOptions gone = admin_;
-    gone.faults.push_back(Fault{"PanoraFileShare::WfmCheckPath", 0, 1, KOVA_ERR_PERM});
+    const CallOptions gone = As("boss", {Fault{"PanoraFileShare::WfmCheckPath", 0, 1, KOVA_ERR_PERM}});
     EXPECT_EQ(6205, RunSet(AclParams("a"), gone).errorCode());
 }
 
@@ -226,11 +227,7 @@ TEST_F(SetChecksTest, OwnerRequestsThatCannotBeMet) {
     const std::string path = share_ + "/o";
     for (const auto &owner : std::vector<std::pair<std::string, std::string>>{
              {"everyone", "Everyone"}, {"system", "SYSTEM"}, {"user", "nobody-here"}, {"owner", "Owner"}}) {
-        Json::Value params = AclParams("o");
-        params["change_acl_owner"] = true;
-        params["acl_owner_type"] = owner.first;
-        params["acl_owner"] = owner.second;
-        CallResult r = RunSet(params, admin_);
+        CallResult r = RunSet(WithOwner(AclParams("o"), owner.first, owner.second), admin_);
         EXPECT_EQ(6211, r.errorCode()) << owner.first << ": " << r.Dump();
     }
     // A rule naming an unknown user is a principal that cannot be resolved.
@@ -244,11 +241,8 @@ TEST_F(SetChecksTest, OwnerRequestsThatCannotBeMet) {
     // take_ownership.
     ASSERT_TRUE(root_.MakeDir(share_ + "/given", 0755, root_.Uid("alice")));
     ASSERT_TRUE(root_.SetAcl(share_ + "/given", {"user:alice:allow:rwxpdDaARWcCo:fd--"}));
-    Json::Value giveAway = AclParams("given");
+    Json::Value giveAway = WithOwner(AclParams("given"), "user", "bob");
     giveAway["change_acl"] = false;
-    giveAway["change_acl_owner"] = true;
-    giveAway["acl_owner_type"] = "user";
-    giveAway["acl_owner"] = "bob";
     CallResult refused = RunSet(giveAway, alice_);
     EXPECT_EQ(6213, refused.errorCode()) << refused.Dump();
     EXPECT_EQ(root_.Uid("alice"), OwnerUid(share_ + "/given"));
@@ -279,12 +273,9 @@ TEST_F(SetChecksTest, EntryLimitIsInclusive) {
     EXPECT_TRUE(fits.success()) << fits.Dump();
     EXPECT_EQ(max, StoredCount(share_ + "/full"));
 
-    Json::Value over = AclParams("over");
+    Json::Value over = WithOwner(AclParams("over"), "user", "alice");
     rules.append(Rule("user", "alice"));
     over["rules"] = rules;
-    over["change_acl_owner"] = true;
-    over["acl_owner_type"] = "user";
-    over["acl_owner"] = "alice";
     CallResult tooMany = RunSet(over, admin_);
     EXPECT_EQ(6215, tooMany.errorCode()) << tooMany.Dump();
     // The owner changed first and stays changed; the ACL was not written.
@@ -345,14 +336,10 @@ TEST_F(SetChecksTest, OwnerResultDecidesUnmappedFailures) {
         ASSERT_TRUE(root_.MakeDir(share_ + "/" + dir, 0777));
         ASSERT_TRUE(root_.SetAcl(share_ + "/" + dir, {"everyone::allow:rwxpdDaARWcCo:fd--"}));
     }
-    CallOptions ioFault = admin_;
-    ioFault.faults.push_back(Fault{"KOVAACLSet", 0, -1, KOVA_ERR_IO});
+    const CallOptions ioFault = As("boss", {Fault{"KOVAACLSet", 0, -1, KOVA_ERR_IO}});
     EXPECT_EQ(6200, RunSet(AclParams("plain"), ioFault).errorCode());
 
-    Json::Value owned = AclParams("owned");
-    owned["change_acl_owner"] = true;
-    owned["acl_owner_type"] = "user";
-    owned["acl_owner"] = "alice";
+    const Json::Value owned = WithOwner(AclParams("owned"), "user", "alice");
     CallResult asSuccess = RunSet(owned, ioFault);
     EXPECT_TRUE(asSuccess.success()) << asSuccess.Dump();
     EXPECT_EQ(root_.Uid("alice"), OwnerUid(share_ + "/owned"));
@@ -362,9 +349,8 @@ TEST_F(SetChecksTest, OwnerResultDecidesUnmappedFailures) {
     const std::pair<int, int> mapped[] = {
         {KOVA_ERR_ACL_DENIED, 6205}, {KOVA_ERR_ACL_NOSPACE, 6216}, {KOVA_ERR_ACL_NOTSUP, 6201}};
     for (const auto &m : mapped) {
-        CallOptions fault = admin_;
-        fault.faults.push_back(Fault{"KOVAACLSet", 0, -1, m.first});
-        EXPECT_EQ(m.second, RunSet(owned, fault).errorCode()) << std::hex << m.first;
+        EXPECT_EQ(m.second, RunSet(owned, As("boss", {Fault{"KOVAACLSet", 0, -1, m.first}})).errorCode())
+            << std::hex << m.first;
     }
 
     // A walk that meets an unreadable folder.
@@ -379,11 +365,8 @@ TEST_F(SetChecksTest, OwnerResultDecidesUnmappedFailures) {
     EXPECT_EQ(6200, RunSet(walkPlain, admin_).errorCode());
     EXPECT_EQ(1, StoredCount(share_ + "/walkplain")) << "the top path keeps its new ACL";
 
-    Json::Value walkOwned = AclParams("walkowned");
+    Json::Value walkOwned = WithOwner(AclParams("walkowned"), "user", "alice");
     walkOwned["acl_recur"] = true;
-    walkOwned["change_acl_owner"] = true;
-    walkOwned["acl_owner_type"] = "user";
-    walkOwned["acl_owner"] = "alice";
     CallResult walked = RunSet(walkOwned, admin_);
     EXPECT_TRUE(walked.success()) << walked.Dump();
     EXPECT_EQ(-1, StoredCount(share_ + "/walkowned/closed/hidden"));

@@ -76,7 +76,6 @@ protected:
         ASSERT_TRUE(root_.AddUser("alice")) << root_.lastError();
         share_ = root_.AddShare("pub");
         ASSERT_FALSE(share_.empty()) << root_.lastError();
-        admin_.user = "boss";
     }
 
     // Starts a set and returns its task id ("" on failure, with the reason
@@ -104,7 +103,7 @@ protected:
     ModuleHost &host_ = ModuleHost::Shared();
     PlatformRoot root_;
     std::string share_;
-    CallOptions admin_;
+    const CallOptions admin_ = kova_module_test::As("boss");
 };
 
 // A tree of a few thousand entries with every kind of entry the walk must
