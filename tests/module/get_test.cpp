@@ -35,6 +35,23 @@ Json::Value ExpectedRule(const std::string &type, const std::string &name, const
     return r;
 }
 
+// The owner names of the rules from index `from` on, each checked to be
+// inherited from the parent (level 1).
+std::set<std::string> InheritedNames(const Json::Value &acl, Json::ArrayIndex from) {
+    std::set<std::string> names;
+    for (Json::ArrayIndex i = from; i < acl.size(); ++i) {
+        EXPECT_EQ(1u, acl[i]["level"].asUInt()) << acl[i];
+        names.insert(acl[i]["owner_name"].asString());
+    }
+    return names;
+}
+
+std::vector<std::string> OwnerNames(const Json::Value &acl) {
+    std::vector<std::string> names;
+    for (const auto &rule : acl) names.push_back(rule["owner_name"].asString());
+    return names;
+}
+
 class Get : public ::testing::Test {
 protected:
     static void SetUpTestSuite() {
@@ -106,14 +123,15 @@ TEST_F(Get, AdministratorReadsEveryNameableEntry) {
 
     // carol and oldgrp no longer exist: their entries are skipped. An entry
     // without inheritance flags reads as "---n".
-    Json::Value want(Json::arrayValue);
-    want.append(ExpectedRule("user", "alice", "allow", kAll, "fd--", 0));
-    want.append(ExpectedRule("group", "staff", "deny", "-w-----------", "---n", 0));
-    want.append(ExpectedRule("everyone", "Everyone", "allow", "r---------c--", "f---", 0));
-    want.append(ExpectedRule("user", "svc", "allow", "r------------", "---n", 0, true));
-    want.append(ExpectedRule("authenticated_user", "Authenticated Users", "allow", "--------R----", "---n", 0));
-    want.append(ExpectedRule("system", "SYSTEM", "allow", kAll, "fd--", 0));
-    want.append(ExpectedRule("owner", "Owner", "allow", kAll, "fdi-", 0));
+    const Json::Value want = kova_module_test::Array({
+        ExpectedRule("user", "alice", "allow", kAll, "fd--", 0),
+        ExpectedRule("group", "staff", "deny", "-w-----------", "---n", 0),
+        ExpectedRule("everyone", "Everyone", "allow", "r---------c--", "f---", 0),
+        ExpectedRule("user", "svc", "allow", "r------------", "---n", 0, true),
+        ExpectedRule("authenticated_user", "Authenticated Users", "allow", "--------R----", "---n", 0),
+        ExpectedRule("system", "SYSTEM", "allow", kAll, "fd--", 0),
+        ExpectedRule("owner", "Owner", "allow", kAll, "fdi-", 0),
+    });
     EXPECT_EQ(want, d["acl"]) << r.Dump();
     EXPECT_TRUE(LogsAre(Join({Bracket(210, 212), Bracket(239, 241)}), r));
 }
@@ -126,13 +144,8 @@ TEST_F(Get, OwnAndInheritedEntriesWithTheInheritFlag) {
     const Json::Value &acl = r.data()["acl"];
     ASSERT_GE(acl.size(), 2u) << r.Dump();
     EXPECT_EQ(ExpectedRule("user", "bob", "allow", "r------------", "---n", 0), acl[0]);
-    std::set<std::string> inherited;
-    for (Json::ArrayIndex i = 1; i < acl.size(); ++i) {
-        EXPECT_EQ(1u, acl[i]["level"].asUInt()) << r.Dump();
-        inherited.insert(acl[i]["owner_name"].asString());
-    }
     // Entries passed to files (f) arrive; the deleted carol's is skipped.
-    EXPECT_EQ((std::set<std::string>{"alice", "Everyone", "SYSTEM", "Owner"}), inherited) << r.Dump();
+    EXPECT_EQ((std::set<std::string>{"alice", "Everyone", "SYSTEM", "Owner"}), InheritedNames(acl, 1)) << r.Dump();
 }
 
 TEST_F(Get, InheriteListsOnlyInheritedEntriesAndIsNeverAcl) {
@@ -140,12 +153,8 @@ TEST_F(Get, InheriteListsOnlyInheritedEntriesAndIsNeverAcl) {
     ASSERT_TRUE(r.success()) << r.Dump();
     EXPECT_FALSE(r.data()["is_acl"].asBool()) << "even though the path supports ACLs";
     EXPECT_FALSE(r.data()["is_inherited"].asBool());
-    std::set<std::string> names;
-    for (const auto &rule : r.data()["acl"]) {
-        EXPECT_EQ(1u, rule["level"].asUInt());
-        names.insert(rule["owner_name"].asString());
-    }
-    EXPECT_EQ((std::set<std::string>{"alice", "Everyone", "SYSTEM", "Owner"}), names) << r.Dump();
+    EXPECT_EQ((std::set<std::string>{"alice", "Everyone", "SYSTEM", "Owner"}), InheritedNames(r.data()["acl"], 0))
+        << r.Dump();
     EXPECT_FALSE(r.data()["change_permission"].asBool()) << "bob lacks change_perm: " << r.Dump();
     EXPECT_TRUE(LogsAre(Bracket(210, 212), r)) << "a non-administrator reads under its own ids";
 
@@ -295,18 +304,14 @@ TEST_F(Get, HostFailuresMapToTheirCodes) {
 TEST_F(Get, FailedNameLookupsDropOnlyTheirEntries) {
     CallResult r = Call("admin", "project", "all", {Fault{"KOVAGroupGetByGID", 0, -1, 0x1800}});
     ASSERT_TRUE(r.success()) << r.Dump();
-    std::vector<std::string> names;
-    for (const auto &rule : r.data()["acl"]) names.push_back(rule["owner_name"].asString());
-    EXPECT_EQ((std::vector<std::string>{"alice", "Everyone", "svc", "Authenticated Users", "SYSTEM", "Owner"}), names);
+    EXPECT_EQ((std::vector<std::string>{"alice", "Everyone", "svc", "Authenticated Users", "SYSTEM", "Owner"}),
+              OwnerNames(r.data()["acl"]));
 
     CallResult users = Call("admin", "project", "all", {Fault{"KOVAUserGetByUID", 0, -1, 0x1D00}});
     ASSERT_TRUE(users.success()) << users.Dump();
-    names.clear();
-    for (const auto &rule : users.data()["acl"]) {
-        names.push_back(rule["owner_name"].asString());
-        EXPECT_FALSE(rule.isMember("owner_is_internal"));
-    }
-    EXPECT_EQ((std::vector<std::string>{"staff", "Everyone", "Authenticated Users", "SYSTEM", "Owner"}), names);
+    for (const auto &rule : users.data()["acl"]) EXPECT_FALSE(rule.isMember("owner_is_internal"));
+    EXPECT_EQ((std::vector<std::string>{"staff", "Everyone", "Authenticated Users", "SYSTEM", "Owner"}),
+              OwnerNames(users.data()["acl"]));
 }
 
 } // namespace

@@ -50,8 +50,6 @@ std::vector<std::string> Names(const SearchResult &result) {
 
 TEST(SearchPaging, DefaultWindowTakesEverything) {
     SearchOption option;
-    EXPECT_EQ(0u, option.offset);
-    EXPECT_EQ(UINT64_MAX, option.limit);
     EXPECT_TRUE(InPaging(option, 0));
     EXPECT_TRUE(InPaging(option, ~0ul - 1));  // no overflow at the far end
 }
@@ -114,7 +112,6 @@ TEST(SearchPaging, MergeSplicesInSourceOrder) {
         AdjustPagingWindow(sub, option);
         MergeSubresult(running, sub);
         EXPECT_TRUE(sub.items.empty());
-        EXPECT_EQ(0u, sub.items.size());
     }
     EXPECT_EQ(14u, running.total);
     EXPECT_EQ((std::vector<std::string>{"a3", "b0"}), Names(running));
