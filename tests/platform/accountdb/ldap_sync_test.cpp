@@ -2,6 +2,7 @@
 // (paged, past the server's size limit), the account-database calls find
 // the cached entries, and failed syncs (injected fault, dead server) keep
 // the previous cache.
+#include "accountdb-fixture.h"
 #include "slapd.h"
 #include "temp-root.h"
 
@@ -13,7 +14,6 @@
 #include "kova/klibc.h"
 
 #include <gtest/gtest.h>
-#include <dirent.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -41,9 +41,8 @@ int Admin(const std::string &args, std::string *out = nullptr, const std::string
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-struct Closer {
-    void operator()(PKOVA_ACCOUNTDB h) const { KOVAACCOUNTDBClose(h); }
-};
+using kova_accountdb_test::Handle;
+using kova_accountdb_test::TempFiles;
 
 struct Rows {
     Names names;
@@ -63,7 +62,7 @@ int Collect(PKOVA_ACCOUNTDB_ROW row, void *ctx) {
 // The module's query: name_upper LIKE %KEYWORD% as an OR clause.
 Rows FindUsers(const std::string &upperPattern, uint64_t *total, uint32_t start = 0, uint64_t limit = UINT64_MAX) {
     Rows rows;
-    std::unique_ptr<KOVA_ACCOUNTDB, Closer> h(KOVAACCOUNTDBOpen(KOVA_ACCOUNTDB_LDAP, 0, KOVA_ACCOUNTDB_TYPE_ENUM, nullptr, 0));
+    Handle h(KOVAACCOUNTDBOpen(KOVA_ACCOUNTDB_LDAP, 0, KOVA_ACCOUNTDB_TYPE_ENUM, nullptr, 0));
     EXPECT_TRUE(h);
     if (!h) return rows;
     EXPECT_EQ(KOVAACCOUNTDBActionInit(h.get(), KOVA_ACCOUNTDB_ACTION_ENUM), 0);
@@ -76,15 +75,6 @@ Rows FindUsers(const std::string &upperPattern, uint64_t *total, uint32_t start 
     EXPECT_EQ(KOVAACCOUNTDBGetEnumCallbackRet(h.get()), 0);
     *total = KOVAACCOUNTDBGetEnumCount(h.get());
     return rows;
-}
-
-int TempFiles(const std::string &dir) {
-    int n = 0;
-    if (DIR *d = opendir(dir.c_str())) {
-        while (dirent *e = readdir(d)) n += std::string(e->d_name).find(".new.") != std::string::npos;
-        closedir(d);
-    }
-    return n;
 }
 
 class LdapSync : public ::testing::Test {
@@ -203,7 +193,7 @@ TEST_F(LdapSync, DomainJoinFromLdapAndLdifFillsBothVariants) {
                               &seen);
     EXPECT_EQ(seen, (Names{"CORP\\Ops Team", "LAB\\Ops Team"}));
     // The full cache keeps the distinguished name for "bindon" filters.
-    std::unique_ptr<KOVA_ACCOUNTDB, Closer> h(KOVAACCOUNTDBOpen(KOVA_ACCOUNTDB_DOMAIN, 0, KOVA_ACCOUNTDB_TYPE_FULL, "CORP", 0));
+    Handle h(KOVAACCOUNTDBOpen(KOVA_ACCOUNTDB_DOMAIN, 0, KOVA_ACCOUNTDB_TYPE_FULL, "CORP", 0));
     ASSERT_TRUE(h);
     ASSERT_EQ(KOVAACCOUNTDBActionInit(h.get(), KOVA_ACCOUNTDB_ACTION_ENUM), 0);
     ASSERT_EQ(KOVAACCOUNTDBAddFieldValue(h.get(), "Name", nullptr), 0);

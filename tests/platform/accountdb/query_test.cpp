@@ -2,6 +2,7 @@
 // accepts and refuses), AND/OR joining, literal patterns, trigram-indexed
 // and scanned searches agreeing, windows and totals, callbacks, paths, and
 // atomic cache replacement.
+#include "accountdb-fixture.h"
 #include "temp-root.h"
 
 #include "kova-accountdb-admin.h"
@@ -11,7 +12,6 @@
 #include "kova/klibc.h"
 
 #include <gtest/gtest.h>
-#include <dirent.h>
 
 #include <memory>
 #include <string>
@@ -40,10 +40,8 @@ void Build(int selector, const std::string &domain, const std::vector<KovaCacheE
     ASSERT_EQ(b->Commit(), 0);
 }
 
-struct Closer {
-    void operator()(PKOVA_ACCOUNTDB h) const { KOVAACCOUNTDBClose(h); }
-};
-using Handle = std::unique_ptr<KOVA_ACCOUNTDB, Closer>;
+using kova_accountdb_test::Handle;
+using kova_accountdb_test::TempFiles;
 
 struct Rows {
     std::string field;
@@ -262,17 +260,6 @@ TEST(AccountDb, CallbackResultsRowsAndDomains) {
     ASSERT_EQ(KovaAccountCache::RemoveDomain("corp"), 0);
     EXPECT_EQ(KOVAACCOUNTDBOpen(KOVA_ACCOUNTDB_DOMAIN, 0, KOVA_ACCOUNTDB_TYPE_ENUM, "corp", 0), nullptr);
 }
-
-namespace {
-int TempFiles(const std::string &dir) {
-    int n = 0;
-    if (DIR *d = opendir(dir.c_str())) {
-        while (dirent *e = readdir(d)) n += std::string(e->d_name).find(".new.") != std::string::npos;
-        closedir(d);
-    }
-    return n;
-}
-} // namespace
 
 TEST(AccountDbRebuild, FailuresLeaveThePreviousCache) {
     TempRoot root;

@@ -55,13 +55,8 @@ TEST(XferLog, LineFormatAndEscaping) {
     std::vector<std::string> f = Fields(lines[0]);
     ASSERT_EQ(f.size(), 8u);
     EXPECT_TRUE(IsIsoUtc(f[0])) << f[0];
-    EXPECT_EQ(f[1], "10.0.0.7");
-    EXPECT_EQ(f[2], "alice");
-    EXPECT_EQ(f[3], "property set");
-    EXPECT_EQ(f[4], "0");
-    EXPECT_EQ(f[5], "dir");
-    EXPECT_EQ(f[6], "3");
-    EXPECT_EQ(f[7], "/volume1/s/dir/ **Apply**");
+    EXPECT_EQ(f, (std::vector<std::string>{f[0], "10.0.0.7", "alice", "property set", "0", "dir", "3",
+                                           "/volume1/s/dir/ **Apply**"}));
 
     f = Fields(lines[1]);
     ASSERT_EQ(f.size(), 8u);
