@@ -100,23 +100,29 @@ protected:
     std::string file_;
 };
 
-TEST_F(SelfDeniedTest, RulesThatLeaveTheCallerNothingLockItOut) {
-    EXPECT_TRUE(Denied(file_, Rules({}), false));
-    EXPECT_TRUE(Denied(file_, Rules({Rule("user", "alice", "deny", "rwxpdDaARWcCo")}), false));
-    EXPECT_TRUE(Denied(file_, Rules({Rule("user", "bob", "allow", "rwxpdDaARWcCo")}), false));
-    EXPECT_TRUE(Denied(file_, Rules({Rule("user", "alice", "allow", "r"), Rule("user", "alice", "deny", "r")}), false));
-    EXPECT_TRUE(Denied(file_, Rules({Rule("user", "alice", "deny", "r"), Rule("user", "alice", "allow", "r")}), false));
-    EXPECT_TRUE(Denied(file_, Rules({Rule("system", "SYSTEM", "allow", "rwx")}), false));
-    // An entry meant only for what lies below never counts here.
-    EXPECT_TRUE(Denied(file_, Rules({Rule("user", "alice", "allow", "rwx", false)}), false));
-}
-
-TEST_F(SelfDeniedTest, AccessKeptThroughAnyApplyingEntry) {
-    EXPECT_FALSE(Denied(file_, Rules({Rule("user", "alice", "allow", "r")}), false));
-    EXPECT_FALSE(Denied(file_, Rules({Rule("user", "alice", "deny", "w"), Rule("group", "staff", "allow", "r")}), false));
-    EXPECT_TRUE(Denied(file_, Rules({Rule("user", "alice", "deny", "r"), Rule("group", "staff", "allow", "r")}), false));
-    EXPECT_FALSE(Denied(file_, Rules({Rule("everyone", "Everyone", "allow", "a")}), false));
-    EXPECT_FALSE(Denied(file_, Rules({Rule("authenticated_user", "x", "allow", "x")}), false));
+TEST_F(SelfDeniedTest, OnlyAnApplyingAllowKeepsTheCallersAccess) {
+    const std::string all = "rwxpdDaARWcCo";
+    const struct {
+        Json::Value rules;
+        bool denied;
+        const char *what;
+    } cases[] = {
+        {Rules({}), true, "no rule"},
+        {Rules({Rule("user", "alice", "deny", all)}), true, "everything denied"},
+        {Rules({Rule("user", "bob", "allow", all)}), true, "someone else allowed"},
+        {Rules({Rule("user", "alice", "allow", "r"), Rule("user", "alice", "deny", "r")}), true, "deny after allow"},
+        {Rules({Rule("user", "alice", "deny", "r"), Rule("user", "alice", "allow", "r")}), true, "deny before allow"},
+        {Rules({Rule("system", "SYSTEM", "allow", "rwx")}), true, "only SYSTEM allowed"},
+        {Rules({Rule("user", "alice", "allow", "rwx", false)}), true, "an entry only for what lies below"},
+        {Rules({Rule("user", "alice", "allow", "r")}), false, "alice allowed"},
+        {Rules({Rule("user", "alice", "deny", "w"), Rule("group", "staff", "allow", "r")}), false,
+         "another bit through her group"},
+        {Rules({Rule("user", "alice", "deny", "r"), Rule("group", "staff", "allow", "r")}), true,
+         "the same bit through her group"},
+        {Rules({Rule("everyone", "Everyone", "allow", "a")}), false, "everyone allowed"},
+        {Rules({Rule("authenticated_user", "x", "allow", "x")}), false, "authenticated users allowed"},
+    };
+    for (const auto &c : cases) EXPECT_EQ(c.denied, Denied(file_, c.rules, false)) << c.what;
 }
 
 TEST_F(SelfDeniedTest, AnOwnerEntryCountsOnlyForTheOwner) {
