@@ -5,6 +5,7 @@
 #define KOVA_ACL_STORE_H
 
 #include "ace.h"
+#include "target.h"
 
 #include <string>
 
@@ -22,6 +23,12 @@ bool WriteStored(const std::string &path, const StoredAcl &acl);
 
 // Removes the record; a path without one is already done.
 bool RemoveStored(const std::string &path);
+
+// The same for a resolved path: relative to its open folder when it has
+// one (no second walk of the path), else by its path.
+bool ReadStored(const Target &t, StoredAcl &out, bool &present);
+bool WriteStored(const Target &t, const StoredAcl &acl);
+bool RemoveStored(const Target &t);
 
 } // namespace kova_acl
 

@@ -116,7 +116,7 @@ extern "C" int KOVAACLSet(const char *szPath, int fd, const KOVA_ACL *pAcl) {
     next.hasGroupOwner = s.stored && s.own.hasGroupOwner;
     next.ownerGid = next.hasGroupOwner ? s.own.ownerGid : 0;
     next.entries = std::move(entries);
-    return WriteStored(s.target.path, next) ? 0 : -1;
+    return WriteStored(s.target, next) ? 0 : -1;
 }
 
 extern "C" int KOVAACLRemove(const char *szPath, int fd) {
@@ -135,7 +135,7 @@ extern "C" int KOVAACLRemove(const char *szPath, int fd) {
         KOVA_FAIL(KOVA_ERR_ACL_DENIED);
         return -1;
     }
-    return RemoveStored(s.target.path) ? 0 : -1;
+    return RemoveStored(s.target) ? 0 : -1;
 }
 
 extern "C" int KOVAACLIsSupport(const char *szPath, int fd, int mode) {
@@ -154,7 +154,7 @@ extern "C" int KOVAACLIsSupport(const char *szPath, int fd, int mode) {
     }
     StoredAcl own;
     bool present = false;
-    if (ReadStored(t.path, own, present)) return present ? 1 : 0;
+    if (ReadStored(t, own, present)) return present ? 1 : 0;
     // A damaged record still puts the path in ACL mode: its reads must fail
     // rather than fall back to the mode bits.
     return KLIBCErrGet() == KOVA_ERR_CORRUPT ? 1 : -1;

@@ -32,7 +32,7 @@ extern "C" int KOVAACLOwnerIdGet(const char *szPath, PKOVA_ACL_ID pOwner) {
     bool present = false;
     {
         Elevation root;
-        if (!root.ok() || !ResolveTarget(szPath, t) || !ReadStored(t.path, own, present)) return -1;
+        if (!root.ok() || !ResolveTarget(szPath, t) || !ReadStored(t, own, present)) return -1;
     }
     if (present && own.hasGroupOwner) {
         pOwner->idType = KOVA_ACL_ID_GROUP;
@@ -77,7 +77,7 @@ extern "C" int KOVAACLOwnerIdSet(const char *szPath, const KOVA_ACL_ID *pOwner) 
         if (!s.stored) next.entries = EntriesFromMode(s.target.st);
         next.hasGroupOwner = true;
         next.ownerGid = static_cast<uint32_t>(pOwner->id);
-        return WriteStored(path, next) ? 0 : -1;
+        return WriteStored(s.target, next) ? 0 : -1;
     }
     const uid_t oldUid = s.target.st.st_uid;
     if (lchown(path.c_str(), static_cast<uid_t>(pOwner->id), static_cast<gid_t>(-1)) != 0) {
@@ -88,7 +88,7 @@ extern "C" int KOVAACLOwnerIdSet(const char *szPath, const KOVA_ACL_ID *pOwner) 
         StoredAcl next = s.own;
         next.hasGroupOwner = false;
         next.ownerGid = 0;
-        if (!WriteStored(path, next)) {
+        if (!WriteStored(s.target, next)) {
             // Keep the old owner whole: the recorded group still names it.
             (void)lchown(path.c_str(), oldUid, static_cast<gid_t>(-1));
             return -1;

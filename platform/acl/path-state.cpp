@@ -39,7 +39,7 @@ bool LoadPathState(const char *szPath, PathState &out, unsigned flags, const Pri
     if (!ResolveTarget(szPath, out.target)) return false;
     if (judged && RightsIgnoreEntries(*judged, out.target.BelowShareRoot())) flags |= kSkipInherited;
     bool present = false;
-    if (!ReadStored(out.target.path, out.own, present)) {
+    if (!ReadStored(out.target, out.own, present)) {
         if (!((flags & kIgnoreCorruptOwn) && KLIBCErrGet() == KOVA_ERR_CORRUPT)) return false;
         out.own = StoredAcl();
         present = false;

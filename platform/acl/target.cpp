@@ -17,6 +17,19 @@
 
 namespace kova_acl {
 
+OwnedFd::~OwnedFd() {
+    if (fd_ >= 0) close(fd_);
+}
+
+OwnedFd &OwnedFd::operator=(OwnedFd &&other) noexcept {
+    if (this != &other) {
+        if (fd_ >= 0) close(fd_);
+        fd_ = other.fd_;
+        other.fd_ = -1;
+    }
+    return *this;
+}
+
 std::string ParentOf(const std::string &canonical) {
     size_t slash = canonical.rfind('/');
     if (slash == std::string::npos || slash == 0) return "/";
@@ -66,15 +79,10 @@ bool ResolveTarget(const char *szPath, Target &t) {
         t.path = base == "/" ? "/" + name : base + "/" + name;
     // The parent is open already: the final name is looked up in it rather
     // than by walking the whole path again.
-    int statRc;
-    if (dirFd >= 0) {
-        statRc = fstatat(dirFd, name.c_str(), &t.st, AT_SYMLINK_NOFOLLOW);
-        const int saved = errno;
-        close(dirFd);
-        errno = saved;
-    } else {
-        statRc = lstat(t.path.c_str(), &t.st);
-    }
+    t.parent = OwnedFd(dirFd);
+    t.name = dirFd >= 0 ? name : std::string();
+    const int statRc = dirFd >= 0 ? fstatat(dirFd, name.c_str(), &t.st, AT_SYMLINK_NOFOLLOW)
+                                  : lstat(t.path.c_str(), &t.st);
     if (statRc != 0) {
         KOVA_FAIL(errno == ENOENT || errno == ENOTDIR ? KOVA_ERR_NOENT : KOVA_ERR_BADPATH);
         return false;

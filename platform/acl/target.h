@@ -10,11 +10,33 @@
 
 namespace kova_acl {
 
+// A descriptor with one owner.
+class OwnedFd {
+public:
+    OwnedFd() = default;
+    explicit OwnedFd(int fd) : fd_(fd) {}
+    ~OwnedFd();
+    OwnedFd(OwnedFd &&other) noexcept : fd_(other.fd_) { other.fd_ = -1; }
+    OwnedFd &operator=(OwnedFd &&other) noexcept;
+    OwnedFd(const OwnedFd &) = delete;
+    OwnedFd &operator=(const OwnedFd &) = delete;
+    int get() const { return fd_; }
+
+private:
+    int fd_ = -1;
+};
+
 struct Target {
     std::string path;       // canonical path
     struct stat st;         // lstat of it
     bool inShare = false;
     std::string shareRoot;  // real root of the holding share when inShare
+    // The folder holding the path, open for the call (O_PATH), and the
+    // path's name in it: the path's own attributes are read and written
+    // relative to it, so the folder that was resolved and checked is the
+    // one written in. Not open (-1) for "/" and paths ending in "." or "..".
+    OwnedFd parent;
+    std::string name;
 
     bool IsDir() const { return S_ISDIR(st.st_mode); }
     bool AtShareRoot() const { return inShare && path == shareRoot; }

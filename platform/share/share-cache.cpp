@@ -8,7 +8,9 @@
 #include "kova/klibc.h"
 #include "kova-internal/fault-point.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 #include <time.h>
 
 #include <atomic>
@@ -40,11 +42,46 @@ struct DbKey {
 
 long long Ns(const struct timespec &ts) { return static_cast<long long>(ts.tv_sec) * 1000000000LL + ts.tv_nsec; }
 
+void KeyOf(const struct stat &st, DbKey &key) {
+    key.dev = st.st_dev;
+    key.ino = st.st_ino;
+    key.size = st.st_size;
+    key.mtimeNs = Ns(st.st_mtim);
+    key.ctimeNs = Ns(st.st_ctim);
+}
+
+// One thread's table, with a descriptor of the database file it was read
+// from: fstat of that descriptor is the per-call check, without walking the
+// database's path again.
 struct Cache {
     bool valid = false;
     DbKey key;
     unsigned long generation = 0;
     std::shared_ptr<const ShareRoots> roots;
+    int fd = -1;
+
+    Cache() = default;
+    Cache(const Cache &) = delete;
+    Cache &operator=(const Cache &) = delete;
+    ~Cache() { Drop(); }
+    void Drop() {
+        if (fd >= 0) close(fd);
+        fd = -1;
+        valid = false;
+        roots.reset();
+    }
+    // The file still is what the table was read from: same path asked for,
+    // same identity, size and times, not unlinked or renamed over (its link
+    // count would be 0), and no write of this process since.
+    bool Fresh(const std::string &path, unsigned long gen) const {
+        if (!valid || fd < 0 || gen != generation || path != key.path) return false;
+        struct stat st;
+        if (fstat(fd, &st) != 0 || st.st_nlink == 0) return false;
+        DbKey now;
+        now.path = path;
+        KeyOf(st, now);
+        return now == key;
+    }
 };
 
 thread_local Cache tCache;
@@ -95,33 +132,40 @@ void ShareTableChanged() { gGeneration.fetch_add(1); }
 bool CurrentShareRoots(std::shared_ptr<const ShareRoots> &out) {
     char buf[PATH_MAX];
     if (KLIBCRootPath("/etc/shares.db", buf, sizeof buf) < 0) return false;
-    DbKey key;
-    key.path = buf;
-    struct stat st;
-    if (stat(buf, &st) != 0) {
-        tCache = Cache();
-        KOVA_FAIL(KOVA_ERR_NOSHARE);
-        return false;
-    }
-    key.dev = st.st_dev;
-    key.ino = st.st_ino;
-    key.size = st.st_size;
-    key.mtimeNs = Ns(st.st_mtim);
-    key.ctimeNs = Ns(st.st_ctim);
+    const std::string path = buf;
     const unsigned long generation = gGeneration.load();
 
-    if (!(tCache.valid && tCache.generation == generation && tCache.key == key)) {
+    if (!tCache.Fresh(path, generation)) {
+        tCache.Drop();
+        // The descriptor is opened before the table is read: a write that
+        // lands in between leaves the table newer than the key, which only
+        // costs one more read.
+        int fd = open(buf, O_PATH | O_CLOEXEC);
+        struct stat st;
+        if (fd < 0 || fstat(fd, &st) != 0) {
+            if (fd >= 0) close(fd);
+            KOVA_FAIL(KOVA_ERR_NOSHARE);
+            return false;
+        }
         auto fresh = std::make_shared<ShareRoots>();
-        if (!ReadTable(*fresh)) return false;
+        if (!ReadTable(*fresh)) {
+            close(fd);
+            return false;
+        }
+        DbKey key;
+        key.path = path;
+        KeyOf(st, key);
         struct timespec now;
         clock_gettime(CLOCK_REALTIME, &now);
         const bool settled = Ns(now) - key.mtimeNs >= kSettleNs && Ns(now) - key.ctimeNs >= kSettleNs;
-        tCache = Cache();
         if (settled) {
             tCache.valid = true;
             tCache.key = key;
             tCache.generation = generation;
             tCache.roots = fresh;
+            tCache.fd = fd;
+        } else {
+            close(fd);
         }
         out = fresh;
         return true;

@@ -3,9 +3,12 @@
 // call; opening SQLite and reading the table each time dominated it.
 //
 // Freshness:
-// - the database file is stat-ed on every use; its device, inode, size,
-//   mtime and ctime (nanoseconds) must match those seen when the table was
-//   read, so a share added by another process is seen on the next call;
+// - the database file is checked on every use through a descriptor kept
+//   from when the table was read (fstat, no path walk): its device, inode,
+//   size, mtime and ctime (nanoseconds) must be unchanged and it must still
+//   be linked, so a share added by another process is seen on the next
+//   call. A database replaced by rename or removed leaves the kept inode
+//   without links; a different platform root is a different path;
 // - a table read while the file was modified less than two seconds before
 //   is not kept (a second write inside one timestamp tick could leave size
 //   and times unchanged): the next call reads again until the file settles;
