@@ -7,9 +7,11 @@
 #include "kova/klibc.h"
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace kova_accounts {
@@ -77,42 +79,127 @@ bool MakeParent(const std::string &path) {
 
 std::string AccountDbPath() { return std::string(KLIBCRootGet()) + "/etc/accounts.db"; }
 
-bool AccountSession::Open() {
-    std::string path = AccountDbPath();
-    struct stat st;
-    bool exists = stat(path.c_str(), &st) == 0;
-    if (!exists && !MakeParent(path)) {
+namespace {
+
+// Opens the file at path on a fresh connection, creating the schema and
+// defaults on first use. Runs with root already raised by the caller.
+bool OpenFresh(const std::string &path, kova_internal::Database &db, const struct stat *existing, bool raised) {
+    if (!existing && !MakeParent(path)) {
         KOVA_FAIL(KOVA_ERR_IO);
         return false;
     }
     mode_t old = umask(077);
-    bool opened = db_.Open(path, true);
+    bool opened = db.Open(path, true);
     umask(old);
     if (!opened) {
         // Without root (no saved uid 0 to raise to) the file is out of reach.
-        if (!root_.ok()) KOVA_FAIL(KOVA_ERR_PERM);
+        if (!raised) KOVA_FAIL(KOVA_ERR_PERM);
         return false;
     }
-    sqlite3_create_function(db_.get(), "kova_upper", 1, SQLITE_UTF8 | SQLITE_DETERMINISTIC, nullptr, UpperFn, nullptr, nullptr);
+    sqlite3_create_function(db.get(), "kova_upper", 1, SQLITE_UTF8 | SQLITE_DETERMINISTIC, nullptr, UpperFn, nullptr, nullptr);
     // Enumerations walk the name index and fetch rows by uid; a larger page
     // cache and memory-mapped reads keep that from re-reading pages.
-    if (!db_.Exec("PRAGMA foreign_keys = ON; PRAGMA cache_size = -16384; PRAGMA mmap_size = 268435456")) return false;
-    if (exists) {
+    if (!db.Exec("PRAGMA foreign_keys = ON; PRAGMA cache_size = -16384; PRAGMA mmap_size = 268435456")) return false;
+    if (existing) {
         // Raw probe: a missing table here is expected, not an error to report.
         sqlite3_stmt *probe = nullptr;
-        bool ready = sqlite3_prepare_v2(db_.get(), "SELECT value FROM meta WHERE key = 'schema'", -1, &probe, nullptr) == SQLITE_OK &&
+        bool ready = sqlite3_prepare_v2(db.get(), "SELECT value FROM meta WHERE key = 'schema'", -1, &probe, nullptr) == SQLITE_OK &&
                      sqlite3_step(probe) == SQLITE_ROW;
         sqlite3_finalize(probe);
         if (ready) return true;
     }
     // First use: the schema and defaults go in as one transaction, so two
     // processes racing to create the file both end up with the same content.
-    if (!db_.Exec("BEGIN IMMEDIATE")) return false;
-    if (!db_.Exec(kSchema) || !db_.Exec(kDefaults) || !db_.Exec("COMMIT")) {
-        db_.Exec("ROLLBACK");
+    if (!db.Exec("BEGIN IMMEDIATE")) return false;
+    if (!db.Exec(kSchema) || !db.Exec(kDefaults) || !db.Exec("COMMIT")) {
+        db.Exec("ROLLBACK");
         KOVA_FAIL(KOVA_ERR_IO);
         return false;
     }
+    return true;
+}
+
+// This thread's connection and what it was opened on.
+struct Connection {
+    kova_internal::Database db;
+    std::string path;
+    pid_t pid = 0;
+    dev_t dev = 0;
+    ino_t ino = 0;
+    int sessions = 0; // open AccountSessions using it (calls can nest)
+
+    ~Connection() { Forget(); }
+
+    // Drops the connection. One inherited from the parent process is never
+    // closed here: its locks and file state belong to the parent's SQLite,
+    // so the handle is parked (still reachable, never used) instead.
+    void Forget() {
+        if (db.is_open() && pid != getpid()) {
+            static auto *parked = new std::vector<kova_internal::Database>();
+            parked->push_back(std::move(db));
+        }
+        db = kova_internal::Database();
+        path.clear();
+    }
+};
+
+Connection &ThisThread() {
+    static thread_local Connection conn;
+    return conn;
+}
+
+bool SameFile(const Connection &c, const std::string &path, const struct stat &st) {
+    return c.db.is_open() && c.pid == getpid() && c.path == path && c.dev == st.st_dev && c.ino == st.st_ino;
+}
+
+} // namespace
+
+AccountSession::~AccountSession() {
+    if (counted_) --ThisThread().sessions;
+}
+
+bool AccountSession::Open(Mode mode) {
+    Connection &c = ThisThread();
+    // A call made while another session of this thread is open (a nested
+    // call) shares its connection as it is; replacing it would pull the
+    // handle from under the outer session.
+    if (c.sessions > 0 && c.db.is_open() && c.pid == getpid()) {
+        if (mode == kWrite) root_.emplace();
+        db_ = &c.db;
+        ++c.sessions;
+        counted_ = true;
+        return true;
+    }
+    std::string path = AccountDbPath();
+    struct stat st;
+    bool exists = stat(path.c_str(), &st) == 0;
+    // A hot journal (left by a writer that died) must be rolled back, which
+    // takes root; so does any write. Plain reads use the open descriptor.
+    bool needRoot = mode == kWrite || !exists || !SameFile(c, path, st) || access((path + "-journal").c_str(), F_OK) == 0;
+    if (needRoot) {
+        root_.emplace();
+        // The directory may be closed to the caller: look again as root.
+        if (!exists) exists = stat(path.c_str(), &st) == 0;
+    }
+    if (!exists || !SameFile(c, path, st)) {
+        c.Forget();
+        kova_internal::Database fresh;
+        if (!OpenFresh(path, fresh, exists ? &st : nullptr, root_->ok())) return false;
+        // Identify what was opened, not what the path named before.
+        struct stat opened;
+        if (stat(path.c_str(), &opened) != 0) {
+            KOVA_FAIL(KOVA_ERR_IO);
+            return false;
+        }
+        c.db = std::move(fresh);
+        c.path = path;
+        c.pid = getpid();
+        c.dev = opened.st_dev;
+        c.ino = opened.st_ino;
+    }
+    db_ = &c.db;
+    ++c.sessions;
+    counted_ = true;
     return true;
 }
 

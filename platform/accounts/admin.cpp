@@ -75,7 +75,7 @@ extern "C" int KOVAUserAdd(const char *szName, int uid, const char *szPassword, 
         std::string hash;
         if (szPassword && !HashPassword(szPassword, hash)) return -1;
         AccountSession s;
-        if (!s.Open()) return -1;
+        if (!s.Open(AccountSession::kWrite)) return -1;
         Transaction tx(s.db());
         if (!tx.ok()) return -1;
         long long id = uid;
@@ -108,7 +108,7 @@ extern "C" int KOVAUserSet(const KOVA_USER *pUser) {
             !ValidText(pUser->szEmail) || !ValidText(pUser->szHome))
             return Fail(KOVA_ERR_BADARG);
         AccountSession s;
-        if (!s.Open()) return -1;
+        if (!s.Open(AccountSession::kWrite)) return -1;
         Transaction tx(s.db());
         if (!tx.ok()) return -1;
         if (!FindUserByUid(s, pUser->uid)) return Fail(KOVA_ERR_NOUSER);
@@ -136,7 +136,7 @@ extern "C" int KOVAUserPasswordSet(const char *szName, const char *szPassword) {
         std::string hash;
         if (!HashPassword(szPassword, hash)) return -1;
         AccountSession s;
-        if (!s.Open()) return -1;
+        if (!s.Open(AccountSession::kWrite)) return -1;
         kova_internal::Statement st(s.db(), "UPDATE users SET password = ?2 WHERE name = ?1");
         st.Bind(1, std::string(szName)).Bind(2, hash);
         if (!Run(st)) return -1;
@@ -150,7 +150,7 @@ extern "C" int KOVAUserDelete(const char *szName) {
     return Guarded(-1, [&]() -> int {
         if (!szName) return Fail(KOVA_ERR_BADARG);
         AccountSession s;
-        if (!s.Open()) return -1;
+        if (!s.Open(AccountSession::kWrite)) return -1;
         // Memberships go with the user (ON DELETE CASCADE).
         kova_internal::Statement st(s.db(), "DELETE FROM users WHERE name = ?1");
         st.Bind(1, std::string(szName));
@@ -165,7 +165,7 @@ extern "C" int KOVAGroupAdd(const char *szName, int gid, const char *szDesc) {
     return Guarded(-1, [&]() -> int {
         if (!szName || !ValidAccountName(szName) || !ValidText(szDesc) || gid < -1) return Fail(KOVA_ERR_BADARG);
         AccountSession s;
-        if (!s.Open()) return -1;
+        if (!s.Open(AccountSession::kWrite)) return -1;
         Transaction tx(s.db());
         if (!tx.ok()) return -1;
         long long id = gid == -1 ? NextId(s, "groups", "gid", kFirstFreeGid, 0x7FFFFFFF) : gid;
@@ -184,7 +184,7 @@ extern "C" int KOVAGroupDelete(const char *szName) {
     return Guarded(-1, [&]() -> int {
         if (!szName) return Fail(KOVA_ERR_BADARG);
         AccountSession s;
-        if (!s.Open()) return -1;
+        if (!s.Open(AccountSession::kWrite)) return -1;
         Transaction tx(s.db());
         if (!tx.ok()) return -1;
         auto group = FindGroup(s, szName);
@@ -208,7 +208,7 @@ namespace {
 int ChangeMembership(const char *szGroup, const char *szUser, bool add) {
     if (!szGroup || !szUser) return Fail(KOVA_ERR_BADARG);
     AccountSession s;
-    if (!s.Open()) return -1;
+    if (!s.Open(AccountSession::kWrite)) return -1;
     Transaction tx(s.db());
     if (!tx.ok()) return -1;
     auto group = FindGroup(s, szGroup);

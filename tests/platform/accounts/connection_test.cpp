@@ -1,0 +1,180 @@
+// The per-thread account-database connection: a warm process sees changes
+// made by other processes and a replaced file, a forked child never works
+// on its parent's connection, and threads do not share one.
+#include "as-identity.h"
+#include "temp-root.h"
+
+#include "kova/account.h"
+#include "kova/errcode.h"
+#include "kova/klibc.h"
+
+#include <gtest/gtest.h>
+#include <dirent.h>
+#include <linux/kcmp.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <string>
+#include <thread>
+#include <vector>
+
+using kova_test::TempRoot;
+
+namespace {
+
+int Admin(const std::string &root, const std::string &args) {
+    std::string cmd = kova_test::BuildDir() + "/bin/kova-admin --root '" + root + "' " + args + " >/dev/null 2>&1";
+    int status = system(cmd.c_str());
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+bool UserExists(const char *name) {
+    int uid = -1, gid = -1;
+    return KOVAUserGetUGID(name, &uid, &gid) == 0;
+}
+
+// Descriptors of this process open on the file at path.
+std::vector<int> FdsOn(const std::string &path) {
+    std::vector<int> fds;
+    DIR *d = opendir("/proc/self/fd");
+    if (!d) return fds;
+    int self = dirfd(d);
+    while (dirent *e = readdir(d)) {
+        if (e->d_name[0] == '.') continue;
+        int fd = atoi(e->d_name);
+        if (fd == self) continue;
+        char target[4096];
+        ssize_t n = readlink(("/proc/self/fd/" + std::string(e->d_name)).c_str(), target, sizeof(target) - 1);
+        if (n > 0 && std::string(target, static_cast<size_t>(n)) == path) fds.push_back(fd);
+    }
+    closedir(d);
+    return fds;
+}
+
+bool SameOpenFile(pid_t a, int fdA, pid_t b, int fdB) {
+    return syscall(SYS_kcmp, a, b, KCMP_FILE, fdA, fdB) == 0;
+}
+
+} // namespace
+
+TEST(AccountConnection, WarmProcessSeesOtherProcessesAndReplacedFiles) {
+    TempRoot root;
+    ASSERT_TRUE(UserExists("admin"));  // opens and keeps the connection
+    std::string db = root.At("etc/accounts.db");
+    // Repeated calls reuse one connection rather than opening the file anew.
+    for (int i = 0; i < 20; ++i) ASSERT_TRUE(UserExists("admin"));
+    EXPECT_EQ(FdsOn(db).size(), 1u);
+
+    ASSERT_EQ(Admin(root.path(), "user add zed"), 0);
+    EXPECT_TRUE(UserExists("zed"));
+    EXPECT_EQ(KLIBGroupIsAdminGroupMem("zed", 0), 0);
+    ASSERT_EQ(Admin(root.path(), "group member add administrators zed"), 0);
+    EXPECT_EQ(KLIBGroupIsAdminGroupMem("zed", 0), 1);
+    ASSERT_EQ(Admin(root.path(), "group member del administrators zed"), 0);
+    EXPECT_EQ(KLIBGroupIsAdminGroupMem("zed", 0), 0);
+    ASSERT_EQ(Admin(root.path(), "user del zed"), 0);
+    EXPECT_FALSE(UserExists("zed"));
+    EXPECT_EQ(KLIBCErrGet(), KOVA_ERR_NOUSER);
+
+    // A file put in place of the open one (a restore, say) is the one read,
+    // not the old file the connection still holds.
+    ASSERT_EQ(KOVAUserAdd("old", -1, nullptr, nullptr, nullptr, 0), 0);
+    ASSERT_EQ(rename(db.c_str(), (db + ".bak").c_str()), 0);
+    EXPECT_FALSE(UserExists("old"));
+    EXPECT_TRUE(UserExists("admin"));  // a new file with the defaults
+    ASSERT_EQ(rename((db + ".bak").c_str(), db.c_str()), 0);
+    EXPECT_TRUE(UserExists("old"));
+
+    // A new platform root is a new database.
+    {
+        TempRoot other;
+        EXPECT_FALSE(UserExists("old"));
+    }
+}
+
+TEST(AccountConnection, UnraisedReadsOfAWarmConnectionSeeChanges) {
+    TempRoot root;
+    ASSERT_EQ(KOVAUserAdd("uma", -1, nullptr, nullptr, nullptr, 0), 0);
+    int toParent[2], toChild[2];
+    ASSERT_EQ(pipe(toParent), 0);
+    ASSERT_EQ(pipe(toChild), 0);
+    // While the child waits as an ordinary user, another process (kova-admin,
+    // run from this thread) changes the database.
+    std::thread changer([&] {
+        char c;
+        if (read(toParent[0], &c, 1) != 1) return;
+        c = Admin(root.path(), "group member add administrators uma") == 0 &&
+                    Admin(root.path(), "user add vic") == 0 ? 'y' : 'n';
+        (void)!write(toChild[1], &c, 1);
+    });
+    int rc = kova_test::RunAs({1026, 100, {100}}, [&]() -> int {
+        if (KLIBGroupIsAdminGroupMem("uma", 0) != 0 || UserExists("vic")) return 1;
+        char c = 'r';
+        if (write(toParent[1], &c, 1) != 1 || read(toChild[0], &c, 1) != 1 || c != 'y') return 2;
+        if (KLIBGroupIsAdminGroupMem("uma", 0) != 1) return 3;
+        if (!UserExists("vic")) return 4;
+        return geteuid() == 1026 && getegid() == 100 ? 0 : 5;
+    });
+    if (rc != 0) {
+        char c = 'x';
+        (void)!write(toParent[1], &c, 1);  // release the changer if the child failed early
+    }
+    changer.join();
+    for (int fd : {toParent[0], toParent[1], toChild[0], toChild[1]}) close(fd);
+    EXPECT_EQ(rc, 0);
+}
+
+TEST(AccountConnection, ForkedChildOpensItsOwn) {
+    TempRoot root;
+    ASSERT_TRUE(UserExists("admin"));
+    std::string db = root.At("etc/accounts.db");
+    std::vector<int> parentFds = FdsOn(db);
+    ASSERT_EQ(parentFds.size(), 1u);
+    pid_t parent = getpid();
+    pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        if (!UserExists("admin")) _exit(1);
+        // Some descriptor on the file must be one the child opened itself.
+        int own = -1;
+        for (int fd : FdsOn(db))
+            if (!SameOpenFile(getpid(), fd, parent, parentFds[0])) own = fd;
+        if (own < 0) _exit(2);
+        if (KOVAUserAdd("kid", -1, nullptr, nullptr, nullptr, 0) != 0) _exit(3);
+        if (!UserExists("kid")) _exit(4);
+        // And it keeps using that one.
+        std::vector<int> after = FdsOn(db);
+        _exit(after.size() <= 2 ? 0 : 5);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+    // The parent's connection is intact and sees the child's change.
+    EXPECT_TRUE(UserExists("kid"));
+    EXPECT_EQ(KOVAUserAdd("mom", -1, nullptr, nullptr, nullptr, 0), 0);
+    EXPECT_TRUE(UserExists("mom"));
+}
+
+TEST(AccountConnection, ThreadsUseTheirOwnConnections) {
+    TempRoot root;
+    ASSERT_TRUE(UserExists("admin"));
+    std::string db = root.At("etc/accounts.db");
+    int failures = 0;
+    size_t fdsInThread = 0;
+    std::thread t([&] {
+        for (int i = 0; i < 200; ++i)
+            if (KLIBGroupIsAdminGroupMem("admin", 0) != 1) ++failures;
+        fdsInThread = FdsOn(db).size();
+    });
+    int mine = 0;
+    for (int i = 0; i < 200; ++i)
+        if (!UserExists("admin")) ++mine;
+    t.join();
+    EXPECT_EQ(failures, 0);
+    EXPECT_EQ(mine, 0);
+    EXPECT_EQ(fdsInThread, 2u);  // the main thread's and its own
+    EXPECT_EQ(FdsOn(db).size(), 1u);  // closed when the thread ended
+}
