@@ -110,6 +110,21 @@ protected:
 
     static uint64_t Total(const CallResult &r) { return r.data()["total"].asUInt64(); }
 
+    // A search of the sources `types` (type names, comma-separated) for
+    // `keyword` in `fields`; `extra` adds members (", \"offset\": 1").
+    static CallResult Search(const std::string &types, const std::string &keyword, const std::string &fields = "{}",
+                             const std::string &extra = "", const CallOptions &options = CallOptions()) {
+        std::string scope;
+        for (size_t start = 0, end; start <= types.size(); start = end + 1) {
+            end = std::min(types.find(',', start), types.size());
+            scope += std::string(scope.empty() ? "" : ", ") + "{\"type\": \"" + types.substr(start, end - start) +
+                     "\"}";
+        }
+        return List("{\"keyword\": \"" + keyword + "\", \"keywordFields\": " + fields + ", \"searchScope\": [" + scope +
+                        "]" + extra + "}",
+                    options);
+    }
+
     static std::string Scope(const std::string &types, const std::string &extra = "") {
         return "{\"keywordFields\": {}, \"searchScope\": [" + types + "]" + extra + "}";
     }
@@ -144,10 +159,7 @@ TEST_F(OwnersV2, EmptyScopeAndUnknownType) {
 }
 
 TEST_F(OwnersV2, LocalKeywordInEachField) {
-    auto local = [](const std::string &keyword, const std::string &fields) {
-        return List("{\"keyword\": \"" + keyword + "\", \"keywordFields\": " + fields +
-                    ", \"searchScope\": [{\"type\": \"local\"}]}");
-    };
+    auto local = [](const std::string &keyword, const std::string &fields) { return Search("local", keyword, fields); };
     CallResult byName = local("KXAL", "{}");
     ASSERT_TRUE(byName.success()) << byName.Dump();
     EXPECT_EQ(std::vector<std::string>{"user:kxalice"}, Names(byName));
@@ -176,8 +188,7 @@ TEST_F(OwnersV2, LocalKeywordInEachField) {
 }
 
 TEST_F(OwnersV2, InternalScopeMarksEveryEntry) {
-    CallResult r = List("{\"keyword\": \"kx\", \"keywordFields\": {}, \"searchScope\": [{\"type\": \"local\"}, "
-                        "{\"type\": \"internal\"}]}");
+    CallResult r = Search("local,internal", "kx");
     ASSERT_TRUE(r.success()) << r.Dump();
     std::vector<std::string> names = Names(r);
     ASSERT_EQ(8u, names.size()) << r.Dump();
@@ -192,16 +203,12 @@ TEST_F(OwnersV2, InternalScopeMarksEveryEntry) {
         }
     }
     // The description field works for internal accounts too.
-    CallResult byDesc = List("{\"keyword\": \"agent\", \"keywordFields\": {\"description\": true}, "
-                             "\"searchScope\": [{\"type\": \"internal\"}]}");
+    CallResult byDesc = Search("internal", "agent", "{\"description\": true}");
     EXPECT_EQ(std::vector<std::string>{"user:kxsvc-backup"}, Names(byDesc));
 }
 
 TEST_F(OwnersV2, LdapKeywordInEachField) {
-    auto ldap = [](const std::string &keyword, const std::string &fields) {
-        return List("{\"keyword\": \"" + keyword + "\", \"keywordFields\": " + fields +
-                    ", \"searchScope\": [{\"type\": \"ldap\"}]}");
-    };
+    auto ldap = [](const std::string &keyword, const std::string &fields) { return Search("ldap", keyword, fields); };
     CallResult byName = ldap("User001", "{}");
     ASSERT_TRUE(byName.success()) << byName.Dump();
     EXPECT_EQ((std::vector<std::string>{"user:user0010@example.com", "user:user0011@example.com"}), Names(byName));
@@ -268,9 +275,8 @@ TEST_F(OwnersV2, PagingCutsThroughSourcesAndTotalsStay) {
 }
 
 TEST_F(OwnersV2, SameTypeTwiceRunsTwice) {
-    CallResult once = List("{\"keyword\": \"kx\", \"keywordFields\": {}, \"searchScope\": [{\"type\": \"ldap\"}]}");
-    CallResult twice = List("{\"keyword\": \"kx\", \"keywordFields\": {}, \"searchScope\": [{\"type\": \"ldap\"}, "
-                            "{\"type\": \"ldap\"}]}");
+    CallResult once = Search("ldap", "kx");
+    CallResult twice = Search("ldap,ldap", "kx");
     ASSERT_TRUE(twice.success()) << twice.Dump();
     std::vector<std::string> doubled = Names(once);
     ASSERT_EQ(2u, doubled.size());
@@ -279,14 +285,13 @@ TEST_F(OwnersV2, SameTypeTwiceRunsTwice) {
     EXPECT_EQ(doubled, Names(twice));
     EXPECT_EQ(2 * Total(once), Total(twice));
     // Paging crosses from the first run into the second.
-    CallResult page = List("{\"keyword\": \"kx\", \"offset\": 1, \"limit\": 2, \"keywordFields\": {}, "
-                           "\"searchScope\": [{\"type\": \"ldap\"}, {\"type\": \"ldap\"}]}");
+    CallResult page = Search("ldap,ldap", "kx", "{}", ", \"offset\": 1, \"limit\": 2");
     EXPECT_EQ(std::vector<std::string>(doubled.begin() + 1, doubled.begin() + 3), Names(page));
     EXPECT_EQ(4u, Total(page));
 }
 
 TEST_F(OwnersV2, DomainsAcrossBothCaches) {
-    CallResult r = List("{\"keyword\": \"kxd\", \"keywordFields\": {}, \"searchScope\": [{\"type\": \"domain\"}]}");
+    CallResult r = Search("domain", "kxd");
     ASSERT_TRUE(r.success()) << r.Dump();
     EXPECT_EQ((std::vector<std::string>{"user:kxd-dana", "user:kxd-erik", "user:kxd-fiona", "user:kxd-gus",
                                         "group:kxd-sales-corp", "group:kxd-it-branch"}),
@@ -298,14 +303,12 @@ TEST_F(OwnersV2, DomainsAcrossBothCaches) {
     EXPECT_EQ("Dana Sales", dana["fullname"].asString());
 
     // Paging runs across the domains: users of CORP then BRANCH.
-    CallResult page = List("{\"keyword\": \"KXD\", \"offset\": 1, \"limit\": 2, \"keywordFields\": {}, "
-                           "\"searchScope\": [{\"type\": \"domain\"}]}");
+    CallResult page = Search("domain", "KXD", "{}", ", \"offset\": 1, \"limit\": 2");
     EXPECT_EQ((std::vector<std::string>{"user:kxd-erik", "user:kxd-fiona"}), Names(page));
     EXPECT_EQ(6u, Total(page));
 
     auto fields = [](const std::string &keyword, const std::string &kf) {
-        return Names(List("{\"keyword\": \"" + keyword + "\", \"keywordFields\": " + kf +
-                          ", \"searchScope\": [{\"type\": \"domain\"}]}"));
+        return Names(Search("domain", keyword, kf));
     };
     EXPECT_EQ(std::vector<std::string>{"user:kxd-erik"}, fields("wrangler", "{\"description\": true}"));
     EXPECT_EQ(std::vector<std::string>{"user:kxd-fiona"}, fields("fiona@", "{\"name\": false, \"email\": true}"));
@@ -324,8 +327,7 @@ TEST_F(OwnersV2, BindonFiltersOrSelectsTheDomain) {
     // The suffix must end the DN.
     CallResult middle = List("{\"keywordFields\": {}, \"searchScope\": [{\"type\": \"domain\", \"config\": "
                              "{\"bindon\": \"ou=Sales\"}}]}");
-    CallResult plain = List("{\"keyword\": \"kxd\", \"keywordFields\": {}, \"searchScope\": [{\"type\": "
-                            "\"domain\"}]}");
+    CallResult plain = Search("domain", "kxd");
     ASSERT_TRUE(world().root->SetDomainFlag("trusted", true)) << world().root->lastError();
     EXPECT_TRUE(Names(middle).empty()) << middle.Dump();
     EXPECT_EQ((std::vector<std::string>{"user:kxd-dana", "user:kxd-erik", "group:kxd-sales-corp"}), Names(plain));
@@ -361,7 +363,7 @@ TEST_F(OwnersV2, DomainWithoutDatabaseFiles) {
     // Another domain has caches, GHOST still has none: GHOST is logged and
     // skipped, the cached domain answers.
     ASSERT_TRUE(JoinDomains(root)) << root.lastError();  // GHOST stays the joined one
-    CallResult mixed = List("{\"keyword\": \"kxd\", \"keywordFields\": {}, \"searchScope\": [{\"type\": \"domain\"}]}");
+    CallResult mixed = Search("domain", "kxd");
     ASSERT_TRUE(mixed.success()) << mixed.Dump();
     EXPECT_EQ(6u, Total(mixed));
     EXPECT_TRUE(mixed.HasLog(LOG_ERR, "usergroup-enumerator/domain-enumerator:115 "
@@ -372,9 +374,8 @@ TEST_F(OwnersV2, DomainWithoutDatabaseFiles) {
 }
 
 TEST_F(OwnersV2, FailingSourcesStillAnswerSuccess) {
-    const std::string request = "{\"keyword\": \"kx\", \"keywordFields\": {}, \"searchScope\": [{\"type\": \"local\"}, "
-                                "{\"type\": \"ldap\"}, {\"type\": \"internal\"}, {\"type\": \"domain\"}]}";
-    CallResult clean = List(request);
+    const std::string sources = "local,ldap,internal,domain";
+    CallResult clean = Search(sources, "kx");
     ASSERT_TRUE(clean.success()) << clean.Dump();
     const std::vector<std::string> all = Names(clean);
 
@@ -412,7 +413,7 @@ TEST_F(OwnersV2, FailingSourcesStillAnswerSuccess) {
           "user:kxd-gus", "group:kxd-sales-corp", "group:kxd-it-branch"}},
     };
     for (const Case &c : cases) {
-        CallResult r = List(request, As("admin", {c.fault}));
+        CallResult r = Search(sources, "kx", "{}", "", As("admin", {c.fault}));
         ASSERT_TRUE(r.success()) << c.fault.call << "\n" << r.Dump();
         std::vector<std::string> expected;
         for (const std::string &name : all)
@@ -426,9 +427,8 @@ TEST_F(OwnersV2, FailingSourcesStillAnswerSuccess) {
 TEST_F(OwnersV2, SmallFailuresCostOnlyOneValue) {
     // A failing description lookup: the group is still listed, matched by
     // name, with an empty description.
-    CallResult groups = List("{\"keyword\": \"kxstaff\", \"keywordFields\": {}, \"searchScope\": [{\"type\": "
-                             "\"local\"}]}",
-                             As("admin", {Fault{"KOVAGroupDescGet", 0, -1, KOVA_ERR_IO}}));
+    CallResult groups =
+        Search("local", "kxstaff", "{}", "", As("admin", {Fault{"KOVAGroupDescGet", 0, -1, KOVA_ERR_IO}}));
     ASSERT_TRUE(groups.success()) << groups.Dump();
     ASSERT_EQ(std::vector<std::string>{"group:kxstaff"}, Names(groups));
     EXPECT_EQ("", groups.data()["owners"][0]["description"].asString());
@@ -437,9 +437,8 @@ TEST_F(OwnersV2, SmallFailuresCostOnlyOneValue) {
 
     // Upper-casing the keyword fails once: logged, the search goes on with
     // an empty upper-case keyword (so the in-memory sources match all).
-    CallResult upper = List("{\"keyword\": \"kxbob\", \"keywordFields\": {}, \"searchScope\": [{\"type\": "
-                            "\"builtin\"}]}",
-                            As("admin", {Fault{"KLIBCUnicodeUTF8StrUpper", 1, -1, KOVA_ERR_BADARG}}));
+    CallResult upper =
+        Search("builtin", "kxbob", "{}", "", As("admin", {Fault{"KLIBCUnicodeUTF8StrUpper", 1, -1, KOVA_ERR_BADARG}}));
     ASSERT_TRUE(upper.success()) << upper.Dump();
     EXPECT_TRUE(upper.HasLog(LOG_ERR, "acl:1282 KLIBCUnicodeUTF8StrUpper(kxbob) failed[0x0D00 "
                                       "KLIBCUnicodeUTF8StrUpper:0]"))
@@ -447,9 +446,8 @@ TEST_F(OwnersV2, SmallFailuresCostOnlyOneValue) {
     EXPECT_EQ(0u, Total(upper));  // built-ins compare the keyword itself
 
     // One user whose name cannot be upper-cased costs that candidate only.
-    CallResult users = List("{\"keyword\": \"kx\", \"keywordFields\": {}, \"searchScope\": [{\"type\": "
-                            "\"internal\"}]}",
-                            As("admin", {Fault{"KLIBCUnicodeUTF8StrUpper", 2, -1, KOVA_ERR_BADARG}}));
+    CallResult users =
+        Search("internal", "kx", "{}", "", As("admin", {Fault{"KLIBCUnicodeUTF8StrUpper", 2, -1, KOVA_ERR_BADARG}}));
     ASSERT_TRUE(users.success()) << users.Dump();
     // The first internal account upper-cased is the one that fails; it is
     // only lost when it would have matched.
