@@ -8,9 +8,7 @@
 #include "kova/klibc.h"
 #include "kova-internal/fault-point.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 #include <time.h>
 
 #include <atomic>
@@ -50,38 +48,22 @@ void KeyOf(const struct stat &st, DbKey &key) {
     key.ctimeNs = Ns(st.st_ctim);
 }
 
-// One thread's table, with a descriptor of the database file it was read
-// from: fstat of that descriptor is the per-call check, without walking the
-// database's path again.
+// One thread's table and the state of the database file it was read from.
 struct Cache {
     bool valid = false;
     DbKey key;
     unsigned long generation = 0;
     std::shared_ptr<const ShareRoots> roots;
-    int fd = -1;
 
-    Cache() = default;
-    Cache(const Cache &) = delete;
-    Cache &operator=(const Cache &) = delete;
-    ~Cache() { Drop(); }
     void Drop() {
-        if (fd >= 0) close(fd);
-        fd = -1;
         valid = false;
         roots.reset();
     }
-    // The file still is what the table was read from: same path asked for,
-    // same identity, size and times, not unlinked or renamed over (its link
-    // count would be 0), and no write of this process since.
-    bool Fresh(const std::string &path, unsigned long gen) const {
-        if (!valid || fd < 0 || gen != generation || path != key.path) return false;
-        struct stat st;
-        if (fstat(fd, &st) != 0 || st.st_nlink == 0) return false;
-        DbKey now;
-        now.path = path;
-        KeyOf(st, now);
-        return now == key;
-    }
+    // The file at the path is still the one the table was read from: same
+    // identity, size and times, and no write of this process since. The
+    // path is stat-ed rather than a kept descriptor: a database moved away
+    // and another put in its place must be noticed too.
+    bool Fresh(const DbKey &now, unsigned long gen) const { return valid && gen == generation && now == key; }
 };
 
 thread_local Cache tCache;
@@ -132,40 +114,33 @@ void ShareTableChanged() { gGeneration.fetch_add(1); }
 bool CurrentShareRoots(std::shared_ptr<const ShareRoots> &out) {
     char buf[PATH_MAX];
     if (KLIBCRootPath("/etc/shares.db", buf, sizeof buf) < 0) return false;
-    const std::string path = buf;
     const unsigned long generation = gGeneration.load();
-
-    if (!tCache.Fresh(path, generation)) {
+    struct stat st;
+    if (stat(buf, &st) != 0) {
         tCache.Drop();
-        // The descriptor is opened before the table is read: a write that
-        // lands in between leaves the table newer than the key, which only
-        // costs one more read.
-        int fd = open(buf, O_PATH | O_CLOEXEC);
-        struct stat st;
-        if (fd < 0 || fstat(fd, &st) != 0) {
-            if (fd >= 0) close(fd);
-            KOVA_FAIL(KOVA_ERR_NOSHARE);
-            return false;
-        }
+        KOVA_FAIL(KOVA_ERR_NOSHARE);
+        return false;
+    }
+    DbKey key;
+    key.path = buf;
+    KeyOf(st, key);
+
+    if (!tCache.Fresh(key, generation)) {
+        tCache.Drop();
+        // The key is taken before the table is read: a write that lands in
+        // between leaves the table newer than the key, which only costs one
+        // more read.
         auto fresh = std::make_shared<ShareRoots>();
-        if (!ReadTable(*fresh)) {
-            close(fd);
-            return false;
-        }
-        DbKey key;
-        key.path = path;
-        KeyOf(st, key);
+        if (!ReadTable(*fresh)) return false;
         struct timespec now;
         clock_gettime(CLOCK_REALTIME, &now);
-        const bool settled = Ns(now) - key.mtimeNs >= kSettleNs && Ns(now) - key.ctimeNs >= kSettleNs;
-        if (settled) {
+        // Content writes move mtime (and ctime with it); ctime alone also
+        // moves for metadata changes, and is part of the key for those.
+        if (Ns(now) - key.mtimeNs >= kSettleNs) {
             tCache.valid = true;
             tCache.key = key;
             tCache.generation = generation;
             tCache.roots = fresh;
-            tCache.fd = fd;
-        } else {
-            close(fd);
         }
         out = fresh;
         return true;

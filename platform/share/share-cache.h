@@ -3,15 +3,15 @@
 // call; opening SQLite and reading the table each time dominated it.
 //
 // Freshness:
-// - the database file is checked on every use through a descriptor kept
-//   from when the table was read (fstat, no path walk): its device, inode,
-//   size, mtime and ctime (nanoseconds) must be unchanged and it must still
-//   be linked, so a share added by another process is seen on the next
-//   call. A database replaced by rename or removed leaves the kept inode
-//   without links; a different platform root is a different path;
-// - a table read while the file was modified less than two seconds before
-//   is not kept (a second write inside one timestamp tick could leave size
-//   and times unchanged): the next call reads again until the file settles;
+// - the database file is stat-ed on every use; its path (the platform root
+//   may change), device, inode, size, mtime and ctime (nanoseconds) must
+//   match those seen when the table was read, so a share added by another
+//   process, or a database put in place of the old one, is seen on the
+//   next call;
+// - a table read while the file's contents were modified (mtime) less than
+//   two seconds before is not kept (a second write inside one timestamp
+//   tick could leave size and times unchanged): the next call reads again
+//   until the file settles;
 // - every write through this library (ShareTableChanged) drops the tables
 //   of all threads;
 // - a root recorded by its real path (what kova-admin and KOVAShareSet

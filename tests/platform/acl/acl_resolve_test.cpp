@@ -1,0 +1,147 @@
+// Where the path calls act and with which ids: the folder that was resolved
+// is the one written in, a folder swapped for a link between two calls is
+// judged where it now leads, administrators below a share root do not read
+// the ancestors, and every call hands the caller its own ids back.
+#include "acl-fixture.h"
+
+#include "as-identity.h"
+#include "kova/account.h"
+#include "kova/acl.h"
+#include "kova/errcode.h"
+#include "kova/klibc.h"
+
+#include <grp.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <string>
+#include <vector>
+
+namespace {
+
+using kova_acl_test::AclFixture;
+using kova_acl_test::RawRecord;
+using kova_acl_test::WriteRawRecord;
+using kova_test::Identity;
+using kova_test::RunAs;
+
+const Identity kAdmin{1040, 1040, {KOVA_ADMIN_GID}};
+const Identity kAlice{1030, 1030, {2000}};
+
+// 0 on success, else the high byte of the last error.
+int Code(int rc) { return rc < 0 ? (KLIBCErrGet() >> 8) : 0; }
+
+int SetOne(const std::string &p, const char *entry, bool inherits = true) {
+    PKOVA_ACL acl = KOVAACLAlloc(0);
+    PKOVA_ACL_ENTRY e = KOVAACLAceAlloc();
+    KOVAACLAceParse(entry, e);
+    KOVAACLAceAppend(acl, e);
+    acl->isInherited = inherits ? 1 : 0;
+    int rc = KOVAACLSet(p.c_str(), -1, acl);
+    KOVAACLFree(acl);
+    return Code(rc);
+}
+
+// The ids a RunAs child started with are still in force.
+bool SameIds(const Identity &who) {
+    if (geteuid() != who.uid || getegid() != who.gid) return false;
+    std::vector<gid_t> groups(64);
+    int n = getgroups(static_cast<int>(groups.size()), groups.data());
+    if (n < 0) return false;
+    groups.resize(static_cast<size_t>(n));
+    return groups == who.groups;
+}
+
+class AclResolve : public AclFixture {};
+
+TEST_F(AclResolve, AFolderSwappedForALinkIsJudgedWhereItLeads) {
+    Dir(In("a"));
+    File(In("a/f"));
+    Dir(root_.At("outside"));
+    // Below the share root an administrator may write.
+    ASSERT_EQ(RunAs(kAdmin, [&] { return SetOne(In("a/f"), "user:1030:allow:r------------:----"); }), 0);
+    const std::string written = RawRecord(In("a/f"));
+    ASSERT_FALSE(written.empty());
+
+    // The folder moves out of every share and a link takes its place.
+    ASSERT_EQ(rename(In("a").c_str(), root_.At("outside/a").c_str()), 0);
+    ASSERT_EQ(symlink(root_.At("outside/a").c_str(), In("a").c_str()), 0);
+    // The same path now reaches a file outside the share: the administrator
+    // is judged by its entries there, which do not grant change_perm.
+    EXPECT_EQ(RunAs(kAdmin, [&] { return SetOne(In("a/f"), "everyone:-1:allow:rwxpdDaARWcCo:----"); }), 0xD8);
+    EXPECT_EQ(RawRecord(root_.At("outside/a/f")), written);
+    // Root writes where the path really leads, not in a stale place.
+    EXPECT_EQ(SetOne(In("a/f"), "user:1031:allow:r------------:----"), 0);
+    EXPECT_NE(RawRecord(root_.At("outside/a/f")), written);
+    EXPECT_EQ(RawRecord(In("a")), "");  // the link itself was left alone
+}
+
+TEST_F(AclResolve, DotAndDotDotNamesAndFinalLinksWriteTheRightRecord) {
+    Dir(In("d/sub"));
+    File(In("d/target"));
+    ASSERT_EQ(symlink(In("d/target").c_str(), In("d/link").c_str()), 0);
+    // "d/sub/.." and "d/." both name d itself.
+    ASSERT_EQ(SetOne(In("d/sub/.."), "user:1030:allow:r------------:----"), 0);
+    const std::string viaDotDot = RawRecord(In("d"));
+    EXPECT_FALSE(viaDotDot.empty());
+    EXPECT_EQ(RawRecord(In("d/sub")), "");
+    ASSERT_EQ(SetOne(In("d/."), "user:1031:allow:r------------:----"), 0);
+    EXPECT_NE(RawRecord(In("d")), viaDotDot);
+    // A link is its own subject: its record changes, its target's does not.
+    ASSERT_EQ(SetOne(In("d/link"), "user:1032:allow:r------------:----"), 0);
+    EXPECT_FALSE(RawRecord(In("d/link")).empty());
+    EXPECT_EQ(RawRecord(In("d/target")), "");
+    // A link in the middle of the path is followed to the real folder.
+    ASSERT_EQ(symlink(In("d").c_str(), In("alias").c_str()), 0);
+    ASSERT_EQ(SetOne(In("alias/sub"), "user:1033:allow:r------------:----"), 0);
+    EXPECT_FALSE(RawRecord(In("d/sub")).empty());
+    EXPECT_EQ(RawRecord(In("alias")), "");
+}
+
+TEST_F(AclResolve, AdministratorsBelowTheRootDoNotDependOnAncestors) {
+    Dir(In("d"));
+    File(In("d/f"));
+    ASSERT_EQ(SetAcl(In("d/f"), {"user:1030:allow:rwxpdDaARWcCo:----"}, true), 0);
+    ASSERT_TRUE(WriteRawRecord(In("d"), std::string(40, 'x')));
+    // An administrator's rights below the root come from its group alone:
+    // the damaged ancestor does not stop its writes.
+    EXPECT_EQ(RunAs(kAdmin, [&] { return SetOne(In("d/f"), "user:1030:allow:rwxpdDaARWcCo:----"); }), 0);
+    EXPECT_EQ(RunAs(kAdmin, [&] { return Code(KOVAACLRemove(In("d/f").c_str(), -1)); }), 0);
+    // A user whose right is an entry must have the inherited ones read,
+    // and the damaged ancestor stops that.
+    ASSERT_EQ(SetAcl(In("d/f"), {"user:1030:allow:rwxpdDaARWcCo:----"}, true), 0);
+    EXPECT_EQ(RunAs(kAlice, [&] { return SetOne(In("d/f"), "user:1030:allow:rwxpdDaARWcCo:----"); }),
+              KOVA_ERR_CORRUPT >> 8);
+    // The administrator's own record must still be readable to be kept.
+    ASSERT_TRUE(WriteRawRecord(In("d/f"), std::string(40, 'x')));
+    EXPECT_EQ(RunAs(kAdmin, [&] { return SetOne(In("d/f"), "everyone:-1:allow:r------------:----"); }),
+              KOVA_ERR_CORRUPT >> 8);
+    EXPECT_EQ(RawRecord(In("d/f")), std::string(40, 'x'));
+}
+
+TEST_F(AclResolve, EveryCallHandsTheCallerItsIdsBack) {
+    Dir(In("d"));
+    File(In("d/f"));
+    for (const Identity &who : {kAdmin, kAlice}) {
+        EXPECT_EQ(RunAs(who,
+                        [&] {
+                            int bad = 0;
+                            SetOne(In("d/f"), "user:1030:allow:r------------:----");  // allowed or not
+                            bad |= SameIds(who) ? 0 : 1;
+                            SetOne(Share(), "everyone:-1:allow:r------------:----");  // refused
+                            bad |= SameIds(who) ? 0 : 2;
+                            SetOne(In("missing/f"), "everyone:-1:allow:r------------:----");  // no such path
+                            bad |= SameIds(who) ? 0 : 4;
+                            PKOVA_ACL acl = nullptr;
+                            KOVAACLGet(In("d/f").c_str(), -1, KOVA_ACL_GET_ALL, &acl);
+                            KOVAACLFree(acl);
+                            bad |= SameIds(who) ? 0 : 8;
+                            return bad;
+                        }),
+                  0)
+            << who.uid;
+    }
+}
+
+} // namespace

@@ -1,0 +1,158 @@
+// The share table a process keeps: another process's changes to the share
+// database are seen on the next lookup, also when they leave its size and
+// modification time as they were; a database put in place of the old one
+// or removed is noticed; a root recorded through a link follows the link.
+#include "kova/errcode.h"
+#include "kova/klibc.h"
+#include "kova/share.h"
+#include "temp-root.h"
+
+#include <gtest/gtest.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <functional>
+#include <string>
+
+namespace {
+
+class ShareCache : public ::testing::Test {
+protected:
+    void SetUp() override {
+        vol_ = root_.At("volumes/volume1");
+        db_ = root_.At("etc/shares.db");
+        for (const char *d : {"data", "other", "otheR", "real1", "real2"}) ASSERT_TRUE(kova_test::MakeDirs(vol_ + "/" + d));
+        ASSERT_EQ(Add("data", vol_ + "/data"), 0);
+    }
+    static int Add(const std::string &name, const std::string &path) {
+        KOVA_SHARE s;
+        std::memset(&s, 0, sizeof s);
+        std::snprintf(s.szName, sizeof s.szName, "%s", name.c_str());
+        std::snprintf(s.szPath, sizeof s.szPath, "%s", path.c_str());
+        return KOVAShareSet(&s);
+    }
+    // "name|root" of the share holding p, or "err:0xCODE".
+    static std::string Lookup(const std::string &p) {
+        char name[KOVA_SHARE_NAME_MAX] = "", path[4096] = "";
+        if (KOVAShareNamePathGet(p.c_str(), name, sizeof name, path, sizeof path) < 0) {
+            char buf[32];
+            std::snprintf(buf, sizeof buf, "err:0x%04X", KLIBCErrGet());
+            return buf;
+        }
+        return std::string(name) + "|" + path;
+    }
+    // Makes the database look written a minute ago, so that this process
+    // keeps the table it reads next (a fresh write is re-read every time).
+    void Age(const struct timespec &mtime) {
+        struct timespec times[2] = {mtime, mtime};
+        ASSERT_EQ(utimensat(AT_FDCWD, db_.c_str(), times, 0), 0);
+    }
+    struct timespec MinuteAgo() const {
+        struct timespec t;
+        clock_gettime(CLOCK_REALTIME, &t);
+        t.tv_sec -= 60;
+        return t;
+    }
+    // Runs body in another process; its exit status.
+    static int InOtherProcess(const std::function<int()> &body) {
+        pid_t pid = fork();
+        if (pid == 0) _exit(body());
+        int st = 0;
+        if (pid < 0 || waitpid(pid, &st, 0) != pid || !WIFEXITED(st)) return -1;
+        return WEXITSTATUS(st);
+    }
+    kova_test::TempRoot root_;
+    std::string vol_, db_;
+};
+
+TEST_F(ShareCache, AnotherProcessesChangesAreSeenOnTheNextCall) {
+    const struct timespec old = MinuteAgo();
+    Age(old);
+    EXPECT_EQ(Lookup(vol_ + "/data/x"), "data|" + vol_ + "/data");
+    EXPECT_EQ(Lookup(vol_ + "/other/x"), "err:0x2500");
+
+    ASSERT_EQ(InOtherProcess([&] { return Add("other", vol_ + "/other") == 0 ? 0 : 1; }), 0);
+    EXPECT_EQ(Lookup(vol_ + "/other/x"), "other|" + vol_ + "/other");
+
+    // A change that keeps the file's size, its modification time put back
+    // as it was: the status change time still tells.
+    Age(old);
+    EXPECT_EQ(Lookup(vol_ + "/other/x"), "other|" + vol_ + "/other");
+    struct timespec pause = {0, 50 * 1000 * 1000};  // past one timestamp tick
+    nanosleep(&pause, nullptr);
+    struct stat before;
+    ASSERT_EQ(stat(db_.c_str(), &before), 0);
+    ASSERT_EQ(InOtherProcess([&] { return Add("other", vol_ + "/otheR") == 0 ? 0 : 1; }), 0);
+    Age(old);
+    struct stat after;
+    ASSERT_EQ(stat(db_.c_str(), &after), 0);
+    EXPECT_EQ(after.st_size, before.st_size);  // the case this step is about
+    EXPECT_EQ(Lookup(vol_ + "/otheR/x"), "other|" + vol_ + "/otheR");
+    EXPECT_EQ(Lookup(vol_ + "/other/x"), "err:0x2500");
+
+    ASSERT_EQ(InOtherProcess([&] { return KOVAShareDelete("other") == 0 ? 0 : 1; }), 0);
+    Age(old);
+    EXPECT_EQ(Lookup(vol_ + "/otheR/x"), "err:0x2500");
+}
+
+TEST_F(ShareCache, ADatabasePutInPlaceOrRemovedIsNoticed) {
+    const struct timespec old = MinuteAgo();
+    Age(old);
+    EXPECT_EQ(Lookup(vol_ + "/data/x"), "data|" + vol_ + "/data");
+    // The database moves aside and one with another share takes its place.
+    const std::string aside = db_ + ".aside";
+    ASSERT_EQ(rename(db_.c_str(), aside.c_str()), 0);
+    ASSERT_EQ(InOtherProcess([&] { return Add("other", vol_ + "/other") == 0 ? 0 : 1; }), 0);
+    Age(old);
+    EXPECT_EQ(Lookup(vol_ + "/data/x"), "err:0x2500");
+    EXPECT_EQ(Lookup(vol_ + "/other/x"), "other|" + vol_ + "/other");
+    // No database: no shares.
+    ASSERT_EQ(unlink(db_.c_str()), 0);
+    EXPECT_EQ(Lookup(vol_ + "/other/x"), "err:0x2500");
+    // The first one comes back.
+    ASSERT_EQ(rename(aside.c_str(), db_.c_str()), 0);
+    EXPECT_EQ(Lookup(vol_ + "/data/x"), "data|" + vol_ + "/data");
+}
+
+TEST_F(ShareCache, WritesOfThisProcessAndOtherRootsAreSeenAtOnce) {
+    const struct timespec old = MinuteAgo();
+    Age(old);
+    EXPECT_EQ(Lookup(vol_ + "/data/x"), "data|" + vol_ + "/data");
+    ASSERT_EQ(KOVAShareDelete("data"), 0);
+    EXPECT_EQ(Lookup(vol_ + "/data/x"), "err:0x2500");
+    ASSERT_EQ(Add("data", vol_ + "/data"), 0);
+    Age(old);
+    EXPECT_EQ(Lookup(vol_ + "/data/x"), "data|" + vol_ + "/data");
+    {
+        // Another platform root has its own database.
+        kova_test::TempRoot other;
+        EXPECT_EQ(Lookup(vol_ + "/data/x"), "err:0x2500");
+    }
+    EXPECT_EQ(Lookup(vol_ + "/data/x"), "data|" + vol_ + "/data");
+}
+
+TEST_F(ShareCache, ARootRecordedThroughALinkFollowsTheLink) {
+    const std::string link = vol_ + "/current";
+    ASSERT_EQ(symlink((vol_ + "/real1").c_str(), link.c_str()), 0);
+    ASSERT_EQ(Add("linked", link), 0);
+    Age(MinuteAgo());
+    EXPECT_EQ(Lookup(vol_ + "/real1/x"), "linked|" + vol_ + "/real1");
+    EXPECT_EQ(Lookup(vol_ + "/real2/x"), "err:0x2500");
+    // The link is pointed elsewhere; the database does not change.
+    ASSERT_EQ(unlink(link.c_str()), 0);
+    ASSERT_EQ(symlink((vol_ + "/real2").c_str(), link.c_str()), 0);
+    EXPECT_EQ(Lookup(vol_ + "/real2/x"), "linked|" + vol_ + "/real2");
+    EXPECT_EQ(Lookup(vol_ + "/real1/x"), "err:0x2500");
+    // Gone, then back.
+    ASSERT_EQ(unlink(link.c_str()), 0);
+    EXPECT_EQ(Lookup(vol_ + "/real2/x"), "err:0x2500");
+    ASSERT_EQ(symlink((vol_ + "/real1").c_str(), link.c_str()), 0);
+    EXPECT_EQ(Lookup(vol_ + "/real1/x"), "linked|" + vol_ + "/real1");
+}
+
+} // namespace
