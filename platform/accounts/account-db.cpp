@@ -10,6 +10,8 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -119,6 +121,42 @@ bool OpenFresh(const std::string &path, kova_internal::Database &db, const struc
     return true;
 }
 
+// What the memo's rows were read from: the file's identity and state, and
+// the change counter in the database header.
+struct MemoTag {
+    dev_t dev = 0;
+    ino_t ino = 0;
+    off_t size = -1;
+    struct timespec mtime = {0, 0};
+    uint32_t counter = 0;
+
+    bool operator==(const MemoTag &o) const {
+        return dev == o.dev && ino == o.ino && size == o.size && mtime.tv_sec == o.mtime.tv_sec &&
+               mtime.tv_nsec == o.mtime.tv_nsec && counter == o.counter;
+    }
+};
+
+// Bytes 16..31 of the header: the read/write format versions (1 for a
+// rollback journal, 2 for WAL) at 18 and 19, the change counter at 24.
+bool ReadTag(sqlite3 *db, const struct stat &st, MemoTag &tag) {
+    if (st.st_size < 100) return false;
+    sqlite3_file *file = nullptr;
+    if (sqlite3_file_control(db, "main", SQLITE_FCNTL_FILE_POINTER, &file) != SQLITE_OK || !file || !file->pMethods)
+        return false;
+    unsigned char h[16];
+    if (file->pMethods->xRead(file, h, sizeof(h), 16) != SQLITE_OK) return false;
+    if (h[2] != 1 || h[3] != 1) return false;
+    tag.dev = st.st_dev;
+    tag.ino = st.st_ino;
+    tag.size = st.st_size;
+    tag.mtime = st.st_mtim;
+    tag.counter = (uint32_t(h[8]) << 24) | (uint32_t(h[9]) << 16) | (uint32_t(h[10]) << 8) | uint32_t(h[11]);
+    return true;
+}
+
+// Rows beyond this many are not worth a lookup table; start again.
+constexpr size_t kMemoLimit = 4096;
+
 // This thread's connection and what it was opened on.
 struct Connection {
     kova_internal::Database db;
@@ -127,6 +165,8 @@ struct Connection {
     dev_t dev = 0;
     ino_t ino = 0;
     int sessions = 0; // open AccountSessions using it (calls can nest)
+    RowMemo memo;
+    std::optional<MemoTag> tag; // what memo holds; none: memo empty
 
     ~Connection() { Forget(); }
 
@@ -140,6 +180,8 @@ struct Connection {
         }
         db = kova_internal::Database();
         path.clear();
+        memo.clear();
+        tag.reset();
     }
 };
 
@@ -148,58 +190,88 @@ Connection &ThisThread() {
     return conn;
 }
 
-bool SameFile(const Connection &c, const std::string &path, const struct stat &st) {
-    return c.db.is_open() && c.pid == getpid() && c.path == path && c.dev == st.st_dev && c.ino == st.st_ino;
+bool SameFile(const Connection &c, pid_t pid, const std::string &path, const struct stat &st) {
+    return c.db.is_open() && c.pid == pid && c.path == path && c.dev == st.st_dev && c.ino == st.st_ino;
 }
 
 } // namespace
+
+void RowMemo::clear() {
+    usersByName.clear();
+    usersByUid.clear();
+    groupsByName.clear();
+    groupsByGid.clear();
+    gidsByUid.clear();
+}
 
 AccountSession::~AccountSession() {
     if (counted_) --ThisThread().sessions;
 }
 
+kova_internal::Database &AccountSession::db() {
+    // A hot journal (left by a writer that died) must be rolled back before
+    // anything is read, and that takes root.
+    if (!journalChecked_) {
+        journalChecked_ = true;
+        if (!root_ && access((path_ + "-journal").c_str(), F_OK) == 0) root_.emplace();
+    }
+    return *db_;
+}
+
 bool AccountSession::Open(Mode mode) {
     Connection &c = ThisThread();
+    pid_t pid = getpid();
     // A call made while another session of this thread is open (a nested
-    // call) shares its connection as it is; replacing it would pull the
-    // handle from under the outer session.
-    if (c.sessions > 0 && c.db.is_open() && c.pid == getpid()) {
+    // call) shares its connection as it is, without the memo; replacing the
+    // connection would pull it from under the outer session.
+    if (c.sessions > 0 && c.db.is_open() && c.pid == pid) {
         if (mode == kWrite) root_.emplace();
+        path_ = c.path;
         db_ = &c.db;
         ++c.sessions;
         counted_ = true;
         return true;
     }
-    std::string path = AccountDbPath();
+    path_ = AccountDbPath();
     struct stat st;
-    bool exists = stat(path.c_str(), &st) == 0;
-    // A hot journal (left by a writer that died) must be rolled back, which
-    // takes root; so does any write. Plain reads use the open descriptor.
-    bool needRoot = mode == kWrite || !exists || !SameFile(c, path, st) || access((path + "-journal").c_str(), F_OK) == 0;
-    if (needRoot) {
+    bool exists = stat(path_.c_str(), &st) == 0;
+    // Writes and (re)opening need root; reads of an open connection do not.
+    if (mode == kWrite || !exists || !SameFile(c, pid, path_, st)) {
         root_.emplace();
+        journalChecked_ = true;
         // The directory may be closed to the caller: look again as root.
-        if (!exists) exists = stat(path.c_str(), &st) == 0;
+        if (!exists) exists = stat(path_.c_str(), &st) == 0;
     }
-    if (!exists || !SameFile(c, path, st)) {
+    if (!exists || !SameFile(c, pid, path_, st)) {
         c.Forget();
         kova_internal::Database fresh;
-        if (!OpenFresh(path, fresh, exists ? &st : nullptr, root_->ok())) return false;
+        if (!OpenFresh(path_, fresh, exists ? &st : nullptr, root_->ok())) return false;
         // Identify what was opened, not what the path named before.
-        struct stat opened;
-        if (stat(path.c_str(), &opened) != 0) {
+        if (stat(path_.c_str(), &st) != 0) {
             KOVA_FAIL(KOVA_ERR_IO);
             return false;
         }
         c.db = std::move(fresh);
-        c.path = path;
-        c.pid = getpid();
-        c.dev = opened.st_dev;
-        c.ino = opened.st_ino;
+        c.path = path_;
+        c.pid = pid;
+        c.dev = st.st_dev;
+        c.ino = st.st_ino;
     }
     db_ = &c.db;
     ++c.sessions;
     counted_ = true;
+    if (mode != kRead) return true;
+    MemoTag now;
+    if (!ReadTag(c.db.get(), st, now)) {
+        c.memo.clear();
+        c.tag.reset();
+        return true;
+    }
+    if (!c.tag || !(*c.tag == now) || c.memo.size() > kMemoLimit) {
+        c.memo.clear();
+        c.tag = now;
+    }
+    memo_ = &c.memo;
     return true;
 }
 

@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <vector>
 
 using namespace kova_accounts;
 using kova_internal::Guarded;
@@ -17,12 +18,11 @@ namespace {
 // administrators group, 0 when not, -1 on failure.
 int IsAdminMember(AccountSession &s, const UserRow &user) {
     if (user.gid == KOVA_ADMIN_GID) return 1;
-    kova_internal::Statement st(s.db(), "SELECT 1 FROM members WHERE uid = ?1 AND gid = ?2");
-    if (!st.ok()) return -1;
-    st.Bind(1, static_cast<long long>(user.uid)).Bind(2, static_cast<long long>(KOVA_ADMIN_GID));
-    int rc = st.Step();
-    if (rc == SQLITE_ROW) return 1;
-    return rc == SQLITE_DONE ? 0 : -1;
+    std::vector<unsigned> gids;
+    if (!UserGids(s, user, gids)) return -1;
+    for (unsigned g : gids)
+        if (g == KOVA_ADMIN_GID) return 1;
+    return 0;
 }
 } // namespace
 

@@ -68,7 +68,7 @@ extern "C" int KOVAUserPasswordCheck(const char *szName, const char *szPassword)
     return Guarded(-1, [&]() -> int {
         if (!szName || !szPassword) return KOVA_FAIL(KOVA_ERR_BADARG), -1;
         AccountSession s;
-        if (!s.Open()) return -1;
+        if (!s.Open(AccountSession::kReadSecrets)) return -1;
         auto row = RequireUser(s, szName);
         if (!row) return -1;
         // Disabled accounts and accounts without a password never log in,

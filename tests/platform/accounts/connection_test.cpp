@@ -78,6 +78,25 @@ TEST(AccountConnection, WarmProcessSeesOtherProcessesAndReplacedFiles) {
     EXPECT_FALSE(UserExists("zed"));
     EXPECT_EQ(KLIBCErrGet(), KOVA_ERR_NOUSER);
 
+    // Lookups repeated by a warm process are answered again after every
+    // change, also when the change leaves the file's size as it was.
+    ASSERT_EQ(Admin(root.path(), "user add yan --password first1 --desc d0"), 0);
+    for (int i = 1; i <= 4; ++i) {
+        PKOVA_USER u = nullptr;
+        ASSERT_EQ(KOVAUserGet("yan", &u), 0);
+        std::string before = u->szDesc ? u->szDesc : "";
+        KOVAUserFree(u);
+        EXPECT_EQ(before, "d" + std::to_string(i - 1));
+        ASSERT_EQ(Admin(root.path(), "user set yan --desc d" + std::to_string(i)), 0);
+        ASSERT_EQ(KOVAUserGet("yan", &u), 0);
+        EXPECT_STREQ(u->szDesc, ("d" + std::to_string(i)).c_str());
+        KOVAUserFree(u);
+    }
+    EXPECT_EQ(KOVAUserPasswordCheck("yan", "first1"), 0);
+    ASSERT_EQ(Admin(root.path(), "user passwd yan second"), 0);
+    EXPECT_NE(KOVAUserPasswordCheck("yan", "first1"), 0);
+    EXPECT_EQ(KOVAUserPasswordCheck("yan", "second"), 0);
+
     // A file put in place of the open one (a restore, say) is the one read,
     // not the old file the connection still holds.
     ASSERT_EQ(KOVAUserAdd("old", -1, nullptr, nullptr, nullptr, 0), 0);
