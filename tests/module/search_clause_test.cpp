@@ -32,12 +32,8 @@ TEST(SearchClause, ClauseTextIsExact) {
 }
 
 TEST(SearchClause, UpperColumnsAreRecognisedInAnyCase) {
-    EXPECT_TRUE(IsUpperColumn("name_upper"));
-    EXPECT_TRUE(IsUpperColumn("NameUpper"));
-    EXPECT_TRUE(IsUpperColumn("UPPER"));
-    EXPECT_FALSE(IsUpperColumn("name"));
-    EXPECT_FALSE(IsUpperColumn("uppe"));
-    EXPECT_FALSE(IsUpperColumn("Description"));
+    for (const char *column : {"name_upper", "NameUpper", "UPPER"}) EXPECT_TRUE(IsUpperColumn(column)) << column;
+    for (const char *column : {"name", "uppe", "Description"}) EXPECT_FALSE(IsUpperColumn(column)) << column;
 }
 
 TEST(SearchClause, UpperCasing) {
