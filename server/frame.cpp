@@ -41,18 +41,26 @@ bool ReadAll(int fd, char *p, size_t n) {
 } // namespace
 
 std::string ToJsonText(const Json::Value &v) {
-    Json::StreamWriterBuilder b;
-    b["indentation"] = "";
-    b["emitUTF8"] = true;
-    return Json::writeString(b, v);
+    // Built once: every frame and reply goes through here. The builder is
+    // only read afterwards, so the front's HTTP threads may share it.
+    static const Json::StreamWriterBuilder builder = [] {
+        Json::StreamWriterBuilder b;
+        b["indentation"] = "";
+        b["emitUTF8"] = true;
+        return b;
+    }();
+    return Json::writeString(builder, v);
 }
 
 bool ParseJsonText(const std::string &text, Json::Value &out) {
-    Json::CharReaderBuilder b;
-    b["collectComments"] = false;
-    b["failIfExtra"] = true;
-    b["rejectDupKeys"] = false;
-    std::unique_ptr<Json::CharReader> reader(b.newCharReader());
+    static const Json::CharReaderBuilder builder = [] {
+        Json::CharReaderBuilder b;
+        b["collectComments"] = false;
+        b["failIfExtra"] = true;
+        b["rejectDupKeys"] = false;
+        return b;
+    }();
+    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
     std::string errs;
     Json::Value v;
     if (!reader->parse(text.data(), text.data() + text.size(), &v, &errs)) return false;

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <exception>
+#include <utility>
 
 #include "error-codes.h"
 #include "frame.h"
@@ -94,7 +95,7 @@ int WorkerMain(int fd, const ModuleRegistry &registry, Logs &logs) {
                        request["api"].asString() + "." + request["method"].asString() + "; exiting");
         }
         Json::Value frame(Json::objectValue);
-        frame["response"] = reply;
+        frame["response"] = std::move(reply);
         frame["retire"] = !restored;
         if (!WriteFrame(fd, frame)) return 1;
         if (!restored) return 2;
