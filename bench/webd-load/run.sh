@@ -106,6 +106,9 @@ measure() {
   echo "$rps $p99"
 }
 
+if [[ ! -S /dev/log ]]; then
+  echo "note: no /dev/log here, so every module syslog line costs a socket and a failed connect"
+fi
 echo "reply size: $SIZE bytes; wrk: $THREADS threads, $CONNS connections, ${SECONDS_RUN}s; $WORKERS workers each"
 read -r WEBD_RPS WEBD_P99 < <(measure -s "$WORK/post.lua" "$URL")
 read -r NGINX_RPS NGINX_P99 < <(measure "http://127.0.0.1:$NPORT/reply.json")
