@@ -22,27 +22,81 @@ size_t CutAtBoundary(const char *s, size_t len) {
 }
 } // namespace
 
+namespace {
+
+// One case map per thread: opening one costs far more than mapping a name.
+struct CaseMap {
+    UCaseMap *map = nullptr;
+    ~CaseMap() {
+        if (map) ucasemap_close(map);
+    }
+};
+
+UCaseMap *ThreadCaseMap() {
+    thread_local CaseMap holder;
+    if (!holder.map) {
+        UErrorCode status = U_ZERO_ERROR;
+        holder.map = ucasemap_open("", 0, &status);
+        if (U_FAILURE(status)) holder.map = nullptr;
+    }
+    return holder.map;
+}
+
+bool IsAscii(const char *s, size_t len) {
+    for (size_t i = 0; i < len; ++i)
+        if (static_cast<unsigned char>(s[i]) >= 0x80) return false;
+    return true;
+}
+
+bool IsValidUtf8(const char *s, size_t len) {
+    const uint8_t *bytes = reinterpret_cast<const uint8_t *>(s);
+    int32_t i = 0;
+    const int32_t n = static_cast<int32_t>(len);
+    while (i < n) {
+        UChar32 c;
+        U8_NEXT(bytes, i, n, c);
+        if (c < 0) return false;
+    }
+    return true;
+}
+
+} // namespace
+
 extern "C" int KLIBCUnicodeUTF8StrUpper(const char *in, char *out, size_t cbOut) {
     KOVA_FAULT_POINT("KLIBCUnicodeUTF8StrUpper", int);
     if (!in || !out || cbOut == 0) {
         KOVA_FAIL(KOVA_ERR_BADARG);
         return -1;
     }
-    UErrorCode status = U_ZERO_ERROR;
-    UCaseMap *map = ucasemap_open("", 0, &status);
-    if (U_FAILURE(status)) {
+    size_t inLen = std::strlen(in);
+    // ASCII text upper-cases to ASCII of the same length under full Unicode
+    // case mapping too, so most account names never reach ICU.
+    if (IsAscii(in, inLen)) {
+        size_t len = inLen < cbOut ? inLen : cbOut - 1;
+        for (size_t i = 0; i < len; ++i) {
+            char c = in[i];
+            out[i] = (c >= 'a' && c <= 'z') ? static_cast<char>(c - 'a' + 'A') : c;
+        }
+        out[len] = '\0';
+        return static_cast<int>(len);
+    }
+    if (!IsValidUtf8(in, inLen)) {
+        KOVA_FAIL(KOVA_ERR_BADARG);
+        return -1;
+    }
+    UCaseMap *map = ThreadCaseMap();
+    if (!map) {
         KOVA_FAIL(KOVA_ERR_NOMEM);
         return -1;
     }
-    int32_t inLen = static_cast<int32_t>(std::strlen(in));
-    std::vector<char> buf(static_cast<size_t>(inLen) * 3 + 4);
-    int32_t n = ucasemap_utf8ToUpper(map, buf.data(), static_cast<int32_t>(buf.size()), in, inLen, &status);
+    UErrorCode status = U_ZERO_ERROR;
+    std::vector<char> buf(inLen * 3 + 4);
+    int32_t n = ucasemap_utf8ToUpper(map, buf.data(), static_cast<int32_t>(buf.size()), in, static_cast<int32_t>(inLen), &status);
     if (status == U_BUFFER_OVERFLOW_ERROR) {
         status = U_ZERO_ERROR;
         buf.resize(static_cast<size_t>(n) + 1);
-        n = ucasemap_utf8ToUpper(map, buf.data(), static_cast<int32_t>(buf.size()), in, inLen, &status);
+        n = ucasemap_utf8ToUpper(map, buf.data(), static_cast<int32_t>(buf.size()), in, static_cast<int32_t>(inLen), &status);
     }
-    ucasemap_close(map);
     if (U_FAILURE(status)) {
         KOVA_FAIL(KOVA_ERR_BADARG);
         return -1;

@@ -44,6 +44,13 @@ TEST(Unicode, UpperCasesBeyondAsciiAndCutsAtCharacterBoundary) {
     // "éé" upper-cased needs 4 bytes; with room for 3 the second é is dropped whole.
     ASSERT_GE(KLIBCUnicodeUTF8StrUpper("éé", out, 4), 0);
     EXPECT_STREQ(out, "É");
+    // ASCII takes a shorter road; it must agree, cut at the buffer too.
+    ASSERT_EQ(KLIBCUnicodeUTF8StrUpper("admin_01 %x", out, sizeof(out)), 11);
+    EXPECT_STREQ(out, "ADMIN_01 %X");
+    ASSERT_EQ(KLIBCUnicodeUTF8StrUpper("abcdef", out, 4), 3);
+    EXPECT_STREQ(out, "ABC");
+    // Invalid UTF-8 is refused rather than passed through half-mapped.
+    EXPECT_LT(KLIBCUnicodeUTF8StrUpper("ab\xC3", out, sizeof(out)), 0);
     EXPECT_LT(KLIBCUnicodeUTF8StrUpper(nullptr, out, sizeof(out)), 0);
     EXPECT_EQ(KLIBCErrGet(), KOVA_ERR_BADARG);
 }
