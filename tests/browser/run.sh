@@ -18,6 +18,7 @@ if [[ ! -d $HERE/node_modules/playwright-core ]]; then
 fi
 [[ -x $BUILD/bin/kova-webd && -x $BUILD/bin/kova-admin && -d $BUILD/modules ]] || { echo "no build in $BUILD" >&2; exit 1; }
 
+mkdir -p "$HERE/artifacts"
 ROOT=$(mktemp -d /tmp/kova-browser-XXXXXX)
 rmdir "$ROOT"  # demo.sh creates it and marks it as its own
 cleanup() {
