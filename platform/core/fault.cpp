@@ -47,12 +47,12 @@ void LoadEnvLocked(FaultTable &t) {
     t.envLoaded = true;
     const char *env = std::getenv("KOVA_FAULTS");
     if (!env || !*env) return;
-    std::string spec(env);
+    std::string entries(env);
     size_t pos = 0;
-    while (pos <= spec.size()) {
-        size_t end = spec.find(',', pos);
-        if (end == std::string::npos) end = spec.size();
-        std::string item = spec.substr(pos, end - pos);
+    while (pos <= entries.size()) {
+        size_t end = entries.find(',', pos);
+        if (end == std::string::npos) end = entries.size();
+        std::string item = entries.substr(pos, end - pos);
         pos = end + 1;
         if (item.empty()) continue;
         // Names may contain "::" (class methods), so the three numbers are
