@@ -13,6 +13,8 @@
 #include "kova/errcode.h"
 #include "kova/klibc.h"
 
+#include "run-admin.h"
+
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -27,19 +29,7 @@ using Names = std::vector<std::string>;
 
 namespace {
 
-// Runs the built kova-admin with extra environment; returns the exit
-// status and the combined output.
-int Admin(const std::string &args, std::string *out = nullptr, const std::string &env = "") {
-    std::string cmd = env + " " + kova_test::BuildDir() + "/bin/kova-admin " + args + " 2>&1";
-    FILE *p = popen(cmd.c_str(), "r");
-    if (!p) return -1;
-    std::string text;
-    char buf[512];
-    while (size_t n = fread(buf, 1, sizeof(buf), p)) text.append(buf, n);
-    int status = pclose(p);
-    if (out) *out = text;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
+using kova_test::RunAdmin;
 
 using kova_accountdb_test::Handle;
 using kova_accountdb_test::TempFiles;
@@ -97,12 +87,12 @@ TEST_F(LdapSync, SyncFillsTheCacheAndQueriesFindEntries) {
     TempRoot root;
     std::string out;
     // Anonymous: subject to the server's size limit of 50, so only paging reads all.
-    ASSERT_EQ(Admin("ldap bind --uri " + server_->uri() + " --base " + server_->base() + " --suffix example.com", &out), 0) << out;
+    ASSERT_EQ(RunAdmin("ldap bind --uri " + server_->uri() + " --base " + server_->base() + " --suffix example.com", &out), 0) << out;
     EXPECT_NE(KOVALDAPIsBinded(), 0);
     char suffix[64];
     ASSERT_EQ(KOVALDAPLoginSuffixGet(suffix, sizeof(suffix)), 0);
     EXPECT_STREQ(suffix, "example.com");
-    ASSERT_EQ(Admin("ldap sync", &out), 0) << out;
+    ASSERT_EQ(RunAdmin("ldap sync", &out), 0) << out;
     EXPECT_NE(out.find("synced 302 users and 13 groups"), std::string::npos) << out;
 
     uint64_t total = 0;
@@ -127,7 +117,7 @@ TEST_F(LdapSync, SyncFillsTheCacheAndQueriesFindEntries) {
     EXPECT_EQ(seen, (Names{"user0290@example.com", "user0291@example.com"}));
 
     // Unbinding drops the binding and the cache.
-    ASSERT_EQ(Admin("ldap unbind", &out), 0) << out;
+    ASSERT_EQ(RunAdmin("ldap unbind", &out), 0) << out;
     EXPECT_EQ(KOVALDAPIsBinded(), 0);
     EXPECT_EQ(KOVAACCOUNTDBOpen(KOVA_ACCOUNTDB_LDAP, 0, KOVA_ACCOUNTDB_TYPE_ENUM, nullptr, 0), nullptr);
 }
@@ -135,19 +125,19 @@ TEST_F(LdapSync, SyncFillsTheCacheAndQueriesFindEntries) {
 TEST_F(LdapSync, FailedSyncsKeepThePreviousCache) {
     TempRoot root;
     std::string out;
-    ASSERT_EQ(Admin("ldap bind --uri " + server_->uri() + " --base " + server_->base() + " --binddn " + server_->rootDn() +
+    ASSERT_EQ(RunAdmin("ldap bind --uri " + server_->uri() + " --base " + server_->base() + " --binddn " + server_->rootDn() +
                         " --password " + server_->rootPassword() + " --suffix example.com",
                     &out),
               0)
         << out;
-    ASSERT_EQ(Admin("ldap sync", &out), 0) << out;
+    ASSERT_EQ(RunAdmin("ldap sync", &out), 0) << out;
     uint64_t total = 0;
     FindUsers("USER", &total);
     ASSERT_EQ(total, 300u);
     std::string dir = root.At("var/cache/accountdb");
 
     // A fault half-way through the rows (each cached name is upper-cased once).
-    EXPECT_NE(Admin("ldap sync", &out, "KOVA_FAULTS=KLIBCUnicodeUTF8StrUpper:150:-1:0x0800"), 0);
+    EXPECT_NE(RunAdmin("ldap sync", &out, "KOVA_FAULTS=KLIBCUnicodeUTF8StrUpper:150:-1:0x0800"), 0);
     EXPECT_NE(out.find("previous cache is kept"), std::string::npos) << out;
     EXPECT_NE(out.find("0x0800"), std::string::npos) << out;
     EXPECT_EQ(TempFiles(dir), 0);
@@ -155,7 +145,7 @@ TEST_F(LdapSync, FailedSyncsKeepThePreviousCache) {
     EXPECT_EQ(total, 300u);
 
     // Wrong credentials are refused and change nothing.
-    EXPECT_NE(Admin("ldap bind --uri " + server_->uri() + " --base " + server_->base() + " --binddn " + server_->rootDn() +
+    EXPECT_NE(RunAdmin("ldap bind --uri " + server_->uri() + " --base " + server_->base() + " --binddn " + server_->rootDn() +
                         " --password wrong --suffix other.org",
                     &out),
               0);
@@ -166,7 +156,7 @@ TEST_F(LdapSync, FailedSyncsKeepThePreviousCache) {
 
     // The server goes away: the sync fails, the cache stays readable.
     server_->Stop();
-    EXPECT_NE(Admin("ldap sync", &out), 0);
+    EXPECT_NE(RunAdmin("ldap sync", &out), 0);
     EXPECT_NE(out.find("0xE500"), std::string::npos) << out;
     Rows r = FindUsers("USER0007", &total);
     EXPECT_EQ(r.names, (Names{"user0007"}));
@@ -176,10 +166,10 @@ TEST_F(LdapSync, FailedSyncsKeepThePreviousCache) {
 TEST_F(LdapSync, DomainJoinFromLdapAndLdifFillsBothVariants) {
     TempRoot root;
     std::string out;
-    ASSERT_EQ(Admin("domain join CORP --from-ldap " + server_->uri() + " --base " + server_->base(), &out), 0) << out;
-    ASSERT_EQ(Admin("domain join LAB --from-ldif " + server_->LdifPath(), &out), 0) << out;
+    ASSERT_EQ(RunAdmin("domain join CORP --from-ldap " + server_->uri() + " --base " + server_->base(), &out), 0) << out;
+    ASSERT_EQ(RunAdmin("domain join LAB --from-ldif " + server_->LdifPath(), &out), 0) << out;
     EXPECT_NE(out.find("302 users and 13 groups"), std::string::npos) << out;
-    ASSERT_EQ(Admin("domain set --trusted yes", &out), 0) << out;
+    ASSERT_EQ(RunAdmin("domain set --trusted yes", &out), 0) << out;
     EXPECT_NE(KOVAWinsIsJoined(), 0);
     EXPECT_NE(KOVAWinIsEnableTrustDomain(), 0);
     int total = KLIBUserInfoEnumBySubstr(KOVA_ACCOUNT_SRC_DOMAIN, 0, 0, 0, "mixedcase", 1, nullptr, nullptr);
@@ -201,12 +191,12 @@ TEST_F(LdapSync, DomainJoinFromLdapAndLdifFillsBothVariants) {
     ASSERT_EQ(KOVAACCOUNTDBCoreEnumExec(h.get(), nullptr, nullptr), 0);
     EXPECT_EQ(KOVAACCOUNTDBGetEnumCount(h.get()), 1u);
 
-    ASSERT_EQ(Admin("domain leave CORP", &out), 0) << out;
+    ASSERT_EQ(RunAdmin("domain leave CORP", &out), 0) << out;
     PKLIBC_SZLIST list = KLIBCSzListAlloc(64);
     ASSERT_EQ(KOVAWinsEnumAllDomains(&list), 1);
     EXPECT_STREQ(KLIBCSzListGet(list, 0), "LAB");
     KLIBCSzListFree(list);
-    EXPECT_NE(Admin("domain join BAD/NAME --from-ldif " + server_->LdifPath(), &out), 0);
-    EXPECT_NE(Admin("domain join X --from-ldif /nonexistent.ldif", &out), 0);
+    EXPECT_NE(RunAdmin("domain join BAD/NAME --from-ldif " + server_->LdifPath(), &out), 0);
+    EXPECT_NE(RunAdmin("domain join X --from-ldif /nonexistent.ldif", &out), 0);
     EXPECT_EQ(KLIBUserInfoEnumBySubstr(KOVA_ACCOUNT_SRC_DOMAIN, 0, 0, 0, "mixedcase", 1, nullptr, nullptr), 1);
 }
