@@ -11,6 +11,7 @@
 #include <sys/xattr.h>
 
 #include <cerrno>
+#include <cstring>
 
 namespace kova_acl {
 
@@ -42,8 +43,9 @@ struct Place {
     ssize_t Get(void *buf, size_t size) const {
         return At() ? GetXattrAt(dirFd, name, kAttrName, buf, size) : lgetxattr(path, kAttrName, buf, size);
     }
-    int Set(const void *value, size_t size) const {
-        return At() ? SetXattrAt(dirFd, name, kAttrName, value, size) : lsetxattr(path, kAttrName, value, size, 0);
+    int Set(const void *value, size_t size, int flags = 0) const {
+        return At() ? SetXattrAt(dirFd, name, kAttrName, value, size, flags)
+                    : lsetxattr(path, kAttrName, value, size, flags);
     }
     int Remove() const { return At() ? RemoveXattrAt(dirFd, name, kAttrName) : lremovexattr(path, kAttrName); }
 };
@@ -51,12 +53,15 @@ struct Place {
 Place PlaceOf(const std::string &path) { return Place{-1, nullptr, path.c_str()}; }
 Place PlaceOf(const Target &t) { return Place{t.parent.get(), t.name.c_str(), t.path.c_str()}; }
 
-bool Read(const Place &where, StoredAcl &out, bool &present) {
+// One byte more than the largest valid record: a longer value is corrupt
+// and reads as ERANGE.
+typedef char RecordBuffer[kMaxRecordSize + 1];
+
+// The raw value in buf; n its size when present. False with the last error
+// set when the read failed for another reason than "no record".
+bool ReadRaw(const Place &where, RecordBuffer &buf, ssize_t &n, bool &present) {
     present = false;
-    // One byte more than the largest valid record: a longer value is corrupt
-    // and reads as ERANGE.
-    char buf[kMaxRecordSize + 1];
-    ssize_t n = where.Get(buf, sizeof buf);
+    n = where.Get(buf, sizeof buf);
     if (n < 0) {
         switch (errno) {
         case ENODATA:
@@ -69,8 +74,19 @@ bool Read(const Place &where, StoredAcl &out, bool &present) {
         default: KOVA_FAIL(KOVA_ERR_IO); return false;
         }
     }
-    if (!DecodeRecord(buf, static_cast<size_t>(n), out)) return false;
     present = true;
+    return true;
+}
+
+bool Read(const Place &where, StoredAcl &out, bool &present) {
+    RecordBuffer buf;
+    ssize_t n = 0;
+    if (!ReadRaw(where, buf, n, present)) return false;
+    if (!present) return true;
+    if (!DecodeRecord(buf, static_cast<size_t>(n), out)) {
+        present = false;
+        return false;
+    }
     return true;
 }
 
@@ -82,6 +98,53 @@ bool Write(const Place &where, const StoredAcl &acl) {
         return false;
     }
     return true;
+}
+
+bool KeepingGroupOwner(const Place &where, StoredAcl &next, bool replaceCorrupt) {
+    next.hasGroupOwner = false;
+    next.ownerGid = 0;
+    std::string rec;
+    if (!EncodeRecord(next, rec)) return false;
+    // Most paths have no record yet: creating it is then the whole job, and
+    // the kernel refuses the create when one exists. Otherwise the stored
+    // record is read for its group owner and rewritten unless it already
+    // says the same. A record removed or created by someone else between
+    // these steps sends the loop round again; a few rounds are plenty.
+    for (int round = 0; round < 8; ++round) {
+        if (where.Set(rec.data(), rec.size(), XATTR_CREATE) == 0) return true;
+        if (errno != EEXIST) {
+            KOVA_FAIL(WriteError(errno));
+            return false;
+        }
+        RecordBuffer buf;
+        ssize_t n = 0;
+        bool present = false;
+        if (!ReadRaw(where, buf, n, present)) return false;
+        if (!present) continue;
+        StoredAcl cur;
+        if (DecodeRecord(buf, static_cast<size_t>(n), cur)) {
+            if (cur.hasGroupOwner != next.hasGroupOwner || cur.ownerGid != next.ownerGid) {
+                next.hasGroupOwner = cur.hasGroupOwner;
+                next.ownerGid = cur.ownerGid;
+                if (!EncodeRecord(next, rec)) return false;
+            }
+            if (static_cast<size_t>(n) == rec.size() && std::memcmp(buf, rec.data(), rec.size()) == 0) return true;
+        } else if (!replaceCorrupt) {
+            return false;
+        } else if (next.hasGroupOwner) {
+            // A damaged record has no group owner to keep.
+            next.hasGroupOwner = false;
+            next.ownerGid = 0;
+            if (!EncodeRecord(next, rec)) return false;
+        }
+        if (where.Set(rec.data(), rec.size(), XATTR_REPLACE) == 0) return true;
+        if (errno != ENODATA) {
+            KOVA_FAIL(WriteError(errno));
+            return false;
+        }
+    }
+    KOVA_FAIL(KOVA_ERR_IO);
+    return false;
 }
 
 bool Remove(const Place &where) {
@@ -99,5 +162,8 @@ bool RemoveStored(const std::string &path) { return Remove(PlaceOf(path)); }
 bool ReadStored(const Target &t, StoredAcl &out, bool &present) { return Read(PlaceOf(t), out, present); }
 bool WriteStored(const Target &t, const StoredAcl &acl) { return Write(PlaceOf(t), acl); }
 bool RemoveStored(const Target &t) { return Remove(PlaceOf(t)); }
+bool WriteStoredKeepingGroupOwner(const Target &t, StoredAcl &next, bool replaceCorrupt) {
+    return KeepingGroupOwner(PlaceOf(t), next, replaceCorrupt);
+}
 
 } // namespace kova_acl

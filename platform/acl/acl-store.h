@@ -30,6 +30,15 @@ bool ReadStored(const Target &t, StoredAcl &out, bool &present);
 bool WriteStored(const Target &t, const StoredAcl &acl);
 bool RemoveStored(const Target &t);
 
+// Writes next's inherit flag and entries while keeping the group owner the
+// path's record holds now (next's own group-owner fields are replaced by
+// it). For callers whose right to write does not depend on the stored
+// record: a path without one costs a single create, and a record that
+// already says the same is not written again. A damaged record fails
+// (KOVA_ERR_CORRUPT) unless replaceCorrupt, when it is replaced and has no
+// group owner to keep.
+bool WriteStoredKeepingGroupOwner(const Target &t, StoredAcl &next, bool replaceCorrupt);
+
 } // namespace kova_acl
 
 #endif

@@ -2,22 +2,40 @@
 #include "evaluate.h"
 
 #include "kova/account.h"
-#include "kova-internal/identity.h"
+#include <unistd.h>
+
+#include <cerrno>
 
 #include <algorithm>
 
 namespace kova_acl {
 
 Principal Principal::Caller() {
-    kova_internal::Caller c = kova_internal::Caller::Current();
     Principal p;
     p.kind = KOVA_ACL_ID_USER;
-    p.uid = c.uid;
-    p.isRoot = c.IsRoot();
-    p.isAdmin = c.InGroup(KOVA_ADMIN_GID);
-    p.gids.push_back(c.gid);
-    for (gid_t g : c.groups)
-        if (g != c.gid) p.gids.push_back(g);
+    p.uid = geteuid();
+    const gid_t egid = getegid();
+    p.isRoot = p.uid == 0;
+    // One getgroups call for the usual few groups; only a caller with more
+    // than fit here pays for asking the count first.
+    gid_t few[32];
+    std::vector<gid_t> many;
+    const gid_t *groups = few;
+    int n = getgroups(static_cast<int>(sizeof few / sizeof few[0]), few);
+    if (n < 0 && errno == EINVAL) {
+        const int count = getgroups(0, nullptr);
+        if (count > 0) {
+            many.resize(static_cast<size_t>(count));
+            n = getgroups(count, many.data());
+            groups = many.data();
+        }
+    }
+    if (n < 0) n = 0;
+    p.gids.reserve(static_cast<size_t>(n) + 1);
+    p.gids.push_back(egid);
+    for (int i = 0; i < n; ++i)
+        if (groups[i] != egid) p.gids.push_back(groups[i]);
+    p.isAdmin = std::find(p.gids.begin(), p.gids.end(), static_cast<uint32_t>(KOVA_ADMIN_GID)) != p.gids.end();
     return p;
 }
 

@@ -74,7 +74,7 @@ extern "C" int KOVAACLGet(const char *szPath, int fd, int selector, PKOVA_ACL *p
     Principal caller = Principal::Caller();
     PathState s;
     {
-        Elevation root;
+        Elevation root(caller.uid);
         if (!root.ok() || !LoadPathState(szPath, s)) return -1;
     }
     if (!Holds(s, caller, KOVA_ACL_PERM_READ_ACL)) {
@@ -101,21 +101,31 @@ extern "C" int KOVAACLSet(const char *szPath, int fd, const KOVA_ACL *pAcl) {
     std::vector<Ace> entries;
     if (!EntriesFromPublic(*pAcl, entries)) return -1;
     Principal caller = Principal::Caller();
-    Elevation root;
+    Elevation root(caller.uid);
     PathState s;
-    // Root may overwrite a damaged record; everyone else needs it readable to
-    // be judged.
-    const unsigned flags = caller.isRoot ? (kSkipInherited | kIgnoreCorruptOwn) : kLoadAll;
-    if (!root.ok() || !LoadPathState(szPath, s, flags, &caller)) return -1;
+    if (!root.ok() || !LocateTarget(szPath, s.target)) return -1;
+    StoredAcl next;
+    next.inherits = pAcl->isInherited != 0;
+    next.entries = std::move(entries);
+    // Root, and an administrator below a share root, may write whatever the
+    // path holds now: the record is read only for the group owner it keeps
+    // (and to refuse a damaged one unless the caller is root). They need no
+    // lstat either: root's rights depend on nothing, and strictly below a
+    // share root a link's share is its path's; a missing path fails the
+    // write itself.
+    if (RightsIgnoreEntries(caller, s.target.BelowShareRoot()))
+        return WriteStoredKeepingGroupOwner(s.target, next, caller.isRoot) ? 0 : -1;
+    // A link standing at a share root's path belongs to its folder's share.
+    if (!StatTarget(s.target)) return -1;
+    if (RightsIgnoreEntries(caller, s.target.BelowShareRoot()))
+        return WriteStoredKeepingGroupOwner(s.target, next, caller.isRoot) ? 0 : -1;
+    if (!LoadResolvedState(s, kLoadAll, &caller)) return -1;
     if (!Holds(s, caller, KOVA_ACL_PERM_WRITE_ACL)) {
         KOVA_FAIL(KOVA_ERR_ACL_DENIED);
         return -1;
     }
-    StoredAcl next;
-    next.inherits = pAcl->isInherited != 0;
     next.hasGroupOwner = s.stored && s.own.hasGroupOwner;
     next.ownerGid = next.hasGroupOwner ? s.own.ownerGid : 0;
-    next.entries = std::move(entries);
     return WriteStored(s.target, next) ? 0 : -1;
 }
 
@@ -126,7 +136,7 @@ extern "C" int KOVAACLRemove(const char *szPath, int fd) {
         return -1;
     }
     Principal caller = Principal::Caller();
-    Elevation root;
+    Elevation root(caller.uid);
     PathState s;
     if (!root.ok() ||
         !LoadPathState(szPath, s, caller.isRoot ? (kSkipInherited | kIgnoreCorruptOwn) : kLoadAll, &caller))
@@ -186,7 +196,7 @@ extern "C" int KOVAACLPermGet(const char *szPath, unsigned int *pPermission) {
     Principal caller = Principal::Caller();
     PathState s;
     {
-        Elevation root;
+        Elevation root(caller.uid);
         if (!root.ok() || !LoadPathState(szPath, s)) return -1;
     }
     *pPermission = s.RightsOf(caller) & KOVA_ACL_PERM_ALL;
@@ -202,7 +212,7 @@ extern "C" int KOVAACLPermCheck(const char *szPath, unsigned int permission) {
     Principal caller = Principal::Caller();
     PathState s;
     {
-        Elevation root;
+        Elevation root(caller.uid);
         if (!root.ok() || !LoadPathState(szPath, s)) return -1;
     }
     if (!Holds(s, caller, permission)) {

@@ -52,7 +52,7 @@ extern "C" int KOVAACLOwnerIdSet(const char *szPath, const KOVA_ACL_ID *pOwner) 
         return -1;
     }
     Principal caller = Principal::Caller();
-    Elevation root;
+    Elevation root(caller.uid);
     PathState s;
     // The entries are kept when the owner changes, so a damaged record is
     // refused even for root.

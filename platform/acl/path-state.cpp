@@ -13,7 +13,9 @@
 
 namespace kova_acl {
 
-Elevation::Elevation() : uid_(geteuid()), ok_(true) {
+Elevation::Elevation() : Elevation(geteuid()) {}
+
+Elevation::Elevation(uid_t currentEuid) : uid_(currentEuid), ok_(true) {
     if (uid_ != 0 && setresuid(static_cast<uid_t>(-1), 0, static_cast<uid_t>(-1)) != 0) {
         ok_ = false;
         KOVA_FAIL(KOVA_ERR_PERM);
@@ -36,7 +38,10 @@ uint32_t PathState::RightsOf(const Principal &p) const {
 }
 
 bool LoadPathState(const char *szPath, PathState &out, unsigned flags, const Principal *judged) {
-    if (!ResolveTarget(szPath, out.target)) return false;
+    return ResolveTarget(szPath, out.target) && LoadResolvedState(out, flags, judged);
+}
+
+bool LoadResolvedState(PathState &out, unsigned flags, const Principal *judged) {
     if (judged && RightsIgnoreEntries(*judged, out.target.BelowShareRoot())) flags |= kSkipInherited;
     bool present = false;
     if (!ReadStored(out.target, out.own, present)) {

@@ -43,6 +43,9 @@ enum LoadFlags : unsigned {
 bool LoadPathState(const char *szPath, PathState &out, unsigned flags = kLoadAll,
                    const Principal *judged = nullptr);
 
+// The same for a state whose target is resolved already.
+bool LoadResolvedState(PathState &out, unsigned flags, const Principal *judged);
+
 // Effective uid 0 for its lifetime, the caller's uid back afterwards; ok()
 // false (last error KOVA_ERR_PERM) when the process cannot raise it (it
 // needs a saved uid of 0, which the server and its tasks keep). Only the
@@ -53,6 +56,9 @@ bool LoadPathState(const char *szPath, PathState &out, unsigned flags = kLoadAll
 class Elevation {
 public:
     Elevation();
+    // For a caller that has just read its effective uid (Principal::Caller):
+    // saves asking the kernel again.
+    explicit Elevation(uid_t currentEuid);
     ~Elevation();
     Elevation(const Elevation &) = delete;
     Elevation &operator=(const Elevation &) = delete;

@@ -14,6 +14,7 @@
 
 #include <cerrno>
 #include <climits>
+#include <cstring>
 
 namespace kova_acl {
 
@@ -51,44 +52,64 @@ bool ShareRootOf(const std::string &canonical, bool &inShare, std::string &root)
     return true;
 }
 
-bool ResolveTarget(const char *szPath, Target &t) {
+bool LocateTarget(const char *szPath, Target &t) {
     if (!szPath || szPath[0] != '/') {
         KOVA_FAIL(KOVA_ERR_BADARG);
         return false;
     }
-    std::string p = szPath;
-    if (p.size() >= PATH_MAX) {
+    const size_t len = std::strlen(szPath);
+    if (len >= PATH_MAX) {
         KOVA_FAIL(KOVA_ERR_BADPATH);
         return false;
     }
+    std::string p(szPath, len);
     while (p.size() > 1 && p.back() == '/') p.pop_back();
     size_t slash = p.rfind('/');
     std::string name = p.substr(slash + 1);
-    std::string toResolve = (name.empty() || name == "." || name == "..") ? p : (slash == 0 ? "/" : p.substr(0, slash));
+    const bool wholePath = name.empty() || name == "." || name == "..";
     std::string base;
     int dirFd = -1;
-    const bool wholePath = toResolve == p;
-    const int err = kova_share::RealPathOf(toResolve, base, wholePath ? nullptr : &dirFd);
+    if (!wholePath) p.resize(slash == 0 ? 1 : slash);
+    const int err = kova_share::RealPathOf(p, base, wholePath ? nullptr : &dirFd);
     if (err != 0) {
         KOVA_FAIL(err == ENOENT || err == ENOTDIR ? KOVA_ERR_NOENT : KOVA_ERR_BADPATH);
         return false;
     }
-    if (wholePath)
-        t.path = base;
-    else
-        t.path = base == "/" ? "/" + name : base + "/" + name;
+    if (wholePath) {
+        t.path.swap(base);
+    } else {
+        t.path.swap(base);
+        if (t.path != "/") t.path += '/';
+        t.path += name;
+    }
     // The parent is open already: the final name is looked up in it rather
     // than by walking the whole path again.
     t.parent = OwnedFd(dirFd);
-    t.name = dirFd >= 0 ? name : std::string();
-    const int statRc = dirFd >= 0 ? fstatat(dirFd, name.c_str(), &t.st, AT_SYMLINK_NOFOLLOW)
-                                  : lstat(t.path.c_str(), &t.st);
+    if (dirFd >= 0)
+        t.name.swap(name);
+    else
+        t.name.clear();
+    t.hasStat = false;
+    return ShareRootOf(t.path, t.inShare, t.shareRoot);
+}
+
+bool StatTarget(Target &t) {
+    const int statRc = t.parent.get() >= 0 ? fstatat(t.parent.get(), t.name.c_str(), &t.st, AT_SYMLINK_NOFOLLOW)
+                                           : lstat(t.path.c_str(), &t.st);
     if (statRc != 0) {
         KOVA_FAIL(errno == ENOENT || errno == ENOTDIR ? KOVA_ERR_NOENT : KOVA_ERR_BADPATH);
         return false;
     }
+    t.hasStat = true;
     // A link is judged by the folder that holds it, never by what it names.
-    return ShareRootOf(S_ISLNK(t.st.st_mode) ? ParentOf(t.path) : t.path, t.inShare, t.shareRoot);
+    // Only a link at a share root's own path is held by another share than
+    // its path's (LocateTarget): a path strictly below a root has its folder
+    // in the same share.
+    if (S_ISLNK(t.st.st_mode) && t.inShare && t.path == t.shareRoot)
+        return ShareRootOf(ParentOf(t.path), t.inShare, t.shareRoot);
+    return true;
 }
+
+bool ResolveTarget(const char *szPath, Target &t) { return LocateTarget(szPath, t) && StatTarget(t); }
 
 } // namespace kova_acl

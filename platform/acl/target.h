@@ -37,6 +37,7 @@ struct Target {
     // one written in. Not open (-1) for "/" and paths ending in "." or "..".
     OwnedFd parent;
     std::string name;
+    bool hasStat = false;   // st is filled (StatTarget)
 
     bool IsDir() const { return S_ISDIR(st.st_mode); }
     bool AtShareRoot() const { return inShare && path == shareRoot; }
@@ -46,6 +47,15 @@ struct Target {
 // Fills t; false with the last error set (KOVA_ERR_BADARG, KOVA_ERR_NOENT,
 // KOVA_ERR_BADPATH, or a share lookup failure other than "no share").
 bool ResolveTarget(const char *szPath, Target &t);
+
+// ResolveTarget in two steps, for a caller that may not need the lstat.
+// LocateTarget fills path, parent, name and the share of the path, but not
+// st: the path itself may be missing. StatTarget then fills st (a missing
+// path fails it) and, for a link standing at a share root's path, takes the
+// share of the folder holding it. The share LocateTarget finds is already
+// final when the path lies strictly below that share's root, link or not.
+bool LocateTarget(const char *szPath, Target &t);
+bool StatTarget(Target &t);
 
 // The share root of an existing canonical directory path; empty when no
 // share holds it. False when the lookup itself failed.

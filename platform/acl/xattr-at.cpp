@@ -68,12 +68,13 @@ ssize_t GetXattrAt(int dirFd, const char *name, const char *attr, void *value, s
     return RawGet(dirFd, name, attr, value, size);
 }
 
-int SetXattrAt(int dirFd, const char *name, const char *attr, const void *value, size_t size) {
+int SetXattrAt(int dirFd, const char *name, const char *attr, const void *value, size_t size, int flags) {
     if (!XattrAtAvailable()) {
         errno = ENOSYS;
         return -1;
     }
-    XattrArgs args{static_cast<uint64_t>(reinterpret_cast<uintptr_t>(value)), static_cast<uint32_t>(size), 0};
+    XattrArgs args{static_cast<uint64_t>(reinterpret_cast<uintptr_t>(value)), static_cast<uint32_t>(size),
+                   static_cast<uint32_t>(flags)};
     return static_cast<int>(syscall(kSetXattrAt, dirFd, name, AT_SYMLINK_NOFOLLOW, attr, &args, sizeof args));
 }
 

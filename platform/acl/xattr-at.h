@@ -17,7 +17,8 @@ bool XattrAtAvailable();
 
 // As lgetxattr / lsetxattr / lremovexattr of dirFd's path + "/" + name.
 ssize_t GetXattrAt(int dirFd, const char *name, const char *attr, void *value, size_t size);
-int SetXattrAt(int dirFd, const char *name, const char *attr, const void *value, size_t size);
+// flags: 0, XATTR_CREATE or XATTR_REPLACE, as for lsetxattr.
+int SetXattrAt(int dirFd, const char *name, const char *attr, const void *value, size_t size, int flags = 0);
 int RemoveXattrAt(int dirFd, const char *name, const char *attr);
 
 } // namespace kova_acl

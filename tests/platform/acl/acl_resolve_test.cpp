@@ -53,6 +53,8 @@ bool SameIds(const Identity &who) {
     return groups == who.groups;
 }
 
+int RemoveFileRecord(const std::string &p) { return Code(KOVAACLRemove(p.c_str(), -1)); }
+
 class AclResolve : public AclFixture {};
 
 TEST_F(AclResolve, AFolderSwappedForALinkIsJudgedWhereItLeads) {
@@ -118,6 +120,70 @@ TEST_F(AclResolve, AdministratorsBelowTheRootDoNotDependOnAncestors) {
     EXPECT_EQ(RunAs(kAdmin, [&] { return SetOne(In("d/f"), "everyone:-1:allow:r------------:----"); }),
               KOVA_ERR_CORRUPT >> 8);
     EXPECT_EQ(RawRecord(In("d/f")), std::string(40, 'x'));
+}
+
+// Root and administrators below a share root write without reading the
+// record first when the path has none; a path with one keeps its group
+// owner, a record that already says the same is left as it is, and a
+// missing path is refused without anything being made.
+TEST_F(AclResolve, WritersWhoseRightsIgnoreEntriesKeepTheGroupOwner) {
+    Dir(In("d"));
+    File(In("d/f"));
+    File(In("d/g"));
+    const KOVA_ACL_ID group{KOVA_ACL_ID_GROUP, 2000};
+    ASSERT_EQ(KOVAACLOwnerIdSet(In("d/f").c_str(), &group), 0);
+    const std::string grouped = RawRecord(In("d/f"));
+    ASSERT_FALSE(grouped.empty());
+    for (const Identity &who : {Identity{0, 0, {}}, kAdmin}) {
+        SCOPED_TRACE(who.uid);
+        EXPECT_EQ(RunAs(who, [&] { return SetOne(In("d/f"), "user:1030:allow:r------------:----"); }), 0);
+        const std::string first = RawRecord(In("d/f"));
+        EXPECT_NE(first, grouped);
+        KOVA_ACL_ID owner{0, 0};
+        ASSERT_EQ(KOVAACLOwnerIdGet(In("d/f").c_str(), &owner), 0);
+        EXPECT_EQ(owner.idType, KOVA_ACL_ID_GROUP);
+        EXPECT_EQ(owner.id, 2000);
+        // The same ACL again: nothing changes.
+        EXPECT_EQ(RunAs(who, [&] { return SetOne(In("d/f"), "user:1030:allow:r------------:----"); }), 0);
+        EXPECT_EQ(RawRecord(In("d/f")), first);
+        // Another one replaces the entries and still keeps the group.
+        EXPECT_EQ(RunAs(who, [&] { return SetOne(In("d/f"), "user:1031:allow:rw-----------:----", false); }), 0);
+        std::vector<std::string> entries;
+        bool inherits = true;
+        ASSERT_TRUE(GetAcl(In("d/f"), KOVA_ACL_GET_OWN, entries, &inherits));
+        EXPECT_EQ(entries, std::vector<std::string>({"user:1031:allow:rw-----------:----:0"}));
+        EXPECT_FALSE(inherits);
+        ASSERT_EQ(KOVAACLOwnerIdGet(In("d/f").c_str(), &owner), 0);
+        EXPECT_EQ(owner.idType, KOVA_ACL_ID_GROUP);
+        EXPECT_EQ(owner.id, 2000);
+        // A path without a record gets one with the file's user as owner.
+        ASSERT_EQ(RemoveFileRecord(In("d/g")), 0);
+        EXPECT_EQ(RunAs(who, [&] { return SetOne(In("d/g"), "user:1030:allow:r------------:----"); }), 0);
+        ASSERT_EQ(KOVAACLOwnerIdGet(In("d/g").c_str(), &owner), 0);
+        EXPECT_EQ(owner.idType, KOVA_ACL_ID_USER);
+        EXPECT_EQ(owner.id, 0);
+        ASSERT_TRUE(GetAcl(In("d/g"), KOVA_ACL_GET_OWN, entries));
+        EXPECT_EQ(entries, std::vector<std::string>({"user:1030:allow:r------------:----:0"}));
+        // A missing name in an existing folder: refused, nothing made.
+        EXPECT_EQ(RunAs(who, [&] { return SetOne(In("d/missing"), "user:1030:allow:r------------:----"); }),
+                  KOVA_ERR_NOENT >> 8);
+        struct stat st;
+        EXPECT_NE(lstat(In("d/missing").c_str(), &st), 0);
+    }
+}
+
+// The administrator group is found however many groups the caller has.
+TEST_F(AclResolve, AdministratorFoundAmongManyGroups) {
+    Dir(In("d"));
+    File(In("d/f"));
+    ASSERT_EQ(SetAcl(In("d/f"), {"everyone:-1:deny:rwxpdDaARWcCo:----"}, false), 0);
+    Identity many{1041, 1041, {}};
+    for (gid_t g = 3000; g < 3100; ++g) many.groups.push_back(g);
+    many.groups.push_back(KOVA_ADMIN_GID);
+    EXPECT_EQ(RunAs(many, [&] { return SetOne(In("d/f"), "user:1030:allow:r------------:----"); }), 0);
+    many.groups.pop_back();
+    EXPECT_EQ(RunAs(many, [&] { return SetOne(In("d/f"), "user:1030:allow:r------------:----"); }),
+              KOVA_ERR_ACL_DENIED >> 8);
 }
 
 TEST_F(AclResolve, EveryCallHandsTheCallerItsIdsBack) {
