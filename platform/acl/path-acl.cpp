@@ -60,6 +60,13 @@ bool IsAclCapable(int fsType) {
     }
 }
 
+// Reads everything the rights of a path depend on (own record, ancestors,
+// owner) as root, for a caller judged afterwards with its own ids.
+bool LoadForCaller(const char *szPath, const Principal &caller, PathState &s) {
+    Elevation root(caller.uid);
+    return root.ok() && LoadPathState(szPath, s);
+}
+
 // The caller's rights on a loaded path; for the checks below.
 bool Holds(const PathState &s, const Principal &caller, uint32_t bits) { return (s.RightsOf(caller) & bits) == bits; }
 
@@ -73,10 +80,7 @@ extern "C" int KOVAACLGet(const char *szPath, int fd, int selector, PKOVA_ACL *p
     }
     Principal caller = Principal::Caller();
     PathState s;
-    {
-        Elevation root(caller.uid);
-        if (!root.ok() || !LoadPathState(szPath, s)) return -1;
-    }
+    if (!LoadForCaller(szPath, caller, s)) return -1;
     if (!Holds(s, caller, KOVA_ACL_PERM_READ_ACL)) {
         KOVA_FAIL(KOVA_ERR_PERM);
         return -1;
@@ -195,10 +199,7 @@ extern "C" int KOVAACLPermGet(const char *szPath, unsigned int *pPermission) {
     }
     Principal caller = Principal::Caller();
     PathState s;
-    {
-        Elevation root(caller.uid);
-        if (!root.ok() || !LoadPathState(szPath, s)) return -1;
-    }
+    if (!LoadForCaller(szPath, caller, s)) return -1;
     *pPermission = s.RightsOf(caller) & KOVA_ACL_PERM_ALL;
     return 0;
 }
@@ -211,10 +212,7 @@ extern "C" int KOVAACLPermCheck(const char *szPath, unsigned int permission) {
     }
     Principal caller = Principal::Caller();
     PathState s;
-    {
-        Elevation root(caller.uid);
-        if (!root.ok() || !LoadPathState(szPath, s)) return -1;
-    }
+    if (!LoadForCaller(szPath, caller, s)) return -1;
     if (!Holds(s, caller, permission)) {
         KOVA_FAIL(KOVA_ERR_PERM);
         return 0;

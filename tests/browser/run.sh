@@ -41,7 +41,7 @@ done
 
 status=0
 KOVA_URL=$URL KOVA_CHROMIUM=$CHROMIUM KOVA_ARTIFACTS=$HERE/artifacts KOVA_ROOT_DIR=$ROOT \
-  node --test --test-reporter=spec "$HERE/editor.test.mjs" || status=$?
+  node --test --test-reporter=tap "$HERE/editor.test.mjs" || status=$?
 
 # Stop the server and wait for it, so that a sanitizer build has written its
 # report; any report fails the test.
