@@ -10,6 +10,7 @@
 // Must run as root (the library raises to root and needs a saved uid 0).
 #include "kova/acl.h"
 #include "kova/share.h"
+#include "timing.h"
 
 #include <fcntl.h>
 #include <grp.h>
@@ -31,12 +32,6 @@ namespace {
 const uid_t kAdminUid = 5000;
 const uid_t kUserUid = 5001;
 const gid_t kAdminGid = 101;
-
-double Now() {
-    struct timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return ts.tv_sec + ts.tv_nsec / 1e9;
-}
 
 [[noreturn]] void Die(const std::string &what) {
     std::fprintf(stderr, "acl-set-bench: %s\n", what.c_str());
@@ -68,7 +63,7 @@ double CpuNow() {
 
 double Pass(const std::vector<std::string> &paths, long &failures, double &cpu) {
     failures = 0;
-    const double start = Now(), cpuStart = CpuNow();
+    const double start = kova_bench::Seconds(), cpuStart = CpuNow();
     for (const std::string &p : paths) {
         PKOVA_ACL acl = KOVAACLAlloc(0);
         if (!acl) Die("KOVAACLAlloc");
@@ -77,7 +72,7 @@ double Pass(const std::vector<std::string> &paths, long &failures, double &cpu) 
         KOVAACLFree(acl);
     }
     cpu = CpuNow() - cpuStart;
-    return Now() - start;
+    return kova_bench::Seconds() - start;
 }
 
 } // namespace

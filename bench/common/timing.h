@@ -11,6 +11,9 @@ namespace kova_bench {
 
 using Clock = std::chrono::steady_clock;
 
+// Seconds on the monotonic clock, for runs timed from start to end.
+double Seconds();
+
 // Milliseconds from a to b.
 double Ms(Clock::time_point a, Clock::time_point b);
 

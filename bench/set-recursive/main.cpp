@@ -12,6 +12,7 @@
 #include "kova/account.h"
 #include "kova/module.h"
 #include "kova/share.h"
+#include "timing.h"
 #include "kova/webapi.h"
 
 #include <dlfcn.h>
@@ -35,12 +36,6 @@
 namespace {
 
 const char kUser[] = "benchadmin";
-
-double Now() {
-    struct timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return ts.tv_sec + ts.tv_nsec / 1e9;
-}
 
 [[noreturn]] void Die(const std::string &what) {
     std::fprintf(stderr, "set-recursive-bench: %s\n", what.c_str());
@@ -176,7 +171,7 @@ RunResult RunOurs(const Module &module, const std::string &top, const std::strin
     params["acl_recur"] = true;
 
     RunResult out;
-    const double start = Now();
+    const double start = kova_bench::Seconds();
     Json::Value started = module.Call(module.set(), params);
     if (!started["success"].asBool()) Die("set failed: " + started.toStyledString());
     const std::string taskId = started["data"]["task_id"].asString();
@@ -207,7 +202,7 @@ RunResult RunOurs(const Module &module, const std::string &top, const std::strin
         }
         usleep(20000);
     }
-    out.seconds = Now() - start;
+    out.seconds = kova_bench::Seconds() - start;
     out.maxRssKb = hwm;
     if (pid > 0) {
         int st = 0;
@@ -222,7 +217,7 @@ RunResult RunOurs(const Module &module, const std::string &top, const std::strin
 
 RunResult RunTool(const std::vector<std::string> &argv) {
     RunResult out;
-    const double start = Now();
+    const double start = kova_bench::Seconds();
     pid_t pid = fork();
     if (pid < 0) Die("fork");
     if (pid == 0) {
@@ -235,7 +230,7 @@ RunResult RunTool(const std::vector<std::string> &argv) {
     int st = 0;
     struct rusage ru;
     if (wait4(pid, &st, 0, &ru) != pid || !WIFEXITED(st) || WEXITSTATUS(st) != 0) Die(argv[0] + " failed");
-    out.seconds = Now() - start;
+    out.seconds = kova_bench::Seconds() - start;
     out.maxRssKb = ru.ru_maxrss;
     out.cpuSeconds = CpuOf(ru);
     return out;
@@ -269,12 +264,12 @@ int main(int argc, char **argv) {
     std::printf("building trees: %ld files + %ld folders each (50 x 20 x %ld), plus a copy and a tree of %ld files\n",
                 files, dirs, files / 1000, files / 10);
     std::fflush(stdout);
-    const double buildStart = Now();
+    const double buildStart = kova_bench::Seconds();
     BuildTree(share + "/ours", static_cast<int>(files / 1000));
     BuildTree(share + "/copy", static_cast<int>(files / 1000));
     BuildTree(share + "/small", static_cast<int>(files / 10000));
     sync();
-    std::printf("built in %.1f s\n", Now() - buildStart);
+    std::printf("built in %.1f s\n", kova_bench::Seconds() - buildStart);
     std::fflush(stdout);
 
     Module module(KOVA_BENCH_MODULE);
