@@ -1,10 +1,11 @@
 // acl-set-bench: the per-entry cost of KOVAACLSet as a recursive set pays
 // it (KOVAACLAlloc, KOVAACLSet of an empty inheriting ACL, KOVAACLFree),
-// for three callers: root, an administrator, and a plain user whose right
-// comes from an entry inherited from the top folder (the caller whose check
-// must read the ancestors' records).
+// for four callers: root, an administrator, an administrator's background
+// task (which keeps CAP_SYS_ADMIN), and a plain user whose right comes from
+// an entry inherited from the top folder (the caller whose check must read
+// the ancestors' records).
 //
-// Usage: acl-set-bench [FILES] [--dir BASE] [--passes N] [--only root|admin|user]
+// Usage: acl-set-bench [FILES] [--dir BASE] [--passes N] [--only root|admin|task|user]
 //   FILES  files in the tree (default 100000): 100 folders of FILES/100.
 //   BASE   where the temporary platform root is made (default /var/tmp).
 // Must run as root (the library raises to root and needs a saved uid 0).
@@ -13,9 +14,11 @@
 #include "timing.h"
 
 #include <fcntl.h>
+#include <linux/capability.h>
 #include <grp.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -42,11 +45,23 @@ void MakeDir(const std::string &path) {
     if (mkdir(path.c_str(), 0777) != 0 && errno != EEXIST) Die("mkdir " + path + ": " + std::strerror(errno));
 }
 
+// Effective set of CAP_SYS_ADMIN alone, as a task's identity switch
+// (PanoraFileShare::WfmLibUGIDSet) leaves it.
+void KeepSysAdmin() {
+    struct __user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};
+    struct __user_cap_data_struct data[_LINUX_CAPABILITY_U32S_3] = {};
+    if (syscall(SYS_capget, &header, data) != 0) Die("capget");
+    data[0].effective = data[1].effective = 0;
+    data[CAP_SYS_ADMIN / 32].effective = 1u << (CAP_SYS_ADMIN % 32);
+    if (syscall(SYS_capset, &header, data) != 0) Die("capset");
+}
+
 // The caller's identity for one pass: effective ids only, saved uid stays 0.
 struct As {
-    As(uid_t uid, gid_t gid, const std::vector<gid_t> &groups) {
+    As(uid_t uid, gid_t gid, const std::vector<gid_t> &groups, bool task) {
         if (setgroups(groups.size(), groups.data()) != 0 || setegid(gid) != 0 || seteuid(uid) != 0)
             Die("cannot switch identity");
+        if (task) KeepSysAdmin();
     }
     ~As() {
         if (seteuid(0) != 0 || setegid(0) != 0 || setgroups(0, nullptr) != 0) std::abort();
@@ -154,11 +169,13 @@ int main(int argc, char **argv) {
         uid_t uid;
         gid_t gid;
         std::vector<gid_t> groups;
+        bool task;  // a background task: keeps CAP_SYS_ADMIN
     };
     const std::vector<Caller> callers = {
-        {"root", 0, 0, {}},
-        {"admin", kAdminUid, kAdminGid, {kAdminGid}},
-        {"user", kUserUid, kUserUid, {}},
+        {"root", 0, 0, {}, false},
+        {"admin", kAdminUid, kAdminGid, {kAdminGid}, false},
+        {"task", kAdminUid, kAdminGid, {kAdminGid}, true},
+        {"user", kUserUid, kUserUid, {}, false},
     };
     int status = 0;
     for (int pass = 0; pass < passes; ++pass) {
@@ -167,7 +184,7 @@ int main(int argc, char **argv) {
             long failures = 0;
             double seconds, cpu = 0;
             {
-                As as(c.uid, c.gid, c.groups);
+                As as(c.uid, c.gid, c.groups, c.task);
                 seconds = Pass(paths, failures, cpu);
             }
             const double n = static_cast<double>(paths.size());

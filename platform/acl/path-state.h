@@ -9,6 +9,8 @@
 #include "evaluate.h"
 #include "target.h"
 
+#include "kova-internal/identity.h"
+
 #include <sys/types.h>
 
 #include <vector>
@@ -52,7 +54,8 @@ bool LoadResolvedState(PathState &out, unsigned flags, const Principal *judged);
 // uid is raised: with it the process holds its capabilities again, which is
 // all that reading and writing trusted attributes, lstat and lchown need;
 // the group ids are left alone, which saves two of the four id changes a
-// path call would otherwise pay.
+// path call would otherwise pay. Effective capabilities the caller held
+// (a background task's CAP_SYS_ADMIN) are held again afterwards.
 class Elevation {
 public:
     Elevation();
@@ -67,6 +70,7 @@ public:
 private:
     uid_t uid_;
     bool ok_;
+    kova_internal::ThreadCapabilities caps_;
 };
 
 } // namespace kova_acl

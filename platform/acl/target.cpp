@@ -19,16 +19,23 @@
 namespace kova_acl {
 
 OwnedFd::~OwnedFd() {
-    if (fd_ >= 0) close(fd_);
+    if (fd_ >= 0 && owned_) close(fd_);
 }
 
 OwnedFd &OwnedFd::operator=(OwnedFd &&other) noexcept {
     if (this != &other) {
-        if (fd_ >= 0) close(fd_);
+        if (fd_ >= 0 && owned_) close(fd_);
         fd_ = other.fd_;
+        owned_ = other.owned_;
         other.fd_ = -1;
     }
     return *this;
+}
+
+OwnedFd OwnedFd::Borrowed(int fd) {
+    OwnedFd f(fd);
+    f.owned_ = false;
+    return f;
 }
 
 std::string ParentOf(const std::string &canonical) {
@@ -52,7 +59,18 @@ bool ShareRootOf(const std::string &canonical, bool &inShare, std::string &root)
     return true;
 }
 
-bool LocateTarget(const char *szPath, Target &t) {
+namespace {
+
+// A path split into its folder and final name; wholePath when the name
+// cannot be looked up in the folder ("/", ".", "..") and the whole path
+// is resolved instead.
+struct SplitPath {
+    std::string folder;
+    std::string name;
+    bool wholePath = false;
+};
+
+bool Split(const char *szPath, SplitPath &out) {
     if (!szPath || szPath[0] != '/') {
         KOVA_FAIL(KOVA_ERR_BADARG);
         return false;
@@ -64,33 +82,81 @@ bool LocateTarget(const char *szPath, Target &t) {
     }
     std::string p(szPath, len);
     while (p.size() > 1 && p.back() == '/') p.pop_back();
-    size_t slash = p.rfind('/');
-    std::string name = p.substr(slash + 1);
-    const bool wholePath = name.empty() || name == "." || name == "..";
-    std::string base;
-    int dirFd = -1;
-    if (!wholePath) p.resize(slash == 0 ? 1 : slash);
-    const int err = kova_share::RealPathOf(p, base, wholePath ? nullptr : &dirFd);
+    const size_t slash = p.rfind('/');
+    out.name = p.substr(slash + 1);
+    out.wholePath = out.name.empty() || out.name == "." || out.name == "..";
+    if (!out.wholePath) p.resize(slash == 0 ? 1 : slash);
+    out.folder.swap(p);
+    return true;
+}
+
+bool Resolve(const SplitPath &sp, std::string &base, int *dirFd) {
+    const int err = kova_share::RealPathOf(sp.folder, base, sp.wholePath ? nullptr : dirFd);
     if (err != 0) {
         KOVA_FAIL(err == ENOENT || err == ENOTDIR ? KOVA_ERR_NOENT : KOVA_ERR_BADPATH);
         return false;
     }
-    if (wholePath) {
-        t.path.swap(base);
-    } else {
-        t.path.swap(base);
+    return true;
+}
+
+// Fills t from the resolved folder (or whole path) and the folder's
+// descriptor, then finds the share.
+bool Compose(SplitPath &sp, const std::string &base, OwnedFd parent, Target &t) {
+    t.path = base;
+    if (!sp.wholePath) {
         if (t.path != "/") t.path += '/';
-        t.path += name;
+        t.path += sp.name;
     }
     // The parent is open already: the final name is looked up in it rather
     // than by walking the whole path again.
-    t.parent = OwnedFd(dirFd);
-    if (dirFd >= 0)
-        t.name.swap(name);
+    const bool open = parent.get() >= 0;
+    t.parent = std::move(parent);
+    if (open)
+        t.name.swap(sp.name);
     else
         t.name.clear();
     t.hasStat = false;
     return ShareRootOf(t.path, t.inShare, t.shareRoot);
+}
+
+// The folder the thread's last LocateTargetInKeptFolder resolved: the
+// folder as named, its real path, its descriptor and the effective uid
+// that resolved it.
+struct KeptFolder {
+    std::string named;
+    std::string real;
+    OwnedFd fd;
+    uid_t uid = 0;
+};
+
+thread_local KeptFolder tKept;
+
+} // namespace
+
+bool LocateTarget(const char *szPath, Target &t) {
+    SplitPath sp;
+    std::string base;
+    int dirFd = -1;
+    if (!Split(szPath, sp) || !Resolve(sp, base, &dirFd)) return false;
+    return Compose(sp, base, OwnedFd(dirFd), t);
+}
+
+bool LocateTargetInKeptFolder(const char *szPath, uid_t uid, Target &t) {
+    SplitPath sp;
+    if (!Split(szPath, sp)) return false;
+    if (sp.wholePath) return LocateTarget(szPath, t);
+    if (tKept.fd.get() < 0 || tKept.uid != uid || tKept.named != sp.folder) {
+        std::string base;
+        int dirFd = -1;
+        tKept = KeptFolder();
+        if (!Resolve(sp, base, &dirFd)) return false;
+        if (dirFd < 0) return Compose(sp, base, OwnedFd(), t);
+        tKept.named = sp.folder;
+        tKept.real.swap(base);
+        tKept.fd = OwnedFd(dirFd);
+        tKept.uid = uid;
+    }
+    return Compose(sp, tKept.real, OwnedFd::Borrowed(tKept.fd.get()), t);
 }
 
 bool StatTarget(Target &t) {

@@ -10,13 +10,15 @@
 
 namespace kova_acl {
 
-// A descriptor with one owner.
+// A descriptor with one owner, who closes it; or one lent by another owner
+// for a shorter time (Borrowed), which is left open.
 class OwnedFd {
 public:
     OwnedFd() = default;
     explicit OwnedFd(int fd) : fd_(fd) {}
+    static OwnedFd Borrowed(int fd);
     ~OwnedFd();
-    OwnedFd(OwnedFd &&other) noexcept : fd_(other.fd_) { other.fd_ = -1; }
+    OwnedFd(OwnedFd &&other) noexcept : fd_(other.fd_), owned_(other.owned_) { other.fd_ = -1; }
     OwnedFd &operator=(OwnedFd &&other) noexcept;
     OwnedFd(const OwnedFd &) = delete;
     OwnedFd &operator=(const OwnedFd &) = delete;
@@ -24,6 +26,7 @@ public:
 
 private:
     int fd_ = -1;
+    bool owned_ = true;
 };
 
 struct Target {
@@ -56,6 +59,16 @@ bool ResolveTarget(const char *szPath, Target &t);
 // final when the path lies strictly below that share's root, link or not.
 bool LocateTarget(const char *szPath, Target &t);
 bool StatTarget(Target &t);
+
+// LocateTarget for a thread that names many paths of one folder in a row,
+// as a task walking a tree does: the folder resolved last is kept open
+// (one per thread) and used again while the calls name it the same way
+// under the same effective uid (`uid`, the caller's), so the folder is walked once rather than
+// once per entry. What was resolved is still the folder written in: a
+// name is never resolved again through a link put in its place later, and
+// a folder removed meanwhile fails the write. The share is looked up on
+// every call.
+bool LocateTargetInKeptFolder(const char *szPath, uid_t uid, Target &t);
 
 // The share root of an existing canonical directory path; empty when no
 // share holds it. False when the lookup itself failed.

@@ -1,6 +1,7 @@
 // Calling identity and the root scope of the platform libraries.
 #include "kova-internal/identity.h"
 
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -24,13 +25,52 @@ bool Caller::InGroup(gid_t g) const {
     return g == gid || std::find(groups.begin(), groups.end(), g) != groups.end();
 }
 
+namespace {
+
+int CapGet(struct __user_cap_data_struct *data) {
+    struct __user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};
+    return static_cast<int>(syscall(SYS_capget, &header, data));
+}
+
+} // namespace
+
+bool ThreadCapabilities::Read() {
+    read_ = CapGet(data_) == 0;
+    return read_;
+}
+
+bool ThreadCapabilities::Apply() const {
+    if (!read_) return false;
+    struct __user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};
+    return syscall(SYS_capset, &header, data_) == 0;
+}
+
+bool ThreadCapabilities::Effective(unsigned cap) const {
+    return read_ && cap < 64 && (data_[cap / 32].effective & (1u << (cap % 32))) != 0;
+}
+
+bool ThreadCapabilities::KeepOnly(unsigned cap) {
+    if (!read_ || cap >= 64 || !(data_[cap / 32].permitted & (1u << (cap % 32)))) return false;
+    data_[0].effective = data_[1].effective = 0;
+    data_[cap / 32].effective = 1u << (cap % 32);
+    return true;
+}
+
+bool HoldsCapability(unsigned cap) {
+    ThreadCapabilities caps;
+    return caps.Read() && caps.Effective(cap);
+}
+
+// The capabilities are read only when the uid is really raised: root keeps
+// its own untouched.
 RootScope::RootScope() : uid_(geteuid()), gid_(getegid()), ok_(true) {
+    if (uid_ != 0) (void)caps_.Read();
     if (uid_ != 0 && setresuid(static_cast<uid_t>(-1), 0, static_cast<uid_t>(-1)) != 0) {
         ok_ = false;
         return;
     }
     if (gid_ != 0 && setresgid(static_cast<gid_t>(-1), 0, static_cast<gid_t>(-1)) != 0) {
-        if (uid_ != 0) (void)setresuid(static_cast<uid_t>(-1), uid_, static_cast<uid_t>(-1));
+        DropUid();
         ok_ = false;
     }
 }
@@ -39,7 +79,13 @@ RootScope::~RootScope() {
     if (!ok_) return;
     // The gid first: only root may change it.
     if (gid_ != 0) (void)setresgid(static_cast<gid_t>(-1), gid_, static_cast<gid_t>(-1));
-    if (uid_ != 0) (void)setresuid(static_cast<uid_t>(-1), uid_, static_cast<uid_t>(-1));
+    DropUid();
+}
+
+void RootScope::DropUid() {
+    if (uid_ == 0) return;
+    (void)setresuid(static_cast<uid_t>(-1), uid_, static_cast<uid_t>(-1));
+    if (caps_.AnyEffective()) (void)caps_.Apply();
 }
 
 } // namespace kova_internal

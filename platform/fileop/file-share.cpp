@@ -123,6 +123,10 @@ int PanoraFileShare::WfmLibUGIDSet(const std::string &sessionId, const std::stri
             err_ = rc;
             return -1;
         }
+        // A task that walks a large tree writes one trusted record per
+        // entry; without the capability each write would raise and drop
+        // the uid. Refused, it only costs that.
+        (void)kova_fileop::KeepAttributeCapability();
         err_ = KOVA_WFM_ERR_NONE;
         return 0;
     } catch (...) {

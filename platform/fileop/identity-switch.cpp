@@ -78,4 +78,10 @@ int SwitchTo(uid_t uid, gid_t gid, const std::vector<gid_t> &groups) {
     return KOVA_WFM_ERR_NONE;
 }
 
+bool KeepAttributeCapability() {
+    if (geteuid() == 0) return true;
+    kova_internal::ThreadCapabilities caps;
+    return caps.Read() && caps.KeepOnly(CAP_SYS_ADMIN) && caps.Apply();
+}
+
 } // namespace kova_fileop

@@ -8,9 +8,12 @@
 #include "kova/klibc.h"
 #include "kova-internal/fault-point.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <time.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <climits>
 
@@ -25,45 +28,103 @@ std::atomic<unsigned long> gGeneration{0};
 // A modification this recent may share its timestamp with a later one.
 const long long kSettleNs = 2000000000LL;
 
-struct DbKey {
-    std::string path;
+long long Ns(const struct timespec &ts) { return static_cast<long long>(ts.tv_sec) * 1000000000LL + ts.tv_nsec; }
+
+// What one fstat says about a file, as far as freshness goes.
+struct FileKey {
     dev_t dev = 0;
     ino_t ino = 0;
     off_t size = 0;
     long long mtimeNs = 0, ctimeNs = 0;
 
-    bool operator==(const DbKey &o) const {
-        return path == o.path && dev == o.dev && ino == o.ino && size == o.size && mtimeNs == o.mtimeNs &&
-               ctimeNs == o.ctimeNs;
+    explicit FileKey(const struct stat &st)
+        : dev(st.st_dev), ino(st.st_ino), size(st.st_size), mtimeNs(Ns(st.st_mtim)), ctimeNs(Ns(st.st_ctim)) {}
+    FileKey() = default;
+    bool operator==(const FileKey &o) const {
+        return dev == o.dev && ino == o.ino && size == o.size && mtimeNs == o.mtimeNs && ctimeNs == o.ctimeNs;
     }
+    bool operator!=(const FileKey &o) const { return !(*this == o); }
 };
 
-long long Ns(const struct timespec &ts) { return static_cast<long long>(ts.tv_sec) * 1000000000LL + ts.tv_nsec; }
+// A descriptor closed with its holder (O_PATH: fstat needs no rights on
+// the file, and holding it keeps nobody from replacing the file).
+class PathFd {
+public:
+    PathFd() = default;
+    explicit PathFd(int fd) : fd_(fd) {}
+    ~PathFd() { Reset(); }
+    PathFd(PathFd &&o) noexcept : fd_(o.fd_) { o.fd_ = -1; }
+    PathFd &operator=(PathFd &&o) noexcept {
+        if (this != &o) {
+            Reset();
+            fd_ = o.fd_;
+            o.fd_ = -1;
+        }
+        return *this;
+    }
+    PathFd(const PathFd &) = delete;
+    PathFd &operator=(const PathFd &) = delete;
+    int get() const { return fd_; }
+    void Reset() {
+        if (fd_ >= 0) close(fd_);
+        fd_ = -1;
+    }
 
-void KeyOf(const struct stat &st, DbKey &key) {
-    key.dev = st.st_dev;
-    key.ino = st.st_ino;
-    key.size = st.st_size;
-    key.mtimeNs = Ns(st.st_mtim);
-    key.ctimeNs = Ns(st.st_ctim);
-}
+private:
+    int fd_ = -1;
+};
+
+// The database file and the folder that holds it, open, with what fstat
+// said of both when the table was read. The file's key moves with every
+// write to it in place (SQLite's rollback journal writes the file itself);
+// the folder's moves when a file in it is created, renamed or removed:
+// the journal of every write, and a database put in place of the old one
+// or removed. Two fstat calls thus see what a stat of the path saw,
+// without walking the path on every use.
+struct DbWatch {
+    std::string path;
+    PathFd dirFd, dbFd;
+    FileKey dir, db;
+
+    // Opens both and takes their keys; false when the database is missing.
+    bool Open(const std::string &dbPath) {
+        const size_t slash = dbPath.rfind('/');
+        const std::string folder = slash == 0 ? "/" : dbPath.substr(0, slash);
+        PathFd d(open(folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+        if (d.get() < 0) return false;
+        PathFd f(openat(d.get(), dbPath.c_str() + slash + 1, O_PATH | O_NOFOLLOW | O_CLOEXEC));
+        struct stat ds, fs;
+        if (f.get() < 0 || fstat(d.get(), &ds) != 0 || fstat(f.get(), &fs) != 0 || !S_ISREG(fs.st_mode))
+            return false;
+        path = dbPath;
+        dirFd = std::move(d);
+        dbFd = std::move(f);
+        dir = FileKey(ds);
+        db = FileKey(fs);
+        return true;
+    }
+    // Nothing in the folder or the file changed since Open.
+    bool Unchanged(const char *dbPath) const {
+        struct stat ds, fs;
+        return dbFd.get() >= 0 && path == dbPath && fstat(dirFd.get(), &ds) == 0 && FileKey(ds) == dir &&
+               fstat(dbFd.get(), &fs) == 0 && FileKey(fs) == db;
+    }
+    // The newest modification either key records.
+    long long LastChangeNs() const { return std::max(std::max(dir.mtimeNs, dir.ctimeNs), std::max(db.mtimeNs, db.ctimeNs)); }
+};
 
 // One thread's table and the state of the database file it was read from.
 struct Cache {
     bool valid = false;
-    DbKey key;
+    DbWatch watch;
     unsigned long generation = 0;
     std::shared_ptr<const ShareRoots> roots;
 
     void Drop() {
         valid = false;
+        watch = DbWatch();
         roots.reset();
     }
-    // The file at the path is still the one the table was read from: same
-    // identity, size and times, and no write of this process since. The
-    // path is stat-ed rather than a kept descriptor: a database moved away
-    // and another put in its place must be noticed too.
-    bool Fresh(const DbKey &now, unsigned long gen) const { return valid && gen == generation && now == key; }
 };
 
 thread_local Cache tCache;
@@ -115,30 +176,24 @@ bool CurrentShareRoots(std::shared_ptr<const ShareRoots> &out) {
     char buf[PATH_MAX];
     if (KLIBCRootPath("/etc/shares.db", buf, sizeof buf) < 0) return false;
     const unsigned long generation = gGeneration.load();
-    struct stat st;
-    if (stat(buf, &st) != 0) {
-        tCache.Drop();
-        KOVA_FAIL(KOVA_ERR_NOSHARE);
-        return false;
-    }
-    DbKey key;
-    key.path = buf;
-    KeyOf(st, key);
 
-    if (!tCache.Fresh(key, generation)) {
+    if (!tCache.valid || generation != tCache.generation || !tCache.watch.Unchanged(buf)) {
         tCache.Drop();
-        // The key is taken before the table is read: a write that lands in
-        // between leaves the table newer than the key, which only costs one
-        // more read.
+        // The keys are taken before the table is read: a write that lands
+        // in between leaves the table newer than the keys, which only costs
+        // one more read.
+        DbWatch watch;
+        if (!watch.Open(buf)) {
+            KOVA_FAIL(KOVA_ERR_NOSHARE);
+            return false;
+        }
         auto fresh = std::make_shared<ShareRoots>();
         if (!ReadTable(*fresh)) return false;
         struct timespec now;
         clock_gettime(CLOCK_REALTIME, &now);
-        // Content writes move mtime (and ctime with it); ctime alone also
-        // moves for metadata changes, and is part of the key for those.
-        if (Ns(now) - key.mtimeNs >= kSettleNs) {
+        if (Ns(now) - watch.LastChangeNs() >= kSettleNs) {
             tCache.valid = true;
-            tCache.key = key;
+            tCache.watch = std::move(watch);
             tCache.generation = generation;
             tCache.roots = fresh;
         }

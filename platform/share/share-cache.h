@@ -3,15 +3,18 @@
 // call; opening SQLite and reading the table each time dominated it.
 //
 // Freshness:
-// - the database file is stat-ed on every use; its path (the platform root
-//   may change), device, inode, size, mtime and ctime (nanoseconds) must
-//   match those seen when the table was read, so a share added by another
-//   process, or a database put in place of the old one, is seen on the
-//   next call;
-// - a table read while the file's contents were modified (mtime) less than
-//   two seconds before is not kept (a second write inside one timestamp
-//   tick could leave size and times unchanged): the next call reads again
-//   until the file settles;
+// - the database file and its folder are kept open (O_PATH) and fstat-ed
+//   on every use; the path (the platform root may change) and the device,
+//   inode, size, mtime and ctime (nanoseconds) of both must match those
+//   seen when the table was read. A write changes the file; its journal,
+//   and a database put in place of the old one or removed, change the
+//   folder; so another process's change is seen on the next call. The
+//   folder itself is the platform's own configuration folder and is not
+//   expected to be replaced while a process runs;
+// - a table read less than two seconds after the file or its folder was
+//   modified is not kept (a second write inside one timestamp tick could
+//   leave size and times unchanged): the next call reads again until they
+//   settle;
 // - every write through this library (ShareTableChanged) drops the tables
 //   of all threads;
 // - a root recorded by its real path (what kova-admin and KOVAShareSet

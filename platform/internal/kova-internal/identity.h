@@ -3,7 +3,9 @@
 #ifndef KOVA_INTERNAL_IDENTITY_H
 #define KOVA_INTERNAL_IDENTITY_H
 
+#include <linux/capability.h>
 #include <sys/types.h>
+
 #include <vector>
 
 namespace kova_internal {
@@ -19,9 +21,36 @@ struct Caller {
     bool InGroup(gid_t g) const;
 };
 
+// The calling thread's capability sets as the kernel reports them. Moving
+// the effective uid from 0 to another id empties the effective set, so a
+// scope that raises the uid and drops it again reads them before and puts
+// them back after: a thread that held a capability on entry (a background
+// task keeps CAP_SYS_ADMIN, see kova/fileshare.h) holds it again on exit.
+class ThreadCapabilities {
+public:
+    // capget; false (and nothing known) on failure.
+    bool Read();
+    // capset of what Read saw; the kernel refuses an effective capability
+    // that is no longer permitted.
+    bool Apply() const;
+    bool AnyEffective() const { return read_ && (data_[0].effective | data_[1].effective) != 0; }
+    bool Effective(unsigned cap) const;
+    // Effective set of `cap` alone, the other sets unchanged; false when
+    // `cap` is not permitted.
+    bool KeepOnly(unsigned cap);
+
+private:
+    struct __user_cap_data_struct data_[_LINUX_CAPABILITY_U32S_3] = {};
+    bool read_ = false;
+};
+
+// True when the calling thread has `cap` in its effective set now.
+bool HoldsCapability(unsigned cap);
+
 // Raises the effective uid and gid to 0 for its lifetime and restores the
-// previous effective ids on destruction. Needs a saved uid of 0 (the server
-// and tasks keep it); when raising fails, ok() is false and nothing changes.
+// previous effective ids, and the effective capabilities held before, on
+// destruction. Needs a saved uid of 0 (the server and tasks keep it); when
+// raising fails, ok() is false and nothing changes.
 class RootScope {
 public:
     RootScope();
@@ -31,9 +60,12 @@ public:
     bool ok() const { return ok_; }
 
 private:
+    void DropUid();
+
     uid_t uid_;
     gid_t gid_;
     bool ok_;
+    ThreadCapabilities caps_;
 };
 
 } // namespace kova_internal
