@@ -79,8 +79,11 @@ bool LoadForCaller(const char *szPath, const Principal &caller, PathState &s) {
 bool SetWithoutRaising(const char *szPath, const Principal &caller, StoredAcl &next) {
     if (caller.isRoot || !kova_internal::HoldsCapability(CAP_SYS_ADMIN)) return false;
     Target t;
-    return LocateTargetInKeptFolder(szPath, caller.uid, t) && RightsIgnoreEntries(caller, t.BelowShareRoot()) &&
-           WriteStoredKeepingGroupOwner(t, next, false);
+    if (!LocateTargetInKeptFolder(szPath, caller.uid, t) || !RightsIgnoreEntries(caller, t.BelowShareRoot()))
+        return false;
+    if (WriteStoredKeepingGroupOwner(t, next, false)) return true;
+    ForgetKeptFolder();
+    return false;
 }
 
 // The caller's rights on a loaded path; for the checks below.

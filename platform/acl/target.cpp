@@ -141,6 +141,8 @@ bool LocateTarget(const char *szPath, Target &t) {
     return Compose(sp, base, OwnedFd(dirFd), t);
 }
 
+void ForgetKeptFolder() { tKept = KeptFolder(); }
+
 bool LocateTargetInKeptFolder(const char *szPath, uid_t uid, Target &t) {
     SplitPath sp;
     if (!Split(szPath, sp)) return false;

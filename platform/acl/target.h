@@ -69,6 +69,9 @@ bool StatTarget(Target &t);
 // a folder removed meanwhile fails the write. The share is looked up on
 // every call.
 bool LocateTargetInKeptFolder(const char *szPath, uid_t uid, Target &t);
+// Closes the kept folder, for a caller whose write in it failed (the
+// folder may be gone, with another now at its name).
+void ForgetKeptFolder();
 
 // The share root of an existing canonical directory path; empty when no
 // share holds it. False when the lookup itself failed.

@@ -10,10 +10,12 @@
 #include <gtest/gtest.h>
 
 #include <dirent.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <fstream>
 #include <functional>
 #include <map>
 #include <set>
@@ -260,9 +262,21 @@ TEST_F(SetTreeTest, RecursiveOwnerChangeWithAcl) {
     }
 }
 
-// A walk large enough to be watched: progress records come through status
-// while it runs, and a stop ends it with 6200, each entry either untouched
-// or fully reset.
+// The record a task keeps of itself, read as root straight from the
+// platform's task folder; null when it cannot be read.
+Json::Value TaskRecord(const std::string &rootPath, const std::string &taskId) {
+    std::ifstream in(rootPath + "/var/run/tasks/" + taskId);
+    Json::Value record;
+    Json::CharReaderBuilder reader;
+    std::string errors;
+    if (!in || !Json::parseFromStream(reader, in, &record, &errors)) return Json::Value();
+    return record;
+}
+
+// A walk watched while it runs: progress records come through status, and
+// a stop ends it with 6200, each entry either untouched or fully reset.
+// The task is held with SIGSTOP and let run in short slices, so the stop
+// lands while the walk is under way however fast the machine is.
 TEST_F(SetTreeTest, ProgressAndStopDuringALargeWalk) {
     const std::string top = share_ + "/big";
     ASSERT_TRUE(root_.MakeDir(top, 0777));
@@ -281,23 +295,43 @@ TEST_F(SetTreeTest, ProgressAndStopDuringALargeWalk) {
     const std::string taskId =
         StartSet(RecursiveAcl("big", false, kova_module_test::Array({Rule("user", "alice", "allow", true, true)})), admin_);
     ASSERT_FALSE(taskId.empty());
+    const pid_t pid = static_cast<pid_t>(TaskRecord(root_.path(), taskId)["pid"].asInt64());
+    ASSERT_GT(pid, 0);
+    ASSERT_EQ(0, kill(pid, SIGSTOP));
+    // Whatever fails below, the task is not left stopped.
+    struct Resume {
+        pid_t pid;
+        ~Resume() { kill(pid, SIGCONT); }
+    } resume{pid};
 
-    // Stop as soon as the walk has reported an entry below the top.
+    // Let the task run in slices until status shows a progress record
+    // below the top, then ask for the stop while it is held.
     Json::Value idParam(Json::objectValue);
     idParam["task_id"] = taskId;
     std::vector<std::string> seen;
-    bool stopped = false;
-    CallResult end = WaitTask(taskId, admin_, [&](const Json::Value &data) {
-        const std::string path = data["applypath"].asString();
+    // A task seen before its first progress record has no path yet.
+    const auto note = [&](const Json::Value &data) {
         EXPECT_FALSE(data["finished"].asBool());
-        if (seen.empty() || seen.back() != path) seen.push_back(path);
-        if (!stopped && path != top && !path.empty()) {
-            CallResult stop = host_.Call("stop", idParam, admin_);
-            EXPECT_TRUE(stop.success()) << stop.Dump();
-            stopped = true;
-        }
-    });
-    ASSERT_TRUE(stopped) << "no progress below the top was seen: " << end.Dump();
+        const std::string path = data["applypath"].asString();
+        if (!path.empty() && (seen.empty() || seen.back() != path)) seen.push_back(path);
+    };
+    bool below = false;
+    for (int slice = 0; slice < 5000 && !below; ++slice) {
+        ASSERT_EQ(0, kill(pid, SIGCONT));
+        usleep(100);
+        ASSERT_EQ(0, kill(pid, SIGSTOP));
+        CallResult status = host_.Call("status", idParam, admin_);
+        ASSERT_TRUE(status.success()) << status.Dump();
+        ASSERT_FALSE(status.data()["finished"].asBool()) << "the walk ended before a stop could be asked";
+        note(status.data());
+        below = !seen.empty() && seen.back() != top;
+    }
+    ASSERT_TRUE(below) << "no progress below the top was seen";
+    CallResult stop = host_.Call("stop", idParam, admin_);
+    EXPECT_TRUE(stop.success()) << stop.Dump();
+    ASSERT_EQ(0, kill(pid, SIGCONT));
+
+    CallResult end = WaitTask(taskId, admin_, note);
     EXPECT_FALSE(end.success()) << end.Dump();
     EXPECT_EQ(6200, end.errorCode()) << end.Dump();
 

@@ -7,6 +7,7 @@
 
 #include <sys/types.h>
 
+#include <cstdint>
 #include <functional>
 #include <vector>
 
@@ -20,6 +21,12 @@ struct Identity {
 
 // Returns the body's result, or -1 when the child could not switch or died.
 int RunAs(const Identity &who, const std::function<int()> &body);
+
+// The calling thread's effective capabilities (bit n is capability n).
+uint64_t EffectiveCapabilities();
+// Leaves `cap` alone in the effective set, as a background task's switch to
+// its user does; false when the kernel refused.
+bool KeepOnlyCapability(unsigned cap);
 
 } // namespace kova_test
 

@@ -10,10 +10,15 @@
 #include "kova/errcode.h"
 #include "kova/klibc.h"
 
+#include <linux/capability.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstdint>
+#include <cstdio>
+#include <functional>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -118,6 +123,85 @@ TEST_F(AclIdentity, RootAndAdministratorsAndTheShareRootException) {
     // Root passes everywhere.
     EXPECT_EQ(ReadAcl(Share()), 0);
     EXPECT_EQ(WriteAcl(Share(), "everyone:-1:allow:rwxpdDaARWcCo:fd--"), 0);
+}
+
+// A background task after its switch to a user: the user's ids, and
+// CAP_SYS_ADMIN alone among root's capabilities.
+int AsTask(const std::function<int()> &body) {
+    if (!kova_test::KeepOnlyCapability(CAP_SYS_ADMIN)) return 99;
+    return body();
+}
+
+TEST_F(AclIdentity, ATaskKeepingTheAttributeCapabilityIsStillJudgedAsItsUser) {
+    Dir(In("d"));
+    File(In("d/f"));
+    ASSERT_EQ(SetAcl(In("d/f"), {"everyone:-1:allow:r------------:----"}), 0);
+    ASSERT_EQ(SetAcl(Share(), {"everyone:-1:deny:rwxpdDaARWcCo:----"}), 0);
+    const std::string before = kova_acl_test::RawRecord(In("d/f"));
+    // Holding the capability that writes records does not let a user write
+    // one it has no change_perm for, nor an administrator at a share root.
+    EXPECT_EQ(RunAs(kAlice, [&] { return AsTask([&] { return WriteAcl(In("d/f"), "user:1030:allow:-----------C-:----"); }); }),
+              0xD8);
+    EXPECT_EQ(kova_acl_test::RawRecord(In("d/f")), before);
+    EXPECT_EQ(RunAs(kAdmin, [&] { return AsTask([&] { return WriteAcl(Share(), "everyone:-1:allow:rwxpdDaARWcCo:----"); }); }),
+              0xD8);
+
+    // Below the root an administrator's task writes, also in a folder its
+    // own ids may not search, and holds the capability afterwards.
+    ASSERT_TRUE(kova_test::MakeDirs(In("locked")));
+    File(In("locked/g"));
+    ASSERT_EQ(chmod(In("locked").c_str(), 0700), 0);
+    EXPECT_EQ(RunAs(kAdmin, [&] {
+                  return AsTask([&] {
+                      if (WriteAcl(In("d/f"), "user:1040:allow:rwxpdDaARWcCo:----") != 0) return 1;
+                      if (WriteAcl(In("locked/g"), "user:1040:allow:rwxpdDaARWcCo:----") != 0) return 2;
+                      return kova_test::EffectiveCapabilities() == (uint64_t{1} << CAP_SYS_ADMIN) ? 0 : 3;
+                  });
+              }),
+              0);
+    std::vector<std::string> entries;
+    ASSERT_TRUE(GetAcl(In("locked/g"), KOVA_ACL_GET_OWN, entries));
+    EXPECT_EQ(entries, std::vector<std::string>{"user:1040:allow:rwxpdDaARWcCo:----:0"});
+    ASSERT_TRUE(GetAcl(In("d/f"), KOVA_ACL_GET_OWN, entries));
+    EXPECT_EQ(entries, std::vector<std::string>{"user:1040:allow:rwxpdDaARWcCo:----:0"});
+}
+
+TEST_F(AclIdentity, ATasksKeptFolderIsNeverReachedThroughALinkPutInItsPlace) {
+    Dir(In("a"));
+    File(In("a/f1"));
+    File(In("a/f2"));
+    const std::string outside = root_.At("outside");
+    Dir(outside);
+    File(outside + "/f2");
+    // Between two writes in one folder, the folder is moved away and a
+    // link to a folder outside every share takes its name: the second
+    // write lands in the folder that was resolved, never behind the link.
+    EXPECT_EQ(RunAs(kAdmin, [&] {
+                  return AsTask([&] {
+                      if (WriteAcl(In("a/f1"), "user:1040:allow:rwxpdDaARWcCo:----") != 0) return 1;
+                      if (rename(In("a").c_str(), In("moved").c_str()) != 0) return 2;
+                      if (symlink(outside.c_str(), In("a").c_str()) != 0) return 3;
+                      return WriteAcl(In("a/f2"), "user:1040:allow:rwxpdDaARWcCo:----") == 0 ? 0 : 4;
+                  });
+              }),
+              0);
+    EXPECT_EQ(kova_acl_test::RawRecord(outside + "/f2"), "");
+    EXPECT_NE(kova_acl_test::RawRecord(In("moved/f2")), "");
+
+    // A new folder at the old name is resolved afresh; a folder removed
+    // meanwhile fails the write.
+    ASSERT_EQ(unlink(In("a").c_str()), 0);
+    Dir(In("a"));
+    File(In("a/f3"));
+    EXPECT_EQ(RunAs(kAdmin, [&] {
+                  return AsTask([&] {
+                      if (WriteAcl(In("moved/f1"), "user:1040:allow:rwxpdDaARWcCo:----") != 0) return 1;
+                      if (WriteAcl(In("a/f3"), "user:1040:allow:rwxpdDaARWcCo:----") != 0) return 2;
+                      if (unlink(In("a/f3").c_str()) != 0 || rmdir(In("a").c_str()) != 0) return 3;
+                      return WriteAcl(In("a/f3"), "user:1040:allow:rwxpdDaARWcCo:----");
+                  });
+              }),
+              0x06);
 }
 
 TEST_F(AclIdentity, OwnerChangeRules) {

@@ -5,18 +5,22 @@
 #include "temp-root.h"
 
 #include "kova/account.h"
+#include "kova/acl.h"
 #include "kova/errcode.h"
 #include "kova/fault.h"
 #include "kova/fileshare.h"
 #include "kova/klibc.h"
 #include "kova/share.h"
 
+#include <fcntl.h>
 #include <grp.h>
 #include <gtest/gtest.h>
+#include <linux/capability.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
@@ -199,6 +203,9 @@ TEST_F(FileShare, Privileges) {
 }
 
 TEST_F(FileShare, UGIDSetActsAsUserKeepingSavedRoot) {
+    const std::string secret = root_.At("secret");
+    ASSERT_TRUE(kova_test::WriteFile(secret, "root only"));
+    ASSERT_EQ(chmod(secret.c_str(), 0600), 0);
     // Run in a child: the switch changes the whole process. Start from a
     // user identity as a task would after raising and lowering again.
     int rc = kova_test::RunAs({4000, 4000, {}}, [&] {
@@ -213,6 +220,15 @@ TEST_F(FileShare, UGIDSetActsAsUserKeepingSavedRoot) {
         std::vector<gid_t> groups(static_cast<size_t>(getgroups(0, nullptr)));
         getgroups(static_cast<int>(groups.size()), groups.data());
         if (std::find(groups.begin(), groups.end(), static_cast<gid_t>(staffGid_)) == groups.end()) return 4;
+        // Of root's capabilities only CAP_SYS_ADMIN stays, for the ACL
+        // records; reading a file is still judged by Alice's own ids, and
+        // a platform call that raises and drops the uid gives it back.
+        if (kova_test::EffectiveCapabilities() != (uint64_t{1} << CAP_SYS_ADMIN)) return 9;
+        if (open(secret.c_str(), O_RDONLY) >= 0 || errno != EACCES) return 10;
+        PKOVA_ACL acl = nullptr;
+        (void)KOVAACLGet(s1_.c_str(), -1, KOVA_ACL_GET_ALL, &acl);
+        KOVAACLFree(acl);
+        if (kova_test::EffectiveCapabilities() != (uint64_t{1} << CAP_SYS_ADMIN)) return 11;
         // An unknown user changes nothing.
         if (fs.WfmLibUGIDSet("sid", "nobody") == 0) return 5;
         if (fs.WfmLibGetErr() != KOVA_WFM_ERR_NOUSER || KLIBCErrGet() != KOVA_ERR_NOUSER) return 6;
