@@ -77,7 +77,9 @@ bool LoadForCaller(const char *szPath, const Principal &caller, PathState &s) {
 // with nothing written; the caller then makes the raised attempt, whose
 // result is the call's.
 bool SetWithoutRaising(const char *szPath, const Principal &caller, StoredAcl &next) {
-    if (caller.isRoot || !kova_internal::HoldsCapability(CAP_SYS_ADMIN)) return false;
+    // Root never raises anyway, and only an administrator's rights can
+    // ignore the entries once the path is known.
+    if (caller.isRoot || !caller.isAdmin || !kova_internal::HoldsCapability(CAP_SYS_ADMIN)) return false;
     Target t;
     if (!LocateTargetInKeptFolder(szPath, caller.uid, t) || !RightsIgnoreEntries(caller, t.BelowShareRoot()))
         return false;
