@@ -15,6 +15,7 @@ enum ErrorCode {
     kErrNotAuthenticated = 119,  // no session, or an expired one
     kErrBadToken         = 120,  // X-Kova-Token missing or wrong (request forgery refused)
     kErrLoginFailed      = 150,  // wrong account or password, or disabled account
+    kErrLoginThrottled   = 151,  // too many failed sign-ins; HTTP 429 with Retry-After
     kErrWorkerFailed     = 160,  // the worker died or misbehaved; HTTP 500
     kErrServerBusy       = 161,  // no worker could be started
     // KOVA.Server.Files

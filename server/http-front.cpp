@@ -71,19 +71,33 @@ void Front::Install(httplib::Server &server) {
     });
 }
 
-Json::Value Front::Login(const ApiCall &call, httplib::Response &res, std::string &user) {
+Json::Value Front::Login(const ApiCall &call, const std::string &remote, httplib::Response &res, std::string &user) {
     const Json::Value &account = call.params["account"];
     const Json::Value &passwd = call.params["passwd"];
     if (!account.isString() || !passwd.isString() || account.asString().empty()) return Error(kErrBadRequest);
     user = account.asString();
+    // Refused before the password is looked at: a guess made while blocked
+    // learns nothing and costs no password hash.
+    const std::chrono::seconds wait = throttle_.RetryAfter(remote, user, LoginThrottle::Clock::now());
+    if (wait.count() > 0) {
+        logs_.Error("login of " + LogSafe(user) + " from " + LogSafe(remote) +
+                    " refused: too many failed sign-ins, retry in " + std::to_string(wait.count()) + " s");
+        res.status = 429;
+        res.set_header("Retry-After", std::to_string(wait.count()));
+        Json::Value reply = Error(kErrLoginThrottled);
+        reply["error"]["data"]["retry_after"] = static_cast<Json::Int64>(wait.count());
+        return reply;
+    }
     Session s;
     s.user = user;
     {
         std::lock_guard<std::mutex> lock(platformMu_);
         if (KOVAUserPasswordCheck(user.c_str(), passwd.asString().c_str()) != 0) {
+            throttle_.Failed(remote, user, LoginThrottle::Clock::now());
             logs_.Error("login refused for " + LogSafe(user));
             return Error(kErrLoginFailed);
         }
+        throttle_.Succeeded(remote, user);
         int uid = -1, gid = -1;
         PKLIBC_SZLIST groups = KLIBGroupInfoListGet(user.c_str(), 0);
         if (KOVAUserGetUGID(user.c_str(), &uid, &gid) < 0 || uid < 0 || gid < 0 || !groups) {
@@ -185,7 +199,7 @@ void Front::HandleApi(const httplib::Request &req, httplib::Response &res) {
         reply = Error(kErrBadRequest);
         reply["error"]["data"]["reason"] = bad;
     } else if (call.api == "KOVA.Server.Session" && call.version == 1 && call.method == "login") {
-        reply = Login(call, res, user);
+        reply = Login(call, req.remote_addr, res, user);
         // A new sign-in replaces whatever session this browser held.
         const std::string old = CookieValue(req.get_header_value("Cookie"), kSessionCookie);
         if (reply["success"].asBool() && !old.empty()) sessions_.Remove(old);

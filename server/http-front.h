@@ -6,8 +6,9 @@
 //
 // HTTP status: 200 for every answered call (success or a method's error),
 // 400 for a body that is not an API call, 401 without a session (code 119),
-// 403 with a wrong or missing token (code 120), 500 when the worker died
-// (code 160), 503 when no worker runs (161).
+// 403 with a wrong or missing token (code 120), 429 with Retry-After for a
+// sign-in refused after too many failures (code 151, login-throttle.h),
+// 500 when the worker died (code 160), 503 when no worker runs (161).
 #ifndef KOVA_WEBD_HTTP_FRONT_H
 #define KOVA_WEBD_HTTP_FRONT_H
 
@@ -17,6 +18,7 @@
 #include <string>
 
 #include "api-call.h"
+#include "login-throttle.h"
 #include "logs.h"
 #include "module-registry.h"
 #include "session-store.h"
@@ -35,7 +37,7 @@ public:
 private:
     void HandleApi(const httplib::Request &req, httplib::Response &res);
     // Each returns the response object and may set HTTP status and headers.
-    Json::Value Login(const ApiCall &call, httplib::Response &res, std::string &user);
+    Json::Value Login(const ApiCall &call, const std::string &remote, httplib::Response &res, std::string &user);
     Json::Value Dispatch(const ApiCall &call, const Session &s, const std::string &remote, httplib::Response &res);
 
     ModuleRegistry &registry_;
@@ -44,6 +46,7 @@ private:
     Logs &logs_;
     std::string uiDir_;
     std::mutex platformMu_;   // account lookups of the front, one at a time
+    LoginThrottle throttle_;
 };
 
 // The value of one cookie in a Cookie header, "" when absent.

@@ -10,6 +10,7 @@ const MESSAGES = {
   119: 'Your session has ended. Please sign in again.',
   120: 'The request was refused because its security token was missing or wrong. Please sign in again.',
   150: 'Wrong account or password, or the account is disabled.',
+  151: 'Too many failed sign-ins. Please wait a few minutes before trying again.',
   160: 'The server failed while handling the request. Please try again.',
   161: 'The server is busy. Please try again later.',
   // folder listing

@@ -83,6 +83,19 @@ protected:
     std::unique_ptr<WebdProcess> webd;
 };
 
+TEST_F(Server, RepeatedWrongPasswordsBlockTheAccountFromThatAddress) {
+    WebClient c(webd->port());
+    for (int i = 0; i < 5; ++i) EXPECT_EQ(150, Code(c.Login(bob.name, "wrong")));
+    // Now even the right password is refused, with the wait to observe.
+    Reply blocked = c.Login(bob.name, bob.passwd);
+    EXPECT_EQ(429, blocked.status);
+    EXPECT_EQ(151, Code(blocked));
+    EXPECT_GT(blocked.body["error"]["data"]["retry_after"].asInt(), 0) << blocked.body;
+    EXPECT_EQ("", blocked.setCookie);
+    // Other accounts from the same address are not held up.
+    EXPECT_TRUE(c.Login(alice.name, alice.passwd).body["success"].asBool());
+}
+
 TEST_F(Server, LoginTokenAndLogout) {
     WebClient c(webd->port());
     Reply bad = c.Login("alice", "wrong");

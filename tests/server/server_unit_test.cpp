@@ -1,5 +1,6 @@
 // The server's parts that need no running server: request parsing, the
-// worker channel's framing, module table validation and lookup, sessions.
+// worker channel's framing, module table validation and lookup, sessions,
+// the sign-in throttle.
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -7,6 +8,7 @@
 #include "api-call.h"
 #include "frame.h"
 #include "http-front.h"
+#include "login-throttle.h"
 #include "module-registry.h"
 #include "session-store.h"
 
@@ -194,6 +196,81 @@ TEST(Sessions, CookieHeaderParsing) {
     EXPECT_EQ("v2", webd::CookieValue("a=1; kova_sid=v2; b=3", "kova_sid"));
     EXPECT_EQ("", webd::CookieValue("xkova_sid=v3; kova_sidx=4", "kova_sid"));
     EXPECT_EQ("", webd::CookieValue("", "kova_sid"));
+}
+
+using std::chrono::seconds;
+using Throttle = webd::LoginThrottle;
+
+TEST(LoginThrottle, BlocksAnAccountAfterItsLimitAndDoublesTheDelay) {
+    Throttle::Limits limits;
+    limits.perAccount = 3;
+    limits.firstDelay = seconds(10);
+    limits.maxDelay = seconds(25);
+    Throttle t(limits);
+    const auto t0 = Throttle::Clock::now();
+    t.Failed("10.0.0.1", "alice", t0);
+    t.Failed("10.0.0.1", "alice", t0);
+    EXPECT_EQ(seconds(0), t.RetryAfter("10.0.0.1", "alice", t0));
+    t.Failed("10.0.0.1", "alice", t0);
+    EXPECT_EQ(seconds(10), t.RetryAfter("10.0.0.1", "alice", t0));
+    // Rounded up while any wait is left; free once it has passed.
+    EXPECT_EQ(seconds(1), t.RetryAfter("10.0.0.1", "alice", t0 + std::chrono::milliseconds(9500)));
+    EXPECT_EQ(seconds(0), t.RetryAfter("10.0.0.1", "alice", t0 + seconds(10)));
+    // The same account from elsewhere, and another account from here, pass.
+    EXPECT_EQ(seconds(0), t.RetryAfter("10.0.0.2", "alice", t0));
+    EXPECT_EQ(seconds(0), t.RetryAfter("10.0.0.1", "bob", t0));
+
+    // Each failure past the limit doubles the delay, up to the ceiling.
+    t.Failed("10.0.0.1", "alice", t0 + seconds(10));
+    EXPECT_EQ(seconds(20), t.RetryAfter("10.0.0.1", "alice", t0 + seconds(10)));
+    t.Failed("10.0.0.1", "alice", t0 + seconds(30));
+    EXPECT_EQ(seconds(25), t.RetryAfter("10.0.0.1", "alice", t0 + seconds(30)));
+
+    // A success starts the account over.
+    t.Succeeded("10.0.0.1", "alice");
+    EXPECT_EQ(seconds(0), t.RetryAfter("10.0.0.1", "alice", t0 + seconds(30)));
+    t.Failed("10.0.0.1", "alice", t0 + seconds(31));
+    EXPECT_EQ(seconds(0), t.RetryAfter("10.0.0.1", "alice", t0 + seconds(31)));
+}
+
+TEST(LoginThrottle, SprayingAccountsFromOneAddressIsBlockedAndSuccessDoesNotLiftIt) {
+    Throttle::Limits limits;
+    limits.perAccount = 100;
+    limits.perAddress = 4;
+    limits.firstDelay = seconds(30);
+    Throttle t(limits);
+    const auto t0 = Throttle::Clock::now();
+    for (int i = 0; i < 4; ++i) {
+        t.Failed("10.0.0.9", "user" + std::to_string(i), t0);
+        // A success between guesses only clears that account.
+        t.Succeeded("10.0.0.9", "mine");
+    }
+    EXPECT_EQ(seconds(30), t.RetryAfter("10.0.0.9", "anyone", t0));
+    EXPECT_EQ(seconds(30), t.RetryAfter("10.0.0.9", "mine", t0));
+    EXPECT_EQ(seconds(0), t.RetryAfter("10.0.0.10", "anyone", t0));
+}
+
+TEST(LoginThrottle, QuietCountersAreForgottenAndTheTableStaysBounded) {
+    Throttle::Limits limits;
+    limits.perAccount = 2;
+    limits.perAddress = 100;
+    limits.forgetAfter = seconds(60);
+    limits.maxEntries = 4;  // two addresses' worth: a pair key and an address key each
+    Throttle t(limits);
+    const auto t0 = Throttle::Clock::now();
+    // Failures further apart than the quiet period do not add up.
+    t.Failed("a", "alice", t0);
+    t.Failed("a", "alice", t0 + seconds(61));
+    EXPECT_EQ(seconds(0), t.RetryAfter("a", "alice", t0 + seconds(61)));
+    t.Failed("a", "alice", t0 + seconds(62));
+    EXPECT_GT(t.RetryAfter("a", "alice", t0 + seconds(62)).count(), 0);
+
+    // Two more addresses need room: the counters idle longest make way.
+    t.Failed("b", "bob", t0 + seconds(63));
+    t.Failed("c", "carol", t0 + seconds(64));
+    EXPECT_EQ(seconds(0), t.RetryAfter("a", "alice", t0 + seconds(64)));
+    t.Failed("c", "carol", t0 + seconds(65));
+    EXPECT_GT(t.RetryAfter("c", "carol", t0 + seconds(65)).count(), 0);
 }
 
 } // namespace
