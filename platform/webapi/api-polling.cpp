@@ -275,9 +275,17 @@ bool APIPolling::Status(const std::string &taskId, Json::Value &result) {
         if (!d_->Lookup(taskId, record, path)) return false;
         long long pid = IntField(record, "pid");
         bool finished = BoolField(record, "finished", false);
+        bool alive = finished ||
+                     kova_webapi::TaskAlive(static_cast<pid_t>(pid), static_cast<unsigned long long>(IntField(record, "starttime")));
+        if (!alive) {
+            // The task may have written its final record and exited between
+            // the read above and the liveness check. Once it is gone it can
+            // write no more, so one more read is the last word.
+            if (!d_->Lookup(taskId, record, path)) return false;
+            finished = BoolField(record, "finished", false);
+        }
         Json::Value out(Json::objectValue);
-        if (!finished &&
-            !kova_webapi::TaskAlive(static_cast<pid_t>(pid), static_cast<unsigned long long>(IntField(record, "starttime")))) {
+        if (!finished && !alive) {
             // The process is gone but never said it finished: it was killed
             // or crashed, and will not report again.
             out["success"] = false;
