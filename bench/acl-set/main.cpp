@@ -10,7 +10,7 @@
 //   BASE   where the temporary platform root is made (default /var/tmp).
 // Must run as root (the library raises to root and needs a saved uid 0).
 #include "kova/acl.h"
-#include "kova/share.h"
+#include "acl-share.h"
 #include "timing.h"
 
 #include <fcntl.h>
@@ -115,14 +115,7 @@ int main(int argc, char **argv) {
     setenv("KOVA_ROOT", root.c_str(), 1);
     for (const char *dir : {"/etc", "/volumes", "/volumes/volume1", "/volumes/volume1/bench"}) MakeDir(root + dir);
     const std::string share = root + "/volumes/volume1/bench";
-    KOVA_SHARE rec;
-    std::memset(&rec, 0, sizeof rec);
-    std::snprintf(rec.szName, sizeof rec.szName, "bench");
-    std::snprintf(rec.szPath, sizeof rec.szPath, "%s", share.c_str());
-    rec.supportAcl = 1;
-    rec.aclStatus = 1;
-    rec.defaultPriv = KOVA_SHARE_PRIV_RW;
-    if (KOVAShareSet(&rec) < 0) Die("cannot create the share");
+    if (!kova_bench::AddAclShare("bench", share)) Die("cannot create the share");
 
     // 100 folders below top, FILES/100 files in each.
     const std::string top = share + "/top";

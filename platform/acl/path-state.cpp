@@ -15,20 +15,8 @@ namespace kova_acl {
 
 Elevation::Elevation() : Elevation(geteuid()) {}
 
-Elevation::Elevation(uid_t currentEuid) : uid_(currentEuid), ok_(true) {
-    if (uid_ == 0) return;
-    (void)caps_.Read();
-    if (setresuid(static_cast<uid_t>(-1), 0, static_cast<uid_t>(-1)) != 0) {
-        ok_ = false;
-        KOVA_FAIL(KOVA_ERR_PERM);
-    }
-}
-
-Elevation::~Elevation() {
-    if (!ok_ || uid_ == 0) return;
-    (void)setresuid(static_cast<uid_t>(-1), uid_, static_cast<uid_t>(-1));
-    // Leaving uid 0 emptied the effective set.
-    if (caps_.AnyEffective()) (void)caps_.Apply();
+Elevation::Elevation(uid_t currentEuid) : scope_(currentEuid) {
+    if (!scope_.ok()) KOVA_FAIL(KOVA_ERR_PERM);
 }
 
 std::vector<Ace> PathState::Complete() const {

@@ -48,29 +48,23 @@ bool LoadPathState(const char *szPath, PathState &out, unsigned flags = kLoadAll
 // The same for a state whose target is resolved already.
 bool LoadResolvedState(PathState &out, unsigned flags, const Principal *judged);
 
-// Effective uid 0 for its lifetime, the caller's uid back afterwards; ok()
-// false (last error KOVA_ERR_PERM) when the process cannot raise it (it
-// needs a saved uid of 0, which the server and its tasks keep). Only the
-// uid is raised: with it the process holds its capabilities again, which is
-// all that reading and writing trusted attributes, lstat and lchown need;
-// the group ids are left alone, which saves two of the four id changes a
-// path call would otherwise pay. Effective capabilities the caller held
-// (a background task's CAP_SYS_ADMIN) are held again afterwards.
+// The uid raise of kova_internal::UidScope (uid 0 for its lifetime, the
+// caller's uid and capabilities back afterwards) for the path calls, whose
+// failure sets the last error KOVA_ERR_PERM. Only the uid is raised: the
+// group ids are left alone, which saves two of the four id changes a path
+// call would otherwise pay.
 class Elevation {
 public:
     Elevation();
     // For a caller that has just read its effective uid (Principal::Caller):
     // saves asking the kernel again.
     explicit Elevation(uid_t currentEuid);
-    ~Elevation();
     Elevation(const Elevation &) = delete;
     Elevation &operator=(const Elevation &) = delete;
-    bool ok() const { return ok_; }
+    bool ok() const { return scope_.ok(); }
 
 private:
-    uid_t uid_;
-    bool ok_;
-    kova_internal::ThreadCapabilities caps_;
+    kova_internal::UidScope scope_;
 };
 
 } // namespace kova_acl

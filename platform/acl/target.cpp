@@ -18,26 +18,6 @@
 
 namespace kova_acl {
 
-OwnedFd::~OwnedFd() {
-    if (fd_ >= 0 && owned_) close(fd_);
-}
-
-OwnedFd &OwnedFd::operator=(OwnedFd &&other) noexcept {
-    if (this != &other) {
-        if (fd_ >= 0 && owned_) close(fd_);
-        fd_ = other.fd_;
-        owned_ = other.owned_;
-        other.fd_ = -1;
-    }
-    return *this;
-}
-
-OwnedFd OwnedFd::Borrowed(int fd) {
-    OwnedFd f(fd);
-    f.owned_ = false;
-    return f;
-}
-
 std::string ParentOf(const std::string &canonical) {
     size_t slash = canonical.rfind('/');
     if (slash == std::string::npos || slash == 0) return "/";

@@ -4,30 +4,15 @@
 #ifndef KOVA_ACL_TARGET_H
 #define KOVA_ACL_TARGET_H
 
+#include "kova-internal/owned-fd.h"
+
 #include <sys/stat.h>
 
 #include <string>
 
 namespace kova_acl {
 
-// A descriptor with one owner, who closes it; or one lent by another owner
-// for a shorter time (Borrowed), which is left open.
-class OwnedFd {
-public:
-    OwnedFd() = default;
-    explicit OwnedFd(int fd) : fd_(fd) {}
-    static OwnedFd Borrowed(int fd);
-    ~OwnedFd();
-    OwnedFd(OwnedFd &&other) noexcept : fd_(other.fd_), owned_(other.owned_) { other.fd_ = -1; }
-    OwnedFd &operator=(OwnedFd &&other) noexcept;
-    OwnedFd(const OwnedFd &) = delete;
-    OwnedFd &operator=(const OwnedFd &) = delete;
-    int get() const { return fd_; }
-
-private:
-    int fd_ = -1;
-    bool owned_ = true;
-};
+using kova_internal::OwnedFd;
 
 struct Target {
     std::string path;       // canonical path

@@ -61,31 +61,35 @@ bool HoldsCapability(unsigned cap) {
     return caps.Read() && caps.Effective(cap);
 }
 
+UidScope::UidScope() : UidScope(geteuid()) {}
+
 // The capabilities are read only when the uid is really raised: root keeps
 // its own untouched.
-RootScope::RootScope() : uid_(geteuid()), gid_(getegid()), ok_(true) {
-    if (uid_ != 0) (void)caps_.Read();
-    if (uid_ != 0 && setresuid(static_cast<uid_t>(-1), 0, static_cast<uid_t>(-1)) != 0) {
-        ok_ = false;
-        return;
-    }
+UidScope::UidScope(uid_t currentEuid) : uid_(currentEuid) {
+    if (uid_ == 0) return;
+    (void)caps_.Read();
+    ok_ = setresuid(static_cast<uid_t>(-1), 0, static_cast<uid_t>(-1)) == 0;
+    raised_ = ok_;
+}
+
+void UidScope::Drop() {
+    if (!raised_) return;
+    raised_ = false;
+    (void)setresuid(static_cast<uid_t>(-1), uid_, static_cast<uid_t>(-1));
+    // Leaving uid 0 emptied the effective set.
+    if (caps_.AnyEffective()) (void)caps_.Apply();
+}
+
+RootScope::RootScope() : gid_(getegid()), ok_(uid_.ok()) {
+    if (!ok_) return;
     if (gid_ != 0 && setresgid(static_cast<gid_t>(-1), 0, static_cast<gid_t>(-1)) != 0) {
-        DropUid();
+        uid_.Drop();
         ok_ = false;
     }
 }
 
 RootScope::~RootScope() {
-    if (!ok_) return;
-    // The gid first: only root may change it.
-    if (gid_ != 0) (void)setresgid(static_cast<gid_t>(-1), gid_, static_cast<gid_t>(-1));
-    DropUid();
-}
-
-void RootScope::DropUid() {
-    if (uid_ == 0) return;
-    (void)setresuid(static_cast<uid_t>(-1), uid_, static_cast<uid_t>(-1));
-    if (caps_.AnyEffective()) (void)caps_.Apply();
+    if (ok_ && gid_ != 0) (void)setresgid(static_cast<gid_t>(-1), gid_, static_cast<gid_t>(-1));
 }
 
 } // namespace kova_internal

@@ -7,6 +7,7 @@
 #include "kova/errcode.h"
 #include "kova/klibc.h"
 #include "kova-internal/fault-point.h"
+#include "kova-internal/owned-fd.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -20,6 +21,8 @@
 namespace kova_share {
 
 namespace {
+
+using kova_internal::OwnedFd;
 
 // Bumped by every write of this process; a table read under an older value
 // is stale.
@@ -46,34 +49,6 @@ struct FileKey {
     bool operator!=(const FileKey &o) const { return !(*this == o); }
 };
 
-// A descriptor closed with its holder (O_PATH: fstat needs no rights on
-// the file, and holding it keeps nobody from replacing the file).
-class PathFd {
-public:
-    PathFd() = default;
-    explicit PathFd(int fd) : fd_(fd) {}
-    ~PathFd() { Reset(); }
-    PathFd(PathFd &&o) noexcept : fd_(o.fd_) { o.fd_ = -1; }
-    PathFd &operator=(PathFd &&o) noexcept {
-        if (this != &o) {
-            Reset();
-            fd_ = o.fd_;
-            o.fd_ = -1;
-        }
-        return *this;
-    }
-    PathFd(const PathFd &) = delete;
-    PathFd &operator=(const PathFd &) = delete;
-    int get() const { return fd_; }
-    void Reset() {
-        if (fd_ >= 0) close(fd_);
-        fd_ = -1;
-    }
-
-private:
-    int fd_ = -1;
-};
-
 // The database file and the folder that holds it, open, with what fstat
 // said of both when the table was read. The file's key moves with every
 // write to it in place (SQLite's rollback journal writes the file itself);
@@ -83,16 +58,18 @@ private:
 // without walking the path on every use.
 struct DbWatch {
     std::string path;
-    PathFd dirFd, dbFd;
+    // O_PATH: fstat needs no rights on them, and holding them keeps nobody
+    // from replacing the files.
+    OwnedFd dirFd, dbFd;
     FileKey dir, db;
 
     // Opens both and takes their keys; false when the database is missing.
     bool Open(const std::string &dbPath) {
         const size_t slash = dbPath.rfind('/');
         const std::string folder = slash == 0 ? "/" : dbPath.substr(0, slash);
-        PathFd d(open(folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+        OwnedFd d(open(folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
         if (d.get() < 0) return false;
-        PathFd f(openat(d.get(), dbPath.c_str() + slash + 1, O_PATH | O_NOFOLLOW | O_CLOEXEC));
+        OwnedFd f(openat(d.get(), dbPath.c_str() + slash + 1, O_PATH | O_NOFOLLOW | O_CLOEXEC));
         struct stat ds, fs;
         if (f.get() < 0 || fstat(d.get(), &ds) != 0 || fstat(f.get(), &fs) != 0 || !S_ISREG(fs.st_mode))
             return false;

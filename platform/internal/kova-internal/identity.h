@@ -47,6 +47,31 @@ private:
 // True when the calling thread has `cap` in its effective set now.
 bool HoldsCapability(unsigned cap);
 
+// Raises the effective uid alone to 0 for its lifetime (nothing to do when
+// it is 0 already) and gives back, on destruction or Drop, the previous
+// uid and the effective capabilities held before. With uid 0 the thread
+// holds its capabilities again, which is all trusted attributes, lstat and
+// lchown need. Needs a saved uid of 0 (the server and tasks keep it); when
+// raising fails, ok() is false and nothing changes.
+class UidScope {
+public:
+    // `currentEuid`: the caller's effective uid, when it has just read it.
+    explicit UidScope(uid_t currentEuid);
+    UidScope();
+    ~UidScope() { Drop(); }
+    UidScope(const UidScope &) = delete;
+    UidScope &operator=(const UidScope &) = delete;
+    bool ok() const { return ok_; }
+    // Gives the uid and capabilities back now; the destructor then does nothing.
+    void Drop();
+
+private:
+    uid_t uid_;
+    bool ok_ = true;
+    bool raised_ = false;
+    ThreadCapabilities caps_;
+};
+
 // Raises the effective uid and gid to 0 for its lifetime and restores the
 // previous effective ids, and the effective capabilities held before, on
 // destruction. Needs a saved uid of 0 (the server and tasks keep it); when
@@ -60,12 +85,9 @@ public:
     bool ok() const { return ok_; }
 
 private:
-    void DropUid();
-
-    uid_t uid_;
+    UidScope uid_;   // given back after the gid: only root may change that
     gid_t gid_;
     bool ok_;
-    ThreadCapabilities caps_;
 };
 
 } // namespace kova_internal
