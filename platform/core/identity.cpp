@@ -1,7 +1,7 @@
 // Calling identity and the root scope of the platform libraries.
 #include "kova-internal/identity.h"
+#include "kova-internal/sys-calls.h"
 
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -29,7 +29,7 @@ namespace {
 
 int CapGet(struct __user_cap_data_struct *data) {
     struct __user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};
-    return static_cast<int>(syscall(SYS_capget, &header, data));
+    return Sys().capget(&header, data);
 }
 
 } // namespace
@@ -42,7 +42,7 @@ bool ThreadCapabilities::Read() {
 bool ThreadCapabilities::Apply() const {
     if (!read_) return false;
     struct __user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};
-    return syscall(SYS_capset, &header, data_) == 0;
+    return Sys().capset(&header, const_cast<cap_user_data_t>(data_)) == 0;
 }
 
 bool ThreadCapabilities::Effective(unsigned cap) const {
@@ -68,7 +68,7 @@ UidScope::UidScope() : UidScope(geteuid()) {}
 UidScope::UidScope(uid_t currentEuid) : uid_(currentEuid) {
     if (uid_ == 0) return;
     (void)caps_.Read();
-    ok_ = setresuid(static_cast<uid_t>(-1), 0, static_cast<uid_t>(-1)) == 0;
+    ok_ = Sys().setresuid(static_cast<uid_t>(-1), 0, static_cast<uid_t>(-1)) == 0;
     raised_ = ok_;
 }
 
@@ -82,7 +82,7 @@ void UidScope::Drop() {
 
 RootScope::RootScope() : gid_(getegid()), ok_(uid_.ok()) {
     if (!ok_) return;
-    if (gid_ != 0 && setresgid(static_cast<gid_t>(-1), 0, static_cast<gid_t>(-1)) != 0) {
+    if (gid_ != 0 && Sys().setresgid(static_cast<gid_t>(-1), 0, static_cast<gid_t>(-1)) != 0) {
         uid_.Drop();
         ok_ = false;
     }
