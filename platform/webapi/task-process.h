@@ -1,5 +1,5 @@
 // Identity of a task process over time: a pid plus the kernel's start time
-// of that process, so a reused pid is not mistaken for the task.
+// of that process, so a reused pid is never mistaken for the task.
 #ifndef KOVA_WEBAPI_TASK_PROCESS_H
 #define KOVA_WEBAPI_TASK_PROCESS_H
 

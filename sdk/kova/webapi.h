@@ -78,8 +78,9 @@ public:
     /* {"success": true, "data": ...} or {"success": false, "error": {"code": N[, "data": ...]}} */
     Json::Value ToJson() const;
 
-    /* Platform side: make every Set* write `recordPath` atomically. */
-    void BindTaskRecord(const std::string &recordPath, const Json::Value &owner);
+    /* Platform side: make every Set* replace the record of task `taskId`
+     * atomically (an id that is not a valid task id binds nothing). */
+    void BindTaskRecord(const std::string &taskId, const Json::Value &owner);
 
 private:
     struct Impl;

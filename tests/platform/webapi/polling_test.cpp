@@ -8,17 +8,27 @@
 #include "kova/fault.h"
 #include "kova/klibc.h"
 #include "kova/webapi.h"
+#include "kova-internal/sys-calls.h"
 
+#include <dirent.h>
+#include <errno.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
 
 #include <fstream>
 #include <functional>
 #include <memory>
 #include <sstream>
 #include <string>
+#include <vector>
 
 using KOVA::APIPolling;
 using KOVA::APIRequest;
@@ -94,6 +104,18 @@ std::string ReadFile(const std::string &path) {
     return ss.str();
 }
 
+// Entry names of a folder, sorted.
+std::vector<std::string> Names(const std::string &dir) {
+    std::vector<std::string> out;
+    if (DIR *d = opendir(dir.c_str())) {
+        while (struct dirent *e = readdir(d))
+            if (std::strcmp(e->d_name, ".") != 0 && std::strcmp(e->d_name, "..") != 0) out.push_back(e->d_name);
+        closedir(d);
+    }
+    std::sort(out.begin(), out.end());
+    return out;
+}
+
 class Polling : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -101,15 +123,35 @@ protected:
         ASSERT_EQ(KOVAUserAdd("bob", -1, "pw", nullptr, nullptr, 0), 0);
     }
 
-    // Starts fn as alice's task; returns the task id ("" on failure).
-    std::string StartAs(const std::string &user, APIPolling::TaskFunc fn, void *data, const char *prefix = "setacl") {
+    // Starts fn as user's task; returns the task id ("" on failure, with
+    // the polling error in *err and the response left unset).
+    std::string StartAs(const std::string &user, APIPolling::TaskFunc fn, void *data, const char *prefix = "setacl",
+                        int *err = nullptr) {
         APIRequest req(params_, user, "sid-" + user);
         APIPolling poll(&req);
         poll.SetPrefixAttr(prefix);
         APIResponse resp;
-        if (!poll.Start(&resp, fn, data)) return "";
+        const bool ok = poll.Start(&resp, fn, data);
+        if (err) *err = poll.GetError();
+        if (!ok) return resp.IsSet() ? "<response set>" : "";
         if (!resp.IsSuccess()) return "";
         return resp.GetData()["task_id"].asString();
+    }
+
+    bool StopAs(const std::string &user, const std::string &id, int *err = nullptr) {
+        APIRequest req(params_, user, "s");
+        APIPolling poll(&req);
+        bool ok = poll.Stop(id, true);
+        if (err) *err = poll.GetError();
+        return ok;
+    }
+
+    // Task records in the folder (the lock and temporaries left out).
+    std::vector<std::string> Records() const {
+        std::vector<std::string> out;
+        for (const std::string &n : Names(root_.At("var/run/tasks")))
+            if (n[0] != '.' && n.find(".tmp.") == std::string::npos) out.push_back(n);
+        return out;
     }
 
     bool StatusAs(const std::string &user, const std::string &id, Json::Value &out, int *err = nullptr,
@@ -307,4 +349,54 @@ TEST_F(Polling, FaultedStartForksNothing) {
     EXPECT_EQ(KLIBCErrGet(), KOVA_ERR_IO);
     EXPECT_FALSE(resp.IsSet());
     EXPECT_FALSE(Exists(root_.At("var/run/tasks")));
+}
+
+
+
+
+
+
+
+// Only plain names of the task folder are task ids: a file there whose
+// name has a dot, a NUL cut or more than 128 characters is never reached,
+// whoever it claims to belong to.
+TEST_F(Polling, OnlyPlainNamesAreTaskIds) {
+    std::string id = StartAs("alice", Quick, nullptr);
+    ASSERT_FALSE(id.empty());
+    WaitFinished("alice", id);
+    const std::string text = ReadFile(RecordPath(id));
+    const std::string longId(129, 'a');
+    for (const std::string &name : {std::string("alice.rec"), std::string("x"), longId})
+        ASSERT_TRUE(kova_test::WriteFile(root_.At("var/run/tasks/" + name), text));
+    Json::Value st;
+    int err = 0;
+    for (const std::string &bad : {std::string("alice.rec"), std::string("x\0y", 3), longId, std::string(".lock"),
+                                   std::string("x\n"), std::string("\xc3\xa9")}) {
+        SCOPED_TRACE(bad);
+        EXPECT_FALSE(StatusAs("alice", bad, st, &err));
+        EXPECT_EQ(err, KOVA_POLLING_ERR_NOTASK);
+        EXPECT_FALSE(StopAs("alice", bad, &err));
+        EXPECT_EQ(err, KOVA_POLLING_ERR_NOTASK);
+    }
+    // The same record under a plain name is found.
+    EXPECT_TRUE(StatusAs("alice", "x", st));
+}
+
+// Records are written through the system-call table: a failing rename
+// leaves no record and no temporary file, and the start fails as a whole.
+TEST_F(Polling, AFailedRecordWriteStartsNothing) {
+    using kova_internal::SysCalls;
+    auto failRename = [](int, const char *, int, const char *) -> int {
+        errno = EIO;
+        return -1;
+    };
+    int err = 0;
+    {
+        kova_internal::ScopedSysCall<decltype(SysCalls::renameat)> fail(&SysCalls::renameat, +failRename);
+        EXPECT_EQ(StartAs("alice", Quick, nullptr, "setacl", &err), "");
+    }
+    EXPECT_EQ(err, KOVA_POLLING_ERR_IO);
+    EXPECT_EQ(KLIBCErrGet(), KOVA_ERR_IO);
+    // Nothing but the start lock is left in the folder.
+    for (const std::string &name : Names(root_.At("var/run/tasks"))) EXPECT_EQ(name, ".lock");
 }
