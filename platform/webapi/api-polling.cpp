@@ -7,6 +7,7 @@
 #include "kova-internal/fault-point.h"
 #include "kova-internal/identity.h"
 
+#include "task-bounds.h"
 #include "task-process.h"
 #include "task-record.h"
 
@@ -207,6 +208,21 @@ bool APIPolling::Start(APIResponse *response, TaskFunc fn, void *data) {
 
         kova_webapi::RecordDir records;
         if (!records.Open()) return POLL_FAIL(KOVA_POLLING_ERR_IO, KLIBCErrGet());
+        // Held until the task's record names its process: the next start
+        // then counts this task as running.
+        kova_webapi::StartLock lock;
+        if (!lock.Acquire(records)) return POLL_FAIL(KOVA_POLLING_ERR_IO, KLIBCErrGet());
+        switch (kova_webapi::SweepAndAdmit(records, user, kova_webapi::TaskLimits::FromEnvironment(),
+                                           time(nullptr))) {
+        case kova_webapi::Admission::kAdmitted:
+            break;
+        case kova_webapi::Admission::kUserBusy:
+        case kova_webapi::Admission::kAllBusy:
+            return POLL_FAIL(KOVA_POLLING_ERR_BUSY, KOVA_ERR_TASK_LIMIT);
+        case kova_webapi::Admission::kError:
+            return POLL_FAIL(KOVA_POLLING_ERR_IO, KLIBCErrGet());
+        }
+
         std::string id = prefix + "-" + std::to_string(getpid()) + "-" +
                          std::to_string(static_cast<long long>(time(nullptr))) + "-" + RandomHex();
 
@@ -235,6 +251,7 @@ bool APIPolling::Start(APIResponse *response, TaskFunc fn, void *data) {
         if (middle == 0) {
             // Double fork: the task leaves the caller's session and is
             // reparented to init, so the caller never has to reap it.
+            lock.ForgetInChild();
             close(ready[0]);
             setsid();
             pid_t task = fork();

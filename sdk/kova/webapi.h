@@ -15,6 +15,10 @@
  *   administrator); Stop delivers SIGTERM. A task that died without a final
  *   record reads as failed. On failure the calls return false and GetError()
  *   tells why (KOVA_POLLING_ERR_*); the platform's last error is set too.
+ * - Bounds: Start refuses (KOVA_POLLING_ERR_BUSY, KOVA_ERR_TASK_LIMIT) when
+ *   the user, or everyone together, already runs the most tasks allowed.
+ *   Finished records are kept for a retention period, at most a fixed
+ *   number per user (the newest); older ones are removed when a task starts.
  * - Nothing here throws.
  */
 #ifndef KOVA_WEBAPI_H
@@ -29,6 +33,7 @@
 #define KOVA_POLLING_ERR_IO        3   /* task record unreadable or unwritable */
 #define KOVA_POLLING_ERR_FORK      4
 #define KOVA_POLLING_ERR_SIGNAL    5
+#define KOVA_POLLING_ERR_BUSY      6   /* too many running tasks (the user's or everyone's) */
 
 namespace KOVA {
 

@@ -104,6 +104,28 @@ std::string ReadFile(const std::string &path) {
     return ss.str();
 }
 
+// Sets an environment entry for the object's lifetime.
+class ScopedEnv {
+public:
+    ScopedEnv(const char *name, const std::string &value) : name_(name) {
+        const char *old = std::getenv(name);
+        had_ = old != nullptr;
+        if (had_) old_ = old;
+        setenv(name, value.c_str(), 1);
+    }
+    ~ScopedEnv() {
+        if (had_)
+            setenv(name_, old_.c_str(), 1);
+        else
+            unsetenv(name_);
+    }
+
+private:
+    const char *name_;
+    std::string old_;
+    bool had_;
+};
+
 // Entry names of a folder, sorted.
 std::vector<std::string> Names(const std::string &dir) {
     std::vector<std::string> out;
@@ -114,6 +136,14 @@ std::vector<std::string> Names(const std::string &dir) {
     }
     std::sort(out.begin(), out.end());
     return out;
+}
+
+// Sets a file's modification time `age` seconds into the past.
+bool Age(const std::string &path, time_t age) {
+    struct timespec times[2];
+    times[0].tv_sec = times[1].tv_sec = time(nullptr) - age;
+    times[0].tv_nsec = times[1].tv_nsec = 0;
+    return utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW) == 0;
 }
 
 class Polling : public ::testing::Test {
@@ -351,9 +381,142 @@ TEST_F(Polling, FaultedStartForksNothing) {
     EXPECT_FALSE(Exists(root_.At("var/run/tasks")));
 }
 
+// Running tasks are bounded per user and in total; a refused start sets
+// nothing, forks nothing and names the bound in its errors.
+TEST_F(Polling, RunningTasksAreBoundedPerUserAndInTotal) {
+    ASSERT_EQ(KOVAUserAdd("carol", -1, "pw", nullptr, nullptr, 0), 0);
+    ScopedEnv perUser("KOVA_TASKS_PER_USER", "2");
+    ScopedEnv total("KOVA_TASKS_TOTAL", "3");
+    Gate gate{root_.At("go")};
+    std::vector<std::string> running;
+    for (int i = 0; i < 2; ++i) running.push_back(StartAs("alice", ProgressThenFinish, &gate));
+    for (const std::string &id : running) ASSERT_FALSE(id.empty());
 
+    int err = 0;
+    KLIBCErrSetEx(0, "", 0);
+    EXPECT_EQ(StartAs("alice", ProgressThenFinish, &gate, "setacl", &err), "");
+    EXPECT_EQ(err, KOVA_POLLING_ERR_BUSY);
+    EXPECT_EQ(KLIBCErrGet(), KOVA_ERR_TASK_LIMIT);
+    EXPECT_EQ(Records().size(), 2u);
 
+    // Another user still gets a place, until everyone's bound is reached.
+    running.push_back(StartAs("bob", ProgressThenFinish, &gate));
+    ASSERT_FALSE(running.back().empty());
+    EXPECT_EQ(StartAs("carol", ProgressThenFinish, &gate, "setacl", &err), "");
+    EXPECT_EQ(err, KOVA_POLLING_ERR_BUSY);
+    EXPECT_EQ(Records().size(), 3u);
 
+    // Ended tasks free their places.
+    ASSERT_TRUE(kova_test::WriteFile(gate.goFile, "go"));
+    EXPECT_TRUE(WaitFinished("alice", running[0])["success"].asBool());
+    EXPECT_TRUE(WaitFinished("alice", running[1])["success"].asBool());
+    EXPECT_TRUE(WaitFinished("bob", running[2])["success"].asBool());
+    std::string later = StartAs("carol", Quick, nullptr);
+    EXPECT_FALSE(later.empty());
+    if (!later.empty()) WaitFinished("carol", later);
+}
+
+// Starts from many processes at once: the bound holds across them.
+TEST_F(Polling, ConcurrentStartsFromManyProcessesKeepTheBound) {
+    ScopedEnv perUser("KOVA_TASKS_PER_USER", "2");
+    Gate gate{root_.At("go")};
+    std::vector<pid_t> children;
+    for (int i = 0; i < 8; ++i) {
+        pid_t pid = fork();
+        ASSERT_GE(pid, 0);
+        if (pid == 0) _exit(StartAs("alice", ProgressThenFinish, &gate).empty() ? 1 : 0);
+        children.push_back(pid);
+    }
+    int started = 0;
+    for (pid_t pid : children) {
+        int status = 0;
+        ASSERT_EQ(waitpid(pid, &status, 0), pid);
+        ASSERT_TRUE(WIFEXITED(status));
+        if (WEXITSTATUS(status) == 0) ++started;
+    }
+    EXPECT_EQ(started, 2);
+    std::vector<std::string> ids = Records();
+    EXPECT_EQ(ids.size(), 2u);
+    ASSERT_TRUE(kova_test::WriteFile(gate.goFile, "go"));
+    for (const std::string &id : ids) EXPECT_TRUE(WaitFinished("alice", id)["success"].asBool());
+}
+
+// Finished records are kept per user up to a count, the newest first; a
+// start sweeps the rest. Other users' records count for them alone.
+TEST_F(Polling, FinishedRecordsBeyondTheCapAreRemovedNewestKept) {
+    ScopedEnv keep("KOVA_TASK_RECORDS_PER_USER", "3");
+    std::string bobs = StartAs("bob", Quick, nullptr);
+    ASSERT_FALSE(bobs.empty());
+    WaitFinished("bob", bobs);
+    std::vector<std::string> alices;
+    for (int i = 0; i < 5; ++i) {
+        alices.push_back(StartAs("alice", Quick, nullptr));
+        ASSERT_FALSE(alices.back().empty());
+        WaitFinished("alice", alices.back());
+        // Distinct finishing times on any file system's clock.
+        ASSERT_TRUE(Age(RecordPath(alices.back()), 50 - i * 10));
+    }
+    // Every start sweeps: of the five finished, the two oldest went when
+    // the fourth and fifth started; one more start changes nothing else.
+    std::string next = StartAs("alice", Quick, nullptr);
+    ASSERT_FALSE(next.empty());
+    Json::Value st;
+    int err = 0;
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_FALSE(StatusAs("alice", alices[i], st, &err)) << i;
+        EXPECT_EQ(err, KOVA_POLLING_ERR_NOTASK);
+    }
+    for (int i = 2; i < 5; ++i) EXPECT_TRUE(StatusAs("alice", alices[i], st)) << i;
+    EXPECT_TRUE(StatusAs("bob", bobs, st));
+    EXPECT_TRUE(StatusAs("alice", next, st));
+    EXPECT_EQ(Records().size(), 5u);  // bob's, alice's newest three and the one just started
+    WaitFinished("alice", next);
+}
+
+// A finished record stays readable for the retention period and goes at
+// the first start after it; running tasks, however quiet, are never swept;
+// a temporary file a dead writer left is removed once it is old.
+TEST_F(Polling, RecordsOutliveTheirRetentionOnlyWhileRunning) {
+    ScopedEnv retention("KOVA_TASK_RETENTION_SECONDS", "600");
+    Gate gate{root_.At("go")};
+    std::string quiet = StartAs("alice", ProgressThenFinish, &gate);
+    std::string old = StartAs("alice", Quick, nullptr);
+    std::string recent = StartAs("alice", Quick, nullptr);
+    ASSERT_FALSE(quiet.empty());
+    ASSERT_FALSE(old.empty());
+    ASSERT_FALSE(recent.empty());
+    WaitFinished("alice", old);
+    WaitFinished("alice", recent);
+    Json::Value st;
+    ASSERT_TRUE(Eventually([&] { return StatusAs("alice", quiet, st) && st["data"].isObject(); }));
+    ASSERT_TRUE(Age(RecordPath(old), 700));
+    ASSERT_TRUE(Age(RecordPath(recent), 500));
+    ASSERT_TRUE(Age(RecordPath(quiet), 7000));
+    const std::string deadTemp = RecordPath(recent) + ".tmp.99999.0";
+    const std::string liveTemp = RecordPath(recent) + ".tmp.99999.1";
+    ASSERT_TRUE(kova_test::WriteFile(deadTemp, "{"));
+    ASSERT_TRUE(kova_test::WriteFile(liveTemp, "{"));
+    ASSERT_TRUE(Age(deadTemp, 120));
+    // Status alone removes nothing: an expired record is readable until
+    // the next start.
+    EXPECT_TRUE(StatusAs("alice", old, st));
+
+    std::string next = StartAs("bob", Quick, nullptr);
+    ASSERT_FALSE(next.empty());
+    int err = 0;
+    EXPECT_FALSE(StatusAs("alice", old, st, &err));
+    EXPECT_EQ(err, KOVA_POLLING_ERR_NOTASK);
+    ASSERT_TRUE(StatusAs("alice", recent, st));
+    EXPECT_EQ(st["error"]["code"].asInt(), 6201);
+    ASSERT_TRUE(StatusAs("alice", quiet, st));
+    EXPECT_FALSE(st["finished"].asBool());
+    EXPECT_FALSE(Exists(deadTemp));
+    EXPECT_TRUE(Exists(liveTemp));
+
+    ASSERT_TRUE(kova_test::WriteFile(gate.goFile, "go"));
+    EXPECT_TRUE(WaitFinished("alice", quiet)["success"].asBool());
+    WaitFinished("bob", next);
+}
 
 
 
