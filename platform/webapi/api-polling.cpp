@@ -352,12 +352,11 @@ bool APIPolling::Stop(const std::string &taskId, bool signalTask) {
         if (!signalTask || BoolField(record, "finished", false)) return true;
         pid_t pid = static_cast<pid_t>(IntField(record, "pid"));
         unsigned long long start = static_cast<unsigned long long>(IntField(record, "starttime"));
-        // A task that already ended has nothing left to stop; its pid may
-        // belong to another process by now and must not be signalled.
-        if (!kova_webapi::TaskAlive(pid, start)) return true;
         kova_internal::RootScope root;
         if (!root.ok()) return POLL_FAIL(KOVA_POLLING_ERR_SIGNAL, KOVA_ERR_PERM);
-        if (kill(pid, SIGTERM) != 0 && errno != ESRCH) return POLL_FAIL(KOVA_POLLING_ERR_SIGNAL, KOVA_ERR_PERM);
+        // A task that already ended has nothing left to stop; its pid may
+        // belong to another process by now, which is never signalled.
+        if (kova_webapi::SignalTask(pid, start, SIGTERM) < 0) return POLL_FAIL(KOVA_POLLING_ERR_SIGNAL, KOVA_ERR_PERM);
         return true;
     } catch (...) {
         return POLL_FAIL(KOVA_POLLING_ERR_IO, KOVA_ERR_NOMEM);

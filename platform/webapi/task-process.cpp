@@ -1,4 +1,4 @@
-// Task liveness from /proc.
+// Task liveness from /proc, signals through pidfds.
 #include "task-process.h"
 
 #include "kova-internal/owned-fd.h"
@@ -71,6 +71,27 @@ bool TaskAlive(pid_t pid, unsigned long long startTime) {
     if (!ReadStat(pid, state, start)) return false;
     if (state == 'Z' || state == 'X' || state == 'x') return false;
     return start == startTime;
+}
+
+int SignalTask(pid_t pid, unsigned long long startTime, int sig) {
+    if (pid <= 0 || startTime == 0) return 0;
+    kova_internal::OwnedFd pidFd(Sys().pidfd_open(pid, 0));
+    if (pidFd.get() < 0) {
+        if (errno == ESRCH) return 0;
+        if (errno != ENOSYS) return -1;
+        // No pidfds on this kernel: the narrow window between the check and
+        // the signal stays open here and only here.
+        if (!TaskAlive(pid, startTime)) return 0;
+        if (Sys().kill(pid, sig) != 0) return errno == ESRCH ? 0 : -1;
+        return 1;
+    }
+    // The descriptor names the process that had `pid` when it was opened.
+    // If that process has the task's start time now, it is the task: a
+    // process that ended before the open could not have it, and one that
+    // ends after it can no longer be signalled through the descriptor.
+    if (!TaskAlive(pid, startTime)) return 0;
+    if (Sys().pidfd_send_signal(pidFd.get(), sig, nullptr, 0) != 0) return errno == ESRCH ? 0 : -1;
+    return 1;
 }
 
 } // namespace kova_webapi

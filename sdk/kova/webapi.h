@@ -19,6 +19,7 @@
  *   the user, or everyone together, already runs the most tasks allowed.
  *   Finished records are kept for a retention period, at most a fixed
  *   number per user (the newest); older ones are removed when a task starts.
+ * - Stop never signals a process that merely reuses a finished task's pid.
  * - Nothing here throws.
  */
 #ifndef KOVA_WEBAPI_H

@@ -126,6 +126,18 @@ private:
     bool had_;
 };
 
+// Start time of a process as /proc/<pid>/stat field 22 tells it.
+unsigned long long StartTimeOf(pid_t pid) {
+    std::string stat = ReadFile("/proc/" + std::to_string(pid) + "/stat");
+    size_t close = stat.rfind(')');
+    if (close == std::string::npos) return 0;
+    std::istringstream rest(stat.substr(close + 1));
+    std::string field;
+    for (int n = 3; n <= 22; ++n)
+        if (!(rest >> field)) return 0;
+    return std::strtoull(field.c_str(), nullptr, 10);
+}
+
 // Entry names of a folder, sorted.
 std::vector<std::string> Names(const std::string &dir) {
     std::vector<std::string> out;
@@ -136,6 +148,11 @@ std::vector<std::string> Names(const std::string &dir) {
     }
     std::sort(out.begin(), out.end());
     return out;
+}
+
+bool WriteRecord(const std::string &path, const Json::Value &record) {
+    Json::StreamWriterBuilder w;
+    return kova_test::WriteFile(path, Json::writeString(w, record));
 }
 
 // Sets a file's modification time `age` seconds into the past.
@@ -518,7 +535,95 @@ TEST_F(Polling, RecordsOutliveTheirRetentionOnlyWhileRunning) {
     WaitFinished("bob", next);
 }
 
+// A record whose pid now belongs to another process (another start time):
+// stop answers as for an ended task and signals nothing, whether or not the
+// kernel has pidfds; status reads it as dead. The same record with the
+// right start time is signalled, so the setup itself is sound.
+TEST_F(Polling, StopNeverSignalsAProcessThatReusedTheTasksPid) {
+    std::string id = StartAs("alice", Quick, nullptr);
+    ASSERT_FALSE(id.empty());
+    WaitFinished("alice", id);
+    Json::Value record;
+    {
+        Json::CharReaderBuilder b;
+        std::istringstream in(ReadFile(RecordPath(id)));
+        std::string errs;
+        ASSERT_TRUE(Json::parseFromStream(b, in, &record, &errs));
+    }
 
+    pid_t other = fork();
+    ASSERT_GE(other, 0);
+    if (other == 0) {
+        for (int i = 0; i < 600; ++i) sleep(1);
+        _exit(0);
+    }
+    struct Reap {
+        pid_t pid;
+        ~Reap() {
+            kill(pid, SIGKILL);
+            waitpid(pid, nullptr, 0);
+        }
+    } reap{other};
+    const unsigned long long start = StartTimeOf(other);
+    ASSERT_GT(start, 0u);
+    record["pid"] = static_cast<Json::Int64>(other);
+    record["finished"] = false;
+    record["success"] = true;
+
+    auto noPidfd = [](pid_t, unsigned int) -> int {
+        errno = ENOSYS;
+        return -1;
+    };
+    for (bool pidfds : {true, false}) {
+        SCOPED_TRACE(pidfds ? "pidfd" : "kill");
+        using kova_internal::SysCalls;
+        kova_internal::ScopedSysCall<decltype(SysCalls::pidfd_open)> fallback(
+            &SysCalls::pidfd_open, pidfds ? kova_internal::RealSysCalls().pidfd_open : +noPidfd);
+        record["starttime"] = static_cast<Json::UInt64>(start + 1);
+        ASSERT_TRUE(WriteRecord(RecordPath(id), record));
+        EXPECT_TRUE(StopAs("alice", id));
+        usleep(50000);
+        EXPECT_EQ(waitpid(other, nullptr, WNOHANG), 0) << "the other process was signalled";
+        Json::Value st;
+        ASSERT_TRUE(StatusAs("alice", id, st));
+        EXPECT_TRUE(st["finished"].asBool());
+        EXPECT_EQ(st["error"]["code"].asInt(), 6200);
+    }
+
+    record["starttime"] = static_cast<Json::UInt64>(start);
+    ASSERT_TRUE(WriteRecord(RecordPath(id), record));
+    EXPECT_TRUE(StopAs("alice", id));
+    int status = 0;
+    ASSERT_EQ(waitpid(other, &status, 0), other);
+    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM);
+}
+
+// Owners compare exactly: a name that is a prefix of another reaches
+// neither way.
+TEST_F(Polling, PrefixNamedUsersDoNotReachEachOthersTasks) {
+    ASSERT_EQ(KOVAUserAdd("bobby", -1, "pw", nullptr, nullptr, 0), 0);
+    Gate gate{root_.At("go")};
+    std::string bobs = StartAs("bob", ProgressThenFinish, &gate);
+    std::string bobbys = StartAs("bobby", ProgressThenFinish, &gate);
+    ASSERT_FALSE(bobs.empty());
+    ASSERT_FALSE(bobbys.empty());
+    Json::Value st;
+    int err = 0;
+    for (const auto &pair : {std::make_pair("bob", bobbys), std::make_pair("bobby", bobs)}) {
+        SCOPED_TRACE(pair.first);
+        EXPECT_FALSE(StatusAs(pair.first, pair.second, st, &err));
+        EXPECT_EQ(err, KOVA_POLLING_ERR_NOTASK);
+        EXPECT_FALSE(StopAs(pair.first, pair.second, &err));
+        EXPECT_EQ(err, KOVA_POLLING_ERR_NOTASK);
+    }
+    ASSERT_TRUE(StatusAs("bob", bobs, st));
+    EXPECT_FALSE(st["finished"].asBool());
+    ASSERT_TRUE(StatusAs("bobby", bobbys, st));
+    EXPECT_FALSE(st["finished"].asBool());
+    ASSERT_TRUE(kova_test::WriteFile(gate.goFile, "go"));
+    EXPECT_TRUE(WaitFinished("bob", bobs)["success"].asBool());
+    EXPECT_TRUE(WaitFinished("bobby", bobbys)["success"].asBool());
+}
 
 // Only plain names of the task folder are task ids: a file there whose
 // name has a dot, a NUL cut or more than 128 characters is never reached,
