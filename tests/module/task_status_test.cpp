@@ -11,7 +11,6 @@
 #include <gtest/gtest.h>
 
 #include <signal.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -159,10 +158,7 @@ TEST_F(TaskTest, AStartBeyondTheUsersTaskBoundAnswersTheGenericFailure) {
     std::istringstream fields(stat.substr(stat.rfind(')') + 1));
     std::string field;
     for (int n = 3; n <= 22; ++n) ASSERT_TRUE(fields >> field);
-    const std::string tasks = root_.path() + "/var/run/tasks";
-    ASSERT_TRUE(kova_test::MakeDirs(tasks));
-    ASSERT_EQ(0, chmod(tasks.c_str(), 0700));
-    ASSERT_TRUE(kova_test::WriteFile(tasks + "/setacl-held",
+    ASSERT_TRUE(kova_test::WriteFile(root_.path() + "/var/run/tasks/setacl-held",
                                      R"({"owner": "alice", "pid": )" + std::to_string(busy) + R"(, "starttime": )" +
                                          field + R"(, "success": true, "data": null, "finished": false})"));
 
