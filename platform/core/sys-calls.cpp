@@ -83,6 +83,30 @@ int RealCapset(cap_user_header_t header, const cap_user_data_t data) {
     return static_cast<int>(syscall(SYS_capset, header, data));
 }
 
+int RealPidfdOpen(pid_t pid, unsigned int flags) {
+#ifdef SYS_pidfd_open
+    return static_cast<int>(syscall(SYS_pidfd_open, pid, flags));
+#else
+    (void)pid;
+    (void)flags;
+    return Unknown();
+#endif
+}
+
+int RealPidfdSendSignal(int pidFd, int sig, siginfo_t *info, unsigned int flags) {
+#ifdef SYS_pidfd_send_signal
+    return static_cast<int>(syscall(SYS_pidfd_send_signal, pidFd, sig, info, flags));
+#else
+    (void)pidFd;
+    (void)sig;
+    (void)info;
+    (void)flags;
+    return Unknown();
+#endif
+}
+
+int RealFcntlLock(int fd, int cmd, struct flock *lock) { return ::fcntl(fd, cmd, lock); }
+
 const SysCalls kReal = {
     RealOpenat,
     RealOpenat2,
@@ -117,6 +141,9 @@ const SysCalls kReal = {
     RealSetgroups,
     RealCapget,
     RealCapset,
+    RealPidfdOpen,
+    RealPidfdSendSignal,
+    RealFcntlLock,
 };
 
 SysCalls gTable = kReal;

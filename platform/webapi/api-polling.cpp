@@ -7,6 +7,7 @@
 #include "kova-internal/fault-point.h"
 #include "kova-internal/identity.h"
 
+#include "task-bounds.h"
 #include "task-process.h"
 #include "task-record.h"
 
@@ -97,8 +98,8 @@ void DetachStdio() {
 }
 
 // The task process itself; never returns.
-[[noreturn]] void RunTask(const std::string &path, const Json::Value &ownerBase, int readyFd,
-                          APIPolling::TaskFunc fn, APIRequest *request, void *data) {
+[[noreturn]] void RunTask(const kova_webapi::RecordDir &records, const std::string &id, const Json::Value &ownerBase,
+                          int readyFd, APIPolling::TaskFunc fn, APIRequest *request, void *data) {
     ResetSignals();
     DetachStdio();
     int rc = 0;
@@ -108,13 +109,13 @@ void DetachStdio() {
         owner["pid"] = static_cast<Json::Int64>(self);
         owner["starttime"] = static_cast<Json::UInt64>(kova_webapi::ProcessStartTime(self));
         APIResponse response;
-        response.BindTaskRecord(path, owner);
-        if (!kova_webapi::WriteRecord(path, RecordFrom(owner, response, false))) rc = 1;
+        response.BindTaskRecord(id, owner);
+        if (!records.Write(id, RecordFrom(owner, response, false))) rc = 1;
         WriteByte(readyFd);
         close(readyFd);
         if (rc == 0) {
             fn(request, &response, data);
-            if (!kova_webapi::WriteRecord(path, RecordFrom(owner, response, true))) rc = 1;
+            if (!records.Write(id, RecordFrom(owner, response, true))) rc = 1;
         }
     } catch (...) {
         rc = 1;
@@ -136,29 +137,32 @@ struct APIPolling::Impl {
         return false;
     }
 
+    // The owner must be the caller exactly: "bob" never reaches "bobby"'s
+    // task, nor the other way round.
     bool MayAccess(const Json::Value &record) const {
-        std::string user = request->GetLoginUserName();
+        const std::string user = request->GetLoginUserName();
         if (user.empty()) return false;
         const Json::Value &owner = record["owner"];
         if (owner.isString() && owner.asString() == user) return true;
         return KLIBGroupIsAdminGroupMem(user.c_str(), 0) == 1;
     }
 
-    // Finds the caller's task, filling record and path; false with the
+    // Finds the caller's task in `records`, filling record; false with the
     // polling and last errors set otherwise.
-    bool Lookup(const std::string &taskId, Json::Value &record, std::string &path);
+    bool Lookup(const std::string &taskId, kova_webapi::RecordDir &records, Json::Value &record);
 };
 
 #define POLL_FAIL(pollErr, code) d_->Fail((pollErr), (code), kova_internal::BaseName(__FILE__), __LINE__)
 
-bool APIPolling::Impl::Lookup(const std::string &taskId, Json::Value &record, std::string &path) {
+bool APIPolling::Impl::Lookup(const std::string &taskId, kova_webapi::RecordDir &records, Json::Value &record) {
     const char *file = kova_internal::BaseName(__FILE__);
     if (!request || taskId.empty()) return Fail(KOVA_POLLING_ERR_BADARG, KOVA_ERR_BADARG, file, __LINE__);
+    // The id is checked before it reaches the file system: only a plain
+    // name of the task folder can be looked up, never a path or a byte the
+    // folder cannot hold.
     if (!kova_webapi::IsValidTaskId(taskId)) return Fail(KOVA_POLLING_ERR_NOTASK, KOVA_ERR_NOTASK, file, __LINE__);
-    std::string dir = kova_webapi::TaskDir();
-    if (dir.empty()) return Fail(KOVA_POLLING_ERR_IO, KOVA_ERR_IO, file, __LINE__);
-    path = kova_webapi::RecordPath(dir, taskId);
-    int rc = kova_webapi::ReadRecord(path, record);
+    if (!records.IsOpen() && !records.Open()) return Fail(KOVA_POLLING_ERR_IO, KLIBCErrGet(), file, __LINE__);
+    int rc = records.Read(taskId, record);
     if (rc == 0) return Fail(KOVA_POLLING_ERR_NOTASK, KOVA_ERR_NOTASK, file, __LINE__);
     if (rc < 0) return Fail(KOVA_POLLING_ERR_IO, KLIBCErrGet(), file, __LINE__);
     // Someone else's task is reported exactly like a missing one, so ids
@@ -199,11 +203,28 @@ bool APIPolling::Start(APIResponse *response, TaskFunc fn, void *data) {
         std::string user = d_->request->GetLoginUserName();
         if (user.empty()) return POLL_FAIL(KOVA_POLLING_ERR_BADARG, KOVA_ERR_BADARG);
 
-        std::string dir = kova_webapi::TaskDir();
-        if (dir.empty()) return POLL_FAIL(KOVA_POLLING_ERR_IO, KOVA_ERR_IO);
+        // The id must stay a valid one whatever the pid, time and random part.
+        if (prefix.size() > 64) return POLL_FAIL(KOVA_POLLING_ERR_BADARG, KOVA_ERR_BADARG);
+
+        kova_webapi::RecordDir records;
+        if (!records.Open()) return POLL_FAIL(KOVA_POLLING_ERR_IO, KLIBCErrGet());
+        // Held until the task's record names its process: the next start
+        // then counts this task as running.
+        kova_webapi::StartLock lock;
+        if (!lock.Acquire(records)) return POLL_FAIL(KOVA_POLLING_ERR_IO, KLIBCErrGet());
+        switch (kova_webapi::SweepAndAdmit(records, user, kova_webapi::TaskLimits::FromEnvironment(),
+                                           time(nullptr))) {
+        case kova_webapi::Admission::kAdmitted:
+            break;
+        case kova_webapi::Admission::kUserBusy:
+        case kova_webapi::Admission::kAllBusy:
+            return POLL_FAIL(KOVA_POLLING_ERR_BUSY, KOVA_ERR_TASK_LIMIT);
+        case kova_webapi::Admission::kError:
+            return POLL_FAIL(KOVA_POLLING_ERR_IO, KLIBCErrGet());
+        }
+
         std::string id = prefix + "-" + std::to_string(getpid()) + "-" +
                          std::to_string(static_cast<long long>(time(nullptr))) + "-" + RandomHex();
-        std::string path = kova_webapi::RecordPath(dir, id);
 
         Json::Value owner(Json::objectValue);
         owner["owner"] = user;
@@ -211,32 +232,32 @@ bool APIPolling::Start(APIResponse *response, TaskFunc fn, void *data) {
         owner["pid"] = 0;
         owner["starttime"] = 0;
         APIResponse initial;
-        if (!kova_webapi::WriteRecord(path, RecordFrom(owner, initial, false)))
-            return POLL_FAIL(KOVA_POLLING_ERR_IO, KOVA_ERR_IO);
+        if (!records.Write(id, RecordFrom(owner, initial, false))) return POLL_FAIL(KOVA_POLLING_ERR_IO, KOVA_ERR_IO);
 
         // The task tells through this pipe that its record names its pid; a
         // status read after Start returns can therefore judge liveness.
         int ready[2];
         if (pipe2(ready, O_CLOEXEC) != 0) {
-            kova_webapi::RemoveRecord(path);
+            records.Remove(id);
             return POLL_FAIL(KOVA_POLLING_ERR_FORK, KOVA_ERR_NOMEM);
         }
         pid_t middle = fork();
         if (middle < 0) {
             close(ready[0]);
             close(ready[1]);
-            kova_webapi::RemoveRecord(path);
+            records.Remove(id);
             return POLL_FAIL(KOVA_POLLING_ERR_FORK, KOVA_ERR_NOMEM);
         }
         if (middle == 0) {
             // Double fork: the task leaves the caller's session and is
             // reparented to init, so the caller never has to reap it.
+            lock.ForgetInChild();
             close(ready[0]);
             setsid();
             pid_t task = fork();
             if (task < 0) _exit(1);
             if (task > 0) _exit(0);
-            RunTask(path, owner, ready[1], fn, d_->request, data);
+            RunTask(records, id, owner, ready[1], fn, d_->request, data);
         }
         close(ready[1]);
         int status = 0;
@@ -254,7 +275,7 @@ bool APIPolling::Start(APIResponse *response, TaskFunc fn, void *data) {
         } while (n < 0 && errno == EINTR);
         close(ready[0]);
         if (!middleOk || n != 1) {
-            kova_webapi::RemoveRecord(path);
+            records.Remove(id);
             return POLL_FAIL(KOVA_POLLING_ERR_FORK, KOVA_ERR_IO);
         }
         Json::Value answer(Json::objectValue);
@@ -271,8 +292,8 @@ bool APIPolling::Status(const std::string &taskId, Json::Value &result) {
     KOVA_FAULT_POINT_BOOL("APIPolling::Status");
     try {
         Json::Value record;
-        std::string path;
-        if (!d_->Lookup(taskId, record, path)) return false;
+        kova_webapi::RecordDir records;
+        if (!d_->Lookup(taskId, records, record)) return false;
         long long pid = IntField(record, "pid");
         bool finished = BoolField(record, "finished", false);
         bool alive = finished ||
@@ -281,7 +302,7 @@ bool APIPolling::Status(const std::string &taskId, Json::Value &result) {
             // The task may have written its final record and exited between
             // the read above and the liveness check. Once it is gone it can
             // write no more, so one more read is the last word.
-            if (!d_->Lookup(taskId, record, path)) return false;
+            if (!d_->Lookup(taskId, records, record)) return false;
             finished = BoolField(record, "finished", false);
         }
         Json::Value out(Json::objectValue);
@@ -311,7 +332,7 @@ bool APIPolling::Status(const std::string &taskId, Json::Value &result) {
         }
         out["finished"] = finished;
         out["pid"] = static_cast<Json::Int64>(pid);
-        if (finished && d_->remove && !kova_webapi::RemoveRecord(path))
+        if (finished && d_->remove && !records.Remove(taskId))
             return POLL_FAIL(KOVA_POLLING_ERR_IO, KOVA_ERR_IO);
         result.swap(out);
         d_->error = KOVA_POLLING_ERR_NONE;
@@ -325,18 +346,17 @@ bool APIPolling::Stop(const std::string &taskId, bool signalTask) {
     KOVA_FAULT_POINT_BOOL("APIPolling::Stop");
     try {
         Json::Value record;
-        std::string path;
-        if (!d_->Lookup(taskId, record, path)) return false;
+        kova_webapi::RecordDir records;
+        if (!d_->Lookup(taskId, records, record)) return false;
         d_->error = KOVA_POLLING_ERR_NONE;
         if (!signalTask || BoolField(record, "finished", false)) return true;
         pid_t pid = static_cast<pid_t>(IntField(record, "pid"));
         unsigned long long start = static_cast<unsigned long long>(IntField(record, "starttime"));
-        // A task that already ended has nothing left to stop; its pid may
-        // belong to another process by now and must not be signalled.
-        if (!kova_webapi::TaskAlive(pid, start)) return true;
         kova_internal::RootScope root;
         if (!root.ok()) return POLL_FAIL(KOVA_POLLING_ERR_SIGNAL, KOVA_ERR_PERM);
-        if (kill(pid, SIGTERM) != 0 && errno != ESRCH) return POLL_FAIL(KOVA_POLLING_ERR_SIGNAL, KOVA_ERR_PERM);
+        // A task that already ended has nothing left to stop; its pid may
+        // belong to another process by now, which is never signalled.
+        if (kova_webapi::SignalTask(pid, start, SIGTERM) < 0) return POLL_FAIL(KOVA_POLLING_ERR_SIGNAL, KOVA_ERR_PERM);
         return true;
     } catch (...) {
         return POLL_FAIL(KOVA_POLLING_ERR_IO, KOVA_ERR_NOMEM);

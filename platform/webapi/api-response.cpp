@@ -7,6 +7,8 @@
 
 #include "task-record.h"
 
+#include <memory>
+
 namespace KOVA {
 
 struct APIResponse::Impl {
@@ -15,11 +17,15 @@ struct APIResponse::Impl {
     int code = 0;
     Json::Value data;
     Json::Value errorData;
-    std::string recordPath;   // empty: not a task response
+    std::string taskId;       // empty: not a task response
     Json::Value owner;        // fields the task record keeps besides the state
+    std::unique_ptr<kova_webapi::RecordDir> records;
 
     void Publish() {
-        if (recordPath.empty()) return;
+        if (taskId.empty()) return;
+        // Opened on first use and kept: a task publishes progress often.
+        if (!records) records.reset(new kova_webapi::RecordDir);
+        if (!records->IsOpen() && !records->Open()) return;
         Json::Value record = owner.isObject() ? owner : Json::Value(Json::objectValue);
         record["success"] = success || !set;
         record["data"] = success || !set ? data : Json::Value();
@@ -32,7 +38,7 @@ struct APIResponse::Impl {
         record["finished"] = false;
         // Failure already set the last error; the response itself stays as
         // the handler asked.
-        (void)kova_webapi::WriteRecord(recordPath, record);
+        (void)records->Write(taskId, record);
     }
 };
 
@@ -94,10 +100,15 @@ Json::Value APIResponse::ToJson() const {
     return out;
 }
 
-void APIResponse::BindTaskRecord(const std::string &recordPath, const Json::Value &owner) {
+void APIResponse::BindTaskRecord(const std::string &taskId, const Json::Value &owner) {
     KOVA_FAULT_POINT_VOID("APIResponse::BindTaskRecord");
     try {
-        d_->recordPath = recordPath;
+        if (!kova_webapi::IsValidTaskId(taskId)) {
+            KOVA_FAIL(KOVA_ERR_BADARG);
+            return;
+        }
+        d_->taskId = taskId;
+        d_->records.reset();
         d_->owner = owner;
     } catch (...) {
         KOVA_FAIL(KOVA_ERR_NOMEM);

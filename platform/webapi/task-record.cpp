@@ -1,33 +1,38 @@
-// Task record files: atomic replacement and tolerant reading.
+// Task record files: atomic replacement and tolerant reading, all relative
+// to the descriptor of the task folder.
 #include "task-record.h"
 
 #include "kova/errcode.h"
 #include "kova/klibc.h"
 #include "kova-internal/fault-point.h"
 #include "kova-internal/identity.h"
+#include "kova-internal/sys-calls.h"
 
+#include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <cstring>
 #include <memory>
-#include <sstream>
 
 namespace kova_webapi {
 
 namespace {
 
-bool MakeDir(const std::string &path, mode_t mode) {
-    if (mkdir(path.c_str(), mode) == 0 || errno == EEXIST) return true;
-    return false;
-}
+using kova_internal::OwnedFd;
+using kova_internal::Sys;
+
+constexpr size_t kMaxIdLength = 128;
+// A record is a few hundred bytes; anything far larger is not one of ours
+// and is not read into memory.
+constexpr off_t kMaxRecordSize = 1 << 20;
 
 bool WriteAll(int fd, const std::string &text) {
     size_t done = 0;
     while (done < text.size()) {
-        ssize_t n = write(fd, text.data() + done, text.size() - done);
+        ssize_t n = Sys().write(fd, text.data() + done, text.size() - done);
         if (n < 0) {
             if (errno == EINTR) continue;
             return false;
@@ -40,59 +45,81 @@ bool WriteAll(int fd, const std::string &text) {
 bool ReadAll(int fd, std::string &out) {
     char buf[8192];
     for (;;) {
-        ssize_t n = read(fd, buf, sizeof(buf));
+        ssize_t n = Sys().read(fd, buf, sizeof(buf));
         if (n < 0) {
             if (errno == EINTR) continue;
             return false;
         }
         if (n == 0) return true;
         out.append(buf, static_cast<size_t>(n));
+        if (out.size() > static_cast<size_t>(kMaxRecordSize)) return false;
     }
+}
+
+// A single component that can be handed to an *at call: never a path.
+bool IsEntryName(const std::string &name) {
+    return !name.empty() && name != "." && name != ".." && name.find('/') == std::string::npos &&
+           name.find('\0') == std::string::npos;
+}
+
+// The folder `name` below `parent`, created when missing; never a link.
+OwnedFd OpenSubdir(int parent, const char *name, mode_t mode) {
+    if (Sys().mkdirat(parent, name, mode) != 0 && errno != EEXIST) return OwnedFd();
+    return OwnedFd(Sys().openat(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC, 0));
 }
 
 } // namespace
 
-std::string TaskDir() {
-    kova_internal::RootScope root;
-    if (!root.ok()) {
-        KOVA_FAIL(KOVA_ERR_PERM);
-        return std::string();
-    }
-    std::string base = KLIBCRootGet();
-    std::string run = base + "/var/run";
-    std::string dir = run + "/tasks";
-    if (!MakeDir(base + "/var", 0755) || !MakeDir(run, 0755) || !MakeDir(dir, 0700)) {
-        KOVA_FAIL(KOVA_ERR_IO);
-        return std::string();
-    }
-    struct stat st;
-    if (lstat(dir.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
-        KOVA_FAIL(KOVA_ERR_IO);
-        return std::string();
-    }
-    // Records name their owners and the tasks' progress: nobody but root
-    // may list or read them, whoever created the directory first.
-    if ((st.st_uid != 0 || st.st_gid != 0) && chown(dir.c_str(), 0, 0) != 0) {
-        KOVA_FAIL(KOVA_ERR_IO);
-        return std::string();
-    }
-    if ((st.st_mode & 07777) != 0700 && chmod(dir.c_str(), 0700) != 0) {
-        KOVA_FAIL(KOVA_ERR_IO);
-        return std::string();
-    }
-    return dir;
-}
-
 bool IsValidTaskId(const std::string &id) {
-    if (id.empty() || id.size() > 200 || id[0] == '.') return false;
-    for (char c : id)
-        if (c == '/' || c == '\0' || c == '\n') return false;
+    if (id.empty() || id.size() > kMaxIdLength) return false;
+    for (char c : id) {
+        const bool ok = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' ||
+                        c == '_';
+        if (!ok) return false;
+    }
     return true;
 }
 
-std::string RecordPath(const std::string &dir, const std::string &id) { return dir + "/" + id; }
+bool RecordDir::Open() {
+    kova_internal::RootScope root;
+    if (!root.ok()) {
+        KOVA_FAIL(KOVA_ERR_PERM);
+        return false;
+    }
+    // The platform root is the administrator's setting and may itself be a
+    // link; everything below it is ours and is never followed.
+    OwnedFd base(Sys().openat(AT_FDCWD, KLIBCRootGet(), O_RDONLY | O_DIRECTORY | O_CLOEXEC, 0));
+    if (base.get() < 0) {
+        KOVA_FAIL(KOVA_ERR_IO);
+        return false;
+    }
+    OwnedFd var = OpenSubdir(base.get(), "var", 0755);
+    OwnedFd run = var.get() < 0 ? OwnedFd() : OpenSubdir(var.get(), "run", 0755);
+    OwnedFd dir = run.get() < 0 ? OwnedFd() : OpenSubdir(run.get(), "tasks", 0700);
+    struct stat st;
+    if (dir.get() < 0 || Sys().fstat(dir.get(), &st) != 0) {
+        KOVA_FAIL(KOVA_ERR_IO);
+        return false;
+    }
+    // Records name their owners and the tasks' progress: nobody but root
+    // may list or read them, whoever created the folder first.
+    if ((st.st_uid != 0 || st.st_gid != 0) && Sys().fchownat(dir.get(), "", 0, 0, AT_EMPTY_PATH) != 0) {
+        KOVA_FAIL(KOVA_ERR_IO);
+        return false;
+    }
+    if ((st.st_mode & 07777) != 0700 && Sys().fchmod(dir.get(), 0700) != 0) {
+        KOVA_FAIL(KOVA_ERR_IO);
+        return false;
+    }
+    fd_ = std::move(dir);
+    return true;
+}
 
-bool WriteRecord(const std::string &path, const Json::Value &record) {
+bool RecordDir::Write(const std::string &id, const Json::Value &record) const {
+    if (!IsOpen() || !IsValidTaskId(id)) {
+        KOVA_FAIL(KOVA_ERR_BADARG);
+        return false;
+    }
     std::string text;
     try {
         Json::StreamWriterBuilder w;
@@ -110,13 +137,12 @@ bool WriteRecord(const std::string &path, const Json::Value &record) {
         return false;
     }
     // Unique per process and call: tasks and status readers may write the
-    // same record at once, each through its own temporary file.
+    // same record at once, each through its own temporary file. The dots
+    // keep it from ever being a valid task id.
     static std::atomic<unsigned> counter{0};
-    std::ostringstream tmp;
-    tmp << path << ".tmp." << getpid() << "." << counter++;
-    std::string tmpPath = tmp.str();
+    const std::string tmp = id + ".tmp." + std::to_string(getpid()) + "." + std::to_string(counter++);
 
-    int fd = open(tmpPath.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600);
+    int fd = Sys().openat(fd_.get(), tmp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600);
     if (fd < 0) {
         KOVA_FAIL(KOVA_ERR_IO);
         return false;
@@ -129,37 +155,33 @@ bool WriteRecord(const std::string &path, const Json::Value &record) {
     // publishing every few hundred entries would otherwise wait on the disk
     // each time.
     const bool durable = record.isObject() && record["finished"].isBool() && record["finished"].asBool();
-    bool ok = WriteAll(fd, text) && (!durable || fsync(fd) == 0);
-    if (close(fd) != 0) ok = false;
-    if (ok && rename(tmpPath.c_str(), path.c_str()) != 0) ok = false;
+    bool ok = WriteAll(fd, text) && (!durable || Sys().fsync(fd) == 0);
+    if (Sys().close(fd) != 0) ok = false;
+    if (ok && Sys().renameat(fd_.get(), tmp.c_str(), fd_.get(), id.c_str()) != 0) ok = false;
     if (!ok) {
-        unlink(tmpPath.c_str());
+        Sys().unlinkat(fd_.get(), tmp.c_str(), 0);
         KOVA_FAIL(KOVA_ERR_IO);
         return false;
     }
-    if (durable) {
-        // The rename itself is durable once its directory is flushed. The
-        // record is in place either way, so a failure here changes nothing
-        // for readers and is not reported.
-        const size_t slash = path.rfind('/');
-        const std::string dir = slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
-        int dfd = open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-        if (dfd >= 0) {
-            (void)fsync(dfd);
-            close(dfd);
-        }
-    }
+    // The rename itself is durable once the folder is flushed. The record is
+    // in place either way, so a failure here changes nothing for readers
+    // and is not reported.
+    if (durable) (void)Sys().fsync(fd_.get());
     return true;
 }
 
-int ReadRecord(const std::string &path, Json::Value &record) {
+int RecordDir::Read(const std::string &id, Json::Value &record, struct stat *stOut) const {
+    if (!IsOpen() || !IsEntryName(id)) {
+        KOVA_FAIL(KOVA_ERR_BADARG);
+        return -1;
+    }
     kova_internal::RootScope root;
     if (!root.ok()) {
         KOVA_FAIL(KOVA_ERR_PERM);
         return -1;
     }
-    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
-    if (fd < 0) {
+    OwnedFd fd(Sys().openat(fd_.get(), id.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0));
+    if (fd.get() < 0) {
         if (errno == ENOENT) {
             KOVA_FAIL(KOVA_ERR_NOTASK);
             return 0;
@@ -167,10 +189,18 @@ int ReadRecord(const std::string &path, Json::Value &record) {
         KOVA_FAIL(KOVA_ERR_IO);
         return -1;
     }
+    struct stat st;
+    if (Sys().fstat(fd.get(), &st) != 0) {
+        KOVA_FAIL(KOVA_ERR_IO);
+        return -1;
+    }
+    if (!S_ISREG(st.st_mode) || st.st_size > kMaxRecordSize) {
+        KOVA_FAIL(KOVA_ERR_CORRUPT);
+        return -1;
+    }
+    if (stOut) *stOut = st;
     std::string text;
-    bool ok = ReadAll(fd, text);
-    close(fd);
-    if (!ok) {
+    if (!ReadAll(fd.get(), text)) {
         KOVA_FAIL(KOVA_ERR_IO);
         return -1;
     }
@@ -191,17 +221,61 @@ int ReadRecord(const std::string &path, Json::Value &record) {
     return 1;
 }
 
-bool RemoveRecord(const std::string &path) {
+bool RecordDir::Remove(const std::string &id) const {
+    if (!IsOpen() || !IsEntryName(id)) {
+        KOVA_FAIL(KOVA_ERR_BADARG);
+        return false;
+    }
     kova_internal::RootScope root;
     if (!root.ok()) {
         KOVA_FAIL(KOVA_ERR_PERM);
         return false;
     }
-    if (unlink(path.c_str()) != 0 && errno != ENOENT) {
+    if (Sys().unlinkat(fd_.get(), id.c_str(), 0) != 0 && errno != ENOENT) {
         KOVA_FAIL(KOVA_ERR_IO);
         return false;
     }
     return true;
+}
+
+bool RecordDir::List(std::vector<std::string> &names) const {
+    if (!IsOpen()) {
+        KOVA_FAIL(KOVA_ERR_BADARG);
+        return false;
+    }
+    kova_internal::RootScope root;
+    if (!root.ok()) {
+        KOVA_FAIL(KOVA_ERR_PERM);
+        return false;
+    }
+    // A stream of its own: the folder's descriptor stays ours, and its
+    // read position is never shared between listings.
+    int fd = Sys().openat(fd_.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC, 0);
+    if (fd < 0) {
+        KOVA_FAIL(KOVA_ERR_IO);
+        return false;
+    }
+    DIR *d = Sys().fdopendir(fd);
+    if (!d) {
+        Sys().close(fd);
+        KOVA_FAIL(KOVA_ERR_IO);
+        return false;
+    }
+    bool ok = true;
+    try {
+        names.clear();
+        errno = 0;
+        while (struct dirent64 *e = Sys().readdir64(d)) {
+            if (std::strcmp(e->d_name, ".") != 0 && std::strcmp(e->d_name, "..") != 0) names.emplace_back(e->d_name);
+            errno = 0;
+        }
+        if (errno != 0) ok = false;
+    } catch (...) {
+        ok = false;
+    }
+    Sys().closedir(d);
+    if (!ok) KOVA_FAIL(KOVA_ERR_IO);
+    return ok;
 }
 
 } // namespace kova_webapi

@@ -24,6 +24,7 @@
 #define KOVA_ERR_OWNER_CHANGE    0x2400  /* owner change not allowed */
 #define KOVA_ERR_NOSHARE         0x2500  /* no such share */
 #define KOVA_ERR_NOTASK          0x2600  /* no such background task */
+#define KOVA_ERR_TASK_LIMIT      0x2700  /* too many background tasks running */
 #define KOVA_ERR_BADPATH         0xBE00  /* invalid path */
 #define KOVA_ERR_CORRUPT         0xC100  /* stored record is corrupt */
 #define KOVA_ERR_ACL_NOTSUP      0xD700  /* path does not support ACLs */

@@ -15,6 +15,11 @@
  *   administrator); Stop delivers SIGTERM. A task that died without a final
  *   record reads as failed. On failure the calls return false and GetError()
  *   tells why (KOVA_POLLING_ERR_*); the platform's last error is set too.
+ * - Bounds: Start refuses (KOVA_POLLING_ERR_BUSY, KOVA_ERR_TASK_LIMIT) when
+ *   the user, or everyone together, already runs the most tasks allowed.
+ *   Finished records are kept for a retention period, at most a fixed
+ *   number per user (the newest); older ones are removed when a task starts.
+ * - Stop never signals a process that merely reuses a finished task's pid.
  * - Nothing here throws.
  */
 #ifndef KOVA_WEBAPI_H
@@ -29,6 +34,7 @@
 #define KOVA_POLLING_ERR_IO        3   /* task record unreadable or unwritable */
 #define KOVA_POLLING_ERR_FORK      4
 #define KOVA_POLLING_ERR_SIGNAL    5
+#define KOVA_POLLING_ERR_BUSY      6   /* too many running tasks (the user's or everyone's) */
 
 namespace KOVA {
 
@@ -78,8 +84,9 @@ public:
     /* {"success": true, "data": ...} or {"success": false, "error": {"code": N[, "data": ...]}} */
     Json::Value ToJson() const;
 
-    /* Platform side: make every Set* write `recordPath` atomically. */
-    void BindTaskRecord(const std::string &recordPath, const Json::Value &owner);
+    /* Platform side: make every Set* replace the record of task `taskId`
+     * atomically (an id that is not a valid task id binds nothing). */
+    void BindTaskRecord(const std::string &taskId, const Json::Value &owner);
 
 private:
     struct Impl;

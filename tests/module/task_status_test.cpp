@@ -10,9 +10,14 @@
 
 #include <gtest/gtest.h>
 
+#include <signal.h>
+#include <sys/wait.h>
 #include <syslog.h>
 #include <unistd.h>
 
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
 #include <string>
 
 namespace {
@@ -125,6 +130,52 @@ TEST_F(TaskTest, StatusFailureOfTheFrameworkCarriesItsErrorNumber) {
     CallResult stop = host_.Call("stop", TaskId(id), As("alice", {Fault{"APIPolling::Stop", 0, 0, 0x0800}}));
     EXPECT_EQ(6200, stop.errorCode()) << stop.Dump();
     EXPECT_NE(std::string::npos, stop.LogDump().find("acl:970 Failed to stop '" + id + "' [0x0800 ")) << stop.LogDump();
+}
+
+// A refused start reaches the client as set's generic failure: with one
+// task per user, alice already running one (a record naming a live process
+// with its real start time) gets 6200 from set, and bob still gets a task.
+TEST_F(TaskTest, AStartBeyondTheUsersTaskBoundAnswersTheGenericFailure) {
+    setenv("KOVA_TASKS_PER_USER", "1", 1);
+    struct Unset {
+        ~Unset() { unsetenv("KOVA_TASKS_PER_USER"); }
+    } unset;
+    const pid_t busy = fork();
+    ASSERT_GE(busy, 0);
+    if (busy == 0) {
+        for (int i = 0; i < 600; ++i) sleep(1);
+        _exit(0);
+    }
+    struct Reap {
+        pid_t pid;
+        ~Reap() {
+            kill(pid, SIGKILL);
+            waitpid(pid, nullptr, 0);
+        }
+    } reap{busy};
+    std::ifstream statFile("/proc/" + std::to_string(busy) + "/stat");
+    std::string stat((std::istreambuf_iterator<char>(statFile)), std::istreambuf_iterator<char>());
+    std::istringstream fields(stat.substr(stat.rfind(')') + 1));
+    std::string field;
+    for (int n = 3; n <= 22; ++n) ASSERT_TRUE(fields >> field);
+    ASSERT_TRUE(kova_test::WriteFile(root_.path() + "/var/run/tasks/setacl-held",
+                                     R"({"owner": "alice", "pid": )" + std::to_string(busy) + R"(, "starttime": )" +
+                                         field + R"(, "success": true, "data": null, "finished": false})"));
+
+    const std::string dir = share_ + "/refused";
+    ASSERT_TRUE(root_.MakeDir(dir, 0755, static_cast<uid_t>(root_.Uid("alice"))));
+    Json::Value params(Json::objectValue);
+    params["file_path"] = dir;
+    params["dirPaths"] = "/pub/refused";
+    params["change_acl"] = true;
+    params["inherited"] = true;
+    params["rules"] = Json::Value(Json::arrayValue);
+    CallResult refused = host_.Call("set", params, alice_);
+    EXPECT_EQ(6200, refused.errorCode()) << refused.Dump();
+
+    const std::string id = StartOn("bobs", bob_);
+    ASSERT_FALSE(id.empty());
+    EXPECT_TRUE(WaitTask(id, bob_).success());
 }
 
 } // namespace

@@ -17,6 +17,7 @@
 #define KOVA_INTERNAL_SYS_CALLS_H
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <linux/capability.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -73,6 +74,14 @@ struct SysCalls {
     int (*setgroups)(size_t count, const gid_t *groups);
     int (*capget)(cap_user_header_t header, cap_user_data_t data);
     int (*capset)(cap_user_header_t header, const cap_user_data_t data);
+
+    // Task processes through a descriptor that names one process for its
+    // whole life, so a pid reused in between is never signalled. Answer -1
+    // with ENOSYS on kernels before 5.1 (send) and 5.3 (open).
+    int (*pidfd_open)(pid_t pid, unsigned int flags);
+    int (*pidfd_send_signal)(int pidFd, int sig, siginfo_t *info, unsigned int flags);
+    // Record locks (F_SETLK, F_SETLKW, F_GETLK) on platform files.
+    int (*fcntl_lock)(int fd, int cmd, struct flock *lock);
 };
 
 // The table in force for the whole process.

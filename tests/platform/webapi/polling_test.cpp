@@ -8,17 +8,27 @@
 #include "kova/fault.h"
 #include "kova/klibc.h"
 #include "kova/webapi.h"
+#include "kova-internal/sys-calls.h"
 
+#include <dirent.h>
+#include <errno.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
 
 #include <fstream>
 #include <functional>
 #include <memory>
 #include <sstream>
 #include <string>
+#include <vector>
 
 using KOVA::APIPolling;
 using KOVA::APIRequest;
@@ -94,6 +104,65 @@ std::string ReadFile(const std::string &path) {
     return ss.str();
 }
 
+// Sets an environment entry for the object's lifetime.
+class ScopedEnv {
+public:
+    ScopedEnv(const char *name, const std::string &value) : name_(name) {
+        const char *old = std::getenv(name);
+        had_ = old != nullptr;
+        if (had_) old_ = old;
+        setenv(name, value.c_str(), 1);
+    }
+    ~ScopedEnv() {
+        if (had_)
+            setenv(name_, old_.c_str(), 1);
+        else
+            unsetenv(name_);
+    }
+
+private:
+    const char *name_;
+    std::string old_;
+    bool had_;
+};
+
+// Start time of a process as /proc/<pid>/stat field 22 tells it.
+unsigned long long StartTimeOf(pid_t pid) {
+    std::string stat = ReadFile("/proc/" + std::to_string(pid) + "/stat");
+    size_t close = stat.rfind(')');
+    if (close == std::string::npos) return 0;
+    std::istringstream rest(stat.substr(close + 1));
+    std::string field;
+    for (int n = 3; n <= 22; ++n)
+        if (!(rest >> field)) return 0;
+    return std::strtoull(field.c_str(), nullptr, 10);
+}
+
+// Entry names of a folder, sorted.
+std::vector<std::string> Names(const std::string &dir) {
+    std::vector<std::string> out;
+    if (DIR *d = opendir(dir.c_str())) {
+        while (struct dirent *e = readdir(d))
+            if (std::strcmp(e->d_name, ".") != 0 && std::strcmp(e->d_name, "..") != 0) out.push_back(e->d_name);
+        closedir(d);
+    }
+    std::sort(out.begin(), out.end());
+    return out;
+}
+
+bool WriteRecord(const std::string &path, const Json::Value &record) {
+    Json::StreamWriterBuilder w;
+    return kova_test::WriteFile(path, Json::writeString(w, record));
+}
+
+// Sets a file's modification time `age` seconds into the past.
+bool Age(const std::string &path, time_t age) {
+    struct timespec times[2];
+    times[0].tv_sec = times[1].tv_sec = time(nullptr) - age;
+    times[0].tv_nsec = times[1].tv_nsec = 0;
+    return utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW) == 0;
+}
+
 class Polling : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -101,15 +170,35 @@ protected:
         ASSERT_EQ(KOVAUserAdd("bob", -1, "pw", nullptr, nullptr, 0), 0);
     }
 
-    // Starts fn as alice's task; returns the task id ("" on failure).
-    std::string StartAs(const std::string &user, APIPolling::TaskFunc fn, void *data, const char *prefix = "setacl") {
+    // Starts fn as user's task; returns the task id ("" on failure, with
+    // the polling error in *err and the response left unset).
+    std::string StartAs(const std::string &user, APIPolling::TaskFunc fn, void *data, const char *prefix = "setacl",
+                        int *err = nullptr) {
         APIRequest req(params_, user, "sid-" + user);
         APIPolling poll(&req);
         poll.SetPrefixAttr(prefix);
         APIResponse resp;
-        if (!poll.Start(&resp, fn, data)) return "";
+        const bool ok = poll.Start(&resp, fn, data);
+        if (err) *err = poll.GetError();
+        if (!ok) return resp.IsSet() ? "<response set>" : "";
         if (!resp.IsSuccess()) return "";
         return resp.GetData()["task_id"].asString();
+    }
+
+    bool StopAs(const std::string &user, const std::string &id, int *err = nullptr) {
+        APIRequest req(params_, user, "s");
+        APIPolling poll(&req);
+        bool ok = poll.Stop(id, true);
+        if (err) *err = poll.GetError();
+        return ok;
+    }
+
+    // Task records in the folder (the lock and temporaries left out).
+    std::vector<std::string> Records() const {
+        std::vector<std::string> out;
+        for (const std::string &n : Names(root_.At("var/run/tasks")))
+            if (n[0] != '.' && n.find(".tmp.") == std::string::npos) out.push_back(n);
+        return out;
     }
 
     bool StatusAs(const std::string &user, const std::string &id, Json::Value &out, int *err = nullptr,
@@ -307,4 +396,275 @@ TEST_F(Polling, FaultedStartForksNothing) {
     EXPECT_EQ(KLIBCErrGet(), KOVA_ERR_IO);
     EXPECT_FALSE(resp.IsSet());
     EXPECT_FALSE(Exists(root_.At("var/run/tasks")));
+}
+
+// Running tasks are bounded per user and in total; a refused start sets
+// nothing, forks nothing and names the bound in its errors.
+TEST_F(Polling, RunningTasksAreBoundedPerUserAndInTotal) {
+    ASSERT_EQ(KOVAUserAdd("carol", -1, "pw", nullptr, nullptr, 0), 0);
+    ScopedEnv perUser("KOVA_TASKS_PER_USER", "2");
+    ScopedEnv total("KOVA_TASKS_TOTAL", "3");
+    Gate gate{root_.At("go")};
+    std::vector<std::string> running;
+    for (int i = 0; i < 2; ++i) running.push_back(StartAs("alice", ProgressThenFinish, &gate));
+    for (const std::string &id : running) ASSERT_FALSE(id.empty());
+
+    int err = 0;
+    KLIBCErrSetEx(0, "", 0);
+    EXPECT_EQ(StartAs("alice", ProgressThenFinish, &gate, "setacl", &err), "");
+    EXPECT_EQ(err, KOVA_POLLING_ERR_BUSY);
+    EXPECT_EQ(KLIBCErrGet(), KOVA_ERR_TASK_LIMIT);
+    EXPECT_EQ(Records().size(), 2u);
+
+    // Another user still gets a place, until everyone's bound is reached.
+    running.push_back(StartAs("bob", ProgressThenFinish, &gate));
+    ASSERT_FALSE(running.back().empty());
+    EXPECT_EQ(StartAs("carol", ProgressThenFinish, &gate, "setacl", &err), "");
+    EXPECT_EQ(err, KOVA_POLLING_ERR_BUSY);
+    EXPECT_EQ(Records().size(), 3u);
+
+    // Ended tasks free their places.
+    ASSERT_TRUE(kova_test::WriteFile(gate.goFile, "go"));
+    EXPECT_TRUE(WaitFinished("alice", running[0])["success"].asBool());
+    EXPECT_TRUE(WaitFinished("alice", running[1])["success"].asBool());
+    EXPECT_TRUE(WaitFinished("bob", running[2])["success"].asBool());
+    std::string later = StartAs("carol", Quick, nullptr);
+    EXPECT_FALSE(later.empty());
+    if (!later.empty()) WaitFinished("carol", later);
+}
+
+// Starts from many processes at once: the bound holds across them.
+TEST_F(Polling, ConcurrentStartsFromManyProcessesKeepTheBound) {
+    ScopedEnv perUser("KOVA_TASKS_PER_USER", "2");
+    Gate gate{root_.At("go")};
+    std::vector<pid_t> children;
+    for (int i = 0; i < 8; ++i) {
+        pid_t pid = fork();
+        ASSERT_GE(pid, 0);
+        if (pid == 0) _exit(StartAs("alice", ProgressThenFinish, &gate).empty() ? 1 : 0);
+        children.push_back(pid);
+    }
+    int started = 0;
+    for (pid_t pid : children) {
+        int status = 0;
+        ASSERT_EQ(waitpid(pid, &status, 0), pid);
+        ASSERT_TRUE(WIFEXITED(status));
+        if (WEXITSTATUS(status) == 0) ++started;
+    }
+    EXPECT_EQ(started, 2);
+    std::vector<std::string> ids = Records();
+    EXPECT_EQ(ids.size(), 2u);
+    ASSERT_TRUE(kova_test::WriteFile(gate.goFile, "go"));
+    for (const std::string &id : ids) EXPECT_TRUE(WaitFinished("alice", id)["success"].asBool());
+}
+
+// Finished records are kept per user up to a count, the newest first; a
+// start sweeps the rest. Other users' records count for them alone.
+TEST_F(Polling, FinishedRecordsBeyondTheCapAreRemovedNewestKept) {
+    ScopedEnv keep("KOVA_TASK_RECORDS_PER_USER", "3");
+    std::string bobs = StartAs("bob", Quick, nullptr);
+    ASSERT_FALSE(bobs.empty());
+    WaitFinished("bob", bobs);
+    std::vector<std::string> alices;
+    for (int i = 0; i < 5; ++i) {
+        alices.push_back(StartAs("alice", Quick, nullptr));
+        ASSERT_FALSE(alices.back().empty());
+        WaitFinished("alice", alices.back());
+        // Distinct finishing times on any file system's clock.
+        ASSERT_TRUE(Age(RecordPath(alices.back()), 50 - i * 10));
+    }
+    // Every start sweeps: of the five finished, the two oldest went when
+    // the fourth and fifth started; one more start changes nothing else.
+    std::string next = StartAs("alice", Quick, nullptr);
+    ASSERT_FALSE(next.empty());
+    Json::Value st;
+    int err = 0;
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_FALSE(StatusAs("alice", alices[i], st, &err)) << i;
+        EXPECT_EQ(err, KOVA_POLLING_ERR_NOTASK);
+    }
+    for (int i = 2; i < 5; ++i) EXPECT_TRUE(StatusAs("alice", alices[i], st)) << i;
+    EXPECT_TRUE(StatusAs("bob", bobs, st));
+    EXPECT_TRUE(StatusAs("alice", next, st));
+    EXPECT_EQ(Records().size(), 5u);  // bob's, alice's newest three and the one just started
+    WaitFinished("alice", next);
+}
+
+// A finished record stays readable for the retention period and goes at
+// the first start after it; running tasks, however quiet, are never swept;
+// a temporary file a dead writer left is removed once it is old.
+TEST_F(Polling, RecordsOutliveTheirRetentionOnlyWhileRunning) {
+    ScopedEnv retention("KOVA_TASK_RETENTION_SECONDS", "600");
+    Gate gate{root_.At("go")};
+    std::string quiet = StartAs("alice", ProgressThenFinish, &gate);
+    std::string old = StartAs("alice", Quick, nullptr);
+    std::string recent = StartAs("alice", Quick, nullptr);
+    ASSERT_FALSE(quiet.empty());
+    ASSERT_FALSE(old.empty());
+    ASSERT_FALSE(recent.empty());
+    WaitFinished("alice", old);
+    WaitFinished("alice", recent);
+    Json::Value st;
+    ASSERT_TRUE(Eventually([&] { return StatusAs("alice", quiet, st) && st["data"].isObject(); }));
+    ASSERT_TRUE(Age(RecordPath(old), 700));
+    ASSERT_TRUE(Age(RecordPath(recent), 500));
+    ASSERT_TRUE(Age(RecordPath(quiet), 7000));
+    const std::string deadTemp = RecordPath(recent) + ".tmp.99999.0";
+    const std::string liveTemp = RecordPath(recent) + ".tmp.99999.1";
+    ASSERT_TRUE(kova_test::WriteFile(deadTemp, "{"));
+    ASSERT_TRUE(kova_test::WriteFile(liveTemp, "{"));
+    ASSERT_TRUE(Age(deadTemp, 120));
+    // Status alone removes nothing: an expired record is readable until
+    // the next start.
+    EXPECT_TRUE(StatusAs("alice", old, st));
+
+    std::string next = StartAs("bob", Quick, nullptr);
+    ASSERT_FALSE(next.empty());
+    int err = 0;
+    EXPECT_FALSE(StatusAs("alice", old, st, &err));
+    EXPECT_EQ(err, KOVA_POLLING_ERR_NOTASK);
+    ASSERT_TRUE(StatusAs("alice", recent, st));
+    EXPECT_EQ(st["error"]["code"].asInt(), 6201);
+    ASSERT_TRUE(StatusAs("alice", quiet, st));
+    EXPECT_FALSE(st["finished"].asBool());
+    EXPECT_FALSE(Exists(deadTemp));
+    EXPECT_TRUE(Exists(liveTemp));
+
+    ASSERT_TRUE(kova_test::WriteFile(gate.goFile, "go"));
+    EXPECT_TRUE(WaitFinished("alice", quiet)["success"].asBool());
+    WaitFinished("bob", next);
+}
+
+// A record whose pid now belongs to another process (another start time):
+// stop answers as for an ended task and signals nothing, whether or not the
+// kernel has pidfds; status reads it as dead. The same record with the
+// right start time is signalled, so the setup itself is sound.
+TEST_F(Polling, StopNeverSignalsAProcessThatReusedTheTasksPid) {
+    std::string id = StartAs("alice", Quick, nullptr);
+    ASSERT_FALSE(id.empty());
+    WaitFinished("alice", id);
+    Json::Value record;
+    {
+        Json::CharReaderBuilder b;
+        std::istringstream in(ReadFile(RecordPath(id)));
+        std::string errs;
+        ASSERT_TRUE(Json::parseFromStream(b, in, &record, &errs));
+    }
+
+    pid_t other = fork();
+    ASSERT_GE(other, 0);
+    if (other == 0) {
+        for (int i = 0; i < 600; ++i) sleep(1);
+        _exit(0);
+    }
+    struct Reap {
+        pid_t pid;
+        ~Reap() {
+            kill(pid, SIGKILL);
+            waitpid(pid, nullptr, 0);
+        }
+    } reap{other};
+    const unsigned long long start = StartTimeOf(other);
+    ASSERT_GT(start, 0u);
+    record["pid"] = static_cast<Json::Int64>(other);
+    record["finished"] = false;
+    record["success"] = true;
+
+    auto noPidfd = [](pid_t, unsigned int) -> int {
+        errno = ENOSYS;
+        return -1;
+    };
+    for (bool pidfds : {true, false}) {
+        SCOPED_TRACE(pidfds ? "pidfd" : "kill");
+        using kova_internal::SysCalls;
+        kova_internal::ScopedSysCall<decltype(SysCalls::pidfd_open)> fallback(
+            &SysCalls::pidfd_open, pidfds ? kova_internal::RealSysCalls().pidfd_open : +noPidfd);
+        record["starttime"] = static_cast<Json::UInt64>(start + 1);
+        ASSERT_TRUE(WriteRecord(RecordPath(id), record));
+        EXPECT_TRUE(StopAs("alice", id));
+        usleep(50000);
+        EXPECT_EQ(waitpid(other, nullptr, WNOHANG), 0) << "the other process was signalled";
+        Json::Value st;
+        ASSERT_TRUE(StatusAs("alice", id, st));
+        EXPECT_TRUE(st["finished"].asBool());
+        EXPECT_EQ(st["error"]["code"].asInt(), 6200);
+    }
+
+    record["starttime"] = static_cast<Json::UInt64>(start);
+    ASSERT_TRUE(WriteRecord(RecordPath(id), record));
+    EXPECT_TRUE(StopAs("alice", id));
+    int status = 0;
+    ASSERT_EQ(waitpid(other, &status, 0), other);
+    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM);
+}
+
+// Owners compare exactly: a name that is a prefix of another reaches
+// neither way.
+TEST_F(Polling, PrefixNamedUsersDoNotReachEachOthersTasks) {
+    ASSERT_EQ(KOVAUserAdd("bobby", -1, "pw", nullptr, nullptr, 0), 0);
+    Gate gate{root_.At("go")};
+    std::string bobs = StartAs("bob", ProgressThenFinish, &gate);
+    std::string bobbys = StartAs("bobby", ProgressThenFinish, &gate);
+    ASSERT_FALSE(bobs.empty());
+    ASSERT_FALSE(bobbys.empty());
+    Json::Value st;
+    int err = 0;
+    for (const auto &pair : {std::make_pair("bob", bobbys), std::make_pair("bobby", bobs)}) {
+        SCOPED_TRACE(pair.first);
+        EXPECT_FALSE(StatusAs(pair.first, pair.second, st, &err));
+        EXPECT_EQ(err, KOVA_POLLING_ERR_NOTASK);
+        EXPECT_FALSE(StopAs(pair.first, pair.second, &err));
+        EXPECT_EQ(err, KOVA_POLLING_ERR_NOTASK);
+    }
+    ASSERT_TRUE(StatusAs("bob", bobs, st));
+    EXPECT_FALSE(st["finished"].asBool());
+    ASSERT_TRUE(StatusAs("bobby", bobbys, st));
+    EXPECT_FALSE(st["finished"].asBool());
+    ASSERT_TRUE(kova_test::WriteFile(gate.goFile, "go"));
+    EXPECT_TRUE(WaitFinished("bob", bobs)["success"].asBool());
+    EXPECT_TRUE(WaitFinished("bobby", bobbys)["success"].asBool());
+}
+
+// Only plain names of the task folder are task ids: a file there whose
+// name has a dot, a NUL cut or more than 128 characters is never reached,
+// whoever it claims to belong to.
+TEST_F(Polling, OnlyPlainNamesAreTaskIds) {
+    std::string id = StartAs("alice", Quick, nullptr);
+    ASSERT_FALSE(id.empty());
+    WaitFinished("alice", id);
+    const std::string text = ReadFile(RecordPath(id));
+    const std::string longId(129, 'a');
+    for (const std::string &name : {std::string("alice.rec"), std::string("x"), longId})
+        ASSERT_TRUE(kova_test::WriteFile(root_.At("var/run/tasks/" + name), text));
+    Json::Value st;
+    int err = 0;
+    for (const std::string &bad : {std::string("alice.rec"), std::string("x\0y", 3), longId, std::string(".lock"),
+                                   std::string("x\n"), std::string("\xc3\xa9")}) {
+        SCOPED_TRACE(bad);
+        EXPECT_FALSE(StatusAs("alice", bad, st, &err));
+        EXPECT_EQ(err, KOVA_POLLING_ERR_NOTASK);
+        EXPECT_FALSE(StopAs("alice", bad, &err));
+        EXPECT_EQ(err, KOVA_POLLING_ERR_NOTASK);
+    }
+    // The same record under a plain name is found.
+    EXPECT_TRUE(StatusAs("alice", "x", st));
+}
+
+// Records are written through the system-call table: a failing rename
+// leaves no record and no temporary file, and the start fails as a whole.
+TEST_F(Polling, AFailedRecordWriteStartsNothing) {
+    using kova_internal::SysCalls;
+    auto failRename = [](int, const char *, int, const char *) -> int {
+        errno = EIO;
+        return -1;
+    };
+    int err = 0;
+    {
+        kova_internal::ScopedSysCall<decltype(SysCalls::renameat)> fail(&SysCalls::renameat, +failRename);
+        EXPECT_EQ(StartAs("alice", Quick, nullptr, "setacl", &err), "");
+    }
+    EXPECT_EQ(err, KOVA_POLLING_ERR_IO);
+    EXPECT_EQ(KLIBCErrGet(), KOVA_ERR_IO);
+    // Nothing but the start lock is left in the folder.
+    for (const std::string &name : Names(root_.At("var/run/tasks"))) EXPECT_EQ(name, ".lock");
 }

@@ -11,6 +11,7 @@
 #include <dirent.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <fstream>
 #include <memory>
@@ -131,9 +132,7 @@ TEST(APIResponse, FaultedSetLeavesResponseAsItWas) {
 
 TEST(APIResponse, BoundRecordIsWrittenAsRootForAUser) {
     kova_test::TempRoot root;
-    std::string dir = root.At("records");
-    ASSERT_TRUE(kova_test::MakeDirs(dir));
-    ASSERT_EQ(chmod(dir.c_str(), 0700), 0);
+    std::string dir = root.At("var/run/tasks");
     std::string path = dir + "/t1";
 
     // The writer acts as an ordinary user that could not enter the
@@ -143,7 +142,7 @@ TEST(APIResponse, BoundRecordIsWrittenAsRootForAUser) {
         Json::Value owner(Json::objectValue);
         owner["owner"] = "alice";
         owner["pid"] = 42;
-        r.BindTaskRecord(path, owner);
+        r.BindTaskRecord("t1", owner);
         r.SetSuccess(Parse(R"({"applypath": "/v/s", "finished": false})"));
         if (geteuid() != 1500) return 3;  // ids restored after the write
         r.SetError(6205, "why");
@@ -162,17 +161,32 @@ TEST(APIResponse, BoundRecordIsWrittenAsRootForAUser) {
     ASSERT_EQ(stat(path.c_str(), &st), 0);
     EXPECT_EQ(st.st_uid, 0u);
     EXPECT_EQ(st.st_mode & 077, 0u);
+    ASSERT_EQ(stat(dir.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0700u);
     // Replacement leaves no temporary files behind.
     EXPECT_EQ(List(dir), std::vector<std::string>{"t1"});
 }
 
 TEST(APIResponse, UnwritableRecordStillSetsResponse) {
     kova_test::TempRoot root;
-    std::string path = root.At("no-such-dir/t1");
+    // The task folder is a link elsewhere: records are never written
+    // through it.
+    ASSERT_TRUE(kova_test::MakeDirs(root.At("var/run")));
+    ASSERT_TRUE(kova_test::MakeDirs(root.At("elsewhere")));
+    ASSERT_EQ(symlink(root.At("elsewhere").c_str(), root.At("var/run/tasks").c_str()), 0);
     APIResponse r;
-    r.BindTaskRecord(path, Json::Value(Json::objectValue));
+    r.BindTaskRecord("t1", Json::Value(Json::objectValue));
     r.SetSuccess(5);
     EXPECT_EQ(KLIBCErrGet(), KOVA_ERR_IO);
     EXPECT_TRUE(r.IsSuccess());
     EXPECT_EQ(r.GetData().asInt(), 5);
+    EXPECT_TRUE(List(root.At("elsewhere")).empty());
+
+    // An id that is not a plain record name binds nothing.
+    APIResponse bad;
+    bad.BindTaskRecord("../t1", Json::Value(Json::objectValue));
+    EXPECT_EQ(KLIBCErrGet(), KOVA_ERR_BADARG);
+    bad.SetSuccess(6);
+    EXPECT_TRUE(bad.IsSuccess());
+    EXPECT_TRUE(List(root.At("elsewhere")).empty());
 }
