@@ -14,7 +14,8 @@
 namespace kova_accounts {
 
 bool MaySignIn(const UserRow &row, const std::vector<unsigned> &gids) {
-    return !row.disabled && row.password;
+    if (row.uid < KOVA_UID_FIRST_USER || row.internal || row.disabled || !row.password) return false;
+    return std::find(gids.begin(), gids.end(), 0u) == gids.end();
 }
 
 int CheckSignIn(const std::string &name, const std::string &password) {

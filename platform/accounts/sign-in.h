@@ -15,8 +15,10 @@
 
 namespace kova_accounts {
 
-// Whether an account may open a session: enabled and with a password. gids
-// are its groups, primary first.
+// Whether an account may open a session: an ordinary user (uid from
+// KOVA_UID_FIRST_USER and not flagged internal: lower uids are system
+// accounts, which never sign in), enabled, with a password, and without
+// gid 0 among gids (its groups, primary first).
 bool MaySignIn(const UserRow &row, const std::vector<unsigned> &gids);
 
 // 0 when password matches an account that may sign in; -1 with the last

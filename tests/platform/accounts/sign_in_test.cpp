@@ -1,5 +1,8 @@
 // Sign-in: every refusal costs the same one Argon2 run as a wrong password,
-// so the check's duration does not tell which accounts exist.
+// so the check's duration does not tell which accounts exist; rows the
+// platform did not write are refused, logged and never read as another
+// account; only ordinary users sign in.
+#include "module-host.h"
 #include "temp-root.h"
 
 #include "password.h"
@@ -10,6 +13,8 @@
 #include "kova/klibc.h"
 
 #include <gtest/gtest.h>
+#include <sqlite3.h>
+#include <syslog.h>
 
 #include <algorithm>
 #include <chrono>
@@ -34,6 +39,33 @@ void Disable(const char *name) {
     u->isDisabled = 1;
     ASSERT_EQ(KOVAUserSet(u), 0);
     KOVAUserFree(u);
+}
+
+// Runs SQL on the root's account database behind the platform's back.
+void Tamper(const TempRoot &root, const std::string &sql) {
+    sqlite3 *db = nullptr;
+    ASSERT_EQ(sqlite3_open(root.At("etc/accounts.db").c_str(), &db), SQLITE_OK);
+    char *err = nullptr;
+    EXPECT_EQ(sqlite3_exec(db, sql.c_str(), nullptr, nullptr, &err), SQLITE_OK) << (err ? err : "") << " in " << sql;
+    sqlite3_free(err);
+    sqlite3_close(db);
+}
+
+// A users row holding the password hash of "model" (password "right-pw").
+std::string UserRow(const std::string &uid, const std::string &name, const std::string &gid,
+                     const std::string &internal = "0", const std::string &disabled = "0") {
+    return "INSERT INTO users(uid, name, gid, internal, password, disabled) SELECT " + uid + ", " + name + ", " + gid +
+           ", " + internal + ", password, " + disabled + " FROM users WHERE name = 'model';";
+}
+
+// Error-level system-log lines about an invalid accounts.db row.
+int InvalidRowLogs(const std::vector<kova_host::LogLine> &lines) {
+    int n = 0;
+    for (const auto &l : lines)
+        if ((l.priority & LOG_PRIMASK) == LOG_ERR && l.text.find("accounts.db:") != std::string::npos &&
+            l.text.find("invalid") != std::string::npos)
+            ++n;
+    return n;
 }
 
 double MedianMs(int n, const char *name, const char *password) {
@@ -94,4 +126,83 @@ TEST(SignIn, UnknownAccountTakesAsLongAsWrongPassword) {
     double unknown = MedianMs(7, "nobody", "wrong-pw");
     EXPECT_LT(existing, 3 * unknown) << existing << " ms vs " << unknown << " ms";
     EXPECT_LT(unknown, 3 * existing) << unknown << " ms vs " << existing << " ms";
+}
+
+TEST(SignIn, InvalidRowsAreRefusedLoggedAndNeverReadAsAnotherAccount) {
+    TempRoot root;
+    ASSERT_EQ(KOVAUserAdd("model", -1, "right-pw", nullptr, nullptr, 0), 0);
+    struct Bad {
+        const char *name;
+        std::string row;
+    } bad[] = {
+        {"huge-uid", UserRow("1099511627776", "'huge-uid'", "100")},  // 2^40: 0 when cut to 32 bits
+        {"negative-uid", UserRow("-5", "'negative-uid'", "100")},
+        {"huge-gid", UserRow("3000", "'huge-gid'", "4294967296")},
+        {"text-gid", UserRow("3001", "'text-gid'", "'abc'")},
+        {"disabled-yes", UserRow("3002", "'disabled-yes'", "100", "0", "'yes'")},
+        {"internal-two", UserRow("3003", "'internal-two'", "100", "2")},
+        {"tab\tname", UserRow("3004", "'tab' || char(9) || 'name'", "100")},
+        {"huge-member", UserRow("3005", "'huge-member'", "100") +
+                            "INSERT INTO members(gid, uid) VALUES (1099511627776, 3005);"},
+    };
+    std::string sql;
+    for (const Bad &b : bad) sql += b.row;
+    Tamper(root, sql);
+    for (const Bad &b : bad) {
+        kova_host::StartLogCapture();
+        int rc = 0;
+        EXPECT_EQ(RunsOf([&] { rc = KOVAUserPasswordCheck(b.name, "right-pw"); }), 1u) << b.name;
+        EXPECT_LT(rc, 0) << b.name;
+        EXPECT_EQ(KLIBCErrGet(), KOVA_ERR_PERM) << b.name;
+        EXPECT_EQ(InvalidRowLogs(kova_host::StopLogCapture()), 1) << b.name;
+        // Lookups answer "invalid", not another user and not "no such user".
+        int uid = -1, gid = -1;
+        PKLIBC_SZLIST groups = KLIBGroupInfoListGet(b.name, 0);
+        EXPECT_EQ(groups, nullptr) << b.name;
+        KLIBCSzListFree(groups);
+        EXPECT_EQ(KLIBCErrGet(), KOVA_ERR_CORRUPT) << b.name;
+        if (std::string(b.name) == "huge-member") continue;  // the row itself is fine
+        EXPECT_LT(KOVAUserGetUGID(b.name, &uid, &gid), 0) << b.name;
+        EXPECT_EQ(KLIBCErrGet(), KOVA_ERR_CORRUPT) << b.name;
+        EXPECT_EQ(uid, -1) << b.name;
+    }
+    // The uid cut to 32 bits must not find the 2^40 row, nor any other id.
+    PKOVA_USER u = nullptr;
+    EXPECT_LT(KOVAUserGetByUID(0, &u), 0);
+    EXPECT_EQ(KLIBCErrGet(), KOVA_ERR_NOUSER);
+    // Group rows and enumerations read through the same checks.
+    Tamper(root, "INSERT INTO groups(gid, name) VALUES (1099511627776, 'huge-group');");
+    PKOVA_GROUP g = nullptr;
+    EXPECT_LT(KOVAGroupGet("huge-group", &g), 0);
+    EXPECT_EQ(KLIBCErrGet(), KOVA_ERR_CORRUPT);
+    EXPECT_LT(KLIBGroupInfoEnumByPrefix(KOVA_ACCOUNT_SRC_LOCAL, 0, 0, 0xFFFFFFFFu, "huge", 0, nullptr, nullptr), 0);
+    EXPECT_EQ(KLIBCErrGet(), KOVA_ERR_CORRUPT);
+    EXPECT_LT(KLIBUserInfoEnumBySubstr(KOVA_ACCOUNT_SRC_LOCAL, 0, 0, 0xFFFFFFFFu, "huge-uid", 0, nullptr, nullptr), 0);
+    EXPECT_EQ(KLIBCErrGet(), KOVA_ERR_CORRUPT);
+    // An administrator removes such a row by name; the others stay usable.
+    EXPECT_EQ(KOVAUserDelete("huge-uid"), 0);
+    EXPECT_EQ(KOVAUserPasswordCheck("model", "right-pw"), 0);
+}
+
+TEST(SignIn, OnlyOrdinaryUsersSignIn) {
+    TempRoot root;
+    ASSERT_EQ(KOVAUserAdd("model", -1, "right-pw", nullptr, nullptr, 0), 0);
+    Tamper(root, UserRow("0", "'root-like'", "100") + UserRow("3000", "'root-group'", "0") +
+                     UserRow("300", "'system'", "100") + UserRow("3001", "'flagged'", "100", "1") +
+                     UserRow("3002", "'wheel-member'", "100") +
+                     "INSERT INTO groups(gid, name) VALUES (0, 'wheel');"
+                     "INSERT INTO members(gid, uid) VALUES (0, 3002);");
+    for (const char *name : {"root-like", "root-group", "system", "flagged", "wheel-member"}) {
+        int rc = 0;
+        EXPECT_EQ(RunsOf([&] { rc = KOVAUserPasswordCheck(name, "right-pw"); }), 1u) << name;
+        EXPECT_LT(rc, 0) << name;
+        EXPECT_EQ(KLIBCErrGet(), KOVA_ERR_PERM) << name;
+    }
+    // These rows are valid: lookups tell them as they are.
+    int uid = -1, gid = -1;
+    ASSERT_EQ(KOVAUserGetUGID("root-like", &uid, &gid), 0);
+    EXPECT_EQ(uid, 0);
+    ASSERT_EQ(KOVAUserGetUGID("root-group", &uid, &gid), 0);
+    EXPECT_EQ(gid, 0);
+    EXPECT_EQ(KOVAUserPasswordCheck("model", "right-pw"), 0);
 }
