@@ -16,12 +16,12 @@ namespace kova_accounts {
 // or when no random salt or no memory is available.
 bool HashPassword(const std::string &password, std::string &encoded);
 // True when password matches the encoded hash. One Argon2 run every time; a
-// malformed hash or a password with a NUL byte never matches.
+// malformed hash, one with costs beyond the bounds a stored hash may ask
+// for (64 MiB, 16 passes, 4 lanes), or a password with a NUL byte never
+// matches.
 bool VerifyPassword(const std::string &encoded, const std::string &password);
 // The work of a failing VerifyPassword, for an account that cannot sign in.
 void VerifyAgainstDummy(const std::string &password);
-// Argon2 computations this process has run, for tests and the benchmark.
-unsigned long long Argon2Runs();
 
 } // namespace kova_accounts
 

@@ -5,6 +5,7 @@
 #include "module-host.h"
 #include "temp-root.h"
 
+#include "argon2-run.h"
 #include "password.h"
 #include "sign-in.h"
 
@@ -17,8 +18,12 @@
 #include <syslog.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
+#include <cstdio>
+#include <fstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 using kova_test::TempRoot;
@@ -66,6 +71,15 @@ int InvalidRowLogs(const std::vector<kova_host::LogLine> &lines) {
             l.text.find("invalid") != std::string::npos)
             ++n;
     return n;
+}
+
+// A "Vm...:" figure of /proc/self/status, in KiB.
+long StatusKiB(const std::string &field) {
+    std::ifstream in("/proc/self/status");
+    std::string line;
+    while (std::getline(in, line))
+        if (line.compare(0, field.size(), field) == 0) return std::stol(line.substr(field.size()));
+    return -1;
 }
 
 double MedianMs(int n, const char *name, const char *password) {
@@ -205,4 +219,56 @@ TEST(SignIn, OnlyOrdinaryUsersSignIn) {
     ASSERT_EQ(KOVAUserGetUGID("root-group", &uid, &gid), 0);
     EXPECT_EQ(gid, 0);
     EXPECT_EQ(KOVAUserPasswordCheck("model", "right-pw"), 0);
+}
+
+TEST(SignIn, HashesAgreeWithLibargon2AndStoredCostsAreBounded) {
+    // Hashes written by libargon2 itself (as every database before holds)
+    // check here, and ours check with libargon2.
+    std::vector<char> lib(argon2_encodedlen(2, 19 * 1024, 1, 16, 32, Argon2_id));
+    const char salt[] = "0123456789abcdef";
+    ASSERT_EQ(argon2id_hash_encoded(2, 19 * 1024, 1, "pw", 2, salt, 16, 32, lib.data(), lib.size()), ARGON2_OK);
+    EXPECT_TRUE(kova_accounts::VerifyPassword(lib.data(), "pw"));
+    EXPECT_FALSE(kova_accounts::VerifyPassword(lib.data(), "pW"));
+    std::string ours;
+    ASSERT_TRUE(kova_accounts::HashPassword("pw", ours));
+    EXPECT_EQ(argon2id_verify(ours.c_str(), "pw", 2), ARGON2_OK);
+    std::string again;
+    ASSERT_TRUE(kova_accounts::HashPassword("pw", again));
+    EXPECT_NE(ours, again);  // a fresh salt each time
+    // A stored hash decides what a check costs: past the bounds, or not in
+    // the written form, it never matches and costs the usual one run.
+    std::string tail = std::string(lib.data()).substr(std::string(lib.data()).find("$", 30));
+    for (const std::string &bad : {"$argon2id$v=19$m=1048576,t=2,p=1" + tail, "$argon2id$v=19$m=19456,t=99,p=1" + tail,
+                                   "$argon2id$v=19$m=19456,t=2,p=64" + tail, "$argon2id$v=16$m=19456,t=2,p=1" + tail,
+                                   "$argon2i$v=19$m=19456,t=2,p=1" + tail, std::string(lib.data()) + "!",
+                                   std::string(lib.data()).substr(0, 60), std::string("plain text")}) {
+        bool match = true;
+        EXPECT_EQ(RunsOf([&] { match = kova_accounts::VerifyPassword(bad, "pw"); }), 1u) << bad;
+        EXPECT_FALSE(match) << bad;
+    }
+}
+
+// Today's code kept 19 MiB per thread that ever checked a password, and ran
+// as many checks at once as there were callers.
+TEST(SignIn, HashingMemoryIsBoundedAndGoesBackAtOnce) {
+    TempRoot root;
+    ASSERT_EQ(KOVAUserAdd("ann", -1, "right-pw", nullptr, nullptr, 0), 0);
+    ASSERT_LT(KOVAUserPasswordCheck("ann", "wrong"), 0);
+    long base = StatusKiB("VmRSS:");
+    // Resets the peak (VmHWM) so it tells the burst's own peak.
+    bool peakReset = static_cast<bool>(std::ofstream("/proc/self/clear_refs") << "5");
+    std::atomic<int> next{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 8; ++t)
+        threads.emplace_back([&] {
+            for (int i; (i = next++) < 50;) KOVAUserPasswordCheck(i % 2 ? "ann" : "nobody", "wrong");
+        });
+    for (auto &t : threads) t.join();
+    long grown = StatusKiB("VmRSS:") - base;
+    EXPECT_LT(grown, 8 * 1024) << "KiB kept after 50 checks from 8 threads";
+    EXPECT_LE(kova_accounts::Argon2PeakRunning(), kova_accounts::kArgon2Slots);
+    if (peakReset) {
+        long peak = StatusKiB("VmHWM:") - base;
+        EXPECT_LT(peak, static_cast<long>(kova_accounts::kArgon2Slots + 1) * 19 * 1024) << "KiB at the peak";
+    }
 }
