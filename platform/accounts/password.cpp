@@ -107,18 +107,21 @@ int Compute(const Encoded &e, const std::string &password, Bytes &out) {
     return RunArgon2id(ctx);
 }
 
-// Today's parameters with a zero salt and a zero digest: checking against it
-// costs what a real check costs, and no password has that digest.
+// Today's parameters, with a zero salt and a zero digest of today's sizes.
+Encoded Today() {
+    Encoded e;
+    e.t = kTimeCost;
+    e.m = kMemoryKiB;
+    e.p = kLanes;
+    e.salt.assign(kSaltLen, 0);
+    e.hash.assign(kHashLen, 0);
+    return e;
+}
+
+// Checking against it costs what a real check costs, and no password has
+// its digest.
 const Encoded &Dummy() {
-    static const Encoded dummy = [] {
-        Encoded e;
-        e.t = kTimeCost;
-        e.m = kMemoryKiB;
-        e.p = kLanes;
-        e.salt.assign(kSaltLen, 0);
-        e.hash.assign(kHashLen, 0);
-        return e;
-    }();
+    static const Encoded dummy = Today();
     return dummy;
 }
 
@@ -133,7 +136,7 @@ bool HashPassword(const std::string &password, std::string &encoded) {
         KOVA_FAIL(KOVA_ERR_BADARG);
         return false;
     }
-    Encoded e = Dummy();
+    Encoded e = Today();
     if (getrandom(e.salt.data(), e.salt.size(), 0) != static_cast<ssize_t>(e.salt.size())) {
         KOVA_FAIL(KOVA_ERR_IO);
         return false;
