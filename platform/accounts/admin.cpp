@@ -84,7 +84,10 @@ extern "C" int KOVAUserAdd(const char *szName, int uid, const char *szPassword, 
                             : NextId(s, "users", "uid", kFirstFreeUid, 0x7FFFFFFF);
             if (id < 0) return -1;
         }
-        if (FindUser(s, szName) || FindUserByUid(s, static_cast<unsigned>(id))) return Fail(KOVA_ERR_EXIST);
+        bool nameError = false, idError = false;
+        bool taken = FindUser(s, szName, &nameError) || FindUserByUid(s, static_cast<unsigned>(id), &idError);
+        if (nameError || idError) return -1;  // an invalid row holds it (logged) or the database failed
+        if (taken) return Fail(KOVA_ERR_EXIST);
         kova_internal::Statement st(s.db(),
                                     "INSERT INTO users(uid, name, gid, description, email, internal, password, disabled)"
                                     " VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, 0)");
@@ -111,9 +114,10 @@ extern "C" int KOVAUserSet(const KOVA_USER *pUser) {
         if (!s.Open(AccountSession::kWrite)) return -1;
         Transaction tx(s.db());
         if (!tx.ok()) return -1;
-        if (!FindUserByUid(s, pUser->uid)) return Fail(KOVA_ERR_NOUSER);
-        if (!FindGroupByGid(s, pUser->gid)) return Fail(KOVA_ERR_NOGROUP);
-        auto byName = FindUser(s, pUser->szName);
+        if (!RequireUserByUid(s, pUser->uid) || !RequireGroupByGid(s, pUser->gid)) return -1;
+        bool dbError = false;
+        auto byName = FindUser(s, pUser->szName, &dbError);
+        if (dbError) return -1;
         if (byName && byName->uid != pUser->uid) return Fail(KOVA_ERR_EXIST);
         kova_internal::Statement st(s.db(),
                                     "UPDATE users SET name = ?2, gid = ?3, description = ?4, email = ?5, home = ?6,"
@@ -170,7 +174,10 @@ extern "C" int KOVAGroupAdd(const char *szName, int gid, const char *szDesc) {
         if (!tx.ok()) return -1;
         long long id = gid == -1 ? NextId(s, "groups", "gid", kFirstFreeGid, 0x7FFFFFFF) : gid;
         if (id < 0) return -1;
-        if (FindGroup(s, szName) || FindGroupByGid(s, static_cast<unsigned>(id))) return Fail(KOVA_ERR_EXIST);
+        bool nameError = false, idError = false;
+        bool taken = FindGroup(s, szName, &nameError) || FindGroupByGid(s, static_cast<unsigned>(id), &idError);
+        if (nameError || idError) return -1;
+        if (taken) return Fail(KOVA_ERR_EXIST);
         kova_internal::Statement st(s.db(), "INSERT INTO groups(gid, name, description) VALUES (?1, ?2, ?3)");
         st.Bind(1, id).Bind(2, std::string(szName));
         BindOptText(st, 3, szDesc);
@@ -187,8 +194,8 @@ extern "C" int KOVAGroupDelete(const char *szName) {
         if (!s.Open(AccountSession::kWrite)) return -1;
         Transaction tx(s.db());
         if (!tx.ok()) return -1;
-        auto group = FindGroup(s, szName);
-        if (!group) return Fail(KOVA_ERR_NOGROUP);
+        auto group = RequireGroup(s, szName);
+        if (!group) return -1;
         // The built-in groups carry meaning (administrators, default group).
         if (group->gid == KOVA_ADMIN_GID || group->gid == kUsersGid || group->gid == kServicesGid)
             return Fail(KOVA_ERR_PERM);
@@ -211,10 +218,10 @@ int ChangeMembership(const char *szGroup, const char *szUser, bool add) {
     if (!s.Open(AccountSession::kWrite)) return -1;
     Transaction tx(s.db());
     if (!tx.ok()) return -1;
-    auto group = FindGroup(s, szGroup);
-    if (!group) return Fail(KOVA_ERR_NOGROUP);
-    auto user = FindUser(s, szUser);
-    if (!user) return Fail(KOVA_ERR_NOUSER);
+    auto group = RequireGroup(s, szGroup);
+    if (!group) return -1;
+    auto user = RequireUser(s, szUser);
+    if (!user) return -1;
     kova_internal::Statement st(s.db(), add ? "INSERT OR IGNORE INTO members(gid, uid) VALUES (?1, ?2)"
                                             : "DELETE FROM members WHERE gid = ?1 AND uid = ?2");
     st.Bind(1, static_cast<long long>(group->gid)).Bind(2, static_cast<long long>(user->uid));

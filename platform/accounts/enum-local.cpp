@@ -7,7 +7,9 @@
 
 #include "kova/account.h"
 
+#include <optional>
 #include <string>
+#include <utility>
 
 namespace kova_accounts {
 
@@ -31,7 +33,11 @@ bool RunPaged(AccountSession &s, const std::string &table, const std::string &fi
     if (bindPattern) st.Bind(1, q.pattern);
     st.Bind(2, q.limit == kNoLimit ? -1LL : static_cast<long long>(q.limit)).Bind(3, static_cast<long long>(q.offset));
     int rc;
-    while ((rc = st.Step()) == SQLITE_ROW) page.entries.push_back(read(st));
+    while ((rc = st.Step()) == SQLITE_ROW) {
+        std::optional<Entry> e = read(st);
+        if (!e) return false;  // an invalid row in the window fails the call (logged)
+        page.entries.push_back(std::move(*e));
+    }
     if (rc != SQLITE_DONE) return false;
     // A window that ends early already tells the total; only a full window
     // (or an empty one past the start) needs the count.
@@ -53,30 +59,36 @@ bool RunPaged(AccountSession &s, const std::string &table, const std::string &fi
 bool LocalUsers(const Query &q, bool internal, Page &page) {
     AccountSession s;
     if (!s.Open()) return false;
-    return RunPaged(s, "users", internal ? "internal = 1" : "internal = 0", "name, uid, gid, description, email, internal", q, page, [](const kova_internal::Statement &st) {
-        Entry e;
-        e.name = st.Text(0);
-        e.uid = static_cast<unsigned>(st.Int(1));
-        e.gid = static_cast<unsigned>(st.Int(2));
-        e.desc = OptText(st, 3);
-        e.email = OptText(st, 4);
-        e.internal = st.Int(5) != 0;
-        e.source = KOVA_ACCOUNT_SRC_LOCAL;
-        return e;
-    });
+    return RunPaged(s, "users", internal ? "internal = 1" : "internal = 0", "name, uid, gid, description, email, internal", q, page,
+                    [](const kova_internal::Statement &st) -> std::optional<Entry> {
+                        RowCheck check(st, "users", st.Int(1));
+                        Entry e;
+                        e.name = check.Name(0);
+                        e.uid = check.Id(1, "uid");
+                        e.gid = check.Id(2, "gid");
+                        e.desc = check.Text(3, "description");
+                        e.email = check.Text(4, "email");
+                        e.internal = check.Flag(5, "internal flag");
+                        e.source = KOVA_ACCOUNT_SRC_LOCAL;
+                        if (!check.Done()) return std::nullopt;
+                        return e;
+                    });
 }
 
 bool LocalGroups(const Query &q, Page &page) {
     AccountSession s;
     if (!s.Open()) return false;
-    return RunPaged(s, "groups", "1", "name, gid, description", q, page, [](const kova_internal::Statement &st) {
-        Entry e;
-        e.name = st.Text(0);
-        e.gid = static_cast<unsigned>(st.Int(1));
-        e.desc = OptText(st, 2);
-        e.source = KOVA_ACCOUNT_SRC_LOCAL;
-        return e;
-    });
+    return RunPaged(s, "groups", "1", "name, gid, description", q, page,
+                    [](const kova_internal::Statement &st) -> std::optional<Entry> {
+                        RowCheck check(st, "groups", st.Int(1));
+                        Entry e;
+                        e.name = check.Name(0);
+                        e.gid = check.Id(1, "gid");
+                        e.desc = check.Text(2, "description");
+                        e.source = KOVA_ACCOUNT_SRC_LOCAL;
+                        if (!check.Done()) return std::nullopt;
+                        return e;
+                    });
 }
 
 } // namespace kova_accounts

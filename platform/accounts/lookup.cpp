@@ -18,7 +18,12 @@ std::optional<Row> FindOne(AccountSession &s, const std::string &sql, BindFn bin
     }
     bind(st);
     int rc = st.Step();
-    if (rc == SQLITE_ROW) return read(st);
+    if (rc == SQLITE_ROW) {
+        std::optional<Row> row = read(st);
+        // An invalid row is an error (KOVA_ERR_CORRUPT), never "absent".
+        if (!row && dbError) *dbError = true;
+        return row;
+    }
     if (rc != SQLITE_DONE && dbError) *dbError = true;
     return std::nullopt;
 }
@@ -120,7 +125,12 @@ bool UserGids(AccountSession &s, const UserRow &user, std::vector<unsigned> &gid
     if (!st.ok()) return false;
     st.Bind(1, static_cast<long long>(user.uid)).Bind(2, static_cast<long long>(user.gid));
     int rc;
-    while ((rc = st.Step()) == SQLITE_ROW) gids.push_back(static_cast<unsigned>(st.Int(0)));
+    while ((rc = st.Step()) == SQLITE_ROW) {
+        RowCheck check(st, "members", static_cast<long long>(user.uid));
+        unsigned gid = check.Id(0, "gid");
+        if (!check.Done()) return false;
+        gids.push_back(gid);
+    }
     if (rc != SQLITE_DONE) return false;
     if (memo) memo->gidsByUid[user.uid] = gids;
     return true;

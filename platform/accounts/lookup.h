@@ -12,7 +12,8 @@
 namespace kova_accounts {
 
 // nullopt when absent (no error set) or on a database error (error set;
-// dbError tells which when the caller cares).
+// dbError tells which when the caller cares). An invalid row (RowCheck) is
+// such an error, with KOVA_ERR_CORRUPT.
 std::optional<UserRow> FindUser(AccountSession &s, const std::string &name, bool *dbError = nullptr);
 std::optional<UserRow> FindUserByUid(AccountSession &s, unsigned uid, bool *dbError = nullptr);
 std::optional<GroupRow> FindGroup(AccountSession &s, const std::string &name, bool *dbError = nullptr);
@@ -23,7 +24,8 @@ std::optional<UserRow> RequireUser(AccountSession &s, const std::string &name);
 std::optional<UserRow> RequireUserByUid(AccountSession &s, unsigned uid);
 std::optional<GroupRow> RequireGroup(AccountSession &s, const std::string &name);
 std::optional<GroupRow> RequireGroupByGid(AccountSession &s, unsigned gid);
-// The user's gids, primary first, then supplementary in ascending order.
+// The user's gids, primary first, then supplementary in ascending order;
+// false with the last error set on a database error or an invalid gid.
 bool UserGids(AccountSession &s, const UserRow &user, std::vector<unsigned> &gids);
 
 } // namespace kova_accounts

@@ -1,6 +1,5 @@
 #include "names.h"
 
-#include <cstring>
 
 namespace kova_accounts {
 
@@ -28,10 +27,10 @@ bool ValidAccountName(const std::string &name) {
     return ValidUtf8NoControl(reinterpret_cast<const unsigned char *>(name.data()), name.size());
 }
 
-bool ValidText(const char *text) {
-    if (!text) return true;
-    size_t len = std::strlen(text);
-    return len <= 1024 && ValidUtf8NoControl(reinterpret_cast<const unsigned char *>(text), len);
+bool ValidText(const char *text) { return !text || ValidText(std::string(text)); }
+
+bool ValidText(const std::string &text) {
+    return text.size() <= 1024 && ValidUtf8NoControl(reinterpret_cast<const unsigned char *>(text.data()), text.size());
 }
 
 } // namespace kova_accounts

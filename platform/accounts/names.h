@@ -14,6 +14,7 @@ bool ValidAccountName(const std::string &name);
 // Descriptions and e-mail addresses: up to 1024 bytes of valid UTF-8
 // without control characters.
 bool ValidText(const char *text);
+bool ValidText(const std::string &text);  // counted: a NUL byte is a control character
 
 } // namespace kova_accounts
 

@@ -2,9 +2,13 @@
 // KOVAUserFree / KOVAGroupFree.
 #include "records.h"
 
+#include "names.h"
+
 #include "kova-internal/fault-point.h"
 #include "kova/klibc.h"
 #include "kova/errcode.h"
+
+#include <syslog.h>
 
 #include <cstdlib>
 #include <cstring>
@@ -14,31 +18,87 @@ namespace kova_accounts {
 const char kUserColumns[] = "name, uid, gid, description, email, home, internal, password, disabled";
 const char kGroupColumns[] = "name, gid, description";
 
-std::optional<std::string> OptText(const kova_internal::Statement &st, int col) {
-    const char *t = st.TextOrNull(col);
-    if (!t) return std::nullopt;
-    return std::string(t);
+namespace {
+bool HasType(const kova_internal::Statement &st, int col, int type) { return sqlite3_column_type(st.get(), col) == type; }
+
+// The column's text with its full length (a NUL byte inside stays visible).
+std::string Bytes(const kova_internal::Statement &st, int col) {
+    const unsigned char *t = sqlite3_column_text(st.get(), col);
+    return t ? std::string(reinterpret_cast<const char *>(t), static_cast<size_t>(sqlite3_column_bytes(st.get(), col)))
+             : std::string();
+}
+} // namespace
+
+// Each reader asks for the stored type before reading the value: reading
+// converts, and the type of a converted value is no longer reliable.
+unsigned RowCheck::Id(int col, const char *what) {
+    bool integer = HasType(st_, col, SQLITE_INTEGER);
+    long long v = st_.Int(col);
+    if (!integer || v < 0 || v > kMaxAccountId) {
+        Bad(what);
+        return 0;
+    }
+    return static_cast<unsigned>(v);
 }
 
-UserRow ReadUser(const kova_internal::Statement &st) {
+bool RowCheck::Flag(int col, const char *what) {
+    bool integer = HasType(st_, col, SQLITE_INTEGER);
+    long long v = st_.Int(col);
+    if (!integer || (v != 0 && v != 1)) Bad(what);
+    return v == 1;
+}
+
+std::string RowCheck::Name(int col) {
+    bool text = HasType(st_, col, SQLITE_TEXT);
+    std::string name = Bytes(st_, col);
+    if (!text || !ValidAccountName(name)) Bad("name");
+    return name;
+}
+
+std::optional<std::string> RowCheck::Text(int col, const char *what) {
+    if (HasType(st_, col, SQLITE_NULL)) return std::nullopt;
+    bool isText = HasType(st_, col, SQLITE_TEXT);
+    std::string text = Bytes(st_, col);
+    if (!isText || !ValidText(text)) Bad(what);
+    return text;
+}
+
+std::optional<std::string> RowCheck::Secret(int col) {
+    if (HasType(st_, col, SQLITE_NULL)) return std::nullopt;
+    if (!HasType(st_, col, SQLITE_TEXT)) Bad("password");
+    return Bytes(st_, col);
+}
+
+bool RowCheck::Done() {
+    if (!bad_) return true;
+    syslog(LOG_AUTH | LOG_ERR, "accounts.db: %s row %lld has an invalid %s; it is not used", table_, key_, bad_);
+    KOVA_FAIL(KOVA_ERR_CORRUPT);
+    return false;
+}
+
+std::optional<UserRow> ReadUser(const kova_internal::Statement &st) {
+    RowCheck check(st, "users", st.Int(1));
     UserRow r;
-    r.name = st.Text(0);
-    r.uid = static_cast<unsigned>(st.Int(1));
-    r.gid = static_cast<unsigned>(st.Int(2));
-    r.desc = OptText(st, 3);
-    r.email = OptText(st, 4);
-    r.home = OptText(st, 5);
-    r.internal = st.Int(6) != 0;
-    r.password = OptText(st, 7);
-    r.disabled = st.Int(8) != 0;
+    r.name = check.Name(0);
+    r.uid = check.Id(1, "uid");
+    r.gid = check.Id(2, "gid");
+    r.desc = check.Text(3, "description");
+    r.email = check.Text(4, "email");
+    r.home = check.Text(5, "home");
+    r.internal = check.Flag(6, "internal flag");
+    r.password = check.Secret(7);
+    r.disabled = check.Flag(8, "disabled flag");
+    if (!check.Done()) return std::nullopt;
     return r;
 }
 
-GroupRow ReadGroup(const kova_internal::Statement &st) {
+std::optional<GroupRow> ReadGroup(const kova_internal::Statement &st) {
+    RowCheck check(st, "groups", st.Int(1));
     GroupRow r;
-    r.name = st.Text(0);
-    r.gid = static_cast<unsigned>(st.Int(1));
-    r.desc = OptText(st, 2);
+    r.name = check.Name(0);
+    r.gid = check.Id(1, "gid");
+    r.desc = check.Text(2, "description");
+    if (!check.Done()) return std::nullopt;
     return r;
 }
 

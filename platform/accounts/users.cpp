@@ -1,7 +1,7 @@
 // User lookups, the internal-account test and password checks.
 #include "account-db.h"
 #include "lookup.h"
-#include "password.h"
+#include "sign-in.h"
 
 #include "kova-internal/call-guard.h"
 #include "kova/account.h"
@@ -67,16 +67,6 @@ extern "C" int KOVAUserPasswordCheck(const char *szName, const char *szPassword)
     KOVA_FAULT_POINT("KOVAUserPasswordCheck", int);
     return Guarded(-1, [&]() -> int {
         if (!szName || !szPassword) return KOVA_FAIL(KOVA_ERR_BADARG), -1;
-        AccountSession s;
-        if (!s.Open(AccountSession::kReadSecrets)) return -1;
-        auto row = RequireUser(s, szName);
-        if (!row) return -1;
-        // Disabled accounts and accounts without a password never log in,
-        // and a wrong password reads the same as those to the caller.
-        if (row->disabled || !row->password || !VerifyPassword(*row->password, szPassword)) {
-            KOVA_FAIL(KOVA_ERR_PERM);
-            return -1;
-        }
-        return 0;
+        return CheckSignIn(szName, szPassword);
     });
 }

@@ -85,7 +85,13 @@ int  KOVAUserGetByUID(unsigned int uid, PKOVA_USER *ppUser);         /* 0 found 
 void KOVAUserFree(PKOVA_USER pUser);
 int  KOVAUserIsInternal(const char *szName, unsigned int uid);       /* non-zero internal */
 int  KOVAUserGetUGID(const char *szName, int *pUid, int *pGid);      /* 0 found, negative failure; either out may be NULL */
-/* 0 when the password matches a user that is not disabled. */
+/* 0 when the password matches a user that may sign in (not disabled, has
+ * a password). Every refusal fails alike with KOVA_ERR_PERM after the same
+ * work (one password hash), so neither the result nor the time taken tells
+ * whether the account exists. Both texts are C strings and end at their
+ * first NUL byte: a caller holding counted text (a JSON string, a form
+ * field) must refuse text that contains a NUL before calling, or the check
+ * is made for a shorter name or password than the one it was given. */
 int  KOVAUserPasswordCheck(const char *szName, const char *szPassword);
 
 /* ---- groups ---------------------------------------------------------- */
