@@ -4,7 +4,9 @@
 // ACLHandler.
 #include "acl.h"
 #include "acl-object.h"
+#include "request-text.h"
 
+#include "kova/klibc.h"
 #include "kova/module.h"
 #include "kova/paramcheck.h"
 
@@ -38,8 +40,11 @@ bool RulesAreValid(KOVA::APIRequest *request) {
     return true;
 }
 
+// A string with a NUL or invalid UTF-8 anywhere in the request (nested in
+// rules and search options too, parameters outside the schema included) is
+// a bad parameter before anything reads it.
 bool CheckOrReject(KOVA::APIRequest *request, KOVA::APIResponse *response, const Json::Value &schema) {
-    if (ParameterChecker::check(request, schema)) return true;
+    if (IsCleanJson(request->GetParams()) && ParameterChecker::check(request, schema)) return true;
     response->SetError(403, kNull);
     return false;
 }
@@ -47,8 +52,12 @@ bool CheckOrReject(KOVA::APIRequest *request, KOVA::APIResponse *response, const
 // Runs an entry function's body so that nothing throws across the module
 // boundary: a JSON type error is a bad request, running out of memory is
 // 2617, anything else the generic failure.
+//
+// The platform's last error is per thread and a worker serves one request
+// after another: cleared here, it can only name a failure of this request.
 template <typename Body>
 void Guarded(KOVA::APIResponse *response, Body body) {
+    KLIBCErrSetEx(0, nullptr, 0);
     try {
         body();
     } catch (const Json::LogicError &) {

@@ -2,6 +2,7 @@
 // replacement and the recursive walk that the set task performs once for
 // the request's path.
 #include "apply.h"
+#include "tree-walk.h"
 
 #include "acl-object.h"
 #include "module-log.h"
@@ -14,7 +15,6 @@
 #include "kova/webapi.h"
 #include "kova/xferlog.h"
 
-#include <dirent.h>
 #include <errno.h>
 #include <stdlib.h>
 #include <string.h>
@@ -119,10 +119,6 @@ bool SkippedName(const char *name) {
     return strcmp(name, "#recycle") == 0;
 }
 
-struct DirCloser {
-    void operator()(DIR *dir) const { closedir(dir); }
-};
-
 } // namespace
 
 int ChangeOwner(const std::string &path, const KOVA_ACL_ID &owner) {
@@ -149,45 +145,34 @@ int ChangeOwner(const std::string &path, const KOVA_ACL_ID &owner) {
     return 0;
 }
 
-bool ApplyToChildren(ApplyState &state, bool isChild, unsigned char entryType, uint64_t &counter,
-                     Json::Value &property, KOVA::APIResponse *response) {
+bool ApplyToChildren(ApplyState &state, uint64_t &counter, KOVA::APIResponse *response) {
     if (state.path.empty()) return false;
-
-    bool isDir = false;
-    if (entryType == DT_DIR) {
-        isDir = true;
-    } else if (entryType == DT_LNK) {
-        return true;
-    } else if (entryType == DT_UNKNOWN) {
-        struct stat st;
-        if (lstat(state.path.c_str(), &st) != 0) return false;
-        if (S_ISLNK(st.st_mode)) return true;
-        isDir = S_ISDIR(st.st_mode);
-    }
-
-    if (isChild) ApplyToEntry(state, counter, response);
-    if (!isDir) return true;
-
-    std::unique_ptr<DIR, DirCloser> dir(opendir(state.path.c_str()));
-    if (!dir) {
-        const int err = errno;
-        KOVA_LOG(LOG_ERR, kLogFile, kLineOpenDir, "Failed to open %s. reason: %s", state.path.c_str(), strerror(err));
+    // The one path string is shared by the whole walk, so memory stays flat
+    // in tree size; the walk rewrites it for every entry.
+    TreeWalk walk(state.path);
+    if (!walk.Start()) {
+        KOVA_LOG(LOG_ERR, kLogFile, kLineOpenDir, "Failed to open %s. reason: %s", state.path.c_str(),
+                 strerror(walk.error()));
         return false;
     }
-    // The one path string is shared by the whole walk: each level appends
-    // its entry's name to its own prefix, so memory stays flat in tree size.
-    // Deeper levels only ever append beyond this prefix, so cutting back to
-    // it restores this directory's path.
-    const std::string::size_type prefixLength = state.path.size();
-    while (struct dirent64 *entry = readdir64(dir.get())) {
-        if (SkippedName(entry->d_name)) continue;
-        state.path.resize(prefixLength);
-        state.path += '/';
-        state.path += entry->d_name;
-        if (!ApplyToChildren(state, true, entry->d_type, counter, property, response)) return false;
+    for (;;) {
+        TreeWalk::Kind kind = TreeWalk::Kind::kPlain;
+        switch (walk.Next(SkippedName, kind)) {
+        case TreeWalk::Step::kEnd:
+            return true;
+        case TreeWalk::Step::kFailed:
+            // One folder that cannot be opened anywhere ends the walk.
+            if (walk.openFailed())
+                KOVA_LOG(LOG_ERR, kLogFile, kLineOpenDir, "Failed to open %s. reason: %s", state.path.c_str(),
+                         strerror(walk.error()));
+            return false;
+        case TreeWalk::Step::kEntry:
+            break;
+        }
+        // Links are neither changed nor followed.
+        if (kind != TreeWalk::Kind::kLink) ApplyToEntry(state, counter, response);
         if (gSetAclStopRequested) return false;
     }
-    return true;
 }
 
 void AddXferLog(const std::string &userName, const std::string &loggedPath, mode_t mode, off_t size) {
@@ -280,7 +265,7 @@ int ACLHandler::ApplyACLFileProperty(KOVA::APIResponse *response, Json::Value &p
 
     if (recursive) {
         uint64_t counter = 0;
-        if (!ApplyToChildren(state, false, DT_UNKNOWN, counter, property, response)) return ownerResult;
+        if (!ApplyToChildren(state, counter, response)) return ownerResult;
     }
     return 0;
 }

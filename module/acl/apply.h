@@ -36,11 +36,11 @@ struct ApplyState {
 // ACL into ACL form. 0, or 6200 / 6209 / 6213.
 int ChangeOwner(const std::string &path, const KOVA_ACL_ID &owner);
 
-// Walks the tree below state.path (isChild false for the top directory,
-// which is left alone). Returns false when an entry cannot be examined, a
-// directory cannot be opened, or a stop was requested.
-bool ApplyToChildren(ApplyState &state, bool isChild, unsigned char entryType, uint64_t &counter,
-                     Json::Value &property, KOVA::APIResponse *response);
+// Walks the tree below state.path (the top directory itself is left
+// alone; tree-walk.h says how the walk stays inside it). Returns false when
+// an entry cannot be examined, a directory cannot be opened, or a stop was
+// requested.
+bool ApplyToChildren(ApplyState &state, uint64_t &counter, KOVA::APIResponse *response);
 
 // One "property set" record of the transfer log; failures are only logged.
 void AddXferLog(const std::string &userName, const std::string &loggedPath, mode_t mode, off_t size);

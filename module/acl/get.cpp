@@ -45,7 +45,9 @@ void ACLHandler::Get() {
     const Json::Value null;
     const std::string type = request_->GetParam("type", null).asString();
     const std::string path = request_->GetParam("file_path", null).asString();
-    const bool isAdmin = KLIBGroupIsAdminGroupMem(request_->GetLoginUserName().c_str(), 0) != 0;
+    // Only a definite yes makes an administrator: a failed lookup (negative)
+    // must not read as one.
+    const bool isAdmin = KLIBGroupIsAdminGroupMem(request_->GetLoginUserName().c_str(), 0) == 1;
 
     Json::Value result(Json::objectValue);
     PKOVA_ACL acl = nullptr;

@@ -60,8 +60,9 @@ void ACLHandler::Inspect() {
     const std::string path = request_->GetParam("file_path", kNull).asString();
     const std::string ownerType = request_->GetParam("owner_type", kNull).asString();
     const std::string ownerName = request_->GetParam("owner_name", kNull).asString();
-    // Administrators may inspect paths they cannot read themselves.
-    const bool callerIsAdmin = KLIBGroupIsAdminGroupMem(request_->GetLoginUserName().c_str(), 0) != 0;
+    // Administrators may inspect paths they cannot read themselves; only a
+    // definite yes counts, a failed lookup (negative) does not.
+    const bool callerIsAdmin = KLIBGroupIsAdminGroupMem(request_->GetLoginUserName().c_str(), 0) == 1;
 
     std::string sharePath;
     if (path.empty() || !IsPathUnderSharedFolder(path, sharePath)) {

@@ -8,6 +8,7 @@
 #include "usergroup-enumerator/ldap-group-enumerator.h"
 #include "usergroup-enumerator/ldap-user-enumerator.h"
 #include "usergroup-enumerator/local-group-enumerator.h"
+#include "usergroup-enumerator/like-clause.h"
 #include "usergroup-enumerator/local-user-enumerator.h"
 
 #include "kova/dirsvc.h"
@@ -118,13 +119,12 @@ void ACLHandler::ListOwnersv2() {
     if (limit >= 0) option.limit = static_cast<uint64_t>(limit);
     option.keyword = params.get("keyword", "").asString();
 
-    char upper[1024];
-    memset(upper, 0, sizeof(upper));
-    if (KLIBCUnicodeUTF8StrUpper(option.keyword.c_str(), upper, sizeof(upper)) < 0) {
+    // The whole keyword, however much longer upper-casing makes it: a cut
+    // one would match names the client did not ask for.
+    if (!internal::ToUnicodeUpper(option.keyword, option.keywordUpper)) {
         KOVA_LOG(LOG_ERR, "acl", 1282, "KLIBCUnicodeUTF8StrUpper(%s) failed[0x%04X %s:%d]", option.keyword.c_str(),
                  KLIBCErrGet(), Text(KLIBCErrorGetFile()), KLIBCErrorGetLine());
     }
-    option.keywordUpper = upper;
 
     const std::map<std::string, EnumeratorCreator> route = GetEnumeratorCreatorRoute();
     internal::EnumeratorList enumerators;

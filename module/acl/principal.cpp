@@ -63,7 +63,9 @@ bool LoadUserGroupIds(const std::string &userName, std::vector<unsigned int> &gi
 
 bool IsPathOwner(const std::string &path, const KOVA_ACL_ID &principal,
                  const std::vector<unsigned int> &gids, int &errorCode) {
-    const bool elevated = KLIBGroupIsAdminGroupMemByUid(static_cast<unsigned int>(principal.id), 0) != 0;
+    // Only a definite yes raises the lookup; a failed check (negative) reads
+    // as "not an administrator".
+    const bool elevated = KLIBGroupIsAdminGroupMemByUid(static_cast<unsigned int>(principal.id), 0) == 1;
     errorCode = 0;
 
     KOVA_ACL_ID owner = {0, 0};

@@ -52,10 +52,22 @@ int FolderError() {
     }
 }
 
+// True when `path` is `folder` or lies below it. The boundary is a whole
+// path component: "/vol/pub2/x" does not lie in "/vol/pub", or every later
+// share check would be made against the wrong share.
+bool LiesIn(const std::string &path, const std::string &folder) {
+    if (path.compare(0, folder.size(), folder) != 0) return false;
+    if (path.size() == folder.size()) return true;
+    return (!folder.empty() && folder.back() == '/') || path[folder.size()] == '/';
+}
+
 // Runs the task's checks and the apply; 0 when the task succeeded, else the
 // task's error code. The share record, if got, is released on return.
 int RunSetTask(KOVA::APIRequest *request, KOVA::APIResponse *response, Json::Value &params) {
     signal(SIGTERM, OnTerminate);
+    // Whatever failed before the task began (in the request that started it
+    // or in the polling facility) is not the task's error.
+    KLIBCErrSetEx(0, nullptr, 0);
 
     std::string dirPaths = params["dirPaths"].asString();
     const std::string userName = params["username"].asString();
@@ -80,7 +92,7 @@ int RunSetTask(KOVA::APIRequest *request, KOVA::APIResponse *response, Json::Val
     }
 
     const std::string filePath = params["file_path"].asString();
-    if (filePath.compare(0, realPath.size(), realPath) != 0) {
+    if (!LiesIn(filePath, realPath)) {
         KOVA_LOG(LOG_ERR, kLogFile, kLineOutsideFolder, "Invalid path:%s", filePath.c_str());
         return 6206;
     }

@@ -24,15 +24,29 @@ bool ToUnicodeUpper(std::string const &text, std::string &out) {
         out.clear();
         return true;
     }
-    if (text.size() >= 2147483647u) return false;
-    // calloc rather than new: running out of memory is a false result here,
-    // not an exception.
-    std::unique_ptr<char, void (*)(void *)> buffer(
-        static_cast<char *>(calloc(text.size() + 1, 1)), free);
-    if (!buffer) return false;
-    if (KLIBCUnicodeUTF8StrUpper(text.c_str(), buffer.get(), text.size() + 1) < 0) return false;
-    out.assign(buffer.get());
-    return true;
+    // Full case mapping lengthens text ("\xC5\x89", two bytes, becomes
+    // "\xCA\xBCN", three; some characters triple). A result cut to the
+    // input's length would drop the end of the keyword and could end in
+    // half an escape ("...\"), so the buffer is sized for the expansion
+    // and grown while the host fills it to the end.
+    const size_t kMaxBuffer = 1u << 30;
+    if (text.size() >= kMaxBuffer / 4) return false;
+    size_t capacity = text.size() * 3 + 8;
+    for (;;) {
+        // calloc rather than new: running out of memory is a false result
+        // here, not an exception.
+        std::unique_ptr<char, void (*)(void *)> buffer(static_cast<char *>(calloc(capacity, 1)), free);
+        if (!buffer) return false;
+        const int written = KLIBCUnicodeUTF8StrUpper(text.c_str(), buffer.get(), capacity);
+        if (written < 0) return false;
+        // A cut result ends at most one character (4 bytes) short of the end.
+        if (static_cast<size_t>(written) + 5 <= capacity) {
+            out.assign(buffer.get(), static_cast<size_t>(written));
+            return true;
+        }
+        if (capacity >= kMaxBuffer) return false;
+        capacity *= 2;
+    }
 }
 
 std::string CreateLikeClause(std::string const &column, std::string const &pattern,

@@ -11,9 +11,9 @@ namespace internal {
 // Backslash, "_" and "%" get a backslash in front; other bytes pass.
 std::string EscapeLikeExpression(std::string const &text);
 
-// Unicode upper case through the host into a buffer of the input's length
-// plus one (a longer upper-case form is cut). False, out untouched, when
-// the text is too long, memory runs out or the host refuses it.
+// Unicode upper case through the host, whole however much longer the
+// upper-case form is. False, out untouched, when the text is too long,
+// memory runs out or the host refuses it.
 bool ToUnicodeUpper(std::string const &text, std::string &out);
 
 // (column LIKE "[%]pattern[%]" ESCAPE '\'); the pattern must be escaped.

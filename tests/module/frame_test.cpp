@@ -178,6 +178,125 @@ TEST_F(Entry, ParameterChecksRejectOrPassEachRequest) {
     EXPECT_NE(403, v1.errorCode()) << "version 1 has no mandatory parameter: " << v1.Dump();
 }
 
+// Text with a NUL byte, or bytes that are not UTF-8, anywhere in a request
+// is a bad parameter: nothing reads it, checks it or acts on it. Before,
+// "<share>/alice\0/../bob" was judged and used as "<share>/alice".
+TEST_F(Entry, TextWithNulOrInvalidUtf8IsRefusedBeforeAnythingRuns) {
+    const std::string alice = share_ + "/alice", bob = share_ + "/bob";
+    ASSERT_TRUE(root_->MakeDir(alice, 0777));
+    ASSERT_TRUE(root_->MakeDir(bob, 0777));
+    ASSERT_TRUE(root_->SetAcl(alice, {"user:alice:allow:rwxpdDaARWcCo:fd--"}, false)) << root_->lastError();
+    const std::string nulPath = alice + std::string("\0/../bob", 8);
+    const Json::Value nulName(std::string("alice\0x", 7));
+    const Json::Value badUtf8("ali\xc3(ce");  // a lead byte without its continuation
+    const Json::Value overlong("\xc0\xaf");     // "/" in an overlong form
+    Json::Value nulRule = ValidRule();
+    nulRule["owner_type"] = "user";
+    nulRule["owner_name"] = nulName;
+    Json::Value nulKey(Json::objectValue);
+    nulKey[std::string("name\0", 5)] = true;
+    const Json::Value scope = kova_module_test::Parse("[{\"type\": \"local\"}]");
+    Json::Value nestedScope = kova_module_test::Parse("[{\"type\": \"local\", \"config\": {}}]");
+    nestedScope[0]["config"]["name"] = badUtf8;
+    const Json::Value fields = kova_module_test::Parse("{\"name\": true}");
+    const Json::Value one = kova_module_test::Array({ValidRule()});
+
+    const struct {
+        int version;
+        const char *method;
+        Json::Value params;
+        const char *what;
+    } cases[] = {
+        {1, "get", Params({{"file_path", nulPath}, {"type", "all"}}), "get, NUL in the path"},
+        {1, "get", Params({{"file_path", alice}, {"type", std::string("all\0x", 5)}}), "get, NUL in the type"},
+        {1, "get", Params({{"file_path", alice + "/\xff"}, {"type", "all"}}), "get, a byte that is never UTF-8"},
+        {1, "set",
+         Params({{"file_path", nulPath}, {"dirPaths", "/docs/alice"}, {"change_acl", true}, {"inherited", true},
+                 {"rules", Json::Value(Json::arrayValue)}}),
+         "set, NUL in the path"},
+        {1, "set",
+         Params({{"file_path", bob}, {"dirPaths", std::string("/docs/bob\0", 10)}, {"change_acl", true},
+                 {"inherited", true}, {"rules", Json::Value(Json::arrayValue)}}),
+         "set, NUL in a parameter outside the schema"},
+        {1, "set",
+         Params({{"file_path", bob}, {"dirPaths", "/docs/bob"}, {"change_acl", true}, {"inherited", true},
+                 {"rules", kova_module_test::Array({nulRule})}}),
+         "set, NUL in a rule's owner name"},
+        {1, "set",
+         Params({{"file_path", bob}, {"dirPaths", "/docs/bob"}, {"change_acl", false}, {"change_acl_owner", true},
+                 {"acl_owner_type", "user"}, {"acl_owner", nulName}}),
+         "set, NUL in the new owner"},
+        {1, "inspect", Params({{"file_path", nulPath}, {"owner_type", "user"}, {"owner_name", "alice"}}),
+         "inspect, NUL in the path"},
+        {1, "inspect", Params({{"file_path", alice}, {"owner_type", "user"}, {"owner_name", overlong}}),
+         "inspect, overlong UTF-8 in the name"},
+        {1, "check_self_denied",
+         Params({{"file_path", nulPath}, {"change_acl", true}, {"inherited", false}, {"rules", one}}),
+         "check_self_denied, NUL in the path"},
+        {1, "check_admin", Params({{"owner_type", "user"}, {"owner_name", nulName}}), "check_admin, NUL in the name"},
+        {1, "status", Params({{"task_id", std::string("setacl\0x", 8)}}), "status, NUL in the task id"},
+        {1, "stop", Params({{"task_id", badUtf8}}), "stop, invalid UTF-8 in the task id"},
+        {1, "list_owners", Params({{"prefix", nulName}}), "list_owners, NUL in the prefix"},
+        {2, "list_owners", Params({{"keyword", nulName}, {"keywordFields", fields}, {"searchScope", scope}}),
+         "list_owners v2, NUL in the keyword"},
+        {2, "list_owners", Params({{"keyword", badUtf8}, {"keywordFields", fields}, {"searchScope", scope}}),
+         "list_owners v2, invalid UTF-8 in the keyword"},
+        {2, "list_owners", Params({{"keywordFields", nulKey}, {"searchScope", scope}}),
+         "list_owners v2, NUL in a member name of the keyword fields"},
+        {2, "list_owners", Params({{"keywordFields", fields}, {"searchScope", nestedScope}}),
+         "list_owners v2, invalid UTF-8 in a source's config"},
+    };
+    for (const auto &c : cases) {
+        const CallResult r = host().Call(kova_host::kApi, c.version, c.method, c.params, kova_module_test::As("alice"));
+        ASSERT_TRUE(r.delivered) << c.what << ": " << r.Dump();
+        EXPECT_EQ(403, r.errorCode()) << c.what << ": " << r.Dump();
+        EXPECT_TRUE(r.response["error"]["data"].isNull()) << c.what << ": " << r.Dump();
+        EXPECT_TRUE(r.logs.empty()) << c.what << ": " << r.Dump();
+    }
+    // Nothing was started that could change alice's folder later.
+    usleep(200 * 1000);
+    const kova_module_test::StoredAcl kept = kova_module_test::ReadStored(alice);
+    EXPECT_EQ(1u, kept.entries.size());
+    EXPECT_EQ(0, kept.inherited);
+    EXPECT_EQ(-1, kova_module_test::StoredCount(bob));
+    // The same requests with clean text are served.
+    CallResult clean = host().Call("get", Params({{"file_path", bob}, {"type", "all"}}), kova_module_test::As("alice"));
+    EXPECT_TRUE(clean.success()) << clean.Dump();
+}
+
+// User text reaches the system log escaped: a newline cannot end a line
+// early and start a forged one, and a backslash cannot fake an escape.
+TEST_F(Entry, UserTextInLogLinesIsEscaped) {
+    const std::string dir = share_ + "/evil\nacl:765 forged\\x0A";
+    ASSERT_TRUE(root_->MakeDir(dir, 0777));
+    const std::string escapedDir = share_ + "/evil\\x0Aacl:765 forged\\\\x0A";
+    CallResult fsType = host().Call(
+        "set", Params({{"file_path", dir}, {"change_acl", false}}),
+        kova_module_test::AsRoot("admin", {kova_host::Fault{"KOVAGetFSType", 0, -1, 0x0800}}));
+    ASSERT_EQ(6200, fsType.errorCode()) << fsType.Dump();
+    ASSERT_EQ(1u, fsType.logs.size()) << fsType.Dump();
+    EXPECT_EQ(0u, fsType.logs[0].text.find("acl:765 Failed to get the file system statistics of '" + escapedDir + "'"))
+        << fsType.Dump();
+
+    CallResult name = host().Call(
+        "inspect", Params({{"file_path", share_}, {"owner_type", "user"}, {"owner_name", "ghost\r\nacl:1 x\x1b[2K\x7f"}}),
+        AsRoot());
+    ASSERT_EQ(6211, name.errorCode()) << name.Dump();
+    ASSERT_FALSE(name.logs.empty()) << name.Dump();
+    EXPECT_EQ(0u, name.logs[0].text.find("acl:130 Failed to get user 'ghost\\x0D\\x0Aacl:1 x\\x1B[2K\\x7F' [0x"))
+        << name.Dump();
+
+    // A C1 control (U+0085, a line break to some readers) and ordinary
+    // non-ASCII text.
+    CallResult task = host().Call("status", Params({{"task_id", "t\xc2\x85\xc3\xa9"}}), AsRoot());
+    ASSERT_EQ(117, task.errorCode()) << task.Dump();
+    EXPECT_TRUE(task.HasLog(LOG_ERR, "acl:940 Internal error task_id=t\\xC2\\x85\xc3\xa9")) << task.Dump();
+
+    for (const CallResult *r : {&fsType, &name, &task})
+        for (const auto &line : r->logs)
+            for (unsigned char c : line.text) EXPECT_TRUE(c >= 0x20 && c != 0x7f) << line.text;
+}
+
 TEST_F(Entry, UiInfoNeverFailsAtTheEntry) {
     for (const Json::Value &params : {Params({}), Params({{"file_path", 5}, {"type", Json::Value(Json::arrayValue)}})}) {
         CallResult r = host().Call("get_ui_info", params, AsRoot());

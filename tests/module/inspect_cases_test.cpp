@@ -204,6 +204,22 @@ TEST_F(InspectTest, PrivilegedSectionsStandAroundTheReadsOfAnAdministratorCaller
     EXPECT_FALSE(carol.HasLog(39, "acl:1532 WARNING: setresuid(-1, 0, -1)")) << carol.LogDump();
 }
 
+// The caller's administrator check failing (a negative answer) leaves the
+// caller an ordinary user: the reads are not raised, so a path the caller
+// cannot read stays unread.
+TEST_F(InspectTest, AFailedAdministratorCheckOfTheCallerRaisesNothing) {
+    const std::string f = File("closed.txt");
+    Acl(f, {"user:alice:allow:rwc:----"}, false);
+    const Fault failed{"KLIBGroupIsAdminGroupMem", 1, -1, KOVA_ERR_IO};
+    CallResult carol = Inspect(f, "user", "alice", As("carol", {failed}));
+    EXPECT_EQ(6209, carol.errorCode()) << carol.Dump();
+    for (int line : {1502, 1532})
+        EXPECT_FALSE(carol.HasLog(39, "acl:" + std::to_string(line) + " WARNING: setresuid(-1, 0, -1)"))
+            << carol.LogDump();
+    // The same request by an administrator is answered.
+    EXPECT_EQ(R | W | KOVA_ACL_PERM_READ_ACL, MaskFor(f, "user", "alice"));
+}
+
 TEST_F(InspectTest, RequestsThatNameNoUsablePathOrPrincipalAreRefused) {
     const std::string f = File("f.txt");
     ASSERT_TRUE(kova_test::WriteFile(root_.At("outside/x.txt"), "x"));

@@ -404,7 +404,7 @@ TEST_F(OwnersV2, FailingSourcesStillAnswerSuccess) {
         // Every AddClause fails: both LDAP sources and every domain query.
         {{"KOVAACCOUNTDBAddClause", 0, -1, KOVA_ERR_BADARG},
          "usergroup-enumerator/ldap-group-enumerator:111 KOVAACCOUNTDBAddClause((name_upper LIKE \"%KX%\" "
-         "ESCAPE '\\')) failed",
+         "ESCAPE '\\\\')) failed",  // the log writes a backslash doubled
          {"user:kx_ldap@example.com", "user:kxQldap@example.com", "user:kxd-dana", "user:kxd-erik", "user:kxd-fiona",
           "user:kxd-gus", "group:kxd-sales-corp", "group:kxd-it-branch"}},
         {{"KOVAACCOUNTDBEnumSetLimit", 0, -1, KOVA_ERR_IO},

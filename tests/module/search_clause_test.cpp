@@ -44,10 +44,22 @@ TEST(SearchClause, UpperCasing) {
     EXPECT_EQ("ABC\\%D", out);
     ASSERT_TRUE(ToUnicodeUpper("\xc3\xa9t\xc3\xa9", out));  // é -> É, same length
     EXPECT_EQ("\xc3\x89T\xc3\x89", out);
-    // U+0250 upper-cases to a three-byte character: the buffer of the
-    // input's length cuts it off at a character boundary.
+    // Upper-casing may lengthen the text; nothing is cut. U+0250 becomes a
+    // three-byte character, U+0149 two characters, U+0390 three.
     ASSERT_TRUE(ToUnicodeUpper("a\xc9\x90", out));
-    EXPECT_EQ("A", out);
+    EXPECT_EQ("A\xe2\xb1\xaf", out);
+    ASSERT_TRUE(ToUnicodeUpper("\xce\x90", out));
+    EXPECT_EQ("\xce\x99\xcc\x88\xcc\x81", out);
+    // An escaped keyword keeps its escapes whole: "\u0149_" escaped is
+    // "\u0149\\_", which must not come back ending in a lone backslash.
+    ASSERT_TRUE(ToUnicodeUpper(EscapeLikeExpression("\xc5\x89_"), out));
+    EXPECT_EQ("\xca\xbcN\\_", out);
+    // Long text that grows by half again, longer than any fixed buffer.
+    std::string many;
+    for (int i = 0; i < 3000; ++i) many += "\xc5\x89";
+    ASSERT_TRUE(ToUnicodeUpper(many, out));
+    EXPECT_EQ(9000u, out.size());
+    EXPECT_EQ("\xca\xbcN", out.substr(out.size() - 3));
 }
 
 TEST(SearchClause, UpperCasingFailureLeavesOutputUntouched) {

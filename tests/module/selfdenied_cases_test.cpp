@@ -271,6 +271,11 @@ TEST_F(SelfDeniedTest, AnAdministratorsOwnerLookupIsPrivileged) {
     CallResult alice = Check(file_, rules, false);
     EXPECT_TRUE(Denied(alice));
     EXPECT_FALSE(alice.HasLog(39, "acl:1644 WARNING: setresuid(-1, 0, -1)")) << alice.LogDump();
+
+    // A failed administrator check (negative) is not a yes.
+    CallResult failed = Check(file_, rules, false, As("alice", {{"KLIBGroupIsAdminGroupMemByUid", 1, -1, 0x0800}}));
+    EXPECT_TRUE(Denied(failed));
+    EXPECT_FALSE(failed.HasLog(39, "acl:1644 WARNING: setresuid(-1, 0, -1)")) << failed.LogDump();
 }
 
 } // namespace

@@ -6,6 +6,7 @@
 
 #include "kova/acl.h"
 #include "kova/errcode.h"
+#include "kova/klibc.h"
 #include "kova/share.h"
 
 #include <gtest/gtest.h>
@@ -176,17 +177,42 @@ TEST_F(SetChecksTest, FolderResolutionAndPathChecks) {
     EXPECT_EQ(6206, outside.errorCode()) << outside.Dump();
     EXPECT_EQ(-1, StoredCount(share_ + "/b"));
 
-    // Only a textual prefix is compared: "a2" passes as lying in "a".
-    Json::Value prefix = AclParams("a");
-    prefix["file_path"] = share_ + "/a2";
-    CallResult prefixed = RunSet(prefix, admin_);
-    EXPECT_TRUE(prefixed.success()) << prefixed.Dump();
-    EXPECT_EQ(1, StoredCount(share_ + "/a2"));
+    // The folder is compared by whole path components: "a2" does not lie
+    // in "a", nor a path of the share "pub2" in the share "pub" (whose
+    // flags and privileges would otherwise be the ones checked).
+    const std::string pub2 = root_.AddShare("pub2");
+    ASSERT_FALSE(pub2.empty()) << root_.lastError();
+    ASSERT_TRUE(root_.MakeDir(pub2 + "/x", 0777));
+    for (const auto &named : {std::make_pair(std::string("/pub/a"), share_ + "/a2"),
+                              std::make_pair(std::string("/pub"), pub2 + "/x"),
+                              std::make_pair(std::string("/pub"), pub2)}) {
+        Json::Value prefix = AclParams("a");
+        prefix["dirPaths"] = named.first;
+        prefix["file_path"] = named.second;
+        CallResult prefixed = RunSet(prefix, admin_);
+        EXPECT_EQ(6206, prefixed.errorCode()) << named.second << " in " << named.first << ": " << prefixed.Dump();
+        EXPECT_EQ(-1, StoredCount(named.second)) << named.second;
+    }
+    // The folder itself and what lies below it still pass.
+    ASSERT_TRUE(root_.MakeDir(share_ + "/a/in", 0777));
+    Json::Value below = AclParams("a");
+    below["file_path"] = share_ + "/a/in";
+    EXPECT_TRUE(RunSet(below, admin_).success());
+    EXPECT_EQ(1, StoredCount(share_ + "/a/in"));
 
-    // A folder that does not exist, and no folder at all.
+    // A folder that does not exist.
     Json::Value missing = AclParams("a");
     missing["dirPaths"] = "/pub/nowhere";
     EXPECT_EQ(6207, RunSet(missing, admin_).errorCode());
+
+    // No folder at all: the answer comes from the last error, which must be
+    // this request's. A worker that served another request before (whose
+    // failure said "no such file") answers the generic failure, not 6207.
+    Json::Value noFolder = AclParams("a");
+    noFolder.removeMember("dirPaths");
+    CallOptions reused = admin_;
+    reused.beforeHandler = [] { KLIBCErrSetEx(KOVA_ERR_NOENT, "earlier-request", 1); };
+    EXPECT_EQ(6200, RunSet(noFolder, reused).errorCode());
 
     // The path is refused to the user when the task checks it.
     const CallOptions gone = As("boss", {Fault{"PanoraFileShare::WfmCheckPath", 0, 1, KOVA_ERR_PERM}});

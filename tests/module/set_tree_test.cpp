@@ -10,9 +10,16 @@
 #include <gtest/gtest.h>
 
 #include <dirent.h>
+#include <fcntl.h>
+#include <limits.h>
 #include <signal.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/xattr.h>
 #include <unistd.h>
+
+#include <cstdlib>
 
 #include <algorithm>
 #include <fstream>
@@ -67,6 +74,22 @@ void WalkOrder(const std::string &dir, std::vector<std::string> &out) {
         if (e->d_type == DT_DIR) WalkOrder(dir + "/" + name, out);
     }
     closedir(d);
+}
+
+// The names and values of a path's trusted.* attributes, read as root
+// without following a link.
+std::map<std::string, std::string> TrustedXattrs(const std::string &path) {
+    std::map<std::string, std::string> out;
+    char names[8192];
+    const ssize_t size = llistxattr(path.c_str(), names, sizeof names);
+    for (ssize_t at = 0; size > 0 && at < size; at += static_cast<ssize_t>(strlen(names + at)) + 1) {
+        const std::string name = names + at;
+        if (name.compare(0, 8, "trusted.") != 0) continue;
+        char value[65536];
+        const ssize_t n = lgetxattr(path.c_str(), name.c_str(), value, sizeof value);
+        out[name] = n < 0 ? "<unreadable>" : std::string(value, static_cast<size_t>(n));
+    }
+    return out;
 }
 
 class SetTreeTest : public ::testing::Test {
@@ -368,6 +391,105 @@ TEST_F(SetTreeTest, ProgressAndStopDuringALargeWalk) {
     EXPECT_GT(reset, 0u);
     EXPECT_TRUE(cut) << "the stop did not end the walk early";
     EXPECT_EQ(1u, ReadStored(top).entries.size());
+}
+
+// A chain of 5,000 folders, with files beside the next level at some
+// depths, walked by a task allowed 256 descriptors: the walk finishes and
+// every entry the platform can name (a path shorter than PATH_MAX) is reset.
+// The first levels have long names, so that the platform (which resolves
+// every path it is given from the top) names only the first few hundred.
+TEST_F(SetTreeTest, DeepTreeFinishesWithFewDescriptors) {
+    // The tree lives on its own tmpfs (an ACL-capable file system the walk
+    // starts in): building and dropping 5,000 levels on a busy disk takes
+    // long, and the fixture's clean-up walks paths, which stop at PATH_MAX.
+    const std::string top = share_ + "/deep";
+    ASSERT_TRUE(root_.MakeDir(top, 0777));
+    ASSERT_EQ(0, mount("tmpfs", top.c_str(), "tmpfs", 0, "size=64m,nr_inodes=20000,mode=0777")) << strerror(errno);
+    struct Unmount {
+        std::string path;
+        ~Unmount() { umount2(path.c_str(), MNT_DETACH); }
+    } unmount{top};
+    const std::set<int> withFiles = {1, 2, 3, 49, 50, 51, 97, 150, 300, 1000, 4999};
+    std::vector<std::string> nameable;
+    std::string path = top;
+    int fd = open(top.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    ASSERT_GE(fd, 0);
+    const std::string longName(250, 'L');
+    for (int level = 1; level <= 5000; ++level) {
+        const std::string name = level <= 13 ? longName : "d";
+        ASSERT_EQ(0, mkdirat(fd, name.c_str(), 0755)) << level;
+        const int next = openat(fd, name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        ASSERT_GE(next, 0) << level;
+        close(fd);
+        fd = next;
+        path += "/" + name;
+        if (path.size() + 2 < PATH_MAX) nameable.push_back(path);
+        if (!withFiles.count(level)) continue;
+        for (const char *name : {"a", "z"}) {
+            const int file = openat(fd, name, O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+            ASSERT_GE(file, 0);
+            close(file);
+            if (path.size() + 2 < PATH_MAX) nameable.push_back(path + "/" + name);
+        }
+    }
+    close(fd);
+    ASSERT_GT(nameable.size(), 250u);
+
+    CallOptions limited = admin_;
+    limited.beforeHandler = [] {
+        struct rlimit limit;
+        if (getrlimit(RLIMIT_NOFILE, &limit) != 0) _exit(3);
+        limit.rlim_cur = 256;
+        if (setrlimit(RLIMIT_NOFILE, &limit) != 0) _exit(3);
+    };
+    const Json::Value params =
+        RecursiveAcl("deep", false, kova_module_test::Array({Rule("user", "alice", "allow", true, true)}));
+    CallResult end = WaitTask(StartSet(params, limited), admin_);
+    ASSERT_TRUE(end.success()) << end.Dump();
+    EXPECT_TRUE(end.data()["finished"].asBool());
+    size_t wrong = 0;
+    for (const std::string &p : nameable)
+        if (!IsEmptyInheriting(p) && ++wrong <= 3) ADD_FAILURE() << "not reset: " << p.size() << " bytes long";
+    EXPECT_EQ(0u, wrong);
+}
+
+// A file system mounted inside the tree, and a bind mount of a folder
+// outside the share, are neither changed nor entered.
+TEST_F(SetTreeTest, MountsInsideTheTreeAreLeftAlone) {
+    const std::string top = share_ + "/mnt";
+    const std::string tmp = top + "/sub/tmp", bound = top + "/bound", elsewhere = root_.At("elsewhere");
+    for (const std::string &dir : {top, top + "/sub", tmp, bound, elsewhere}) ASSERT_TRUE(root_.MakeDir(dir, 0777));
+    ASSERT_TRUE(root_.MakeFile(top + "/sub/plain"));
+    ASSERT_TRUE(root_.MakeFile(elsewhere + "/secret"));
+    ASSERT_EQ(0, mount("tmpfs", tmp.c_str(), "tmpfs", 0, "size=1m,mode=0777")) << strerror(errno);
+    struct Unmount {
+        std::vector<std::string> points;
+        ~Unmount() {
+            for (const std::string &p : points) umount2(p.c_str(), MNT_DETACH);
+        }
+    } unmount{{tmp}};
+    ASSERT_TRUE(root_.MakeDir(tmp + "/inner", 0777));
+    ASSERT_TRUE(root_.MakeFile(tmp + "/inner/file"));
+    ASSERT_EQ(0, mount(elsewhere.c_str(), bound.c_str(), nullptr, MS_BIND, nullptr)) << strerror(errno);
+    unmount.points.push_back(bound);
+
+    Json::Value params = RecursiveAcl("mnt", false, kova_module_test::Array({Rule("user", "alice", "allow", true, true)}));
+    params["change_acl_owner"] = true;
+    params["acl_owner_type"] = "user";
+    params["acl_owner"] = "alice";
+    params["acl_owner_recur"] = true;
+    CallResult end = WaitTask(StartSet(params, admin_), admin_);
+    ASSERT_TRUE(end.success()) << end.Dump();
+
+    EXPECT_TRUE(IsEmptyInheriting(top + "/sub"));
+    EXPECT_TRUE(IsEmptyInheriting(top + "/sub/plain"));
+    for (const std::string &p : {tmp, tmp + "/inner", tmp + "/inner/file", bound, bound + "/secret",
+                                 elsewhere, elsewhere + "/secret"}) {
+        EXPECT_TRUE(TrustedXattrs(p).empty()) << "changed on another mount: " << p;
+        struct stat st;
+        ASSERT_EQ(0, lstat(p.c_str(), &st)) << p;
+        EXPECT_EQ(0u, st.st_uid) << "owner changed on another mount: " << p;
+    }
 }
 
 } // namespace

@@ -163,6 +163,9 @@ Json::Value RunInChild(KOVA_API_HANDLER handler, const std::string &api, int ver
         KOVA::APIRequest request(params, options.user, options.session);
         request.SetMethod(api, version, method);
         KOVA::APIResponse response;
+        // The child inherits the test process's last error; a request starts
+        // with none, as in the server's worker (beforeHandler may plant one).
+        KLIBCErrSetEx(0, nullptr, 0);
         if (options.beforeHandler) options.beforeHandler();
         KLIBCFaultClearAll();
         for (const auto &f : options.faults) {
