@@ -117,6 +117,7 @@ const SysCalls kReal = {
     RealSetgroups,
     RealCapget,
     RealCapset,
+    ::faccessat,
 };
 
 SysCalls gTable = kReal;

@@ -73,6 +73,10 @@ struct SysCalls {
     int (*setgroups)(size_t count, const gid_t *groups);
     int (*capget)(cap_user_header_t header, cap_user_data_t data);
     int (*capset)(cap_user_header_t header, const cap_user_data_t data);
+
+    // Whether the calling identity may reach an entry (AT_EACCESS: judged
+    // with the effective ids), relative to a descriptor already judged.
+    int (*faccessat)(int dirFd, const char *name, int mode, int flags);
 };
 
 // The table in force for the whole process.
