@@ -84,7 +84,7 @@ int LongestMatch(const kova_share::ShareRoots &shares, const std::string &path) 
     size_t bestLen = 0;
     for (size_t i = 0; i < shares.size(); ++i) {
         const std::string &root = shares[i].real;
-        if (!UnderRoot(path, root)) continue;
+        if (!shares[i].exists || !UnderRoot(path, root)) continue;
         if (best < 0 || root.size() > bestLen) {
             best = static_cast<int>(i);
             bestLen = root.size();
@@ -106,6 +106,10 @@ bool Table(std::shared_ptr<const kova_share::ShareRoots> &table) {
 
 int kova_share::ShareOfRealPath(const std::string &real, std::string &name, std::string &root) {
     KOVA_FAULT_POINT("KOVAShareNamePathGet", int);
+    if (real.find('\0') != std::string::npos) {
+        KOVA_FAIL(KOVA_ERR_BADARG);
+        return -1;
+    }
     std::shared_ptr<const ShareRoots> table;
     if (!Table(table)) return -1;
     const int found = LongestMatch(*table, real);
