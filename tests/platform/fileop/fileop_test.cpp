@@ -332,6 +332,24 @@ TEST_F(FileShare, ResolutionFailsCleanlyAtEveryFileCall) {
         for (const char *entry : {"openat2", "readlinkat"})
             EXPECT_NE(std::find(refused.begin(), refused.end(), entry), refused.end()) << c.first << " " << entry;
     }
+
+    // The path check: folder, entry, share lookup, search right.
+    std::vector<std::string> refused;
+    const auto problems = kova_test::FailEachCall(
+        {},
+        [&] {
+            KLIBCErrSetEx(0, "", 0);
+            return fs_.WfmCheckPath(s1_ + "/dir/file.txt");
+        },
+        0,
+        [&](const kova_test::FailedRun &run) -> std::string {
+            if (run.result == 0) return "";
+            return fs_.WfmLibGetErr() != KOVA_WFM_ERR_NONE && KLIBCErrGet() != 0 ? "" : "failure not reported";
+        },
+        &refused);
+    EXPECT_TRUE(problems.empty()) << Lines(problems);
+    for (const char *entry : {"openat2", "fstatat", "faccessat"})
+        EXPECT_NE(std::find(refused.begin(), refused.end(), entry), refused.end()) << entry;
 }
 
 TEST_F(FileShare, ARootReplacedByALinkHoldsNothing) {
