@@ -69,6 +69,8 @@ struct Wrap<R (*)(A...), Entry> {
 template <typename R, typename... A, R (*SysCalls::*Entry)(A...)>
 const char *Wrap<R (*)(A...), Entry>::name = nullptr;
 
+// Every entry of the table, in its order. An entry appended to SysCalls is
+// appended here too, or the fault loops never refuse it.
 #define KOVA_SYS_ENTRIES(X)                                                                                        \
     X(openat) X(openat2) X(close) X(fstat) X(fstatat) X(fstatfs) X(fchownat) X(fchmod) X(mkdirat) X(unlinkat)      \
     X(renameat) X(readlinkat) X(read) X(write) X(fsync) X(fdopendir) X(readdir64) X(closedir) X(getxattrat)        \
