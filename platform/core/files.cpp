@@ -3,7 +3,9 @@
 #include "kova/klibc.h"
 #include "kova/errcode.h"
 #include "kova-internal/fault-point.h"
+#include "kova-internal/sys-calls.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -61,7 +63,7 @@ extern "C" int KLIBCFileExist(const char *path) {
         return 0;
     }
     struct stat st;
-    if (lstat(path, &st) != 0) {
+    if (kova_internal::Sys().fstatat(AT_FDCWD, path, &st, AT_SYMLINK_NOFOLLOW) != 0) {
         KOVA_FAIL(KOVA_ERR_NOENT);
         return 0;
     }

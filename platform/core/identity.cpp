@@ -1,10 +1,13 @@
-// Calling identity and the root scope of the platform libraries.
+// The platform's identity component (see identity.h).
 #include "kova-internal/identity.h"
 #include "kova-internal/sys-calls.h"
 
+#include <syslog.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstdlib>
 
 namespace kova_internal {
 
@@ -32,6 +35,13 @@ int CapGet(struct __user_cap_data_struct *data) {
     return Sys().capget(&header, data);
 }
 
+// The kernel refused to lower ids that were raised for a moment. Going on
+// would run the rest of a user's request as root.
+[[noreturn]] void LostIdentity(const char *what) {
+    syslog(LOG_AUTH | LOG_CRIT, "identity: cannot give root back (%s, errno %d); ending the process", what, errno);
+    std::abort();
+}
+
 } // namespace
 
 bool ThreadCapabilities::Read() {
@@ -56,9 +66,18 @@ bool ThreadCapabilities::KeepOnly(unsigned cap) {
     return true;
 }
 
+uint64_t ThreadCapabilities::EffectiveMask() const {
+    return read_ ? (static_cast<uint64_t>(data_[1].effective) << 32) | data_[0].effective : 0;
+}
+
 bool HoldsCapability(unsigned cap) {
     ThreadCapabilities caps;
     return caps.Read() && caps.Effective(cap);
+}
+
+bool KeepOnlyCapability(unsigned cap) {
+    ThreadCapabilities caps;
+    return caps.Read() && caps.KeepOnly(cap) && caps.Apply();
 }
 
 UidScope::UidScope() : UidScope(geteuid()) {}
@@ -75,7 +94,7 @@ UidScope::UidScope(uid_t currentEuid) : uid_(currentEuid) {
 void UidScope::Drop() {
     if (!raised_) return;
     raised_ = false;
-    (void)setresuid(static_cast<uid_t>(-1), uid_, static_cast<uid_t>(-1));
+    if (Sys().setresuid(static_cast<uid_t>(-1), uid_, static_cast<uid_t>(-1)) != 0) LostIdentity("uid scope");
     // Leaving uid 0 emptied the effective set.
     if (caps_.AnyEffective()) (void)caps_.Apply();
 }
@@ -89,7 +108,41 @@ RootScope::RootScope() : gid_(getegid()), ok_(uid_.ok()) {
 }
 
 RootScope::~RootScope() {
-    if (ok_ && gid_ != 0) (void)setresgid(static_cast<gid_t>(-1), gid_, static_cast<gid_t>(-1));
+    if (ok_ && gid_ != 0 && Sys().setresgid(static_cast<gid_t>(-1), gid_, static_cast<gid_t>(-1)) != 0)
+        LostIdentity("root scope");
+}
+
+std::vector<gid_t> CurrentGroups() { return Caller::Current().groups; }
+
+bool SwitchToUser(uid_t uid, gid_t gid, const std::vector<gid_t> &groups) {
+    uid_t ru, eu, su;
+    gid_t rg, eg, sg;
+    if (getresuid(&ru, &eu, &su) != 0 || getresgid(&rg, &eg, &sg) != 0) return false;
+    const std::vector<gid_t> wasGroups = CurrentGroups();
+    // Only an effective root may set groups and ids; the saved uid 0 that
+    // servers and tasks keep lets us become it first.
+    if (eu != 0 && Sys().setresuid(static_cast<uid_t>(-1), 0, static_cast<uid_t>(-1)) != 0) return false;
+    if (Sys().setgroups(groups.size(), groups.data()) == 0 && Sys().setresgid(0, gid, 0) == 0 &&
+        Sys().setresuid(0, uid, 0) == 0)
+        return true;
+    const int err = errno;
+    // Still root here: each of these is allowed, and the uid comes last.
+    if (Sys().setgroups(wasGroups.size(), wasGroups.data()) != 0 || Sys().setresgid(rg, eg, sg) != 0 ||
+        Sys().setresuid(ru, eu, su) != 0)
+        LostIdentity("failed switch");
+    errno = err;
+    return false;
+}
+
+bool RestoreRoot(const std::vector<gid_t> &rootGroups) {
+    // Uid first: changing groups and gids needs an effective uid of 0.
+    const bool uidOk = Sys().setresuid(0, 0, 0) == 0;
+    const bool gidOk = uidOk && Sys().setresgid(0, 0, 0) == 0;
+    const bool groupsOk = gidOk && Sys().setgroups(rootGroups.size(), rootGroups.data()) == 0;
+    uid_t ru, eu, su;
+    gid_t rg, eg, sg;
+    if (!groupsOk || getresuid(&ru, &eu, &su) != 0 || getresgid(&rg, &eg, &sg) != 0) return false;
+    return ru == 0 && eu == 0 && su == 0 && rg == 0 && eg == 0 && sg == 0;
 }
 
 } // namespace kova_internal

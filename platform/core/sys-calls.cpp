@@ -144,6 +144,7 @@ const SysCalls kReal = {
     RealPidfdOpen,
     RealPidfdSendSignal,
     RealFcntlLock,
+    ::faccessat,
 };
 
 SysCalls gTable = kReal;

@@ -3,6 +3,7 @@
 #include "kova/klibc.h"
 #include "kova/errcode.h"
 #include "kova-internal/fault-point.h"
+#include "kova-internal/text.h"
 
 #include <unicode/ucasemap.h>
 #include <unicode/utf8.h>
@@ -48,7 +49,9 @@ bool IsAscii(const char *s, size_t len) {
     return true;
 }
 
-bool IsValidUtf8(const char *s, size_t len) {
+} // namespace
+
+bool kova_internal::IsValidUtf8(const char *s, size_t len) {
     const uint8_t *bytes = reinterpret_cast<const uint8_t *>(s);
     int32_t i = 0;
     const int32_t n = static_cast<int32_t>(len);
@@ -60,7 +63,9 @@ bool IsValidUtf8(const char *s, size_t len) {
     return true;
 }
 
-} // namespace
+bool kova_internal::IsCleanText(const std::string &s) {
+    return s.find('\0') == std::string::npos && IsValidUtf8(s.data(), s.size());
+}
 
 extern "C" int KLIBCUnicodeUTF8StrUpper(const char *in, char *out, size_t cbOut) {
     KOVA_FAULT_POINT("KLIBCUnicodeUTF8StrUpper", int);
@@ -80,7 +85,7 @@ extern "C" int KLIBCUnicodeUTF8StrUpper(const char *in, char *out, size_t cbOut)
         out[len] = '\0';
         return static_cast<int>(len);
     }
-    if (!IsValidUtf8(in, inLen)) {
+    if (!kova_internal::IsValidUtf8(in, inLen)) {
         KOVA_FAIL(KOVA_ERR_BADARG);
         return -1;
     }

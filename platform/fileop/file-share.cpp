@@ -4,8 +4,12 @@
 #include "kova/klibc.h"
 #include "kova/share.h"
 #include "kova-internal/fault-point.h"
+#include "kova-internal/owned-fd.h"
+#include "kova-internal/sys-calls.h"
+#include "kova-internal/text.h"
 
 #include "identity-switch.h"
+#include "real-path.h"
 #include "user-path.h"
 
 #include <errno.h>
@@ -46,26 +50,39 @@ int PanoraFileShare::WfmFullPathGet(const std::string &userPath, std::string &re
 
 int PanoraFileShare::WfmCheckPath(const std::string &realPath) {
     KOVA_FAULT_POINT("PanoraFileShare::WfmCheckPath", int);
+    using kova_internal::Sys;
     try {
-        if (realPath.empty() || realPath[0] != '/' || realPath.size() >= PATH_MAX)
+        if (!kova_internal::IsCleanText(realPath) || realPath.empty() || realPath[0] != '/' ||
+            realPath.size() >= PATH_MAX)
             return WFM_FAIL(KOVA_WFM_ERR_BADARG, KOVA_ERR_BADARG);
+        const size_t slash = realPath.rfind('/');
+        const std::string name = realPath.substr(slash + 1);
+        const std::string parent = slash == 0 ? "/" : realPath.substr(0, slash);
+        // The entry is judged and looked at through its folder's descriptor.
+        std::string folder;
+        int raw = -1;
+        const int err = kova_share::RealPathOf(parent, folder, &raw);
+        if (err) {
+            if (err == EACCES) return WFM_FAIL(KOVA_WFM_ERR_PERM, KOVA_ERR_PERM);
+            return WFM_FAIL(KOVA_WFM_ERR_NOENT, KOVA_ERR_NOENT);
+        }
+        kova_internal::OwnedFd folderFd(raw);
         struct stat st;
-        if (lstat(realPath.c_str(), &st) != 0) {
+        if (Sys().fstatat(folderFd.get(), name.empty() ? "." : name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
             if (errno == EACCES) return WFM_FAIL(KOVA_WFM_ERR_PERM, KOVA_ERR_PERM);
             return WFM_FAIL(KOVA_WFM_ERR_NOENT, KOVA_ERR_NOENT);
         }
-        std::string parent = realPath.substr(0, realPath.rfind('/'));
-        if (parent.empty()) parent = "/";
         // A symbolic link is an entry of its folder, wherever it points:
         // its folder must lie in a share. Anything else must itself.
-        const std::string &located = S_ISLNK(st.st_mode) ? parent : realPath;
-        char name[KOVA_SHARE_NAME_MAX];
+        const std::string located =
+            S_ISLNK(st.st_mode) || name.empty() ? folder : (folder == "/" ? "/" : folder + "/") + name;
+        char share[KOVA_SHARE_NAME_MAX];
         char root[PATH_MAX];
-        if (KOVAShareNamePathGet(located.c_str(), name, sizeof(name), root, sizeof(root)) < 0)
+        if (KOVAShareNamePathGet(located.c_str(), share, sizeof(share), root, sizeof(root)) < 0)
             return WFM_FAIL(KOVA_WFM_ERR_BADPATH, KOVA_ERR_BADPATH);
         // The caller must be able to reach the entry through its folder,
         // judged with the effective ids the caller acts with.
-        if (faccessat(AT_FDCWD, parent.c_str(), X_OK, AT_EACCESS) != 0)
+        if (Sys().faccessat(folderFd.get(), ".", X_OK, AT_EACCESS) != 0)
             return WFM_FAIL(KOVA_WFM_ERR_PERM, KOVA_ERR_PERM);
         err_ = KOVA_WFM_ERR_NONE;
         return 0;
@@ -85,7 +102,8 @@ int PanoraFileShare::WfmLibGetPrivilege(const std::string &userPath, const std::
                                         const std::string &sessionId, int *pPrivilege, int *pFlags) {
     KOVA_FAULT_POINT("PanoraFileShare::WfmLibGetPrivilege", int);
     try {
-        if (!pPrivilege || !pFlags || user.empty()) return WFM_FAIL(KOVA_WFM_ERR_BADARG, KOVA_ERR_BADARG);
+        if (!pPrivilege || !pFlags || user.empty() || !kova_internal::IsCleanText(sessionId))
+            return WFM_FAIL(KOVA_WFM_ERR_BADARG, KOVA_ERR_BADARG);
         kova_fileop::Resolved r;
         int rc = kova_fileop::Resolve(userPath, user, r);
         if (rc != KOVA_WFM_ERR_NONE) {
@@ -114,6 +132,8 @@ int PanoraFileShare::WfmLibGetPrivilege(const std::string &userPath, const std::
 int PanoraFileShare::WfmLibUGIDSet(const std::string &sessionId, const std::string &user) {
     KOVA_FAULT_POINT("PanoraFileShare::WfmLibUGIDSet", int);
     try {
+        if (!kova_internal::IsCleanText(sessionId) || !kova_internal::IsCleanText(user))
+            return WFM_FAIL(KOVA_WFM_ERR_BADARG, KOVA_ERR_BADARG);
         uid_t uid;
         gid_t gid;
         std::vector<gid_t> groups;

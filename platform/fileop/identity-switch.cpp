@@ -1,4 +1,5 @@
-// Identity switching for tasks that must act as the requesting user.
+// Identity switching for tasks that must act as the requesting user, through
+// the platform's identity component.
 #include "identity-switch.h"
 
 #include "kova/account.h"
@@ -8,7 +9,6 @@
 #include "kova-internal/fault-point.h"
 #include "kova-internal/identity.h"
 
-#include <grp.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -21,14 +21,6 @@ namespace {
 struct SzListDeleter {
     void operator()(KLIBC_SZLIST *p) const { KLIBCSzListFree(p); }
 };
-
-// Back to the ids the process had before a failed switch.
-void Restore(const kova_internal::Caller &was, gid_t realGid) {
-    (void)setresuid(static_cast<uid_t>(-1), 0, static_cast<uid_t>(-1));
-    (void)setgroups(was.groups.size(), was.groups.data());
-    (void)setresgid(realGid, was.gid, static_cast<gid_t>(-1));
-    (void)setresuid(static_cast<uid_t>(-1), was.uid, static_cast<uid_t>(-1));
-}
 
 } // namespace
 
@@ -62,16 +54,7 @@ int LookupIdentity(const std::string &user, uid_t &uid, gid_t &gid, std::vector<
 }
 
 int SwitchTo(uid_t uid, gid_t gid, const std::vector<gid_t> &groups) {
-    kova_internal::Caller was = kova_internal::Caller::Current();
-    gid_t realGid = getgid();
-    // Only an effective root may set groups and ids; the saved uid 0 that
-    // servers and tasks keep lets us become it first.
-    if (was.uid != 0 && setresuid(static_cast<uid_t>(-1), 0, static_cast<uid_t>(-1)) != 0) {
-        KOVA_FAIL(KOVA_ERR_PERM);
-        return KOVA_WFM_ERR_PERM;
-    }
-    if (setgroups(groups.size(), groups.data()) != 0 || setresgid(0, gid, 0) != 0 || setresuid(0, uid, 0) != 0) {
-        Restore(was, realGid);
+    if (!kova_internal::SwitchToUser(uid, gid, groups)) {
         KOVA_FAIL(KOVA_ERR_PERM);
         return KOVA_WFM_ERR_PERM;
     }
@@ -79,9 +62,7 @@ int SwitchTo(uid_t uid, gid_t gid, const std::vector<gid_t> &groups) {
 }
 
 bool KeepAttributeCapability() {
-    if (geteuid() == 0) return true;
-    kova_internal::ThreadCapabilities caps;
-    return caps.Read() && caps.KeepOnly(CAP_SYS_ADMIN) && caps.Apply();
+    return geteuid() == 0 || kova_internal::KeepOnlyCapability(CAP_SYS_ADMIN);
 }
 
 } // namespace kova_fileop

@@ -1,4 +1,4 @@
-// User-visible paths to real paths.
+// User-visible paths to descriptors and real paths (see user-path.h).
 #include "user-path.h"
 
 #include "kova/account.h"
@@ -7,16 +7,20 @@
 #include "kova/klibc.h"
 #include "kova/share.h"
 #include "kova-internal/fault-point.h"
+#include "kova-internal/text.h"
+#include "real-path.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <limits.h>
 
-#include <cstdlib>
 #include <vector>
 
 namespace kova_fileop {
 
 namespace {
+
+using kova_internal::OwnedFd;
 
 std::vector<std::string> Components(const std::string &path) {
     std::vector<std::string> parts;
@@ -33,29 +37,46 @@ std::vector<std::string> Components(const std::string &path) {
 // Sets the last error where the failure is found and yields its class.
 #define FAIL_WITH(wfm, code) (KOVA_FAIL(code), (wfm))
 
-// realpath with its errno turned into a failure class.
-int Canonical(const std::string &path, std::string &out) {
-    char *r = realpath(path.c_str(), nullptr);
-    if (!r) {
-        if (errno == ENOENT || errno == ENOTDIR) return FAIL_WITH(KOVA_WFM_ERR_NOENT, KOVA_ERR_NOENT);
-        if (errno == EACCES) return FAIL_WITH(KOVA_WFM_ERR_PERM, KOVA_ERR_PERM);
-        if (errno == ENOMEM) return FAIL_WITH(KOVA_WFM_ERR_IO, KOVA_ERR_NOMEM);
-        return FAIL_WITH(KOVA_WFM_ERR_BADPATH, KOVA_ERR_BADPATH);
+// A failed lookup's errno as a failure class.
+int FromErrno(int err) {
+    switch (err) {
+    case ENOENT:
+    case ENOTDIR: return FAIL_WITH(KOVA_WFM_ERR_NOENT, KOVA_ERR_NOENT);
+    case EACCES:
+    case EPERM: return FAIL_WITH(KOVA_WFM_ERR_PERM, KOVA_ERR_PERM);
+    case ENOMEM: return FAIL_WITH(KOVA_WFM_ERR_IO, KOVA_ERR_NOMEM);
+    // A link or ".." that leaves the folder, a link where none may be.
+    case EXDEV:
+    case ELOOP:
+    case EINVAL:
+    case ENAMETOOLONG: return FAIL_WITH(KOVA_WFM_ERR_BADPATH, KOVA_ERR_BADPATH);
+    default: return FAIL_WITH(KOVA_WFM_ERR_IO, KOVA_ERR_IO);
     }
-    out = r;
-    std::free(r);
+}
+
+// `rel` below baseFd: its descriptor and the kernel's name for it.
+int OpenBelow(int baseFd, const std::string &rel, int flags, OwnedFd &fd, std::string &name) {
+    int raw = -1;
+    int err = kova_share::OpenBeneath(baseFd, rel, flags, &raw);
+    if (err) return FromErrno(err);
+    OwnedFd opened(raw);
+    err = kova_share::NameOfFd(opened.get(), name);
+    if (err) return FromErrno(err);
+    fd = std::move(opened);
     return KOVA_WFM_ERR_NONE;
 }
 
 } // namespace
 
 bool UnderRoot(const std::string &path, const std::string &root) {
-    if (root == "/") return true;
+    if (root == "/") return !path.empty() && path[0] == '/';
     return path.compare(0, root.size(), root) == 0 && (path.size() == root.size() || path[root.size()] == '/');
 }
 
 int Resolve(const std::string &userPath, const std::string &user, Resolved &out) {
-    if (userPath.empty() || userPath[0] != '/' || userPath.size() >= PATH_MAX)
+    // A NUL would end the text that C calls see before the text we judged.
+    if (!kova_internal::IsCleanText(userPath) || !kova_internal::IsCleanText(user) || userPath.empty() ||
+        userPath[0] != '/' || userPath.size() >= PATH_MAX)
         return FAIL_WITH(KOVA_WFM_ERR_BADARG, KOVA_ERR_BADARG);
     std::vector<std::string> parts = Components(userPath);
     if (parts.empty() || parts[0] == "." || parts[0] == "..")
@@ -87,26 +108,31 @@ int Resolve(const std::string &userPath, const std::string &user, Resolved &out)
     r.readOnly = share->isReadOnly != 0;
     KOVAShareFree(share);
 
-    std::string shareRoot;
-    int rc = Canonical(storedRoot, shareRoot);
-    if (rc != KOVA_WFM_ERR_NONE) return rc;
+    // The table names the real root: nothing at its path may be a link.
+    int raw = -1;
+    int err = kova_share::OpenWithoutLinks(storedRoot, O_DIRECTORY, &raw);
+    if (err) return err == ELOOP || err == EINVAL ? FAIL_WITH(KOVA_WFM_ERR_BADPATH, KOVA_ERR_BADPATH) : FromErrno(err);
+    OwnedFd shareFd(raw);
+
+    int rc;
     if (r.isHome) {
-        rc = Canonical(shareRoot + "/" + user, r.shareRoot);
-        if (rc != KOVA_WFM_ERR_NONE) return rc;
         // A home that is a link out of "homes" is not a home.
-        if (!UnderRoot(r.shareRoot, shareRoot)) return FAIL_WITH(KOVA_WFM_ERR_BADPATH, KOVA_ERR_BADPATH);
+        rc = OpenBelow(shareFd.get(), user, O_DIRECTORY, r.rootFd, r.shareRoot);
+        if (rc != KOVA_WFM_ERR_NONE) return rc;
     } else {
-        r.shareRoot = shareRoot;
+        err = kova_share::NameOfFd(shareFd.get(), r.shareRoot);
+        if (err) return FromErrno(err);
+        r.rootFd = std::move(shareFd);
     }
 
-    std::string candidate = r.shareRoot;
-    for (size_t i = 1; i < parts.size(); ++i) candidate += "/" + parts[i];
-    rc = Canonical(candidate, r.realPath);
+    std::string rest;
+    for (size_t i = 1; i < parts.size(); ++i) rest += (i > 1 ? "/" : "") + parts[i];
+    rc = OpenBelow(r.rootFd.get(), rest, 0, r.fd, r.realPath);
     if (rc != KOVA_WFM_ERR_NONE) return rc;
-    // ".." and links are resolved by now; what lands outside the share (or
-    // the home) was an attempt to leave it.
+    // The kernel kept the lookup below the root; its names must agree (a
+    // root renamed meanwhile is not named by the table any more).
     if (!UnderRoot(r.realPath, r.shareRoot)) return FAIL_WITH(KOVA_WFM_ERR_BADPATH, KOVA_ERR_BADPATH);
-    out = r;
+    out = std::move(r);
     return KOVA_WFM_ERR_NONE;
 }
 

@@ -4,6 +4,7 @@
 #include "kova/errcode.h"
 #include "kova/klibc.h"
 #include "kova-internal/fault-point.h"
+#include "kova-internal/sys-calls.h"
 
 #include <fcntl.h>
 #include <sys/vfs.h>
@@ -85,14 +86,15 @@ extern "C" int KOVAGetFSType(const char *szPath, int flags) {
         KOVA_FAIL(KOVA_ERR_BADARG);
         return -1;
     }
-    int fd = open(szPath, O_PATH | O_NOFOLLOW | O_CLOEXEC);
+    using kova_internal::Sys;
+    const int fd = Sys().openat(AT_FDCWD, szPath, O_PATH | O_NOFOLLOW | O_CLOEXEC, 0);
     if (fd < 0) {
         KOVA_FAIL(errno == ENOENT ? KOVA_ERR_NOENT : errno == EACCES ? KOVA_ERR_PERM : KOVA_ERR_BADPATH);
         return -1;
     }
     struct statfs sfs;
-    int rc = fstatfs(fd, &sfs);
-    close(fd);
+    const int rc = Sys().fstatfs(fd, &sfs);
+    (void)Sys().close(fd);
     if (rc != 0) {
         KOVA_FAIL(KOVA_ERR_IO);
         return -1;

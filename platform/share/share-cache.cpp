@@ -8,6 +8,7 @@
 #include "kova/klibc.h"
 #include "kova-internal/fault-point.h"
 #include "kova-internal/owned-fd.h"
+#include "kova-internal/sys-calls.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -23,6 +24,7 @@ namespace kova_share {
 namespace {
 
 using kova_internal::OwnedFd;
+using kova_internal::Sys;
 
 // Bumped by every write of this process; a table read under an older value
 // is stale.
@@ -67,11 +69,11 @@ struct DbWatch {
     bool Open(const std::string &dbPath) {
         const size_t slash = dbPath.rfind('/');
         const std::string folder = slash == 0 ? "/" : dbPath.substr(0, slash);
-        OwnedFd d(open(folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+        OwnedFd d(Sys().openat(AT_FDCWD, folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC, 0));
         if (d.get() < 0) return false;
-        OwnedFd f(openat(d.get(), dbPath.c_str() + slash + 1, O_PATH | O_NOFOLLOW | O_CLOEXEC));
+        OwnedFd f(Sys().openat(d.get(), dbPath.c_str() + slash + 1, O_PATH | O_NOFOLLOW | O_CLOEXEC, 0));
         struct stat ds, fs;
-        if (f.get() < 0 || fstat(d.get(), &ds) != 0 || fstat(f.get(), &fs) != 0 || !S_ISREG(fs.st_mode))
+        if (f.get() < 0 || Sys().fstat(d.get(), &ds) != 0 || Sys().fstat(f.get(), &fs) != 0 || !S_ISREG(fs.st_mode))
             return false;
         path = dbPath;
         dirFd = std::move(d);
@@ -83,8 +85,8 @@ struct DbWatch {
     // Nothing in the folder or the file changed since Open.
     bool Unchanged(const char *dbPath) const {
         struct stat ds, fs;
-        return dbFd.get() >= 0 && path == dbPath && fstat(dirFd.get(), &ds) == 0 && FileKey(ds) == dir &&
-               fstat(dbFd.get(), &fs) == 0 && FileKey(fs) == db;
+        return dbFd.get() >= 0 && path == dbPath && Sys().fstat(dirFd.get(), &ds) == 0 && FileKey(ds) == dir &&
+               Sys().fstat(dbFd.get(), &fs) == 0 && FileKey(fs) == db;
     }
     // The newest modification either key records.
     long long LastChangeNs() const { return std::max(std::max(dir.mtimeNs, dir.ctimeNs), std::max(db.mtimeNs, db.ctimeNs)); }
@@ -111,20 +113,29 @@ std::string StripTrailingSlashes(std::string p) {
     return p;
 }
 
-// Where the stored root leads now.
+// The root directory at the stored path now: a real folder, no link on the
+// way. A link put at the root's path, or at a folder above it, holds
+// nothing; nor does a root that is missing.
+bool OpenRoot(const ShareRoot &r, struct stat &st) {
+    int fd = -1;
+    if (OpenWithoutLinks(r.stored, O_DIRECTORY, &fd) != 0) return false;
+    OwnedFd root(fd);
+    return Sys().fstat(root.get(), &st) == 0;
+}
+
 void Locate(ShareRoot &r) {
     struct stat st;
-    r.exists = stat(r.stored.c_str(), &st) == 0;
+    r.exists = OpenRoot(r, st);
     r.dev = r.exists ? st.st_dev : 0;
     r.ino = r.exists ? st.st_ino : 0;
-    if (!r.exists || RealPathOf(r.stored, r.real) != 0) r.real = r.stored;
-    r.watch = !r.exists || r.real != r.stored;
+    r.real = r.stored;
+    r.watch = !r.exists;
 }
 
 bool StillThere(const ShareRoot &r) {
     if (!r.watch) return true;
     struct stat st;
-    const bool exists = stat(r.stored.c_str(), &st) == 0;
+    const bool exists = OpenRoot(r, st);
     if (exists != r.exists) return false;
     return !exists || (st.st_dev == r.dev && st.st_ino == r.ino);
 }

@@ -17,11 +17,13 @@
 //   settle;
 // - every write through this library (ShareTableChanged) drops the tables
 //   of all threads;
-// - a root recorded by its real path (what kova-admin and KOVAShareSet
-//   callers store) keeps the real path found when the table was read; a
-//   root recorded through a link, or missing then, is stat-ed on every use
-//   and worked out again when its link now leads elsewhere (a different
-//   device and inode) or it appeared or vanished.
+// - the table names each share's real root (KOVAShareSet records the real
+//   path). A root is opened without following any link (openat2
+//   RESOLVE_NO_SYMLINKS): a root whose path is now a symbolic link, or
+//   passes through one, holds nothing, so a user who may replace a folder
+//   that is (or lies above) a share root cannot move that share elsewhere.
+//   A root missing or refused then is checked again on every use and holds
+//   its paths again once a real folder is back at its path.
 // The cache is per thread: no lock, so a fork from any thread is safe.
 #ifndef KOVA_SHARE_CACHE_H
 #define KOVA_SHARE_CACHE_H
@@ -37,9 +39,9 @@ namespace kova_share {
 struct ShareRoot {
     std::string name;
     std::string stored;    // as recorded, trailing slashes removed
-    std::string real;      // its real path now (stored when it does not resolve)
-    bool exists = false;   // the stored path resolved when real was computed
-    bool watch = false;    // recorded through a link, or missing: check on use
+    std::string real;      // the root as paths below it are named (the stored path)
+    bool exists = false;   // a real folder, no link on the way, stands at the path
+    bool watch = false;    // missing or refused when read: check on use
     dev_t dev = 0;         // identity of the root directory then
     ino_t ino = 0;
 };

@@ -4,7 +4,9 @@
 #include "kova/errcode.h"
 #include "kova/klibc.h"
 #include "kova-internal/fault-point.h"
+#include "kova-internal/sys-calls.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -69,14 +71,14 @@ bool OpenShareDb(kova_internal::Database &db, bool forWrite) {
     if (!DbPath(path)) return false;
     if (!forWrite) {
         struct stat st;
-        if (stat(path.c_str(), &st) != 0) {
+        if (kova_internal::Sys().fstatat(AT_FDCWD, path.c_str(), &st, 0) != 0) {
             KOVA_FAIL(KOVA_ERR_NOSHARE);
             return false;
         }
         return db.Open(path, false, true);
     }
     std::string dir = path.substr(0, path.rfind('/'));
-    if (mkdir(dir.c_str(), 0755) != 0 && errno != EEXIST) {
+    if (kova_internal::Sys().mkdirat(AT_FDCWD, dir.c_str(), 0755) != 0 && errno != EEXIST) {
         KOVA_FAIL(KOVA_ERR_IO);
         return false;
     }

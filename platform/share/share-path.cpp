@@ -2,14 +2,21 @@
 // resolved) so that no path reaches outside its share by a link or "..":
 // a path written below a share root whose real location is elsewhere is
 // refused with KOVA_ERR_BADPATH instead of being attributed to any share.
+// The share found by the kernel's name is confirmed on descriptors: what
+// was opened must be what is reached beneath the share root's descriptor.
 #include "kova/share.h"
 #include "kova/errcode.h"
 #include "kova/klibc.h"
 #include "kova-internal/fault-point.h"
+#include "kova-internal/owned-fd.h"
+#include "kova-internal/sys-calls.h"
 #include "real-path.h"
 #include "share-cache.h"
 #include "share-db.h"
 #include "share-lookup.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
 
 #include <cerrno>
 #include <climits>
@@ -26,17 +33,31 @@ std::string StripTrailingSlashes(std::string p) {
     return p;
 }
 
-bool RealPath(const std::string &p, std::string &out, int &err) {
-    err = kova_share::RealPathOf(p, out);
+// What canonicalisation reached: the real path, and a descriptor of the
+// object it names (of its folder when only the final component is missing,
+// `named` then being that folder's real path).
+struct Reached {
+    std::string canonical;
+    std::string named;
+    kova_internal::OwnedFd fd;
+};
+
+bool RealPath(const std::string &p, std::string &out, kova_internal::OwnedFd &fd, int &err) {
+    int raw = -1;
+    err = kova_share::RealPathOf(p, out, &raw);
+    fd = kova_internal::OwnedFd(raw);
     return err == 0;
 }
 
-// realpath of the whole path; when only the final component is missing, the
-// real parent plus that name. False with the last error set.
-bool Canonicalise(const std::string &raw, std::string &out) {
+// The real path of the whole path; when only the final component is
+// missing, the real parent plus that name. False with the last error set.
+bool Canonicalise(const std::string &raw, Reached &out) {
     std::string p = StripTrailingSlashes(raw);
     int err = 0;
-    if (RealPath(p, out, err)) return true;
+    if (RealPath(p, out.canonical, out.fd, err)) {
+        out.named = out.canonical;
+        return true;
+    }
     if (err != ENOENT) {
         KOVA_FAIL(err == EACCES ? KOVA_ERR_PERM : KOVA_ERR_BADPATH);
         return false;
@@ -48,13 +69,30 @@ bool Canonicalise(const std::string &raw, std::string &out) {
         KOVA_FAIL(KOVA_ERR_BADPATH);
         return false;
     }
-    std::string realParent;
-    if (!RealPath(parent, realParent, err)) {
+    if (!RealPath(parent, out.named, out.fd, err)) {
         KOVA_FAIL(err == ENOENT ? KOVA_ERR_NOENT : err == EACCES ? KOVA_ERR_PERM : KOVA_ERR_BADPATH);
         return false;
     }
-    out = realParent == "/" ? "/" + name : realParent + "/" + name;
+    out.canonical = out.named == "/" ? "/" + name : out.named + "/" + name;
     return true;
+}
+
+// The kernel named what it opened below the share's root; the judgement is
+// confirmed on descriptors: the same object (device and inode) must be
+// reached now beneath a descriptor of the root, opened without links, the
+// way openat2(RESOLVE_BENEATH) walks. A folder on the way swapped for a
+// link since it was named fails here.
+bool ReachedBeneath(const kova_share::ShareRoot &root, const Reached &r) {
+    int raw = -1;
+    if (kova_share::OpenWithoutLinks(root.real, O_DIRECTORY, &raw) != 0) return false;
+    kova_internal::OwnedFd rootFd(raw);
+    std::string rel = r.named.size() > root.real.size() ? r.named.substr(root.real.size()) : std::string();
+    while (!rel.empty() && rel[0] == '/') rel.erase(0, 1);
+    if (kova_share::OpenBeneath(rootFd.get(), rel, 0, &raw) != 0) return false;
+    kova_internal::OwnedFd below(raw);
+    struct stat now, named;
+    return kova_internal::Sys().fstat(below.get(), &now) == 0 && kova_internal::Sys().fstat(r.fd.get(), &named) == 0 &&
+           now.st_dev == named.st_dev && now.st_ino == named.st_ino;
 }
 
 // "/a/./b//c" -> "/a/b/c"; ".." is kept, it is what canonicalisation judges.
@@ -84,7 +122,7 @@ int LongestMatch(const kova_share::ShareRoots &shares, const std::string &path) 
     size_t bestLen = 0;
     for (size_t i = 0; i < shares.size(); ++i) {
         const std::string &root = shares[i].real;
-        if (!UnderRoot(path, root)) continue;
+        if (!shares[i].exists || !UnderRoot(path, root)) continue;
         if (best < 0 || root.size() > bestLen) {
             best = static_cast<int>(i);
             bestLen = root.size();
@@ -106,6 +144,10 @@ bool Table(std::shared_ptr<const kova_share::ShareRoots> &table) {
 
 int kova_share::ShareOfRealPath(const std::string &real, std::string &name, std::string &root) {
     KOVA_FAULT_POINT("KOVAShareNamePathGet", int);
+    if (real.find('\0') != std::string::npos) {
+        KOVA_FAIL(KOVA_ERR_BADARG);
+        return -1;
+    }
     std::shared_ptr<const ShareRoots> table;
     if (!Table(table)) return -1;
     const int found = LongestMatch(*table, real);
@@ -135,8 +177,9 @@ extern "C" int KOVAShareNamePathGet(const char *szPath, char *szName, int cbName
         KOVA_FAIL(KOVA_ERR_BADPATH);
         return -1;
     }
-    std::string canonical;
-    if (!Canonicalise(raw, canonical)) return -1;
+    Reached reached;
+    if (!Canonicalise(raw, reached)) return -1;
+    const std::string &canonical = reached.canonical;
 
     std::shared_ptr<const kova_share::ShareRoots> table;
     if (!Table(table)) return -1;
@@ -154,6 +197,10 @@ extern "C" int KOVAShareNamePathGet(const char *szPath, char *szName, int cbName
         return -1;
     }
     const kova_share::ShareRoot &s = shares[static_cast<size_t>(real)];
+    if (!ReachedBeneath(s, reached)) {
+        KOVA_FAIL(KOVA_ERR_BADPATH);
+        return -1;
+    }
     if ((szName && !kova_share::CopyText(szName, static_cast<size_t>(cbName), s.name)) ||
         (szSharePath && !kova_share::CopyText(szSharePath, static_cast<size_t>(cbSharePath), s.real))) {
         KOVA_FAIL(KOVA_ERR_RANGE);

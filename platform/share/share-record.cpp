@@ -3,6 +3,7 @@
 #include "kova/errcode.h"
 #include "kova/klibc.h"
 #include "kova-internal/fault-point.h"
+#include "real-path.h"
 #include "share-cache.h"
 #include "share-db.h"
 
@@ -28,6 +29,17 @@ bool ValidName(const char *name) {
         if (c < 0x20 || c == '/' || c == 0x7F) return false;
     }
     return true;
+}
+
+// The root as the table names it: its real path when it exists (a root
+// given through a link is recorded where the link led then, and a link
+// later put at that path holds nothing), else as given without trailing
+// slashes.
+std::string RootToRecord(const char *given) {
+    std::string root = given;
+    while (root.size() > 1 && root.back() == '/') root.pop_back();
+    std::string real;
+    return kova_share::RealPathOf(root, real) == 0 ? real : root;
 }
 
 bool ValidPriv(int p) { return p == KOVA_SHARE_PRIV_NONE || p == KOVA_SHARE_PRIV_RO || p == KOVA_SHARE_PRIV_RW; }
@@ -67,6 +79,11 @@ extern "C" int KOVAShareSet(const KOVA_SHARE *pShare) {
         KOVA_FAIL(KOVA_ERR_BADARG);
         return -1;
     }
+    const std::string root = RootToRecord(pShare->szPath);
+    if (root.size() >= sizeof(pShare->szPath)) {
+        KOVA_FAIL(KOVA_ERR_BADARG);
+        return -1;
+    }
     Database db;
     if (!kova_share::OpenShareDb(db, true)) return -1;
     bool ok = kova_share::InTransaction(db, [&] {
@@ -74,7 +91,7 @@ extern "C" int KOVAShareSet(const KOVA_SHARE *pShare) {
                      "INSERT OR REPLACE INTO shares (name, path, comment, support_acl, encrypted, read_only,"
                      " acl_status, default_priv) VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8)");
         if (!st.ok()) return false;
-        st.Bind(1, std::string(pShare->szName)).Bind(2, std::string(pShare->szPath));
+        st.Bind(1, std::string(pShare->szName)).Bind(2, root);
         st.Bind(3, std::string(pShare->szComment));
         st.Bind(4, static_cast<long long>(pShare->supportAcl != 0));
         st.Bind(5, static_cast<long long>(pShare->isEncrypted != 0));

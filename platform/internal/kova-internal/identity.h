@@ -1,11 +1,20 @@
-// The calling identity of a platform call, and the scope in which a platform
-// library acts as root after it has checked that identity's rights.
+// The platform's one identity component: the calling identity of a platform
+// call, the scopes in which a library acts as root after it has checked that
+// identity's rights, and the switch of a whole process (a server worker, a
+// background task, a test's child) to a user and back to root.
+//
+// Every id and capability change goes through the system-call table
+// (sys-calls.h), so a test can refuse any one of them. A switch that fails
+// half-way puts back what it had changed; giving root back up is never
+// allowed to fail silently: when the kernel refuses to lower the ids again,
+// the process ends (abort) rather than go on as root on a user's behalf.
 #ifndef KOVA_INTERNAL_IDENTITY_H
 #define KOVA_INTERNAL_IDENTITY_H
 
 #include <linux/capability.h>
 #include <sys/types.h>
 
+#include <cstdint>
 #include <vector>
 
 namespace kova_internal {
@@ -35,6 +44,8 @@ public:
     bool Apply() const;
     bool AnyEffective() const { return read_ && (data_[0].effective | data_[1].effective) != 0; }
     bool Effective(unsigned cap) const;
+    // Bit n set when capability n is effective (0 when not read).
+    uint64_t EffectiveMask() const;
     // Effective set of `cap` alone, the other sets unchanged; false when
     // `cap` is not permitted.
     bool KeepOnly(unsigned cap);
@@ -46,6 +57,10 @@ private:
 
 // True when the calling thread has `cap` in its effective set now.
 bool HoldsCapability(unsigned cap);
+// Leaves `cap` alone in the calling thread's effective set (the permitted
+// set is kept, so a later raise of the uid gives the rest back); false when
+// the kernel refused or `cap` is not permitted.
+bool KeepOnlyCapability(unsigned cap);
 
 // Raises the effective uid alone to 0 for its lifetime (nothing to do when
 // it is 0 already) and gives back, on destruction or Drop, the previous
@@ -89,6 +104,21 @@ private:
     gid_t gid_;
     bool ok_;
 };
+
+// The process's supplementary groups right now (empty on failure).
+std::vector<gid_t> CurrentGroups();
+
+// Makes the process act as a user: supplementary groups `groups`, then
+// effective gid, then effective uid; real and saved ids 0, so platform code
+// can still raise itself and the caller can return to root. Needs an
+// effective or saved uid of 0. False with errno of the refused call, the
+// former effective ids and groups put back.
+bool SwitchToUser(uid_t uid, gid_t gid, const std::vector<gid_t> &groups);
+
+// Every id 0 and the supplementary groups `rootGroups` (uid first: only root
+// may change groups and gids). False when any id is not 0 afterwards (a
+// handler dropped its saved id): the process cannot act for anyone else.
+bool RestoreRoot(const std::vector<gid_t> &rootGroups);
 
 } // namespace kova_internal
 

@@ -82,6 +82,9 @@ struct SysCalls {
     int (*pidfd_send_signal)(int pidFd, int sig, siginfo_t *info, unsigned int flags);
     // Record locks (F_SETLK, F_SETLKW, F_GETLK) on platform files.
     int (*fcntl_lock)(int fd, int cmd, struct flock *lock);
+    // Whether the calling identity may reach an entry (AT_EACCESS: judged
+    // with the effective ids), relative to a descriptor already judged.
+    int (*faccessat)(int dirFd, const char *name, int mode, int flags);
 };
 
 // The table in force for the whole process.

@@ -1,7 +1,10 @@
 // The file-share helper against real shares and accounts: folder
-// resolution (".." and link escapes, homes), path checks, privileges and
-// the identity switch.
+// resolution (".." and link escapes, homes, links put at a share root),
+// path checks, privileges, the identity switch, text with NUL bytes or
+// invalid UTF-8, and every system call of resolution and switch refused in
+// turn.
 #include "as-identity.h"
+#include "sys-fault.h"
 #include "temp-root.h"
 
 #include "kova/account.h"
@@ -11,8 +14,10 @@
 #include "kova/fileshare.h"
 #include "kova/klibc.h"
 #include "kova/share.h"
+#include "kova-internal/sys-calls.h"
 
 #include <fcntl.h>
+#include <signal.h>
 #include <grp.h>
 #include <gtest/gtest.h>
 #include <linux/capability.h>
@@ -235,6 +240,196 @@ TEST_F(FileShare, UGIDSetActsAsUserKeepingSavedRoot) {
         if (geteuid() != aliceUid_) return 7;
         // The switch can be repeated from the user identity.
         return fs.WfmLibUGIDSet("sid", "bob") == 0 && geteuid() != aliceUid_ && geteuid() != 0 ? 0 : 8;
+    });
+    EXPECT_EQ(rc, 0);
+}
+
+namespace {
+
+std::string Lines(const std::vector<std::string> &problems) {
+    std::string all;
+    for (const auto &p : problems) all += p + "\n";
+    return all;
+}
+
+// The real and saved ids and groups of the process.
+std::string IdsNow() {
+    uid_t ru, eu, su;
+    gid_t rg, eg, sg;
+    getresuid(&ru, &eu, &su);
+    getresgid(&rg, &eg, &sg);
+    std::string t = std::to_string(ru) + "/" + std::to_string(eu) + "/" + std::to_string(su) + " " +
+                    std::to_string(rg) + "/" + std::to_string(eg) + "/" + std::to_string(sg) + " groups";
+    std::vector<gid_t> groups(static_cast<size_t>(getgroups(0, nullptr)));
+    getgroups(static_cast<int>(groups.size()), groups.data());
+    for (gid_t g : groups) t += " " + std::to_string(g);
+    return t;
+}
+
+} // namespace
+
+TEST_F(FileShare, UGIDSetFailsCleanlyAtEveryIdCall) {
+    std::string before;
+    std::vector<std::string> refused;
+    const auto problems = kova_test::FailEachCall(
+        {"setresuid", "setresgid", "setgroups", "capget", "capset"},
+        [&] {
+            // A task that raised and lowered again (direct: not under test).
+            if (setresuid(static_cast<uid_t>(-1), 4000, static_cast<uid_t>(-1)) != 0) return -2;
+            before = IdsNow();
+            KLIBCErrSetEx(0, "", 0);
+            return fs_.WfmLibUGIDSet("sid", "alice");
+        },
+        0,
+        [&](const kova_test::FailedRun &run) -> std::string {
+            // Keeping the capability is best effort: refused, the switch stands.
+            if (run.entry == "capget" || run.entry == "capset")
+                return run.result == 0 && geteuid() == aliceUid_ ? "" : "a refused capability failed the switch";
+            if (run.result == 0) return "reported success";
+            // The account lookup raises its own ids too; what is refused
+            // there is reported by the lookup's class.
+            if (fs_.WfmLibGetErr() == KOVA_WFM_ERR_NONE || KLIBCErrGet() == 0) return "failure not reported";
+            const std::string after = IdsNow();
+            return after == before ? "" : "ids " + before + " became " + after;
+        },
+        &refused,
+        // A lookup that cannot give its raised uid back ends the task.
+        [](long, const std::string &entry, int sig) {
+            return sig == SIGABRT && (entry == "setresuid" || entry == "setresgid");
+        });
+    EXPECT_TRUE(problems.empty()) << Lines(problems);
+    // The switch's own calls were among those refused, and the ones
+    // keeping the capability.
+    for (const char *entry : {"setgroups", "setresgid", "capget", "capset"})
+        EXPECT_NE(std::find(refused.begin(), refused.end(), entry), refused.end()) << entry;
+}
+
+TEST_F(FileShare, ResolutionFailsCleanlyAtEveryFileCall) {
+    // Every call the resolution makes through the table (share database
+    // watch, share root, home, folder, names) is refused in turn: each
+    // refusal is reported with its class and last error, and no output is
+    // half-filled.
+    for (const auto &c : std::vector<std::pair<std::string, std::string>>{
+             {"/s1/dir/sub", s1_ + "/dir/sub"}, {"/s1/inner", s1_ + "/dir/sub"},
+             {"/home/docs", Real(root_.At("volume1/homes/alice/docs"))}}) {
+        std::vector<std::string> refused;
+        const auto problems = kova_test::FailEachCall(
+            {},
+            [&] {
+                KLIBCErrSetEx(0, "", 0);
+                const int rc = Full(c.first);
+                return rc == 0 && real_ == c.second ? 0 : rc == 0 ? 2 : 1;
+            },
+            0,
+            [&](const kova_test::FailedRun &run) -> std::string {
+                if (run.result == 0) return "";  // a call whose refusal costs nothing
+                if (run.result != 1) return "resolved to " + real_;
+                if (fs_.WfmLibGetErr() == KOVA_WFM_ERR_NONE || KLIBCErrGet() == 0) return "failure not reported";
+                return real_.empty() && name_.empty() && shareRoot_.empty() ? "" : "outputs half-filled";
+            },
+            &refused);
+        EXPECT_TRUE(problems.empty()) << c.first << "\n" << Lines(problems);
+        for (const char *entry : {"openat2", "readlinkat"})
+            EXPECT_NE(std::find(refused.begin(), refused.end(), entry), refused.end()) << c.first << " " << entry;
+    }
+
+    // The path check: folder, entry, share lookup, search right.
+    std::vector<std::string> refused;
+    const auto problems = kova_test::FailEachCall(
+        {},
+        [&] {
+            KLIBCErrSetEx(0, "", 0);
+            return fs_.WfmCheckPath(s1_ + "/dir/file.txt");
+        },
+        0,
+        [&](const kova_test::FailedRun &run) -> std::string {
+            if (run.result == 0) return "";
+            return fs_.WfmLibGetErr() != KOVA_WFM_ERR_NONE && KLIBCErrGet() != 0 ? "" : "failure not reported";
+        },
+        &refused);
+    EXPECT_TRUE(problems.empty()) << Lines(problems);
+    for (const char *entry : {"openat2", "fstatat", "faccessat"})
+        EXPECT_NE(std::find(refused.begin(), refused.end(), entry), refused.end()) << entry;
+}
+
+TEST_F(FileShare, ARootReplacedByALinkHoldsNothing) {
+    // Whoever may rename folders beside a share root (here: the volume)
+    // moves the root aside and puts a link to an outside folder in its
+    // place. The share table names the real root; the link holds nothing.
+    const std::string outside = Real(root_.At("outside"));
+    ASSERT_TRUE(kova_test::WriteFile(outside + "/secret", "x"));
+    ASSERT_EQ(rename(root_.At("volume1/s2").c_str(), root_.At("volume1/s2.aside").c_str()), 0);
+    ASSERT_EQ(symlink(outside.c_str(), root_.At("volume1/s2").c_str()), 0);
+    for (const char *p : {"/s2", "/s2/secret"}) {
+        EXPECT_NE(Full(p), 0) << p;
+        EXPECT_EQ(fs_.WfmLibGetErr(), KOVA_WFM_ERR_BADPATH) << p;
+        EXPECT_EQ(real_, "") << p;
+    }
+    EXPECT_NE(fs_.WfmCheckPath(outside + "/secret"), 0);
+    EXPECT_EQ(fs_.WfmLibGetErr(), KOVA_WFM_ERR_BADPATH);
+    // The homes share the same way: no home is found through the link.
+    ASSERT_EQ(rename(root_.At("volume1/homes").c_str(), root_.At("volume1/homes.aside").c_str()), 0);
+    ASSERT_TRUE(kova_test::MakeDirs(outside + "/alice"));
+    ASSERT_EQ(symlink(outside.c_str(), root_.At("volume1/homes").c_str()), 0);
+    EXPECT_NE(Full("/home"), 0);
+    EXPECT_EQ(fs_.WfmLibGetErr(), KOVA_WFM_ERR_BADPATH);
+    // A real folder back in place is the share again.
+    ASSERT_EQ(unlink(root_.At("volume1/s2").c_str()), 0);
+    ASSERT_EQ(rename(root_.At("volume1/s2.aside").c_str(), root_.At("volume1/s2").c_str()), 0);
+    ASSERT_EQ(Full("/s2/x"), 0);
+    EXPECT_EQ(real_, Real(root_.At("volume1/s2/x")));
+}
+
+TEST_F(FileShare, WithoutOpenat2LinksAreRefusedAndEscapesStillAre) {
+    kova_internal::ScopedSysCall<decltype(kova_internal::SysCalls::openat2)> noOpenat2(
+        &kova_internal::SysCalls::openat2, [](int, const char *, const struct open_how *, size_t) {
+            errno = ENOSYS;
+            return -1;
+        });
+    for (const auto &c : std::vector<std::pair<std::string, std::string>>{
+             {"/s1/dir", "/dir"}, {"//s1//dir/sub/", "/dir/sub"}, {"/s1", ""}, {"/s1/dir/../dir2", "/dir2"}}) {
+        ASSERT_EQ(Full(c.first), 0) << c.first;
+        EXPECT_EQ(real_, s1_ + c.second) << c.first;
+    }
+    // One openat per component, none of them following a link.
+    for (const char *refused : {"/s1/inner", "/s1/to-s2", "/s1/to-outside", "/s1/..", "/s1/../s2/x"}) {
+        EXPECT_NE(Full(refused), 0) << refused;
+        EXPECT_EQ(fs_.WfmLibGetErr(), KOVA_WFM_ERR_BADPATH) << refused;
+    }
+    ASSERT_EQ(Full("/home/docs"), 0);
+    EXPECT_EQ(real_, Real(root_.At("volume1/homes/alice/docs")));
+    EXPECT_NE(Full("/home/../bob"), 0);
+    EXPECT_EQ(fs_.WfmLibGetErr(), KOVA_WFM_ERR_BADPATH);
+}
+
+TEST_F(FileShare, NulAndInvalidUtf8AreRefusedEverywhere) {
+    ASSERT_EQ(KOVASharePrivSet("s1", 1, "alice", KOVA_SHARE_PRIV_RW), 0);
+    const std::string nulUser("alice\0/../bob", 13);
+    const std::string nulPath("/s1/dir\0/../../s2", 17);
+    const std::string badUtf8("/s1/dir\xC3", 8);
+    auto refused = [&](int rc, const std::string &what) {
+        EXPECT_NE(rc, 0) << what;
+        EXPECT_EQ(fs_.WfmLibGetErr(), KOVA_WFM_ERR_BADARG) << what;
+        EXPECT_EQ(KLIBCErrGet(), KOVA_ERR_BADARG) << what;
+    };
+    refused(Full(nulPath), "path with NUL");
+    refused(Full(badUtf8), "path not UTF-8");
+    refused(Full("/home", nulUser), "user with NUL");
+    EXPECT_EQ(real_, "");
+    refused(fs_.WfmCheckPath(s1_ + std::string("/dir\0/x", 7)), "checked path with NUL");
+    refused(fs_.WfmCheckPath(s1_ + "/dir\xFF"), "checked path not UTF-8");
+    int priv = -1, flags = -1;
+    // Not alice's privilege for the text before the NUL.
+    refused(fs_.WfmLibGetPrivilege("/s1/dir", nulUser, "sid", &priv, &flags), "privilege of a user with NUL");
+    refused(fs_.WfmLibGetPrivilege("/s1/dir", "alice", std::string("s\0d", 3), &priv, &flags), "session with NUL");
+    EXPECT_EQ(priv, -1);
+    // Not a switch to alice.
+    const int rc = kova_test::RunAs({4000, 4000, {}}, [&] {
+        PanoraFileShare fs;
+        if (fs.WfmLibUGIDSet("sid", nulUser) == 0) return 1;
+        if (fs.WfmLibGetErr() != KOVA_WFM_ERR_BADARG || KLIBCErrGet() != KOVA_ERR_BADARG) return 2;
+        if (fs.WfmLibUGIDSet("sid", "alic\xC3") == 0) return 3;
+        return geteuid() == 4000 ? 0 : 4;
     });
     EXPECT_EQ(rc, 0);
 }

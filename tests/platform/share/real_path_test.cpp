@@ -1,10 +1,15 @@
 // The real-path lookup agrees with realpath on every kind of path: plain,
 // through links (absolute, relative, chained, to "/"), with "." and "..",
 // repeated and trailing slashes, and fails the same way on missing parts,
-// files used as folders and link loops.
+// files used as folders and link loops. Folders are opened below a share
+// root only as the kernel's RESOLVE_BENEATH allows, and a root only when no
+// link stands on its path, with and without openat2.
 #include "real-path.h"
 #include "temp-root.h"
 
+#include "kova-internal/sys-calls.h"
+
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -12,6 +17,8 @@
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
+#include <functional>
+#include <memory>
 #include <string>
 
 namespace {
@@ -76,3 +83,87 @@ TEST(RealPath, HandsBackADescriptorOfWhatItResolved) {
 }
 
 } // namespace
+
+namespace {
+
+// "ok:<kernel's name>" of what open() opened, or "errno:N".
+std::string Opened(const std::function<int(int *)> &open) {
+    int fd = -1;
+    const int err = open(&fd);
+    if (err) return "errno:" + std::to_string(err);
+    std::string name;
+    const int nameErr = kova_share::NameOfFd(fd, name);
+    close(fd);
+    return nameErr ? "name errno:" + std::to_string(nameErr) : "ok:" + name;
+}
+
+struct NoOpenat2 {
+    static int Call(int, const char *, const struct open_how *, size_t) {
+        errno = ENOSYS;
+        return -1;
+    }
+    kova_internal::ScopedSysCall<decltype(kova_internal::SysCalls::openat2)> scoped{&kova_internal::SysCalls::openat2,
+                                                                                   Call};
+};
+
+} // namespace
+
+TEST(RealPath, OpensBeneathAFolderAndWithoutLinksWithAndWithoutOpenat2) {
+    kova_test::TempRoot root;
+    const std::string b = root.path();
+    ASSERT_TRUE(kova_test::MakeDirs(b + "/share/a/b"));
+    ASSERT_TRUE(kova_test::MakeDirs(b + "/share2"));
+    ASSERT_TRUE(kova_test::WriteFile(b + "/share/a/file", "x"));
+    ASSERT_EQ(symlink("a/b", (b + "/share/rel").c_str()), 0);
+    ASSERT_EQ(symlink((b + "/share/a").c_str(), (b + "/share/abs").c_str()), 0);
+    ASSERT_EQ(symlink("../share2", (b + "/share/out").c_str()), 0);
+    ASSERT_EQ(symlink("share", (b + "/linked").c_str()), 0);
+    const std::string ex = "errno:" + std::to_string(EXDEV);
+    const std::string loop = "errno:" + std::to_string(ELOOP);
+
+    for (bool withOpenat2 : {true, false}) {
+        std::unique_ptr<NoOpenat2> without(withOpenat2 ? nullptr : new NoOpenat2);
+        int base = -1;
+        ASSERT_EQ(kova_share::OpenWithoutLinks(b + "/share", O_DIRECTORY, &base), 0);
+        auto below = [&](const std::string &rel, int flags = 0) {
+            return Opened([&](int *fd) { return kova_share::OpenBeneath(base, rel, flags, fd); });
+        };
+        auto rootAt = [](const std::string &path) {
+            return Opened([&](int *fd) { return kova_share::OpenWithoutLinks(path, O_DIRECTORY, fd); });
+        };
+        EXPECT_EQ(below(""), "ok:" + b + "/share");
+        EXPECT_EQ(below("a/b"), "ok:" + b + "/share/a/b");
+        EXPECT_EQ(below("a/./b/../file"), "ok:" + b + "/share/a/file");
+        EXPECT_EQ(below("a/file", O_DIRECTORY), "errno:" + std::to_string(ENOTDIR));
+        EXPECT_EQ(below("a/missing"), "errno:" + std::to_string(ENOENT));
+        // Out by "..", by an absolute name, by a link that leads out.
+        EXPECT_EQ(below(".."), ex);
+        EXPECT_EQ(below("a/../../share2"), ex);
+        EXPECT_EQ(below(b + "/share/a"), ex);
+        EXPECT_EQ(below(std::string("a\0/../..", 8)), "errno:" + std::to_string(EINVAL));
+        // Links: the kernel follows one that stays inside and refuses one
+        // that names an absolute path or leads out; without openat2 no link
+        // is followed at all.
+        EXPECT_EQ(below("rel"), withOpenat2 ? "ok:" + b + "/share/a/b" : loop);
+        EXPECT_EQ(below("abs"), withOpenat2 ? ex : loop);
+        EXPECT_EQ(below("out"), withOpenat2 ? ex : loop);
+        close(base);
+
+        // A root is opened only when no component is a link.
+        EXPECT_EQ(rootAt(b + "/share/a"), "ok:" + b + "/share/a");
+        EXPECT_EQ(rootAt(b + "/linked"), loop);
+        EXPECT_EQ(rootAt(b + "/linked/a"), loop);
+        EXPECT_EQ(rootAt(b + "/share/rel"), loop);
+        EXPECT_EQ(rootAt(b + "/share/../share"), "errno:" + std::to_string(EINVAL));
+    }
+}
+
+TEST(RealPath, RefusesANulInThePath) {
+    kova_test::TempRoot root;
+    ASSERT_TRUE(kova_test::MakeDirs(root.At("a")));
+    std::string out = "untouched";
+    int fd = 7;
+    EXPECT_EQ(kova_share::RealPathOf(root.At(std::string("a\0/../..", 8)), out, &fd), EINVAL);
+    EXPECT_EQ(out, "untouched");
+    EXPECT_EQ(fd, -1);
+}

@@ -1,10 +1,13 @@
 // The share table a process keeps: another process's changes to the share
 // database are seen on the next lookup, also when they leave its size and
 // modification time as they were; a database put in place of the old one
-// or removed is noticed; a root recorded through a link follows the link.
+// or removed is noticed; the table names each share's real root, and a
+// link put at a root's path holds nothing.
 #include "kova/errcode.h"
 #include "kova/klibc.h"
 #include "kova/share.h"
+#include "share-lookup.h"
+#include "sys-fault.h"
 #include "temp-root.h"
 
 #include <gtest/gtest.h>
@@ -15,6 +18,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <algorithm>
 #include <cstring>
 #include <functional>
 #include <string>
@@ -136,23 +140,77 @@ TEST_F(ShareCache, WritesOfThisProcessAndOtherRootsAreSeenAtOnce) {
     EXPECT_EQ(Lookup(vol_ + "/data/x"), "data|" + vol_ + "/data");
 }
 
-TEST_F(ShareCache, ARootRecordedThroughALinkFollowsTheLink) {
+TEST_F(ShareCache, TheTableNamesTheRealRootAndALinkAtItsPathHoldsNothing) {
     const std::string link = vol_ + "/current";
     ASSERT_EQ(symlink((vol_ + "/real1").c_str(), link.c_str()), 0);
     ASSERT_EQ(Add("linked", link), 0);
+    // A share below it, and a folder of the same name where the link leads.
+    ASSERT_TRUE(kova_test::MakeDirs(vol_ + "/real1/sub"));
+    ASSERT_TRUE(kova_test::MakeDirs(vol_ + "/real2/sub"));
+    ASSERT_EQ(Add("sub", vol_ + "/real1/sub"), 0);
     Age(MinuteAgo());
     EXPECT_EQ(Lookup(vol_ + "/real1/x"), "linked|" + vol_ + "/real1");
     EXPECT_EQ(Lookup(vol_ + "/real2/x"), "err:0x2500");
-    // The link is pointed elsewhere; the database does not change.
+    // The link it was given through is pointed elsewhere: the share stays.
     ASSERT_EQ(unlink(link.c_str()), 0);
     ASSERT_EQ(symlink((vol_ + "/real2").c_str(), link.c_str()), 0);
-    EXPECT_EQ(Lookup(vol_ + "/real2/x"), "linked|" + vol_ + "/real2");
-    EXPECT_EQ(Lookup(vol_ + "/real1/x"), "err:0x2500");
-    // Gone, then back.
-    ASSERT_EQ(unlink(link.c_str()), 0);
-    EXPECT_EQ(Lookup(vol_ + "/real2/x"), "err:0x2500");
-    ASSERT_EQ(symlink((vol_ + "/real1").c_str(), link.c_str()), 0);
     EXPECT_EQ(Lookup(vol_ + "/real1/x"), "linked|" + vol_ + "/real1");
+    EXPECT_EQ(Lookup(vol_ + "/real2/x"), "err:0x2500");
+
+    // Someone who may rename folders beside the root puts a link in its
+    // place. Whether the table is kept or read afresh (any write reads it
+    // again), the link holds nothing: not where it leads, not through it.
+    const std::string aside = vol_ + "/real1.aside";
+    ASSERT_EQ(rename((vol_ + "/real1").c_str(), aside.c_str()), 0);
+    ASSERT_EQ(symlink((vol_ + "/real2").c_str(), (vol_ + "/real1").c_str()), 0);
+    for (int fresh = 0; fresh < 2; ++fresh) {
+        if (fresh) {
+            ASSERT_EQ(Add("other", vol_ + "/other"), 0);
+        }
+        EXPECT_EQ(Lookup(vol_ + "/real2/x"), "err:0x2500") << fresh;
+        EXPECT_EQ(Lookup(vol_ + "/real1/x"), "err:0x2500") << fresh;
+        EXPECT_EQ(Lookup(aside + "/x"), "err:0x2500") << fresh;
+        // A link above a root is no better.
+        EXPECT_EQ(Lookup(vol_ + "/real2/sub/x"), "err:0x2500") << fresh;
+    }
+    // The real folder back at its path holds the share again.
+    ASSERT_EQ(unlink((vol_ + "/real1").c_str()), 0);
+    ASSERT_EQ(rename(aside.c_str(), (vol_ + "/real1").c_str()), 0);
+    EXPECT_EQ(Lookup(vol_ + "/real1/x"), "linked|" + vol_ + "/real1");
+    EXPECT_EQ(Lookup(vol_ + "/real1/sub/x"), "sub|" + vol_ + "/real1/sub");
+}
+
+TEST_F(ShareCache, LookupFailsCleanlyAtEveryFileCall) {
+    ASSERT_TRUE(kova_test::MakeDirs(vol_ + "/data/sub"));
+    for (const std::string &p : {vol_ + "/data/sub", vol_ + "/data/new", vol_ + "/data/sub/../sub"}) {
+        std::string got;
+        std::vector<std::string> refused;
+        const auto problems = kova_test::FailEachCall(
+            {},
+            [&] {
+                KLIBCErrSetEx(0, "", 0);
+                got = Lookup(p);
+                if (got == "data|" + vol_ + "/data") return 0;
+                return got.compare(0, 4, "err:") == 0 && got != "err:0x0000" ? 1 : 2;
+            },
+            0, [&](const kova_test::FailedRun &run) { return run.result == 2 ? "answered " + got : std::string(); },
+            &refused);
+        std::string all;
+        for (const auto &line : problems) all += line + "\n";
+        EXPECT_TRUE(problems.empty()) << p << "\n" << all;
+        // The database watch, the root and the path itself were refused.
+        for (const char *entry : {"openat", "fstat", "openat2"})
+            EXPECT_NE(std::find(refused.begin(), refused.end(), entry), refused.end()) << p << " " << entry;
+    }
+}
+
+TEST_F(ShareCache, ARealPathWithANulIsRefused) {
+    std::string name = "untouched", root;
+    EXPECT_LT(kova_share::ShareOfRealPath(vol_ + std::string("/data\0/../other", 15), name, root), 0);
+    EXPECT_EQ(KLIBCErrGet(), KOVA_ERR_BADARG);
+    EXPECT_EQ(name, "untouched");
+    ASSERT_EQ(kova_share::ShareOfRealPath(vol_ + "/data/x", name, root), 0);
+    EXPECT_EQ(name, "data");
 }
 
 } // namespace

@@ -2,9 +2,11 @@
 #include "kova/errcode.h"
 #include "kova/klibc.h"
 #include "kova/share.h"
+#include "kova-internal/sys-calls.h"
 #include "temp-root.h"
 
 #include <gtest/gtest.h>
+#include <stdio.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -90,6 +92,42 @@ TEST_F(SharePath, SmallBuffersAreRefused) {
     char name2[16], small[8];
     EXPECT_LT(KOVAShareNamePathGet((vol_ + "/data").c_str(), name2, sizeof name2, small, sizeof small), 0);
     EXPECT_EQ(KLIBCErrGet(), KOVA_ERR_RANGE);
+}
+
+// Swaps a folder for a link the first time the share root is opened, i.e.
+// after the kernel has named the path being looked up.
+struct SwapOnRootOpen {
+    static std::string root, folder, target;
+    static bool swapped;
+    static int Openat2(int dirFd, const char *name, const struct open_how *how, size_t size) {
+        if (!swapped && root == name) {
+            swapped = true;
+            if (rename(folder.c_str(), (folder + ".old").c_str()) != 0 || symlink(target.c_str(), folder.c_str()) != 0)
+                std::abort();
+        }
+        return kova_internal::RealSysCalls().openat2(dirFd, name, how, size);
+    }
+};
+std::string SwapOnRootOpen::root, SwapOnRootOpen::folder, SwapOnRootOpen::target;
+bool SwapOnRootOpen::swapped = false;
+
+TEST_F(SharePath, AFolderSwappedForALinkAfterNamingIsNotInTheShare) {
+    ASSERT_TRUE(kova_test::MakeDirs(root_.At("outside/deep")));
+    SwapOnRootOpen::root = vol_ + "/data";
+    SwapOnRootOpen::folder = vol_ + "/data/sub";
+    SwapOnRootOpen::target = root_.At("outside");
+    SwapOnRootOpen::swapped = false;
+    {
+        kova_internal::ScopedSysCall<decltype(kova_internal::SysCalls::openat2)> hook(
+            &kova_internal::SysCalls::openat2, SwapOnRootOpen::Openat2);
+        // Named as the share's folder, judged after it now leads outside.
+        EXPECT_EQ(Lookup(vol_ + "/data/sub/deep"), "err:0xBE00");
+    }
+    EXPECT_TRUE(SwapOnRootOpen::swapped);
+    // Asked again, the path is simply outside; the nested share's root is
+    // now a link and holds nothing, its folder moved aside is data's.
+    EXPECT_EQ(Lookup(vol_ + "/data/sub/deep"), "err:0xBE00");
+    EXPECT_EQ(Lookup(vol_ + "/data/sub.old/deep"), "data|" + vol_ + "/data");
 }
 
 } // namespace

@@ -1,0 +1,182 @@
+// The platform's identity component: the switch to a user, the root scopes
+// and the way back to root, with each of their id calls refused in turn.
+// A refused call leaves the ids as they were; a refused give-back of root
+// ends the process instead of letting it go on as root.
+#include "as-identity.h"
+#include "sys-fault.h"
+
+#include "kova-internal/identity.h"
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace {
+
+using kova_test::FailedRun;
+
+// Every id of the process.
+struct Ids {
+    uid_t ru = 0, eu = 0, su = 0;
+    gid_t rg = 0, eg = 0, sg = 0;
+    std::vector<gid_t> groups;
+
+    static Ids Now() {
+        Ids i;
+        getresuid(&i.ru, &i.eu, &i.su);
+        getresgid(&i.rg, &i.eg, &i.sg);
+        i.groups = kova_internal::CurrentGroups();
+        return i;
+    }
+    bool operator==(const Ids &o) const {
+        return ru == o.ru && eu == o.eu && su == o.su && rg == o.rg && eg == o.eg && sg == o.sg && groups == o.groups;
+    }
+    std::string Text() const {
+        std::string t = "uid " + std::to_string(ru) + "/" + std::to_string(eu) + "/" + std::to_string(su) + " gid " +
+                        std::to_string(rg) + "/" + std::to_string(eg) + "/" + std::to_string(sg) + " groups";
+        for (gid_t g : groups) t += " " + std::to_string(g);
+        return t;
+    }
+};
+
+const std::vector<std::string> kIdCalls = {"setresuid", "setresgid", "setgroups", "capget", "capset"};
+
+std::string Lines(const std::vector<std::string> &problems) {
+    std::string all;
+    for (const auto &p : problems) all += p + "\n";
+    return all;
+}
+
+// How a forked child that runs body ended: its exit status, or 1000 + the
+// signal that killed it.
+int ChildEnd(const std::function<int()> &body) {
+    pid_t pid = fork();
+    if (pid == 0) _exit(body() & 0xFF);
+    int status = 0;
+    if (pid < 0 || waitpid(pid, &status, 0) != pid) return -1;
+    return WIFSIGNALED(status) ? 1000 + WTERMSIG(status) : WEXITSTATUS(status);
+}
+
+} // namespace
+
+TEST(Identity, SwitchToUserFailsCleanlyAtEveryIdCall) {
+    // From root (the server's worker) and from a user with saved uid 0 (a
+    // task that switches again).
+    for (uid_t start : {0u, 4100u}) {
+        Ids before;
+        int savedErrno = 0;
+        std::vector<std::string> refused;
+        const auto problems = kova_test::FailEachCall(
+            kIdCalls,
+            [&] {
+                if (start != 0 && setresuid(static_cast<uid_t>(-1), start, static_cast<uid_t>(-1)) != 0) return -2;
+                before = Ids::Now();
+                errno = 0;
+                const bool ok = kova_internal::SwitchToUser(4000, 4001, {4002, 4003});
+                savedErrno = errno;
+                if (!ok) return 0;
+                const Ids after = Ids::Now();
+                const bool right = after.ru == 0 && after.eu == 4000 && after.su == 0 && after.rg == 0 &&
+                                   after.eg == 4001 && after.sg == 0 && after.groups == std::vector<gid_t>{4002, 4003};
+                return right ? 1 : 2;
+            },
+            1,
+            [&](const FailedRun &run) -> std::string {
+                if (run.result != 0) return "not reported as failed (" + std::to_string(run.result) + ")";
+                if (savedErrno != EIO) return "errno " + std::to_string(savedErrno) + " instead of the refusal's";
+                const Ids after = Ids::Now();
+                return after == before ? "" : "ids " + before.Text() + " became " + after.Text();
+            },
+            &refused);
+        EXPECT_TRUE(problems.empty()) << "from uid " << start << "\n" << Lines(problems);
+        // Raise (a user only), groups, gid, uid.
+        std::vector<std::string> calls = {"setgroups", "setresgid", "setresuid"};
+        if (start != 0) calls.insert(calls.begin(), "setresuid");
+        EXPECT_EQ(refused, calls) << start;
+    }
+}
+
+TEST(Identity, RootScopeRefusedOnTheWayUpChangesNothing) {
+    const kova_test::Identity user{4000, 4001, {4002}};
+    // Call 1 raises the uid, call 2 the gid: each refused, the scope is
+    // not ok and the process keeps the user's ids; none refused, the scope
+    // is root inside and the user's ids are back after it.
+    for (const char *entry : {"setresuid", "setresgid", ""}) {
+        const int rc = kova_test::RunAs(user, [&] {
+            const Ids before = Ids::Now();
+            {
+                kova_test::SysCallFault fault(1, {std::string(entry)});
+                kova_internal::RootScope root;
+                if (*entry) {
+                    if (root.ok()) return 1;
+                    return Ids::Now() == before ? 0 : 2;
+                }
+                if (!root.ok() || geteuid() != 0 || getegid() != 0) return 3;
+            }
+            return Ids::Now() == before ? 0 : 4;
+        });
+        EXPECT_EQ(rc, 0) << entry;
+    }
+}
+
+TEST(Identity, RootThatCannotBeGivenBackEndsTheProcess) {
+    const kova_test::Identity user{4000, 4001, {4002}};
+    // The second call of each kind is the give-back.
+    for (const char *entry : {"setresuid", "setresgid"}) {
+        const int end = ChildEnd([&] {
+            if (!kova_internal::SwitchToUser(user.uid, user.gid, user.groups)) return 10;
+            kova_test::SysCallFault fault(2, {std::string(entry)});
+            {
+                kova_internal::RootScope root;
+                if (!root.ok()) return 11;
+            }
+            return geteuid() == 0 ? 12 : 13;  // either way: it went on
+        });
+        EXPECT_EQ(end, 1000 + SIGABRT) << entry;
+    }
+}
+
+TEST(Identity, RestoreRootReportsWhatItCouldNotPutBack) {
+    const kova_test::Identity user{4000, 4001, {4002}};
+    for (const char *entry : {"setresuid", "setresgid", "setgroups", ""}) {
+        const int rc = kova_test::RunAs(user, [&] {
+            const std::vector<gid_t> rootGroups = {0, 7};
+            kova_test::SysCallFault fault(1, {std::string(entry)});
+            const bool restored = kova_internal::RestoreRoot(rootGroups);
+            if (*entry) return restored ? 1 : 0;
+            const Ids now = Ids::Now();
+            const bool allRoot = now.ru == 0 && now.eu == 0 && now.su == 0 && now.rg == 0 && now.eg == 0 && now.sg == 0;
+            return restored && allRoot && now.groups == rootGroups ? 0 : 2;
+        });
+        EXPECT_EQ(rc, 0) << entry;
+    }
+    // A saved uid dropped by a handler cannot be undone: reported.
+    const int rc = kova_test::RunAs(user, [] {
+        if (setresuid(4000, 4000, 4000) != 0) return 3;
+        return kova_internal::RestoreRoot({}) ? 4 : 0;
+    });
+    EXPECT_EQ(rc, 0);
+}
+
+TEST(Identity, KeepOnlyCapabilityLeavesOneAndARaiseGivesTheRestBack) {
+    const int rc = kova_test::RunAs({4000, 4001, {}}, [] {
+        if (!kova_internal::KeepOnlyCapability(CAP_SYS_ADMIN)) return 1;
+        if (kova_test::EffectiveCapabilities() != (uint64_t{1} << CAP_SYS_ADMIN)) return 2;
+        {
+            kova_internal::UidScope raised;
+            if (!raised.ok() || !kova_internal::HoldsCapability(CAP_CHOWN)) return 3;
+        }
+        // Back to the user, holding what it held before the raise.
+        if (geteuid() != 4000 || kova_test::EffectiveCapabilities() != (uint64_t{1} << CAP_SYS_ADMIN)) return 4;
+        // Refused by the kernel's table: reported, nothing changed.
+        kova_test::SysCallFault fault(1, {"capset"});
+        return kova_internal::KeepOnlyCapability(CAP_CHOWN) ? 5 : 0;
+    });
+    EXPECT_EQ(rc, 0);
+}

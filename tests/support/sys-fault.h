@@ -1,0 +1,57 @@
+// Fails one system call of the platform's table (kova-internal/sys-calls.h)
+// the way SQLite's tests fail one allocation or one I/O call: call 1, then
+// call 2, ... of the chosen entries fails until the operation never gets
+// that far, and after every failed run the test checks that the platform
+// reported the failure and left nothing half-done.
+#ifndef KOVA_TEST_SYS_FAULT_H
+#define KOVA_TEST_SYS_FAULT_H
+
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace kova_test {
+
+// While it lives, the nth call (from 1) among the table entries named in
+// `only` (every wrapped entry when empty) fails with errno `err`; every
+// such call is counted. The table is put back as it was on destruction.
+class SysCallFault {
+public:
+    explicit SysCallFault(long nth, std::vector<std::string> only = {}, int err = EIO);
+    ~SysCallFault();
+    SysCallFault(const SysCallFault &) = delete;
+    SysCallFault &operator=(const SysCallFault &) = delete;
+
+    long Calls() const;        // calls counted so far
+    bool Fired() const;        // the nth call came and failed
+    std::string FiredAt() const;  // its entry's name ("" before)
+};
+
+// One run of a fault loop, as seen by the check.
+struct FailedRun {
+    long nth;           // the call that failed
+    std::string entry;  // its table entry
+    int result;         // what the operation returned
+};
+
+// Whether a run that ended by `signal` after call `nth` (`entry`) failed is
+// what the platform means to do (a refused give-back of root ends the
+// process: identity.h).
+using DeathCheck = std::function<bool(long nth, const std::string &entry, int signal)>;
+
+// Runs `op` with call 1, 2, ... of `only` failing, until a run in which the
+// failing call never came (that run's result must be `success`). After
+// every run with a failed call, `check` judges what the operation left.
+// Each run happens in a forked child (a table, identity or cache change of
+// one run cannot leak into the next); `op` and `check` run in it, and
+// `check` returns "" when all is well, else what was wrong. Returns one
+// line per failure found (empty when every run was clean), and the entry
+// refused in each run, in order, through *refused. A run that dies is a
+// failure unless `died` accepts it.
+std::vector<std::string> FailEachCall(const std::vector<std::string> &only, const std::function<int()> &op,
+                                      int success, const std::function<std::string(const FailedRun &)> &check,
+                                      std::vector<std::string> *refused = nullptr, const DeathCheck &died = nullptr, long limit = 2000);
+
+} // namespace kova_test
+
+#endif
