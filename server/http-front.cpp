@@ -4,6 +4,7 @@
 
 #include "error-codes.h"
 #include "frame.h"
+#include "text-check.h"
 #include "kova/account.h"
 #include "kova/klibc.h"
 
@@ -74,7 +75,17 @@ void Front::Install(httplib::Server &server) {
 Json::Value Front::Login(const ApiCall &call, const std::string &remote, httplib::Response &res, std::string &user) {
     const Json::Value &account = call.params["account"];
     const Json::Value &passwd = call.params["passwd"];
-    if (!account.isString() || !passwd.isString() || account.asString().empty()) return Error(kErrBadRequest);
+    // Checked before anything else: the password check reads both as C
+    // strings, so "alice\u0000x" would sign in as alice while the throttle
+    // counted a different account. The throttle keys on exactly the text
+    // that is checked.
+    if (!account.isString() || !passwd.isString() || account.asString().empty() ||
+        !IsCleanText(account.asString()) || !IsCleanText(passwd.asString())) {
+        res.status = 400;
+        Json::Value reply = Error(kErrBadRequest);
+        reply["error"]["data"]["reason"] = "\"account\" and \"passwd\" must be UTF-8 text without NUL";
+        return reply;
+    }
     user = account.asString();
     // Refused before the password is looked at: a guess made while blocked
     // learns nothing and costs no password hash.

@@ -96,6 +96,32 @@ TEST_F(Server, RepeatedWrongPasswordsBlockTheAccountFromThatAddress) {
     EXPECT_TRUE(c.Login(alice.name, alice.passwd).body["success"].asBool());
 }
 
+TEST_F(Server, ATextWithANulOrBadUtf8NeverSignsInNorSlipsPastTheThrottle) {
+    WebClient c(webd->port());
+    const std::string nul(1, '\0');
+    // The password check reads C strings: these would be alice and bob.
+    // The client's JSON writer would mend bad UTF-8, so those bodies are written by hand.
+    auto rawLogin = [&c](const std::string &account, const std::string &passwd) {
+        return c.Raw("POST", "/webapi",
+                     "{\"api\":\"KOVA.Server.Session\",\"version\":1,\"method\":\"login\",\"params\":{\"account\":\"" +
+                         account + "\",\"passwd\":\"" + passwd + "\"}}",
+                     "application/json", {});
+    };
+    for (const Reply &r : {c.Login(alice.name + nul + "1", alice.passwd), c.Login(bob.name, bob.passwd + nul + "x"),
+                           rawLogin("ali\xff", "x"), rawLogin(bob.name, "\\udc80")}) {
+        EXPECT_EQ(400, r.status) << r.body;
+        EXPECT_EQ(101, Code(r));
+        EXPECT_EQ("", r.setCookie);
+    }
+    for (int i = 0; i < 5; ++i) EXPECT_EQ(150, Code(c.Login(alice.name, "wrong")));
+    for (int i = 0; i < 3; ++i) {
+        Reply r = c.Login(alice.name + nul + std::to_string(i), alice.passwd);
+        EXPECT_FALSE(r.body["success"].asBool()) << "NUL variant " << i << " bypassed the block: " << r.body;
+        EXPECT_EQ("", r.setCookie);
+    }
+    EXPECT_EQ(429, c.Login(alice.name, alice.passwd).status);
+}
+
 TEST_F(Server, LoginTokenAndLogout) {
     WebClient c(webd->port());
     Reply bad = c.Login("alice", "wrong");

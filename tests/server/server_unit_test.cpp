@@ -8,13 +8,26 @@
 #include "api-call.h"
 #include "frame.h"
 #include "http-front.h"
+#include "identity-switch.h"
+#include "kova/errcode.h"
+#include "kova/klibc.h"
+#include "kova/webapi.h"
 #include "login-throttle.h"
 #include "module-registry.h"
 #include "session-store.h"
+#include "worker.h"
 
 namespace {
 
 void H(KOVA::APIRequest *, KOVA::APIResponse *) {}
+
+int gSeenError = -1;
+// Reports the last error it starts with and leaves one behind.
+void ReadsLastError(KOVA::APIRequest *, KOVA::APIResponse *resp) {
+    gSeenError = KLIBCErrGet();
+    KLIBCErrSet(KOVA_ERR_PERM);
+    resp->SetSuccess(Json::Value(true));
+}
 
 TEST(ApiCall, JsonBodyAndItsErrors) {
     webd::ApiCall c;
@@ -271,6 +284,28 @@ TEST(LoginThrottle, QuietCountersAreForgottenAndTheTableStaysBounded) {
     EXPECT_EQ(seconds(0), t.RetryAfter("a", "alice", t0 + seconds(64)));
     t.Failed("c", "carol", t0 + seconds(65));
     EXPECT_GT(t.RetryAfter("c", "carol", t0 + seconds(65)).count(), 0);
+}
+
+TEST(Worker, EveryRequestStartsWithoutTheLastErrorOfTheOneBefore) {
+    webd::ModuleRegistry reg;
+    ASSERT_TRUE(reg.Add({{"T", 1, "err", ReadsLastError, "t.so"}}));
+    webd::Logs logs;
+    const std::vector<gid_t> rootGroups = webd::CurrentGroups();
+    Json::Value req(Json::objectValue);
+    req["api"] = "T";
+    req["version"] = 1;
+    req["method"] = "err";
+    req["uid"] = 0;
+    req["gid"] = 0;
+    req["groups"].append(0);
+    KLIBCErrSet(KOVA_ERR_NOMEM);  // left by whatever the thread ran before
+    for (int i = 0; i < 2; ++i) {
+        gSeenError = -1;
+        Json::Value reply = webd::RunRequest(reg, req, logs);
+        EXPECT_TRUE(reply["success"].asBool()) << reply;
+        EXPECT_EQ(KOVA_ERR_NONE, gSeenError) << "request " << i;
+    }
+    ASSERT_TRUE(webd::RestoreRoot(rootGroups));
 }
 
 } // namespace
