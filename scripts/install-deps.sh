@@ -6,7 +6,7 @@ set -euo pipefail
 PACKAGES=(
   build-essential cmake pkg-config git
   libjsoncpp-dev libsqlite3-dev sqlite3 libicu-dev libldap-dev libargon2-dev libssl-dev
-  libcpp-httplib-dev libgtest-dev libgmock-dev libbenchmark-dev
+  libboost-dev libcpp-httplib-dev libgtest-dev libgmock-dev libbenchmark-dev
   attr acl slapd ldap-utils curl chromium
 )
 # The browser tests also need node and npm. Some machines carry a nodejs
