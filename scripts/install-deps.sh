@@ -15,7 +15,7 @@ PACKAGES=(
 command -v node >/dev/null 2>&1 || PACKAGES+=(nodejs)
 command -v npm >/dev/null 2>&1 || PACKAGES+=(npm)
 if [[ "${KOVA_WITH_BENCH:-0}" == "1" ]]; then
-  PACKAGES+=(nginx-light wrk)
+  PACKAGES+=(nginx-light wrk python3)
 fi
 
 missing=()

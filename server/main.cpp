@@ -3,6 +3,7 @@
 // process with the logged-in user's identity.
 #include <errno.h>
 #include <limits.h>
+#include <malloc.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -65,6 +66,13 @@ std::string SelfPath() {
 } // namespace
 
 int main(int argc, char **argv) {
+    // A sign-in hashes with a buffer of many MiB. Left to itself glibc
+    // raises its mmap threshold once such a buffer is freed, and from then
+    // on each handler thread's arena keeps one for good (300 MiB after a
+    // few hundred sign-ins). A fixed threshold maps every large buffer on
+    // its own and gives it back at free; few arenas bound the rest.
+    mallopt(M_MMAP_THRESHOLD, 1 << 20);
+    mallopt(M_ARENA_MAX, 4);
     webd::Options o;
     o.modulesDir = KOVA_WEBD_DEFAULT_MODULES;
     o.uiDir = KOVA_WEBD_DEFAULT_UI;

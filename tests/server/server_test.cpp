@@ -144,6 +144,26 @@ TEST_F(Server, ATextWithANulOrBadUtf8NeverSignsInNorSlipsPastTheThrottle) {
     EXPECT_EQ(429, c.Login(alice.name, alice.passwd).status);
 }
 
+// Each sign-in hashes with a buffer of many MiB, in whichever handler
+// thread took it; none may keep its buffer afterwards.
+TEST_F(Server, SignInsFromManyThreadsLeaveTheFrontsMemoryBounded) {
+    std::vector<std::thread> threads;
+    std::atomic<int> ok{0};
+    for (int t = 0; t < 8; ++t) {
+        threads.emplace_back([&] {
+            for (int i = 0; i < 6; ++i) {
+                WebClient c(webd->port());
+                ok += c.Login(alice.name, alice.passwd).body["success"].asBool() ? 1 : 0;
+            }
+        });
+    }
+    for (std::thread &t : threads) t.join();
+    EXPECT_EQ(48, ok.load());
+    const long kib = webd->ResidentKiB();
+    EXPECT_GT(kib, 0);
+    EXPECT_LT(kib, 64 * 1024) << "front resident after 48 sign-ins: " << kib / 1024 << " MiB";
+}
+
 TEST_F(Server, LoginTokenAndLogout) {
     WebClient c(webd->port());
     Reply bad = c.Login("alice", "wrong");

@@ -91,6 +91,20 @@ WebdProcess::~WebdProcess() {
     }
 }
 
+long WebdProcess::ResidentKiB() const {
+    std::ifstream in("/proc/" + std::to_string(pid_) + "/status");
+    std::string key;
+    long kib = 0;
+    while (in >> key) {
+        if (key == "VmRSS:") {
+            in >> kib;
+            return kib;
+        }
+        in.ignore(1 << 12, '\n');
+    }
+    return 0;
+}
+
 std::string WebdProcess::ErrorLog() const { return ReadAll(root_ + "/var/log/webd-error.log"); }
 std::string WebdProcess::AccessLog() const { return ReadAll(root_ + "/var/log/webd-access.log"); }
 

@@ -22,6 +22,9 @@ public:
     ~WebdProcess();
     bool ok() const { return port_ > 0; }
     int port() const { return port_; }
+    pid_t pid() const { return pid_; }
+    // Resident memory now (VmRSS) in KiB, 0 when it cannot be read.
+    long ResidentKiB() const;
     std::string ErrorLog() const;
     std::string AccessLog() const;
 
