@@ -176,8 +176,8 @@ if ((SLOW > 0)); then
 fi
 
 # ---- memory ------------------------------------------------------------------
-hwm() { awk '/^VmHWM:/ { printf "%.1f", $2 / 1024 }' "/proc/$1/status" 2>/dev/null; }
-echo "peak resident memory (VmHWM), MiB: front $(hwm "$WEBD_PID")"
+mem() { awk -v k="$2:" '$1 == k { printf "%.1f", $2 / 1024 }' "/proc/$1/status" 2>/dev/null; }
+echo "resident memory, MiB (peak VmHWM / now VmRSS): front $(mem "$WEBD_PID" VmHWM) / $(mem "$WEBD_PID" VmRSS)"
 for w in $(ps -o pid= --ppid "$WEBD_PID"); do
-  echo "  worker $w: $(hwm "$w")"
+  echo "  worker $w: $(mem "$w" VmHWM) / $(mem "$w" VmRSS)"
 done

@@ -14,6 +14,7 @@
 #include "kova/klibc.h"
 #include "kova/webapi.h"
 #include "login-throttle.h"
+#include "logs.h"
 #include "module-registry.h"
 #include "session-store.h"
 #include "temp-root.h"
@@ -132,6 +133,9 @@ TEST(TextCheck, RequestTextIsCheckedAndReplyTextMended) {
     EXPECT_TRUE(webd::IsCleanText(reply["list"][0].asString()));
     EXPECT_EQ(8u, reply["keep"].asString().size());
     EXPECT_FALSE(webd::MakeWellFormed(reply));
+
+    // Log lines: no control character and no byte that is not UTF-8.
+    EXPECT_EQ("a\\x0ab\\xffc \xc3\xa9\\x7f", webd::LogSafe("a\nb\xff" "c \xc3\xa9\x7f"));
 }
 
 TEST(Frame, RoundTripAndBrokenPeers) {
