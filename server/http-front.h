@@ -44,7 +44,10 @@ public:
 
     // One whole request in, its whole reply out, with the access-log line
     // written. Thread-safe; blocks while a sign-in checks its password or a
-    // worker runs the call (up to the pool's request time-out).
+    // worker runs the call (up to the pool's request time-out). In-process
+    // callers without workers pass a pool that is never started: calls
+    // that need a worker then answer 503 (error 161) at once, as long as
+    // the pool's program cannot be started (server_unit_test does this).
     HttpReply Handle(const HttpRequest &req);
     // The reply to a request the HTTP side refused; req holds what was read
     // of it (method and target may be empty). Cheap and never blocks.

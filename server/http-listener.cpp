@@ -135,7 +135,7 @@ private:
 
     void OnHeader(error_code ec) {
         const bool started = parser_->got_some() || buffer_.size() > 0;
-        if (timedOut_) {
+        if (ec && timedOut_) {
             // Idle between requests is no fault; a request begun and not
             // finished in time is answered.
             if (started) Refuse(Refusal::kTooSlow);
@@ -186,7 +186,7 @@ private:
         }
         Deadline(srv_.limits.bodyTime, true);
         http::async_read(socket_, buffer_, *parser_, [self = shared_from_this()](error_code ec, size_t) {
-            if (self->timedOut_) self->Refuse(Refusal::kTooSlow);
+            if (ec && self->timedOut_) self->Refuse(Refusal::kTooSlow);
             else if (ec == http::error::body_limit) self->Refuse(Refusal::kBodyTooLarge);
             else if (ec == http::error::partial_message || (ec && !IsHttpError(ec))) self->Close();
             else if (ec) self->Refuse(Refusal::kMalformed);
