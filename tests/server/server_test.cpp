@@ -614,7 +614,16 @@ TEST_F(Server, EveryAnswerOnWebapiIsAJsonEnvelopeWithADocumentedCode) {
     EXPECT_NE(std::string::npos, log.find("\"- -\" 414 error 106 refused")) << log;
     EXPECT_NE(std::string::npos, log.find("- \"POST /webapi\" - 400 error 110")) << log;
 
-    // A shallow body still works, and static files answer as before.
+    // A client that waits for "100 Continue" before its body gets it.
+    kova_test::RawConnection patient(port);
+    const std::string info = "{\"api\":\"KOVA.Server.Info\",\"version\":1,\"method\":\"query\"}";
+    ASSERT_TRUE(patient.Send(post + "Expect: 100-continue\r\nContent-Length: " + std::to_string(info.size()) +
+                             "\r\n\r\n"));
+    EXPECT_EQ(100, patient.ReadReply(5000).status);
+    ASSERT_TRUE(patient.Send(info));
+    ExpectEnvelope(patient.ReadReply(5000), 401, 119, "after 100 Continue");
+
+    // A shallow body still works.
     WebClient c(port, 5);
     ASSERT_TRUE(c.Login(alice.name, alice.passwd).body["success"].asBool());
     Json::Value nested(Json::arrayValue), *at = &nested;
