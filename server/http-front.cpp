@@ -285,6 +285,7 @@ HttpReply Front::Refuse(Refusal why, const HttpRequest &req) {
     case Refusal::kBodyTooLarge: res.status = 413; code = kErrHttpTooLarge; break;
     case Refusal::kTooSlow: res.status = 408; code = kErrHttpTooSlow; break;
     case Refusal::kTooManyConnections: res.status = 503; code = kErrHttpTooMany; break;
+    case Refusal::kBusy: res.status = 503; code = kErrServerBusy; break;
     case Refusal::kInternal: res.status = 500; code = kErrUnknown; break;
     }
     Json::Value reply = Error(code);

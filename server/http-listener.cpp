@@ -14,6 +14,8 @@
 #include <boost/beast/http.hpp>
 #include <boost/optional.hpp>
 
+#include <algorithm>
+#include <atomic>
 #include <map>
 #include <mutex>
 #include <thread>
@@ -74,9 +76,18 @@ struct HttpListener::Impl {
         auto it = perAddress.find(address);
         if (it != perAddress.end() && --it->second == 0) perAddress.erase(it);
     }
+    bool Reserve(size_t n) {
+        size_t held = bodiesHeld.load();
+        do {
+            if (n > limits.bodyBudget - std::min(held, limits.bodyBudget)) return false;
+        } while (!bodiesHeld.compare_exchange_weak(held, held + n));
+        return true;
+    }
+    void GiveBack(size_t n) { bodiesHeld -= n; }
     void Accept();
 
     ListenLimits limits;
+    std::atomic<size_t> bodiesHeld{0};
     Handler handler;
     Refuser refuser;
     // Declared before the loop: connections still queued in it when it is
@@ -98,7 +109,10 @@ public:
     Connection(HttpListener::Impl &srv, tcp::socket socket, std::string remote, bool admitted)
         : srv_(srv), socket_(std::move(socket)), timer_(socket_.get_executor()), remote_(std::move(remote)),
           admitted_(admitted), buffer_(srv.limits.headerBytes * 2 + 4096) {}
-    ~Connection() { srv_.Release(remote_, admitted_); }
+    ~Connection() {
+        srv_.GiveBack(reserved_);
+        srv_.Release(remote_, admitted_);
+    }
 
     void Start() {
         if (admitted_) ReadHeader();
@@ -165,6 +179,13 @@ private:
             Refuse(Refusal::kBodyTooLarge);
             return;
         }
+        // Chunked bodies may grow to the limit: that much is set aside.
+        const size_t want = parser_->is_done() ? 0 : length ? static_cast<size_t>(*length) : srv_.limits.bodyBytes;
+        if (!srv_.Reserve(want)) {
+            Refuse(Refusal::kBusy);
+            return;
+        }
+        reserved_ = want;
         const auto expect = parser_->get()[http::field::expect];
         if (!parser_->is_done() && beast::iequals(expect, "100-continue")) {
             // The client waits for this before it sends the body.
@@ -237,6 +258,9 @@ private:
     }
 
     void Write(HttpReply reply) {
+        // The request's body is gone by now.
+        srv_.GiveBack(reserved_);
+        reserved_ = 0;
         auto res = std::make_shared<http::response<http::string_body>>();
         res->version(11);
         res->result(static_cast<unsigned>(reply.status));
@@ -295,6 +319,7 @@ private:
     bool head_ = false;
     char scratch_[4096];
     size_t dropped_ = 0;
+    size_t reserved_ = 0;   // of the server's body budget
 };
 
 } // namespace

@@ -8,7 +8,10 @@
 // request line plus header fields, bytes of body, and deadlines: the whole
 // header (or, on a kept-alive connection, the next request's header) within
 // headerTime of starting to wait for it, the whole body within bodyTime,
-// the reply written within writeTime. A request past a limit is answered by
+// the reply written within writeTime. Bodies held at once are bounded too:
+// a request's declared length (a chunked one: bodyBytes) is reserved from
+// bodyBudget when its header is read, and given back once it is answered;
+// a request that does not fit is refused (kBusy). A request past a limit is answered by
 // the refuser (Refusal) and the connection closed; a kept-alive connection
 // idle past headerTime is closed without a word. The listener parses no
 // HTTP itself: Beast's parser does.
@@ -29,6 +32,8 @@ struct ListenLimits {
     size_t total = 10000;               // open connections in all; past it new ones are closed at once
     size_t headerBytes = 16 << 10;      // request line and header fields
     size_t bodyBytes = 8 << 20;
+    size_t bodyBudget = 256 << 20;      // bodies of all requests being read or answered
+
     std::chrono::seconds headerTime{10};
     std::chrono::seconds bodyTime{30};
     std::chrono::seconds writeTime{30};

@@ -44,6 +44,7 @@ enum class Refusal {
     kBodyTooLarge,
     kTooSlow,             // header or body not complete within its deadline
     kTooManyConnections,  // from this address
+    kBusy,                // the bodies of other requests fill the memory set aside for them
     kInternal,            // the handling failed unexpectedly
 };
 

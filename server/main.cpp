@@ -127,6 +127,7 @@ int main(int argc, char **argv) {
     limits.perAddress = static_cast<size_t>(o.connsPerAddress);
     limits.headerTime = std::chrono::seconds(o.headerTimeout);
     limits.bodyTime = std::chrono::seconds(o.bodyTimeout);
+    limits.bodyBudget = static_cast<size_t>(o.bodyBudgetMiB) << 20;
     limits.handlerThreads = static_cast<size_t>(o.httpThreads);
     RaiseDescriptorLimit();
     webd::HttpListener listener(

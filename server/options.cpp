@@ -20,7 +20,7 @@ std::string Usage() {
     return "usage: kova-webd [--root DIR] [--modules DIR] [--ui DIR] [--host ADDR] [--port N]\n"
            "                 [--port-file FILE] [--workers N] [--http-threads N] [--session-idle SECONDS]\n"
            "                 [--request-timeout SECONDS] [--conns-per-address N]\n"
-           "                 [--header-timeout SECONDS] [--body-timeout SECONDS]\n";
+           "                 [--header-timeout SECONDS] [--body-timeout SECONDS] [--body-budget MIB]\n";
 }
 
 std::string ParseOptions(const std::vector<std::string> &args, Options &o) {
@@ -43,6 +43,7 @@ std::string ParseOptions(const std::vector<std::string> &args, Options &o) {
         else if (a == "--conns-per-address") ok = ToInt(v, 1, 100000, o.connsPerAddress);
         else if (a == "--header-timeout") ok = ToInt(v, 1, 3600, o.headerTimeout);
         else if (a == "--body-timeout") ok = ToInt(v, 1, 3600, o.bodyTimeout);
+        else if (a == "--body-budget") ok = ToInt(v, 1, 1 << 20, o.bodyBudgetMiB);
         else if (a == "--worker-fd") ok = ToInt(v, 0, 1 << 20, o.workerFd);
         else return "unknown option " + a;
         if (!ok) return "bad value for " + a + ": " + v;

@@ -3,6 +3,7 @@
 //             [--port-file FILE] [--workers N] [--http-threads N]
 //             [--session-idle SECONDS] [--request-timeout SECONDS]
 //             [--conns-per-address N] [--header-timeout SECONDS] [--body-timeout SECONDS]
+//             [--body-budget MIB]
 // --root defaults to $KOVA_ROOT; --port 0 picks a free port, written to
 // --port-file (for scripts and tests). --worker-fd is internal: the server
 // starts its workers with it.
@@ -26,6 +27,7 @@ struct Options {
     int connsPerAddress = 32;
     int headerTimeout = 10;
     int bodyTimeout = 30;
+    int bodyBudgetMiB = 256;
     int sessionIdle = 3600;
     int requestTimeout = 600;
     int workerFd = -1;

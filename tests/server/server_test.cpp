@@ -572,6 +572,31 @@ TEST_F(Server, ConnectionsPerAddressAreCappedAndSlowRequestsRunOutOfTime) {
     EXPECT_EQ(std::string::npos, first.find("408")) << first;
 }
 
+// The bodies held at once are bounded: a request whose declared body does
+// not fit beside those being read is refused until they are done.
+TEST_F(Server, BodiesBeingReadShareABoundedBudget) {
+    WebdProcess small(root.path(), ModulesDir(), 1, {"--body-budget", "1"});
+    ASSERT_TRUE(small.ok()) << small.ErrorLog();
+    auto head = [](size_t length) {
+        return "POST /webapi HTTP/1.1\r\nHost: x\r\nContent-Type: application/json\r\nContent-Length: " +
+               std::to_string(length) + "\r\n\r\n";
+    };
+    std::unique_ptr<kova_test::RawConnection> held(new kova_test::RawConnection(small.port()));
+    ASSERT_TRUE(held->Send(head(700000) + "{"));
+    ASSERT_TRUE(held->Silent(300));
+    ExpectEnvelope(SendRaw(small.port(), head(400000)), 503, 161, "a body past the budget");
+    // What fits beside it is read and answered (the body is no API call).
+    ExpectEnvelope(SendRaw(small.port(), head(300000) + std::string(300000, ' ')), 400, 101, "a body that fits");
+    // The held body's share comes back when its connection ends.
+    held.reset();
+    Reply after;
+    for (int i = 0; i < 20 && after.status != 400; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        after = SendRaw(small.port(), head(400000) + std::string(400000, ' '));
+    }
+    ExpectEnvelope(after, 400, 101, "after the held body was given back");
+}
+
 TEST_F(Server, EveryAnswerOnWebapiIsAJsonEnvelopeWithADocumentedCode) {
     const int port = webd->port();
     const std::string post = "POST /webapi HTTP/1.1\r\nHost: x\r\nContent-Type: application/json\r\n";
