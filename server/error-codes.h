@@ -24,7 +24,7 @@ enum ErrorCode {
     kErrLoginFailed      = 150,  // wrong account or password, or disabled account
     kErrLoginThrottled   = 151,  // too many failed sign-ins; HTTP 429 with Retry-After
     kErrWorkerFailed     = 160,  // the worker died or misbehaved; HTTP 500
-    kErrServerBusy       = 161,  // no worker could be started
+    kErrServerBusy       = 161,  // no worker could be started, or no room for another request body; HTTP 503
     // KOVA.Server.Files
     kErrFilesBadPath     = 600,  // not a "/share/dir" path
     kErrFilesNoShare     = 601,
