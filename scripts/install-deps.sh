@@ -6,7 +6,7 @@ set -euo pipefail
 PACKAGES=(
   build-essential cmake pkg-config git
   libjsoncpp-dev libsqlite3-dev sqlite3 libicu-dev libldap-dev libargon2-dev libssl-dev
-  libcpp-httplib-dev libgtest-dev libgmock-dev libbenchmark-dev
+  libboost-dev libcpp-httplib-dev libgtest-dev libgmock-dev libbenchmark-dev
   attr acl slapd ldap-utils curl chromium
 )
 # The browser tests also need node and npm. Some machines carry a nodejs
@@ -15,7 +15,7 @@ PACKAGES=(
 command -v node >/dev/null 2>&1 || PACKAGES+=(nodejs)
 command -v npm >/dev/null 2>&1 || PACKAGES+=(npm)
 if [[ "${KOVA_WITH_BENCH:-0}" == "1" ]]; then
-  PACKAGES+=(nginx-light wrk)
+  PACKAGES+=(nginx-light wrk python3)
 fi
 
 missing=()

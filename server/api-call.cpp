@@ -2,7 +2,9 @@
 
 #include <stdlib.h>
 
+#include "error-codes.h"
 #include "frame.h"
+#include "text-check.h"
 
 namespace webd {
 
@@ -26,30 +28,52 @@ std::string Finish(const Json::Value &api, const Json::Value &version, const Jso
     if (!api.isString() || api.asString().empty()) return "\"api\" must be a non-empty string";
     if (!method.isString() || method.asString().empty()) return "\"method\" must be a non-empty string";
     if (!ParseVersion(version, call.version) || call.version < 1) return "\"version\" must be a positive integer";
+    // Checked here once for every method: no NUL or broken UTF-8 reaches a
+    // module, a log line or a reply.
+    if (!IsCleanText(api.asString()) || !IsCleanText(method.asString()) || !IsCleanValue(call.params))
+        return "every text of the call must be UTF-8 without NUL";
     call.api = api.asString();
     call.method = method.asString();
     return "";
 }
 
+std::string Fail(int *code, int value, const std::string &reason) {
+    if (code && !reason.empty()) *code = value;
+    return reason;
+}
+
+std::string TooDeep(int *code) {
+    return Fail(code, kErrJsonTooDeep, "JSON nested deeper than " + std::to_string(kMaxRequestDepth) + " levels");
+}
+
 } // namespace
 
-Json::Value FieldValue(const std::string &text) {
+bool FieldValue(const std::string &text, Json::Value &out) {
     Json::Value v;
-    if (ParseJsonText(text, v)) return v;
-    return Json::Value(text);
+    switch (ParseRequestJson(text, v)) {
+    case JsonParse::kOk: out = std::move(v); return true;
+    case JsonParse::kTooDeep: return false;
+    case JsonParse::kInvalid: break;
+    }
+    out = Json::Value(text);
+    return true;
 }
 
-std::string ParseJsonCall(const std::string &body, ApiCall &call) {
+std::string ParseJsonCall(const std::string &body, ApiCall &call, int *code) {
     Json::Value root;
-    if (!ParseJsonText(body, root)) return "the body is not valid JSON";
-    if (!root.isObject()) return "the body must be a JSON object";
+    switch (ParseRequestJson(body, root)) {
+    case JsonParse::kOk: break;
+    case JsonParse::kTooDeep: return TooDeep(code);
+    case JsonParse::kInvalid: return Fail(code, kErrBadRequest, "the body is not valid JSON");
+    }
+    if (!root.isObject()) return Fail(code, kErrBadRequest, "the body must be a JSON object");
     const Json::Value &params = root["params"];
-    if (!params.isNull() && !params.isObject()) return "\"params\" must be an object";
+    if (!params.isNull() && !params.isObject()) return Fail(code, kErrBadRequest, "\"params\" must be an object");
     call.params = params.isObject() ? params : Json::Value(Json::objectValue);
-    return Finish(root["api"], root["version"], root["method"], call);
+    return Fail(code, kErrBadRequest, Finish(root["api"], root["version"], root["method"], call));
 }
 
-std::string ParseFieldCall(const std::multimap<std::string, std::string> &fields, ApiCall &call) {
+std::string ParseFieldCall(const std::multimap<std::string, std::string> &fields, ApiCall &call, int *code) {
     Json::Value api, version, method;
     call.params = Json::Value(Json::objectValue);
     for (const auto &f : fields) {
@@ -60,14 +84,15 @@ std::string ParseFieldCall(const std::multimap<std::string, std::string> &fields
         } else if (f.first == "version") {
             version = f.second;
         } else if (f.first == "params") {
-            Json::Value merged = FieldValue(f.second);
-            if (!merged.isObject()) return "\"params\" must be a JSON object";
+            Json::Value merged;
+            if (!FieldValue(f.second, merged)) return TooDeep(code);
+            if (!merged.isObject()) return Fail(code, kErrBadRequest, "\"params\" must be a JSON object");
             for (const std::string &k : merged.getMemberNames()) call.params[k] = merged[k];
-        } else {
-            call.params[f.first] = FieldValue(f.second);
+        } else if (!FieldValue(f.second, call.params[f.first])) {
+            return TooDeep(code);
         }
     }
-    return Finish(api, version, method, call);
+    return Fail(code, kErrBadRequest, Finish(api, version, method, call));
 }
 
 } // namespace webd

@@ -21,12 +21,17 @@ struct ApiCall {
     Json::Value params{Json::objectValue};
 };
 
-// Both return "" on success, else what is wrong with the request.
-std::string ParseJsonCall(const std::string &body, ApiCall &call);
-std::string ParseFieldCall(const std::multimap<std::string, std::string> &fields, ApiCall &call);
+// Both return "" on success, else what is wrong with the request, and set
+// *code to the error to answer: kErrJsonTooDeep for nesting deeper than
+// kMaxRequestDepth (frame.h), else kErrBadRequest. Every string and member
+// name of the call must be UTF-8 without NUL (text-check.h).
+std::string ParseJsonCall(const std::string &body, ApiCall &call, int *code = nullptr);
+std::string ParseFieldCall(const std::multimap<std::string, std::string> &fields, ApiCall &call,
+                           int *code = nullptr);
 
 // A field's value: its JSON value when the text is JSON, else the text.
-Json::Value FieldValue(const std::string &text);
+// false only when the text is JSON nested too deep.
+bool FieldValue(const std::string &text, Json::Value &out);
 
 } // namespace webd
 

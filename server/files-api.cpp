@@ -131,7 +131,7 @@ void ListDir(KOVA::APIRequest *req, KOVA::APIResponse *resp) {
     const Json::Value &offV = req->GetParamRef("offset", Json::Value(0));
     const Json::Value &limV = req->GetParamRef("limit", Json::Value(kDefaultLimit));
     if (!pathV.isString() || !offV.isUInt() || !limV.isUInt()) {
-        resp->SetError(kErrBadRequest);
+        resp->SetError(kErrFilesBadParam);
         return;
     }
     std::string visible = pathV.asString();

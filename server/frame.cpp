@@ -52,20 +52,41 @@ std::string ToJsonText(const Json::Value &v) {
     return Json::writeString(builder, v);
 }
 
-bool ParseJsonText(const std::string &text, Json::Value &out) {
-    static const Json::CharReaderBuilder builder = [] {
-        Json::CharReaderBuilder b;
-        b["collectComments"] = false;
-        b["failIfExtra"] = true;
-        b["rejectDupKeys"] = false;
-        return b;
-    }();
+namespace {
+
+JsonParse Parse(const Json::CharReaderBuilder &builder, const std::string &text, Json::Value &out) {
     std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
     std::string errs;
     Json::Value v;
-    if (!reader->parse(text.data(), text.data() + text.size(), &v, &errs)) return false;
+    try {
+        if (!reader->parse(text.data(), text.data() + text.size(), &v, &errs)) return JsonParse::kInvalid;
+    } catch (const Json::Exception &) {
+        // The reader throws, rather than fails, past its stack limit.
+        return JsonParse::kTooDeep;
+    }
     out = std::move(v);
-    return true;
+    return JsonParse::kOk;
+}
+
+Json::CharReaderBuilder StrictReader(int depth) {
+    Json::CharReaderBuilder b;
+    b["collectComments"] = false;
+    b["failIfExtra"] = true;
+    b["rejectDupKeys"] = false;
+    b["stackLimit"] = depth;
+    return b;
+}
+
+} // namespace
+
+bool ParseJsonText(const std::string &text, Json::Value &out) {
+    static const Json::CharReaderBuilder builder = StrictReader(kMaxFrameDepth);
+    return Parse(builder, text, out) == JsonParse::kOk;
+}
+
+JsonParse ParseRequestJson(const std::string &text, Json::Value &out) {
+    static const Json::CharReaderBuilder builder = StrictReader(kMaxRequestDepth);
+    return Parse(builder, text, out);
 }
 
 bool WriteFrame(int fd, const Json::Value &message) {

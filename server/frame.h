@@ -18,9 +18,20 @@ bool WriteFrame(int fd, const Json::Value &message);
 // byte expired (the channel is still usable then).
 bool ReadFrame(int fd, Json::Value &message, int timeoutMs = -1, bool *timedOut = nullptr);
 
-// Compact one-line JSON text, and its parser (false on invalid text).
+// Deepest nesting of arrays and objects accepted in a request (body or
+// field); frames allow a little more, for the envelope around the params.
+constexpr int kMaxRequestDepth = 64;
+constexpr int kMaxFrameDepth = 256;
+
+// Compact one-line JSON text, and its parser (false on invalid text or
+// nesting deeper than kMaxFrameDepth).
 std::string ToJsonText(const Json::Value &v);
 bool ParseJsonText(const std::string &text, Json::Value &out);
+
+enum class JsonParse { kOk, kInvalid, kTooDeep };
+// The parser for request text: nesting deeper than kMaxRequestDepth is
+// kTooDeep, never a recursion as deep as the text asks for.
+JsonParse ParseRequestJson(const std::string &text, Json::Value &out);
 
 } // namespace webd
 

@@ -4,6 +4,8 @@
 
 #include "error-codes.h"
 #include "frame.h"
+#include "http-message.h"
+#include "text-check.h"
 #include "kova/account.h"
 #include "kova/klibc.h"
 
@@ -48,33 +50,25 @@ std::string CookieValue(const std::string &header, const std::string &name) {
     return "";
 }
 
-Front::Front(ModuleRegistry &registry, SessionStore &sessions, WorkerPool &pool, Logs &logs, std::string uiDir)
-    : registry_(registry), sessions_(sessions), pool_(pool), logs_(logs), uiDir_(std::move(uiDir)) {}
-
-void Front::Install(httplib::Server &server) {
-    server.set_default_headers({
-        {"X-Content-Type-Options", "nosniff"},
-        {"X-Frame-Options", "DENY"},
-        {"Referrer-Policy", "no-referrer"},
-        {"Content-Security-Policy",
-         "default-src 'self'; script-src 'self'; style-src 'self'; img-src 'self' data:; frame-ancestors 'none'"},
-    });
-    auto api = [this](const httplib::Request &req, httplib::Response &res) { HandleApi(req, res); };
-    server.Post("/webapi", api);
-    server.Get("/webapi", api);
-    if (!uiDir_.empty() && !server.set_mount_point("/", uiDir_))
-        logs_.Error("UI folder " + uiDir_ + " cannot be served");
-    server.set_logger([this](const httplib::Request &req, const httplib::Response &res) {
-        if (req.path == "/webapi") return;  // logged with the call's details by HandleApi
-        logs_.Access(LogSafe(req.remote_addr) + " - \"" + req.method + " " + LogSafe(req.path) + "\" " +
-                     std::to_string(res.status));
-    });
+Front::Front(ModuleRegistry &registry, SessionStore &sessions, WorkerPool &pool, Logs &logs, const std::string &uiDir)
+    : registry_(registry), sessions_(sessions), pool_(pool), logs_(logs), ui_(uiDir) {
+    if (!uiDir.empty() && !ui_.ok()) logs_.Error("UI folder " + uiDir + " cannot be served");
 }
 
-Json::Value Front::Login(const ApiCall &call, const std::string &remote, httplib::Response &res, std::string &user) {
+Json::Value Front::Login(const ApiCall &call, const std::string &remote, HttpReply &res, std::string &user) {
     const Json::Value &account = call.params["account"];
     const Json::Value &passwd = call.params["passwd"];
-    if (!account.isString() || !passwd.isString() || account.asString().empty()) return Error(kErrBadRequest);
+    // Checked before anything else: the password check reads both as C
+    // strings, so "alice\u0000x" would sign in as alice while the throttle
+    // counted a different account. The throttle keys on exactly the text
+    // that is checked.
+    if (!account.isString() || !passwd.isString() || account.asString().empty() ||
+        !IsCleanText(account.asString()) || !IsCleanText(passwd.asString())) {
+        res.status = 400;
+        Json::Value reply = Error(kErrBadRequest);
+        reply["error"]["data"]["reason"] = "\"account\" and \"passwd\" must be UTF-8 text without NUL";
+        return reply;
+    }
     user = account.asString();
     // Refused before the password is looked at: a guess made while blocked
     // learns nothing and costs no password hash.
@@ -83,7 +77,7 @@ Json::Value Front::Login(const ApiCall &call, const std::string &remote, httplib
         logs_.Error("login of " + LogSafe(user) + " from " + LogSafe(remote) +
                     " refused: too many failed sign-ins, retry in " + std::to_string(wait.count()) + " s");
         res.status = 429;
-        res.set_header("Retry-After", std::to_string(wait.count()));
+        res.Set("Retry-After", std::to_string(wait.count()));
         Json::Value reply = Error(kErrLoginThrottled);
         reply["error"]["data"]["retry_after"] = static_cast<Json::Int64>(wait.count());
         return reply;
@@ -116,7 +110,7 @@ Json::Value Front::Login(const ApiCall &call, const std::string &remote, httplib
         s.admin = KLIBGroupIsAdminGroupMem(user.c_str(), 0) == 1;
     }
     if (!sessions_.Create(s)) return Error(kErrUnknown);
-    res.set_header("Set-Cookie", SessionCookie(s.id, false));
+    res.Set("Set-Cookie", SessionCookie(s.id, false));
     Json::Value data(Json::objectValue);
     data["account"] = user;
     data["token"] = s.token;
@@ -124,12 +118,12 @@ Json::Value Front::Login(const ApiCall &call, const std::string &remote, httplib
     return Success(data);
 }
 
-Json::Value Front::Dispatch(const ApiCall &call, const Session &s, const std::string &remote, httplib::Response &res) {
+Json::Value Front::Dispatch(const ApiCall &call, const Session &s, const std::string &remote, HttpReply &res) {
     if (call.api == "KOVA.Server.Session") {
         if (call.version != 1) return Error(kErrBadVersion);
         if (call.method != "logout") return Error(kErrNoSuchMethod);
         sessions_.Remove(s.id);
-        res.set_header("Set-Cookie", SessionCookie("", true));
+        res.Set("Set-Cookie", SessionCookie("", true));
         return Success(Json::Value());
     }
     if (call.api == "KOVA.Server.Info") {
@@ -183,49 +177,127 @@ Json::Value Front::Dispatch(const ApiCall &call, const Session &s, const std::st
     return Error(kErrUnknown);
 }
 
-void Front::HandleApi(const httplib::Request &req, httplib::Response &res) {
+void Front::Finish(HttpReply &res, Json::Value &reply) const {
+    // Module replies and file names may hold bytes that are not UTF-8; the
+    // client always gets valid JSON text.
+    MakeWellFormed(reply);
+    res.Set("Cache-Control", "no-store");
+    res.Set("Content-Type", "application/json; charset=utf-8");
+    res.body = ToJsonText(reply);
+}
+
+HttpReply Front::HandleApi(const HttpRequest &req) {
     auto started = std::chrono::steady_clock::now();
+    HttpReply res;
     res.status = 200;
     ApiCall call;
     std::string bad;
-    const std::string type = req.get_header_value("Content-Type");
-    if (req.method == "POST" && type.compare(0, 16, "application/json") == 0) bad = ParseJsonCall(req.body, call);
-    else bad = ParseFieldCall(req.params, call);
+    int badCode = kErrBadRequest;
+    std::string path, query;
+    SplitTarget(req.target, path, query);
+    const std::string type = req.Header("Content-Type");
+    const bool isPost = req.method == "POST";
+    if (!isPost && req.method != "GET") {
+        res.status = 405;
+        res.Set("Allow", "GET, POST");
+        bad = "/webapi takes GET and POST";
+        badCode = kErrHttpMethod;
+    } else if (isPost && type.compare(0, 16, "application/json") == 0) {
+        bad = ParseJsonCall(req.body, call, &badCode);
+    } else {
+        std::multimap<std::string, std::string> fields = ParseFormText(query);
+        if (isPost && type.compare(0, 33, "application/x-www-form-urlencoded") == 0) {
+            for (auto &f : ParseFormText(req.body)) fields.insert(std::move(f));
+        }
+        bad = ParseFieldCall(fields, call, &badCode);
+    }
 
     std::string user = "-";
     Json::Value reply;
     if (!bad.empty()) {
-        res.status = 400;
-        reply = Error(kErrBadRequest);
+        if (res.status == 200) res.status = 400;
+        reply = Error(badCode);
         reply["error"]["data"]["reason"] = bad;
     } else if (call.api == "KOVA.Server.Session" && call.version == 1 && call.method == "login") {
-        reply = Login(call, req.remote_addr, res, user);
+        reply = Login(call, req.remote, res, user);
         // A new sign-in replaces whatever session this browser held.
-        const std::string old = CookieValue(req.get_header_value("Cookie"), kSessionCookie);
+        const std::string old = CookieValue(req.Header("Cookie"), kSessionCookie);
         if (reply["success"].asBool() && !old.empty()) sessions_.Remove(old);
     } else {
         Session s;
-        const std::string sid = CookieValue(req.get_header_value("Cookie"), kSessionCookie);
+        const std::string sid = CookieValue(req.Header("Cookie"), kSessionCookie);
         if (sid.empty() || !sessions_.Get(sid, s)) {
             res.status = 401;
             reply = Error(kErrNotAuthenticated);
-        } else if (!SameSecret(req.get_header_value(kTokenHeader), s.token)) {
+        } else if (!SameSecret(req.Header(kTokenHeader), s.token)) {
             user = s.user;
             res.status = 403;
             reply = Error(kErrBadToken);
         } else {
             user = s.user;
-            reply = Dispatch(call, s, req.remote_addr, res);
+            reply = Dispatch(call, s, req.remote, res);
         }
     }
-    res.set_header("Cache-Control", "no-store");
-    res.set_content(ToJsonText(reply), "application/json; charset=utf-8");
+    Finish(res, reply);
 
     long ms = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - started).count();
     std::string outcome = reply["success"].asBool() ? "ok" : "error " + std::to_string(reply["error"]["code"].asInt());
-    logs_.Access(LogSafe(req.remote_addr) + " " + LogSafe(user) + " \"" + req.method + " /webapi\" " +
+    logs_.Access(LogSafe(req.remote) + " " + LogSafe(user) + " \"" + LogSafe(req.method) + " /webapi\" " +
                  LogSafe(call.api.empty() ? "-" : call.api + " v" + std::to_string(call.version) + " " + call.method) +
                  " " + std::to_string(res.status) + " " + outcome + " " + std::to_string(ms) + "ms");
+    return res;
+}
+
+namespace {
+
+void SecurityHeaders(HttpReply &res) {
+    res.Set("X-Content-Type-Options", "nosniff");
+    res.Set("X-Frame-Options", "DENY");
+    res.Set("Referrer-Policy", "no-referrer");
+    res.Set("Content-Security-Policy",
+            "default-src 'self'; script-src 'self'; style-src 'self'; img-src 'self' data:; frame-ancestors 'none'");
+}
+
+} // namespace
+
+HttpReply Front::Handle(const HttpRequest &req) {
+    std::string path, query;
+    SplitTarget(req.target, path, query);
+    HttpReply res;
+    if (path == "/webapi") {
+        res = HandleApi(req);
+    } else {
+        ui_.Serve(req.method, path, res);
+        logs_.Access(LogSafe(req.remote) + " - \"" + LogSafe(req.method) + " " + LogSafe(path) + "\" " +
+                     std::to_string(res.status));
+    }
+    SecurityHeaders(res);
+    return res;
+}
+
+HttpReply Front::Refuse(Refusal why, const HttpRequest &req) {
+    HttpReply res;
+    int code = kErrUnknown;
+    switch (why) {
+    case Refusal::kMalformed: res.status = 400; code = kErrHttpMalformed; break;
+    case Refusal::kRequestLineTooLong: res.status = 414; code = kErrHttpTooLarge; break;
+    case Refusal::kHeaderTooLarge: res.status = 431; code = kErrHttpTooLarge; break;
+    case Refusal::kBodyTooLarge: res.status = 413; code = kErrHttpTooLarge; break;
+    case Refusal::kTooSlow: res.status = 408; code = kErrHttpTooSlow; break;
+    case Refusal::kTooManyConnections: res.status = 503; code = kErrHttpTooMany; break;
+    case Refusal::kBusy: res.status = 503; code = kErrServerBusy; break;
+    case Refusal::kInternal: res.status = 500; code = kErrUnknown; break;
+    }
+    Json::Value reply = Error(code);
+    Finish(res, reply);
+    res.Set("Connection", "close");
+    SecurityHeaders(res);
+    std::string path, query;
+    SplitTarget(req.target, path, query);
+    logs_.Access(LogSafe(req.remote) + " - \"" + LogSafe(req.method.empty() ? "-" : req.method) + " " +
+                 LogSafe(path.empty() ? "-" : path) + "\" " + std::to_string(res.status) + " error " +
+                 std::to_string(code) + " refused");
+    return res;
 }
 
 } // namespace webd

@@ -1,27 +1,35 @@
-// The HTTP side of kova-webd: the endpoint /webapi (POST, and GET for
-// reads), sessions and their request-forgery token, the built-in APIs
-// answered in this process (KOVA.Server.Session, KOVA.Server.Info), the
-// hand-off of every other call to the worker pool, the access log, and the
-// browser UI as static files.
+// The request handling of kova-webd, with no socket behind it: the endpoint
+// /webapi (POST, and GET for reads), sessions and their request-forgery
+// token, the built-in APIs answered in this process (KOVA.Server.Session,
+// KOVA.Server.Info), the hand-off of every other call to the worker pool,
+// the access log, and the browser UI as static files. The listener
+// (http-listener.h) feeds it whole requests; tests and fuzzers may call
+// Handle directly with any request.
 //
-// HTTP status: 200 for every answered call (success or a method's error),
-// 400 for a body that is not an API call, 401 without a session (code 119),
-// 403 with a wrong or missing token (code 120), 429 with Retry-After for a
-// sign-in refused after too many failures (code 151, login-throttle.h),
-// 500 when the worker died (code 160), 503 when no worker runs (161).
+// Every answer on /webapi, refusals of the HTTP side included, is the JSON
+// envelope {"success", "data"|"error": {"code"[, "data"]}} in well-formed
+// UTF-8. HTTP status: 200 for every answered call (success or a method's
+// error), 400 for a request that is not an API call (101) or nests JSON
+// too deep (110), 401 without a session (119), 403 with a wrong or missing
+// token (120), 405 for a method other than GET or POST (109), 429 with
+// Retry-After for a sign-in refused after too many failures (151), 500 when
+// the worker died (160), 503 when no worker runs (161); Refuse gives the
+// statuses of the HTTP side's refusals (error-codes.h).
 #ifndef KOVA_WEBD_HTTP_FRONT_H
 #define KOVA_WEBD_HTTP_FRONT_H
 
-#include <httplib.h>
+#include <json/json.h>
 
 #include <mutex>
 #include <string>
 
 #include "api-call.h"
+#include "http-message.h"
 #include "login-throttle.h"
 #include "logs.h"
 #include "module-registry.h"
 #include "session-store.h"
+#include "static-files.h"
 #include "worker-pool.h"
 
 namespace webd {
@@ -31,20 +39,32 @@ constexpr const char *kTokenHeader = "X-Kova-Token";
 
 class Front {
 public:
-    Front(ModuleRegistry &registry, SessionStore &sessions, WorkerPool &pool, Logs &logs, std::string uiDir);
-    void Install(httplib::Server &server);
+    // uiDir "" serves no static files.
+    Front(ModuleRegistry &registry, SessionStore &sessions, WorkerPool &pool, Logs &logs, const std::string &uiDir);
+
+    // One whole request in, its whole reply out, with the access-log line
+    // written. Thread-safe; blocks while a sign-in checks its password or a
+    // worker runs the call (up to the pool's request time-out). In-process
+    // callers without workers pass a pool that is never started: calls
+    // that need a worker then answer 503 (error 161) at once, as long as
+    // the pool's program cannot be started (server_unit_test does this).
+    HttpReply Handle(const HttpRequest &req);
+    // The reply to a request the HTTP side refused; req holds what was read
+    // of it (method and target may be empty). Cheap and never blocks.
+    HttpReply Refuse(Refusal why, const HttpRequest &req);
 
 private:
-    void HandleApi(const httplib::Request &req, httplib::Response &res);
+    HttpReply HandleApi(const HttpRequest &req);
     // Each returns the response object and may set HTTP status and headers.
-    Json::Value Login(const ApiCall &call, const std::string &remote, httplib::Response &res, std::string &user);
-    Json::Value Dispatch(const ApiCall &call, const Session &s, const std::string &remote, httplib::Response &res);
+    Json::Value Login(const ApiCall &call, const std::string &remote, HttpReply &res, std::string &user);
+    Json::Value Dispatch(const ApiCall &call, const Session &s, const std::string &remote, HttpReply &res);
+    void Finish(HttpReply &res, Json::Value &reply) const;
 
     ModuleRegistry &registry_;
     SessionStore &sessions_;
     WorkerPool &pool_;
     Logs &logs_;
-    std::string uiDir_;
+    StaticFiles ui_;
     std::mutex platformMu_;   // account lookups of the front, one at a time
     LoginThrottle throttle_;
 };

@@ -5,6 +5,9 @@
 #include <sys/time.h>
 #include <time.h>
 #include <unistd.h>
+#include <unicode/utf8.h>
+
+#include <algorithm>
 
 namespace webd {
 
@@ -52,13 +55,21 @@ std::string NowIso() {
 std::string LogSafe(const std::string &text) {
     std::string out;
     out.reserve(text.size());
-    for (unsigned char c : text) {
-        if (c < 0x20 || c == 0x7f) {
+    const uint8_t *s = reinterpret_cast<const uint8_t *>(text.data());
+    const int32_t n = static_cast<int32_t>(std::min(text.size(), static_cast<size_t>(INT32_MAX)));
+    for (int32_t i = 0; i < n;) {
+        const int32_t start = i;
+        UChar32 c;
+        U8_NEXT(s, i, n, c);
+        if (c >= 0x20 && c != 0x7f) {
+            out.append(text, static_cast<size_t>(start), static_cast<size_t>(i - start));
+            continue;
+        }
+        // Control characters, and bytes that are not UTF-8, as \xNN.
+        for (int32_t k = start; k < i; ++k) {
             char buf[8];
-            snprintf(buf, sizeof buf, "\\x%02x", c);
+            snprintf(buf, sizeof buf, "\\x%02x", s[k]);
             out += buf;
-        } else {
-            out += static_cast<char>(c);
         }
     }
     return out;

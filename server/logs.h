@@ -26,7 +26,8 @@ private:
 // ISO 8601 UTC time with milliseconds, e.g. 2026-01-02T03:04:05.678Z.
 std::string NowIso();
 
-// Replaces control characters so a value cannot forge a new log line.
+// Replaces control characters so a value cannot forge a new log line, and
+// bytes that are not UTF-8 so every line stays readable text; both as \xNN.
 std::string LogSafe(const std::string &text);
 
 } // namespace webd

@@ -3,18 +3,22 @@
 // process with the logged-in user's identity.
 #include <errno.h>
 #include <limits.h>
+#include <malloc.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <fstream>
 #include <memory>
 
 #include "files-api.h"
 #include "http-front.h"
+#include "http-listener.h"
 #include "logs.h"
 #include "module-registry.h"
 #include "options.h"
@@ -31,10 +35,14 @@
 
 namespace {
 
-httplib::Server *gServer = nullptr;
-
-void OnStop(int) {
-    if (gServer) gServer->stop();
+// Every open connection is a descriptor: the default soft limit of 1024
+// would cap the server well below its own connection limits.
+void RaiseDescriptorLimit() {
+    struct rlimit rl;
+    if (getrlimit(RLIMIT_NOFILE, &rl) == 0 && rl.rlim_cur < rl.rlim_max) {
+        rl.rlim_cur = rl.rlim_max;
+        setrlimit(RLIMIT_NOFILE, &rl);
+    }
 }
 
 bool MakeDirs(const std::string &path) {
@@ -58,6 +66,13 @@ std::string SelfPath() {
 } // namespace
 
 int main(int argc, char **argv) {
+    // A sign-in hashes with a buffer of many MiB. Left to itself glibc
+    // raises its mmap threshold once such a buffer is freed, and from then
+    // on each handler thread's arena keeps one for good (300 MiB after a
+    // few hundred sign-ins). A fixed threshold maps every large buffer on
+    // its own and gives it back at free; few arenas bound the rest.
+    mallopt(M_MMAP_THRESHOLD, 1 << 20);
+    mallopt(M_ARENA_MAX, 4);
     webd::Options o;
     o.modulesDir = KOVA_WEBD_DEFAULT_MODULES;
     o.uiDir = KOVA_WEBD_DEFAULT_UI;
@@ -107,25 +122,22 @@ int main(int argc, char **argv) {
         return 1;
     }
     webd::SessionStore sessions(o.sessionIdle);
-    auto server = std::make_unique<httplib::Server>();
-    const int threads = o.httpThreads;
-    server->new_task_queue = [threads] { return new httplib::ThreadPool(static_cast<size_t>(threads)); };
-    server->set_payload_max_length(8u << 20);
-    // Replies are written as header and body: without this, Nagle's
-    // algorithm and the client's delayed ACK add ~40 ms to each one.
-    server->set_tcp_nodelay(true);
     webd::Front front(registry, sessions, pool, logs, o.uiDir);
-    front.Install(*server);
+    webd::ListenLimits limits;
+    limits.perAddress = static_cast<size_t>(o.connsPerAddress);
+    limits.headerTime = std::chrono::seconds(o.headerTimeout);
+    limits.bodyTime = std::chrono::seconds(o.bodyTimeout);
+    limits.bodyBudget = static_cast<size_t>(o.bodyBudgetMiB) << 20;
+    limits.handlerThreads = static_cast<size_t>(o.httpThreads);
+    RaiseDescriptorLimit();
+    webd::HttpListener listener(
+        limits, [&front](const webd::HttpRequest &req) { return front.Handle(req); },
+        [&front](webd::Refusal why, const webd::HttpRequest &req) { return front.Refuse(why, req); });
 
-    int port = o.port;
-    if (port == 0) {
-        port = server->bind_to_any_port(o.host);
-        if (port <= 0) {
-            logs.Error("cannot listen on " + o.host);
-            return 1;
-        }
-    } else if (!server->bind_to_port(o.host, port)) {
-        logs.Error("cannot listen on " + o.host + ":" + std::to_string(port));
+    std::string why;
+    const int port = listener.Bind(o.host, o.port, &why);
+    if (port <= 0) {
+        logs.Error(why);
         return 1;
     }
     if (!o.portFile.empty()) {
@@ -136,13 +148,9 @@ int main(int argc, char **argv) {
         }
         rename(tmp.c_str(), o.portFile.c_str());
     }
-    gServer = server.get();
-    signal(SIGTERM, OnStop);
-    signal(SIGINT, OnStop);
     logs.Error("listening on http://" + o.host + ":" + std::to_string(port) + "/ with " +
                std::to_string(pool.Size()) + " workers, root " + o.root);
-    server->listen_after_bind();
+    listener.Run();
     logs.Error("stopped");
-    gServer = nullptr;
     return 0;
 }

@@ -19,7 +19,8 @@ bool ToInt(const std::string &s, int lo, int hi, int &out) {
 std::string Usage() {
     return "usage: kova-webd [--root DIR] [--modules DIR] [--ui DIR] [--host ADDR] [--port N]\n"
            "                 [--port-file FILE] [--workers N] [--http-threads N] [--session-idle SECONDS]\n"
-           "                 [--request-timeout SECONDS]\n";
+           "                 [--request-timeout SECONDS] [--conns-per-address N]\n"
+           "                 [--header-timeout SECONDS] [--body-timeout SECONDS] [--body-budget MIB]\n";
 }
 
 std::string ParseOptions(const std::vector<std::string> &args, Options &o) {
@@ -39,6 +40,10 @@ std::string ParseOptions(const std::vector<std::string> &args, Options &o) {
         else if (a == "--http-threads") ok = ToInt(v, 1, 1024, o.httpThreads);
         else if (a == "--session-idle") ok = ToInt(v, 1, 1000000000, o.sessionIdle);
         else if (a == "--request-timeout") ok = ToInt(v, 1, 86400, o.requestTimeout);
+        else if (a == "--conns-per-address") ok = ToInt(v, 1, 100000, o.connsPerAddress);
+        else if (a == "--header-timeout") ok = ToInt(v, 1, 3600, o.headerTimeout);
+        else if (a == "--body-timeout") ok = ToInt(v, 1, 3600, o.bodyTimeout);
+        else if (a == "--body-budget") ok = ToInt(v, 1, 1 << 20, o.bodyBudgetMiB);
         else if (a == "--worker-fd") ok = ToInt(v, 0, 1 << 20, o.workerFd);
         else return "unknown option " + a;
         if (!ok) return "bad value for " + a + ": " + v;

@@ -2,6 +2,8 @@
 //   kova-webd [--root DIR] [--modules DIR] [--ui DIR] [--host ADDR] [--port N]
 //             [--port-file FILE] [--workers N] [--http-threads N]
 //             [--session-idle SECONDS] [--request-timeout SECONDS]
+//             [--conns-per-address N] [--header-timeout SECONDS] [--body-timeout SECONDS]
+//             [--body-budget MIB]
 // --root defaults to $KOVA_ROOT; --port 0 picks a free port, written to
 // --port-file (for scripts and tests). --worker-fd is internal: the server
 // starts its workers with it.
@@ -21,7 +23,11 @@ struct Options {
     int port = 5080;
     std::string portFile;
     int workers = 4;
-    int httpThreads = 16;
+    int httpThreads = 16;      // handler threads; connections are not tied to them
+    int connsPerAddress = 32;
+    int headerTimeout = 10;
+    int bodyTimeout = 30;
+    int bodyBudgetMiB = 256;
     int sessionIdle = 3600;
     int requestTimeout = 600;
     int workerFd = -1;

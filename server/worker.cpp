@@ -11,6 +11,8 @@
 #include "error-codes.h"
 #include "frame.h"
 #include "identity-switch.h"
+#include "kova/errcode.h"
+#include "kova/klibc.h"
 #include "kova/webapi.h"
 
 namespace webd {
@@ -63,6 +65,9 @@ Json::Value RunRequest(const ModuleRegistry &registry, const Json::Value &reques
         logs.Error("worker " + std::to_string(getpid()) + ": cannot switch to uid " + std::to_string(uid));
         return ErrorResponse(kErrWorkerFailed);
     }
+    // The last error is per thread and the worker's one thread serves every
+    // user in turn: a handler must never read the one a previous request left.
+    KLIBCErrSet(KOVA_ERR_NONE);
     try {
         route->handler(&req, &resp);
     } catch (const std::exception &e) {

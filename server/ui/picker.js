@@ -146,6 +146,10 @@ export function createPicker(container, { label, builtin = false, onChange = () 
   }
 
   function pick(o) {
+    // A search still waiting to start, or on its way, must not open the
+    // list again over what was just chosen.
+    clearTimeout(timer);
+    seq += 1;
     value = { type: o.type, name: o.name };
     chosen.textContent = principalLabel(o.type, o.name);
     input.value = '';

@@ -6,15 +6,32 @@
 #include <unistd.h>
 
 #include "api-call.h"
+#include "files-api.h"
 #include "frame.h"
 #include "http-front.h"
+#include "identity-switch.h"
+#include "kova/errcode.h"
+#include "kova/klibc.h"
+#include "kova/webapi.h"
 #include "login-throttle.h"
+#include "logs.h"
 #include "module-registry.h"
 #include "session-store.h"
+#include "temp-root.h"
+#include "text-check.h"
+#include "worker.h"
 
 namespace {
 
 void H(KOVA::APIRequest *, KOVA::APIResponse *) {}
+
+int gSeenError = -1;
+// Reports the last error it starts with and leaves one behind.
+void ReadsLastError(KOVA::APIRequest *, KOVA::APIResponse *resp) {
+    gSeenError = KLIBCErrGet();
+    KLIBCErrSet(KOVA_ERR_PERM);
+    resp->SetSuccess(Json::Value(true));
+}
 
 TEST(ApiCall, JsonBodyAndItsErrors) {
     webd::ApiCall c;
@@ -35,6 +52,23 @@ TEST(ApiCall, JsonBodyAndItsErrors) {
     EXPECT_NE("", webd::ParseJsonCall(R"({"api":"","version":1,"method":"m"})", c));
     EXPECT_NE("", webd::ParseJsonCall(R"({"api":"A","version":1})", c));
     EXPECT_NE("", webd::ParseJsonCall(R"({"api":"A","version":1,"method":"m","params":[1]})", c));
+
+    // Nesting past the limit is its own error, never a crash or an exception.
+    int code = 0;
+    const std::string deep = std::string(5000, '[') + std::string(5000, ']');
+    EXPECT_NE("", webd::ParseJsonCall(R"({"api":"A","version":1,"method":"m","params":{"x":)" + deep + "}}", c, &code));
+    EXPECT_EQ(110, code);
+    // 64 levels in all: the body object, params, and 62 arrays.
+    const std::string limit = std::string(62, '[') + std::string(62, ']');
+    EXPECT_EQ("", webd::ParseJsonCall(R"({"api":"A","version":1,"method":"m","params":{"x":)" + limit + "}}", c, &code));
+    // Bad text anywhere in the call: a value, a member name, the method.
+    for (const char *body : {R"({"api":"A","version":1,"method":"m","params":{"x":["a\u0000"]}})",
+                                   R"({"api":"A","version":1,"method":"m","params":{"\udc80":1}})",
+                                   "{\"api\":\"A\",\"version\":1,\"method\":\"m\xc0\xaf\"}"}) {
+        code = 0;
+        EXPECT_NE("", webd::ParseJsonCall(body, c, &code)) << body;
+        EXPECT_EQ(101, code) << body;
+    }
 }
 
 TEST(ApiCall, FieldsAreJsonWhenTheyParseAndTextOtherwise) {
@@ -60,6 +94,48 @@ TEST(ApiCall, FieldsAreJsonWhenTheyParseAndTextOtherwise) {
     std::multimap<std::string, std::string> badParams = {{"api", "A"}, {"version", "1"}, {"method", "m"},
                                                          {"params", "[1,2]"}};
     EXPECT_NE("", webd::ParseFieldCall(badParams, c));
+    int code = 0;
+    std::multimap<std::string, std::string> deep = {{"api", "A"}, {"version", "1"}, {"method", "m"},
+                                                    {"x", std::string(200, '[')}};
+    EXPECT_NE("", webd::ParseFieldCall(deep, c, &code));
+    EXPECT_EQ(110, code);
+
+    // Query strings and form bodies decode to those fields.
+    auto fields = webd::ParseFormText("api=A.B&version=1&method=get&path=%2Fa+b%2B&flag&=x&bad=%zz%4");
+    EXPECT_EQ("A.B", fields.find("api")->second);
+    EXPECT_EQ("/a b+", fields.find("path")->second);
+    EXPECT_EQ("", fields.find("flag")->second);
+    EXPECT_EQ("x", fields.find("")->second);
+    EXPECT_EQ("%zz%4", fields.find("bad")->second);
+    std::string path, query;
+    webd::SplitTarget("/web%61pi?x=1?2", path, query);
+    EXPECT_EQ("/webapi", path);
+    EXPECT_EQ("x=1?2", query);
+}
+
+TEST(TextCheck, RequestTextIsCheckedAndReplyTextMended) {
+    EXPECT_TRUE(webd::IsCleanText("plain \xc3\xa9 \xf0\x9f\x98\x80"));
+    for (const std::string &bad : {std::string("a\0b", 3), std::string("\xff"), std::string("\xc0\xaf"),
+                                  std::string("\xed\xa0\x80"), std::string("\xf4\x90\x80\x80"), std::string("\xe2\x82")})
+        EXPECT_FALSE(webd::IsCleanText(bad)) << bad;
+    Json::Value v(Json::objectValue);
+    v["ok"]["list"].append("fine");
+    EXPECT_TRUE(webd::IsCleanValue(v));
+    v["ok"]["list"].append("x\xff");
+    EXPECT_FALSE(webd::IsCleanValue(v));
+
+    Json::Value reply(Json::objectValue);
+    reply["name\xfe"] = "a\xff" "b\xe2\x82";
+    reply["list"].append("\xed\xa0\x80");
+    reply["keep"] = std::string("nul\0kept", 8);
+    EXPECT_TRUE(webd::MakeWellFormed(reply));
+    EXPECT_EQ("a\xEF\xBF\xBD" "b\xEF\xBF\xBD", reply["name\xEF\xBF\xBD"].asString());
+    EXPECT_TRUE(webd::IsCleanText(reply["list"][0].asString()));
+    EXPECT_EQ(8u, reply["keep"].asString().size());
+    EXPECT_FALSE(webd::MakeWellFormed(reply));
+
+    // Log lines: no control character and no byte that is not UTF-8.
+    EXPECT_EQ("a\\x0ab\\xffc \xc3\xa9\\x7f", webd::LogSafe("a\nb\xff" "c \xc3\xa9\x7f"));
 }
 
 TEST(Frame, RoundTripAndBrokenPeers) {
@@ -271,6 +347,98 @@ TEST(LoginThrottle, QuietCountersAreForgottenAndTheTableStaysBounded) {
     EXPECT_EQ(seconds(0), t.RetryAfter("a", "alice", t0 + seconds(64)));
     t.Failed("c", "carol", t0 + seconds(65));
     EXPECT_GT(t.RetryAfter("c", "carol", t0 + seconds(65)).count(), 0);
+}
+
+TEST(Worker, EveryRequestStartsWithoutTheLastErrorOfTheOneBefore) {
+    webd::ModuleRegistry reg;
+    ASSERT_TRUE(reg.Add({{"T", 1, "err", ReadsLastError, "t.so"}}));
+    webd::Logs logs;
+    const std::vector<gid_t> rootGroups = webd::CurrentGroups();
+    Json::Value req(Json::objectValue);
+    req["api"] = "T";
+    req["version"] = 1;
+    req["method"] = "err";
+    req["uid"] = 0;
+    req["gid"] = 0;
+    req["groups"].append(0);
+    KLIBCErrSet(KOVA_ERR_NOMEM);  // left by whatever the thread ran before
+    for (int i = 0; i < 2; ++i) {
+        gSeenError = -1;
+        Json::Value reply = webd::RunRequest(reg, req, logs);
+        EXPECT_TRUE(reply["success"].asBool()) << reply;
+        EXPECT_EQ(KOVA_ERR_NONE, gSeenError) << "request " << i;
+    }
+    ASSERT_TRUE(webd::RestoreRoot(rootGroups));
+}
+
+// The request handling is a plain function of the request: no socket, no
+// listener. Every /webapi answer is the envelope; static files stay inside
+// the UI folder.
+TEST(Front, HandlesWholeRequestsInProcess) {
+    kova_test::TempRoot root;
+    const std::string ui = root.At("ui");
+    ASSERT_TRUE(kova_test::WriteFile(ui + "/index.html", "<p>hi</p>"));
+    ASSERT_TRUE(kova_test::WriteFile(ui + "/js/app.js", "export {};"));
+    ASSERT_TRUE(kova_test::WriteFile(root.At("secret.txt"), "no"));
+    ASSERT_EQ(0, symlink(root.At("secret.txt").c_str(), (ui + "/link.txt").c_str()));
+    webd::Logs logs;
+    webd::ModuleRegistry reg;
+    ASSERT_TRUE(reg.Add({{"T", 1, "m", H, "t.so"}}));
+    webd::SessionStore sessions(3600);
+    webd::WorkerPool pool({root.At("no-such-program")}, 1, 5, logs);  // never starts a worker
+    webd::Front front(reg, sessions, pool, logs, ui);
+
+    auto call = [&front](const std::string &method, const std::string &target, const webd::HeaderList &headers = {},
+                         const std::string &body = "") {
+        webd::HttpRequest r;
+        r.method = method;
+        r.target = target;
+        r.headers = headers;
+        r.body = body;
+        r.remote = "10.0.0.1";
+        return front.Handle(r);
+    };
+    auto code = [](const webd::HttpReply &r) {
+        Json::Value v;
+        EXPECT_TRUE(webd::ParseJsonText(r.body, v)) << r.body;
+        EXPECT_EQ("application/json; charset=utf-8", r.Header("Content-Type"));
+        return v["error"]["code"].asInt();
+    };
+    const std::string info = "/webapi?api=KOVA.Server.Info&version=1&method=query";
+    webd::HttpReply anon = call("GET", info);
+    EXPECT_EQ(401, anon.status);
+    EXPECT_EQ(119, code(anon));
+    EXPECT_EQ("DENY", anon.Header("X-Frame-Options"));
+
+    webd::Session s;
+    s.user = "someone";
+    ASSERT_TRUE(sessions.Create(s));
+    const webd::HeaderList auth = {{"cookie", "kova_sid=" + s.id}, {"x-kova-token", s.token}};
+    webd::HttpReply ok = call("GET", info, auth);
+    EXPECT_EQ(200, ok.status);
+    EXPECT_NE(std::string::npos, ok.body.find("\"success\":true")) << ok.body;
+    webd::HttpReply form = call("POST", "/webapi?api=T", {auth[0], auth[1], {"Content-Type",
+                                "application/x-www-form-urlencoded"}}, "version=1&method=m");
+    EXPECT_EQ(503, form.status);  // found, but no worker can run it
+    EXPECT_EQ(161, code(form));
+    webd::HttpReply put = call("DELETE", info, auth);
+    EXPECT_EQ(405, put.status);
+    EXPECT_EQ(109, code(put));
+
+    webd::HttpReply index = call("GET", "/");
+    EXPECT_EQ(200, index.status);
+    EXPECT_EQ("<p>hi</p>", index.body);
+    EXPECT_EQ("text/html; charset=utf-8", index.Header("Content-Type"));
+    EXPECT_EQ("text/javascript; charset=utf-8", call("HEAD", "/js/app.js").Header("Content-Type"));
+    for (const char *outside : {"/../secret.txt", "/js/%2e%2e/../secret.txt", "/link.txt", "/js//app.js", "/js"})
+        EXPECT_EQ(404, call("GET", outside).status) << outside;
+    EXPECT_EQ(405, call("POST", "/").status);
+
+    webd::HttpRequest partial;
+    webd::HttpReply refused = front.Refuse(webd::Refusal::kRequestLineTooLong, partial);
+    EXPECT_EQ(414, refused.status);
+    EXPECT_EQ(106, code(refused));
+    EXPECT_EQ("close", refused.Header("Connection"));
 }
 
 } // namespace

@@ -1,9 +1,16 @@
 #include "webd-process.h"
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
 #include <signal.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <boost/beast/http.hpp>
+
+#include <chrono>
 #include <fstream>
 #include <sstream>
 
@@ -13,6 +20,8 @@ namespace kova_test {
 
 namespace {
 
+Reply ParseReply(const std::string &bytes);
+
 std::string ReadAll(const std::string &path) {
     std::ifstream in(path);
     std::stringstream ss;
@@ -20,15 +29,21 @@ std::string ReadAll(const std::string &path) {
     return ss.str();
 }
 
+void ParseBody(Reply &out) {
+    Json::CharReaderBuilder b;
+    std::string errs;
+    std::istringstream in(out.raw);
+    out.json = Json::parseFromStream(b, in, &out.body, &errs);
+}
+
 Reply ToReply(const httplib::Result &r) {
     Reply out;
     if (!r) return out;
     out.status = r->status;
     out.setCookie = r->get_header_value("Set-Cookie");
-    Json::CharReaderBuilder b;
-    std::string errs;
-    std::istringstream in(r->body);
-    Json::parseFromStream(b, in, &out.body, &errs);
+    out.contentType = r->get_header_value("Content-Type");
+    out.raw = r->body;
+    ParseBody(out);
     return out;
 }
 
@@ -76,12 +91,116 @@ WebdProcess::~WebdProcess() {
     }
 }
 
+long WebdProcess::ResidentKiB() const {
+    std::ifstream in("/proc/" + std::to_string(pid_) + "/status");
+    std::string key;
+    long kib = 0;
+    while (in >> key) {
+        if (key == "VmRSS:") {
+            in >> kib;
+            return kib;
+        }
+        in.ignore(1 << 12, '\n');
+    }
+    return 0;
+}
+
 std::string WebdProcess::ErrorLog() const { return ReadAll(root_ + "/var/log/webd-error.log"); }
 std::string WebdProcess::AccessLog() const { return ReadAll(root_ + "/var/log/webd-access.log"); }
 
-WebClient::WebClient(int port) : http_(new httplib::Client("127.0.0.1", port)) {
-    http_->set_read_timeout(60, 0);
+WebClient::WebClient(int port, int timeoutSeconds) : http_(new httplib::Client("127.0.0.1", port)) {
+    http_->set_connection_timeout(timeoutSeconds, 0);
+    http_->set_read_timeout(timeoutSeconds, 0);
+    http_->set_write_timeout(timeoutSeconds, 0);
 }
+
+RawConnection::RawConnection(int port, const std::string &from) {
+    fd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in local = {}, server = {};
+    local.sin_family = server.sin_family = AF_INET;
+    server.sin_port = htons(static_cast<uint16_t>(port));
+    if (fd_ < 0 || inet_pton(AF_INET, from.c_str(), &local.sin_addr) != 1 ||
+        inet_pton(AF_INET, "127.0.0.1", &server.sin_addr) != 1 ||
+        bind(fd_, reinterpret_cast<sockaddr *>(&local), sizeof local) != 0 ||
+        connect(fd_, reinterpret_cast<sockaddr *>(&server), sizeof server) != 0) {
+        if (fd_ >= 0) close(fd_);
+        fd_ = -1;
+    }
+}
+
+RawConnection::~RawConnection() {
+    if (fd_ >= 0) close(fd_);
+}
+
+bool RawConnection::Send(const std::string &bytes) {
+    size_t done = 0;
+    while (fd_ >= 0 && done < bytes.size()) {
+        ssize_t w = send(fd_, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL);
+        if (w <= 0) return false;
+        done += static_cast<size_t>(w);
+    }
+    return fd_ >= 0;
+}
+
+std::string RawConnection::Receive(int timeoutMs) {
+    std::string out;
+    ReadUntil(timeoutMs, [&out](const std::string &got) {
+        out = got;
+        return false;
+    });
+    return out;
+}
+
+Reply RawConnection::ReadReply(int timeoutMs) {
+    Reply reply;
+    ReadUntil(timeoutMs, [&reply](const std::string &got) {
+        reply = ParseReply(got);
+        return reply.status != 0;
+    });
+    return reply;
+}
+
+void RawConnection::ReadUntil(int timeoutMs, const std::function<bool(const std::string &)> &enough) {
+    std::string all;
+    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    while (fd_ >= 0) {
+        const long left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(end - std::chrono::steady_clock::now()).count();
+        struct pollfd p = {fd_, POLLIN, 0};
+        if (left <= 0 || poll(&p, 1, static_cast<int>(left)) <= 0) break;
+        char buf[4096];
+        ssize_t r = recv(fd_, buf, sizeof buf, 0);
+        if (r <= 0) break;
+        all.append(buf, static_cast<size_t>(r));
+        if (enough(all)) return;
+    }
+}
+
+bool RawConnection::Silent(int waitMs) {
+    struct pollfd p = {fd_, POLLIN, 0};
+    return fd_ >= 0 && poll(&p, 1, waitMs) == 0;
+}
+
+namespace {
+
+Reply ParseReply(const std::string &bytes) {
+    namespace http = boost::beast::http;
+    Reply out;
+    http::response_parser<http::string_body> parser;
+    parser.eager(true);
+    boost::system::error_code ec;
+    parser.put(boost::asio::buffer(bytes), ec);
+    if (ec || !parser.is_done()) return out;
+    const auto &res = parser.get();
+    out.status = static_cast<int>(res.result_int());
+    out.contentType = std::string(res[http::field::content_type]);
+    out.setCookie = std::string(res[http::field::set_cookie]);
+    out.raw = res.body();
+    ParseBody(out);
+    return out;
+}
+
+} // namespace
 
 Reply WebClient::Raw(const std::string &method, const std::string &target, const std::string &body,
                      const std::string &contentType, const httplib::Headers &headers) {

@@ -7,6 +7,7 @@
 #include <json/json.h>
 #include <sys/types.h>
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -21,6 +22,9 @@ public:
     ~WebdProcess();
     bool ok() const { return port_ > 0; }
     int port() const { return port_; }
+    pid_t pid() const { return pid_; }
+    // Resident memory now (VmRSS) in KiB, 0 when it cannot be read.
+    long ResidentKiB() const;
     std::string ErrorLog() const;
     std::string AccessLog() const;
 
@@ -33,12 +37,40 @@ private:
 struct Reply {
     int status = 0;            // HTTP status, 0 when no answer
     Json::Value body;          // parsed JSON body
+    bool json = false;         // the body parsed as JSON
+    std::string raw;           // the body as sent
+    std::string contentType;
     std::string setCookie;     // Set-Cookie header, if any
 };
 
+// A connection made by hand, from a chosen loopback address (the peer's
+// address is what the server's per-address limit counts).
+class RawConnection {
+public:
+    RawConnection(int port, const std::string &from = "127.0.0.1");
+    ~RawConnection();
+    RawConnection(const RawConnection &) = delete;
+    RawConnection &operator=(const RawConnection &) = delete;
+    bool ok() const { return fd_ >= 0; }
+    bool Send(const std::string &bytes);
+    // Whatever arrives until the server closes, or timeoutMs passes.
+    std::string Receive(int timeoutMs);
+    // The first whole HTTP reply, read with Beast's parser; status 0 when
+    // none arrived within timeoutMs.
+    Reply ReadReply(int timeoutMs);
+    // Nothing arrived and the connection is still open after waitMs.
+    bool Silent(int waitMs);
+
+private:
+    // Reads until enough(all read so far) is true, the peer closes, or time is up.
+    void ReadUntil(int timeoutMs, const std::function<bool(const std::string &)> &enough);
+    int fd_ = -1;
+};
+
+
 class WebClient {
 public:
-    explicit WebClient(int port);
+    explicit WebClient(int port, int timeoutSeconds = 60);
     Reply Login(const std::string &account, const std::string &passwd);
     // POST a JSON call with the session cookie and, when sendToken, the token.
     Reply Call(const std::string &api, int version, const std::string &method,
