@@ -202,4 +202,37 @@ TEST_F(AclRace, AnAdministratorsTaskSettingAclsAndOwnersNeverReachesOutside) {
     KOVAACLFree(acl);
 }
 
+// The ancestors a user's rights are inherited from are the judged file's
+// own: a folder above it swapped for a link to a folder of the user's,
+// where a folder of the same name grants her everything, lends nothing.
+TEST_F(AclRace, InheritedRightsNeverComeFromAFolderSwappedInAbove) {
+    Dir(In("r/s"));
+    File(In("r/s/f"));
+    Dir(In("mine/s"));
+    ASSERT_EQ(SetAcl(In("r/s"), {"everyone:-1:allow:r------------:fd--"}, false), 0);
+    ASSERT_EQ(SetAcl(In("r/s/f"), {"everyone:-1:allow:------a------:----"}, true), 0);
+    ASSERT_EQ(SetAcl(In("mine/s"), {"user:1030:allow:rwxpdDaARWcCo:fd--"}, false), 0);
+    ASSERT_EQ(symlink(In("mine").c_str(), In("swap2").c_str()), 0);
+    for (bool withoutAt : {false, true}) {
+        SCOPED_TRACE(withoutAt ? "without *xattrat" : "with *xattrat");
+        Swapper swapper(In("r"), In("swap2"));
+        ASSERT_TRUE(swapper.Running());
+        EXPECT_EQ(RunAs(kAlice,
+                        [&] {
+                            std::unique_ptr<WithoutXattrAt> noAt;
+                            if (withoutAt) noAt.reset(new WithoutXattrAt);
+                            int answered = 0, granted = 0;
+                            for (int i = 0; i < kRounds; ++i) {
+                                unsigned int perm = 0;
+                                if (KOVAACLPermGet(In("r/s/f").c_str(), &perm) != 0) continue;
+                                ++answered;
+                                if (perm & KOVA_ACL_PERM_WRITE_ACL) ++granted;
+                            }
+                            if (granted > 0) return 1;
+                            return EnoughSucceeded(answered) ? 2 : 0;
+                        }),
+                  0);
+    }
+}
+
 } // namespace
