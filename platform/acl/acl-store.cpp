@@ -153,9 +153,7 @@ bool Remove(const Place &where) {
 bool ReadStored(const Target &t, StoredAcl &out, bool &present) { return Read(PlaceOf(t), out, present); }
 bool WriteStored(const Target &t, const StoredAcl &acl) { return Write(PlaceOf(t), acl); }
 bool RemoveStored(const Target &t) { return Remove(PlaceOf(t)); }
-bool ReadStoredAt(int dirFd, const char *name, StoredAcl &out, bool &present) {
-    return Read(Place{dirFd, name}, out, present);
-}
+bool ReadStoredOfFolder(int dirFd, StoredAcl &out, bool &present) { return Read(Place{dirFd, ""}, out, present); }
 bool WriteStoredKeepingGroupOwner(const Target &t, StoredAcl &next, bool replaceCorrupt) {
     return KeepingGroupOwner(PlaceOf(t), next, replaceCorrupt);
 }

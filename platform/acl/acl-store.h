@@ -17,9 +17,9 @@ namespace kova_acl {
 // (target.h), reached through its folder's descriptor.
 bool ReadStored(const Target &t, StoredAcl &out, bool &present);
 
-// The same for the entry `name` of the open folder dirFd (an empty name:
-// dirFd itself), for a walk that holds descriptors only.
-bool ReadStoredAt(int dirFd, const char *name, StoredAcl &out, bool &present);
+// The same for the open folder dirFd itself, for a walk that holds
+// descriptors only.
+bool ReadStoredOfFolder(int dirFd, StoredAcl &out, bool &present);
 
 // Replaces the record in one attribute write (old or new, never a mix).
 // KOVA_ERR_ACL_NOSPACE for too many entries, a read-only file system or no

@@ -15,10 +15,10 @@ using kova_internal::SysCalls;
 
 namespace {
 
-// The *xattrat calls take an entry by folder and name. For the folder
-// itself (empty name) they would need AT_EMPTY_PATH, which the kernel
-// refuses on an O_PATH descriptor, so that case always takes /proc.
-bool ByFolderAndName(const char *name) { return name[0] != '\0' && XattrAtAvailable(); }
+// The *xattrat calls take an entry by folder and name. The folder itself
+// (empty name) is named "." there: AT_EMPTY_PATH is refused on an O_PATH
+// descriptor, and "." is never a link.
+const char *AtName(const char *name) { return name[0] != '\0' ? name : "."; }
 
 // A lookup of an attribute nobody sets, on the root folder: a kernel with
 // the call answers "no such attribute" (or "not supported" on a file system
@@ -82,19 +82,19 @@ bool XattrAtAvailable() {
 }
 
 ssize_t GetEntryAttr(int dirFd, const char *name, const char *attr, void *value, size_t size) {
-    if (ByFolderAndName(name)) return Sys().getxattrat(dirFd, name, AT_SYMLINK_NOFOLLOW, attr, value, size);
+    if (XattrAtAvailable()) return Sys().getxattrat(dirFd, AtName(name), AT_SYMLINK_NOFOLLOW, attr, value, size);
     ProcName p(dirFd, name);
     return p.ok() ? FromProc(Sys().getxattr(p.get(), attr, value, size)) : -1;
 }
 
 int SetEntryAttr(int dirFd, const char *name, const char *attr, const void *value, size_t size, int flags) {
-    if (ByFolderAndName(name)) return Sys().setxattrat(dirFd, name, AT_SYMLINK_NOFOLLOW, attr, value, size, flags);
+    if (XattrAtAvailable()) return Sys().setxattrat(dirFd, AtName(name), AT_SYMLINK_NOFOLLOW, attr, value, size, flags);
     ProcName p(dirFd, name);
     return p.ok() ? FromProc(Sys().setxattr(p.get(), attr, value, size, flags)) : -1;
 }
 
 int RemoveEntryAttr(int dirFd, const char *name, const char *attr) {
-    if (ByFolderAndName(name)) return Sys().removexattrat(dirFd, name, AT_SYMLINK_NOFOLLOW, attr);
+    if (XattrAtAvailable()) return Sys().removexattrat(dirFd, AtName(name), AT_SYMLINK_NOFOLLOW, attr);
     ProcName p(dirFd, name);
     return p.ok() ? FromProc(Sys().removexattr(p.get(), attr)) : -1;
 }

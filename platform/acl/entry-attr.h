@@ -8,8 +8,8 @@
 // a probe; the entry is then opened with O_PATH|O_NOFOLLOW relative to its folder and
 // reached through the /proc/self/fd name of that descriptor, which the
 // kernel resolves to that very inode, a link included, and never follows
-// further. A folder's own attributes (empty name) always take that way: the
-// kernel refuses AT_EMPTY_PATH on an O_PATH descriptor. Every call goes through the system-call table, and the probe is
+// further. A folder's own attributes (empty name) are those of "." in it.
+// Every call goes through the system-call table, and the probe is
 // made again whenever the table's *xattrat entry changes, so a test can
 // force either way.
 #ifndef KOVA_ACL_ENTRY_ATTR_H

@@ -56,10 +56,30 @@ size_t AncestorsOf(const Target &t) {
     return static_cast<size_t>(std::count(t.path.begin() + static_cast<std::ptrdiff_t>(from), t.path.end(), '/'));
 }
 
-bool SameObject(int fd, const struct stat &want) {
-    struct stat st;
-    return kova_internal::Sys().fstat(fd, &st) == 0 && st.st_dev == want.st_dev && st.st_ino == want.st_ino;
-}
+// The share root as its device and inode, asked once per walk (from the
+// share table's real root path: only an administrator places it), and
+// whether a folder of the walk is it.
+class ShareRootId {
+public:
+    explicit ShareRootId(const std::string &root) : root_(root) {}
+    // False with the last error set when either cannot be asked.
+    bool Is(int fd, bool &is) {
+        struct stat st;
+        if ((!known_ && kova_internal::Sys().fstatat(AT_FDCWD, root_.c_str(), &want_, 0) != 0) ||
+            kova_internal::Sys().fstat(fd, &st) != 0) {
+            KOVA_FAIL(KOVA_ERR_IO);
+            return false;
+        }
+        known_ = true;
+        is = st.st_dev == want_.st_dev && st.st_ino == want_.st_ino;
+        return true;
+    }
+
+private:
+    const std::string &root_;
+    struct stat want_;
+    bool known_ = false;
+};
 
 } // namespace
 
@@ -67,14 +87,7 @@ bool CollectInherited(const Target &t, std::vector<Ace> &out) {
     if (t.AtShareRoot()) return true;
     const size_t levels = AncestorsOf(t);
     if (levels == 0) return true;
-    // The share root, known by its device and inode: the walk must arrive
-    // at it after exactly `levels` steps, else the tree moved under the
-    // path and nothing read on the way is trusted.
-    struct stat root;
-    if (t.inShare && kova_internal::Sys().fstatat(AT_FDCWD, t.shareRoot.c_str(), &root, 0) != 0) {
-        KOVA_FAIL(KOVA_ERR_IO);
-        return false;
-    }
+    ShareRootId root(t.shareRoot);
     // Upwards from the judged entry's own folder through descriptors only:
     // a folder on the way swapped for a link is never read in its place.
     OwnedFd cur = t.name.empty() ? OpenParentOf(t.parent.get()) : OwnedFd::Borrowed(t.parent.get());
@@ -84,15 +97,23 @@ bool CollectInherited(const Target &t, std::vector<Ace> &out) {
             KOVA_FAIL(errno == ENOENT ? KOVA_ERR_NOENT : KOVA_ERR_IO);
             return false;
         }
-        const bool last = level == levels;
-        if (last && t.inShare && !SameObject(cur.get(), root)) {
-            KOVA_FAIL(KOVA_ERR_NOENT);
-            return false;
-        }
         StoredAcl anc;
         bool present = false;
-        if (!ReadStoredAt(cur.get(), "", anc, present)) return false;
+        if (!ReadStoredOfFolder(cur.get(), anc, present)) return false;
         if (!present) break;
+        // A folder that contributes is the share root (known by device and
+        // inode, wherever the walk meets it: the walk ends there) or lies
+        // below it. At the last step it must be the root: a walk that has
+        // not met it by then went above it, because the tree moved under
+        // the path, and nothing read on the way is used.
+        bool atRoot = false;
+        if (t.inShare) {
+            if (!root.Is(cur.get(), atRoot)) return false;
+            if (level == levels && !atRoot) {
+                KOVA_FAIL(KOVA_ERR_NOENT);
+                return false;
+            }
+        }
         // Carry each entry down through the folders between the ancestor
         // and the path, then into the path itself.
         for (const Ace &e : anc.entries) {
@@ -108,7 +129,7 @@ bool CollectInherited(const Target &t, std::vector<Ace> &out) {
             carried.level = level;
             found.push_back(carried);
         }
-        if (last || !anc.inherits) break;
+        if (atRoot || level == levels || !anc.inherits) break;
         cur = OpenParentOf(cur.get());
     }
     out.insert(out.end(), found.begin(), found.end());
