@@ -9,6 +9,8 @@
 
 #include <zlib.h>
 
+#include <cstdint>
+
 namespace kova_acl {
 
 namespace {
@@ -84,7 +86,8 @@ bool DecodeRecord(const void *data, size_t size, StoredAcl &out) {
     if (Crc(p, size - kCrcSize) != Get32(p + size - kCrcSize)) return corrupt();
     uint32_t gid = Get32(p + 12);
     bool groupOwner = (flags & kFlagGroupOwner) != 0;
-    if (groupOwner ? gid == kNoGid : gid != kNoGid) return corrupt();
+    // A group owner is a gid an owner change can name: a non-negative int.
+    if (groupOwner ? gid > static_cast<uint32_t>(INT32_MAX) : gid != kNoGid) return corrupt();
 
     StoredAcl acl;
     acl.inherits = (flags & kFlagInherits) != 0;

@@ -8,7 +8,8 @@
 //   6       2     flags: bit 0 inherit-from-parent, bit 1 group owner
 //                 present; every other bit must be 0
 //   8       4     entry count n
-//   12      4     owner gid when flag bit 1 is set, else 0xFFFFFFFF
+//   12      4     owner gid when flag bit 1 is set (at most 0x7FFFFFFF),
+//                 else 0xFFFFFFFF
 //   16      16*n  entries, each:
 //                   +0  1  ID type (1, 2, 4, 8, 9, 10)
 //                   +1  1  access type (0 deny, 1 allow)

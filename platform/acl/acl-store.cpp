@@ -1,9 +1,9 @@
-// The record lives in one extended attribute; lgetxattr/lsetxattr keep a
-// final symbolic link itself as the subject.
+// The record lives in one extended attribute of the judged entry
+// (entry-attr.h); a final symbolic link is itself the subject.
 #include "acl-store.h"
 
 #include "acl-record.h"
-#include "xattr-at.h"
+#include "entry-attr.h"
 #include "kova/errcode.h"
 #include "kova/klibc.h"
 #include "kova-internal/fault-point.h"
@@ -33,25 +33,19 @@ int WriteError(int err) {
     }
 }
 
-// Where a record lives: a name in an open folder, or a path.
+// Where a record lives: a name in an open folder (empty: the folder).
 struct Place {
     int dirFd;
     const char *name;
-    const char *path;
 
-    bool At() const { return dirFd >= 0 && XattrAtAvailable(); }
-    ssize_t Get(void *buf, size_t size) const {
-        return At() ? GetXattrAt(dirFd, name, kAttrName, buf, size) : lgetxattr(path, kAttrName, buf, size);
-    }
+    ssize_t Get(void *buf, size_t size) const { return GetEntryAttr(dirFd, name, kAttrName, buf, size); }
     int Set(const void *value, size_t size, int flags = 0) const {
-        return At() ? SetXattrAt(dirFd, name, kAttrName, value, size, flags)
-                    : lsetxattr(path, kAttrName, value, size, flags);
+        return SetEntryAttr(dirFd, name, kAttrName, value, size, flags);
     }
-    int Remove() const { return At() ? RemoveXattrAt(dirFd, name, kAttrName) : lremovexattr(path, kAttrName); }
+    int Remove() const { return RemoveEntryAttr(dirFd, name, kAttrName); }
 };
 
-Place PlaceOf(const std::string &path) { return Place{-1, nullptr, path.c_str()}; }
-Place PlaceOf(const Target &t) { return Place{t.parent.get(), t.name.c_str(), t.path.c_str()}; }
+Place PlaceOf(const Target &t) { return Place{t.parent.get(), t.name.c_str()}; }
 
 // One byte more than the largest valid record: a longer value is corrupt
 // and reads as ERANGE.
@@ -156,12 +150,10 @@ bool Remove(const Place &where) {
 
 } // namespace
 
-bool ReadStored(const std::string &path, StoredAcl &out, bool &present) { return Read(PlaceOf(path), out, present); }
-bool WriteStored(const std::string &path, const StoredAcl &acl) { return Write(PlaceOf(path), acl); }
-bool RemoveStored(const std::string &path) { return Remove(PlaceOf(path)); }
 bool ReadStored(const Target &t, StoredAcl &out, bool &present) { return Read(PlaceOf(t), out, present); }
 bool WriteStored(const Target &t, const StoredAcl &acl) { return Write(PlaceOf(t), acl); }
 bool RemoveStored(const Target &t) { return Remove(PlaceOf(t)); }
+bool ReadStoredOfFolder(int dirFd, StoredAcl &out, bool &present) { return Read(Place{dirFd, ""}, out, present); }
 bool WriteStoredKeepingGroupOwner(const Target &t, StoredAcl &next, bool replaceCorrupt) {
     return KeepingGroupOwner(PlaceOf(t), next, replaceCorrupt);
 }

@@ -1,5 +1,5 @@
 // Reading and writing one path's stored ACL record in its extended
-// attribute, never following a final symbolic link. Callers hold root
+// attribute, never following a final symbolic link and never by path. Callers hold root
 // (trusted attributes need it) and have already checked the caller's rights.
 #ifndef KOVA_ACL_STORE_H
 #define KOVA_ACL_STORE_H
@@ -13,21 +13,20 @@ namespace kova_acl {
 
 // present is false when the path has no record (it is in mode-bit form).
 // False with KOVA_ERR_CORRUPT for a malformed record, KOVA_ERR_NOENT for a
-// missing path, KOVA_ERR_IO otherwise.
-bool ReadStored(const std::string &path, StoredAcl &out, bool &present);
+// missing path, KOVA_ERR_IO otherwise. The entry is t's judged one
+// (target.h), reached through its folder's descriptor.
+bool ReadStored(const Target &t, StoredAcl &out, bool &present);
+
+// The same for the open folder dirFd itself, for a walk that holds
+// descriptors only.
+bool ReadStoredOfFolder(int dirFd, StoredAcl &out, bool &present);
 
 // Replaces the record in one attribute write (old or new, never a mix).
 // KOVA_ERR_ACL_NOSPACE for too many entries, a read-only file system or no
 // room; KOVA_ERR_ACL_NOTSUP when the file system has no such attributes.
-bool WriteStored(const std::string &path, const StoredAcl &acl);
+bool WriteStored(const Target &t, const StoredAcl &acl);
 
 // Removes the record; a path without one is already done.
-bool RemoveStored(const std::string &path);
-
-// The same for a resolved path: relative to its open folder when it has
-// one (no second walk of the path), else by its path.
-bool ReadStored(const Target &t, StoredAcl &out, bool &present);
-bool WriteStored(const Target &t, const StoredAcl &acl);
 bool RemoveStored(const Target &t);
 
 // Writes next's inherit flag and entries while keeping the group owner the

@@ -27,8 +27,11 @@ namespace kova_acl {
 bool PassDown(const Ace &e, bool childIsDir, Ace &copy);
 
 // Appends the inherited entries of t (levels 1, 2, ...) to out. Needs root
-// (reads ancestors' records). False on a failed read, KOVA_ERR_CORRUPT for a
-// malformed ancestor record.
+// (reads ancestors' records). The ancestors are reached from t's judged
+// folder through ".." of its descriptor, never by path; the share root is
+// known by device and inode. False on a failed read, KOVA_ERR_CORRUPT for a
+// malformed ancestor record, KOVA_ERR_NOENT when the walk does not arrive at
+// the share root where t's path put it (the tree moved under the path).
 bool CollectInherited(const Target &t, std::vector<Ace> &out);
 
 } // namespace kova_acl

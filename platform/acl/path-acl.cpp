@@ -4,6 +4,7 @@
 #include "ace.h"
 #include "acl-store.h"
 #include "evaluate.h"
+#include "fs-type.h"
 #include "mode-acl.h"
 #include "path-state.h"
 
@@ -45,21 +46,6 @@ bool EntriesFromPublic(const KOVA_ACL &acl, std::vector<Ace> &out) {
         return false;
     }
     return true;
-}
-
-bool IsAclCapable(int fsType) {
-    switch (fsType) {
-    case FSTYPE_EXT2:
-    case FSTYPE_EXT3:
-    case FSTYPE_EXT4:
-    case FSTYPE_BTRFS:
-    case FSTYPE_XFS:
-    case FSTYPE_ZFS:
-    case FSTYPE_TMPFS:
-    case FSTYPE_OVERLAY:
-    case FSTYPE_F2FS: return true;
-    default: return false;
-    }
 }
 
 // Reads everything the rights of a path depend on (own record, ancestors,
@@ -184,9 +170,7 @@ extern "C" int KOVAACLIsSupport(const char *szPath, int fd, int mode) {
     Target t;
     if (!root.ok() || !ResolveTarget(szPath, t)) return -1;
     if (mode == KOVA_ACL_SUPPORT_FS) {
-        int type = KOVAGetFSType(t.path.c_str(), 0);
-        if (type < 0) return -1;
-        return IsAclCapable(type) ? 1 : 0;
+        return AclCapableFileSystem(t);
     }
     StoredAcl own;
     bool present = false;

@@ -11,13 +11,23 @@
 #include "kova/errcode.h"
 #include "kova/klibc.h"
 #include "kova-internal/fault-point.h"
+#include "kova-internal/sys-calls.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 
 using namespace kova_acl;
+
+namespace {
+
+int ChownEntry(const Target &t, uid_t uid) {
+    return kova_internal::Sys().fchownat(t.parent.get(), t.name.c_str(), uid, static_cast<gid_t>(-1), t.AtFlags());
+}
+
+} // namespace
 
 extern "C" int KOVAACLOwnerIdGet(const char *szPath, PKOVA_ACL_ID pOwner) {
     KOVA_FAULT_POINT("KOVAACLOwnerIdGet", int);
@@ -71,16 +81,18 @@ extern "C" int KOVAACLOwnerIdSet(const char *szPath, const KOVA_ACL_ID *pOwner) 
             return -1;
         }
     }
-    const std::string &path = s.target.path;
+    const Target &t = s.target;
     if (pOwner->idType == KOVA_ACL_ID_GROUP) {
         StoredAcl next = s.stored ? s.own : StoredAcl();
-        if (!s.stored) next.entries = EntriesFromMode(s.target.st);
+        if (!s.stored) next.entries = EntriesFromMode(t.st);
         next.hasGroupOwner = true;
         next.ownerGid = static_cast<uint32_t>(pOwner->id);
-        return WriteStored(s.target, next) ? 0 : -1;
+        return WriteStored(t, next) ? 0 : -1;
     }
-    const uid_t oldUid = s.target.st.st_uid;
-    if (lchown(path.c_str(), static_cast<uid_t>(pOwner->id), static_cast<gid_t>(-1)) != 0) {
+    // The owner is written through the folder that was judged: a link put
+    // on the way meanwhile is never followed to another file.
+    const uid_t oldUid = t.st.st_uid;
+    if (ChownEntry(t, static_cast<uid_t>(pOwner->id)) != 0) {
         KOVA_FAIL(errno == EROFS ? KOVA_ERR_ACL_NOSPACE : errno == ENOENT ? KOVA_ERR_NOENT : KOVA_ERR_IO);
         return -1;
     }
@@ -88,9 +100,9 @@ extern "C" int KOVAACLOwnerIdSet(const char *szPath, const KOVA_ACL_ID *pOwner) 
         StoredAcl next = s.own;
         next.hasGroupOwner = false;
         next.ownerGid = 0;
-        if (!WriteStored(s.target, next)) {
+        if (!WriteStored(t, next)) {
             // Keep the old owner whole: the recorded group still names it.
-            (void)lchown(path.c_str(), oldUid, static_cast<gid_t>(-1));
+            (void)ChownEntry(t, oldUid);
             return -1;
         }
     }

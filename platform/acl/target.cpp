@@ -6,10 +6,12 @@
 #include "kova/share.h"
 #include "kova/klibc.h"
 #include "kova-internal/fault-point.h"
+#include "kova-internal/sys-calls.h"
 #include "real-path.h"
 #include "share-lookup.h"
 
 #include <fcntl.h>
+#include <linux/openat2.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -17,6 +19,8 @@
 #include <cstring>
 
 namespace kova_acl {
+
+using kova_internal::Sys;
 
 std::string ParentOf(const std::string &canonical) {
     size_t slash = canonical.rfind('/');
@@ -70,31 +74,45 @@ bool Split(const char *szPath, SplitPath &out) {
     return true;
 }
 
-bool Resolve(const SplitPath &sp, std::string &base, int *dirFd) {
-    const int err = kova_share::RealPathOf(sp.folder, base, sp.wholePath ? nullptr : dirFd);
+// The real path of the folder (or, for a whole path, of the path itself)
+// and a descriptor of what it names. The share library hands back the
+// descriptor it resolved; when it had to ask realpath instead, the real
+// path is opened here without following any link, so the descriptor is
+// always the object the real path names.
+bool Resolve(const SplitPath &sp, std::string &base, OwnedFd &fd) {
+    int dirFd = -1;
+    const int err = kova_share::RealPathOf(sp.folder, base, &dirFd);
     if (err != 0) {
         KOVA_FAIL(err == ENOENT || err == ENOTDIR ? KOVA_ERR_NOENT : KOVA_ERR_BADPATH);
         return false;
     }
+    fd = OwnedFd(dirFd);
+    if (fd.get() >= 0) return true;
+    struct open_how how;
+    std::memset(&how, 0, sizeof how);
+    how.flags = O_PATH | O_CLOEXEC | (sp.wholePath ? 0 : O_DIRECTORY);
+    how.resolve = RESOLVE_NO_SYMLINKS;
+    const int opened = Sys().openat2(AT_FDCWD, base.c_str(), &how, sizeof how);
+    if (opened < 0) {
+        KOVA_FAIL(errno == ENOENT || errno == ENOTDIR ? KOVA_ERR_NOENT : KOVA_ERR_BADPATH);
+        return false;
+    }
+    fd = OwnedFd(opened);
     return true;
 }
 
-// Fills t from the resolved folder (or whole path) and the folder's
-// descriptor, then finds the share.
-bool Compose(SplitPath &sp, const std::string &base, OwnedFd parent, Target &t) {
+// Fills t from the resolved folder (or whole path) and its descriptor,
+// then finds the share.
+bool Compose(SplitPath &sp, const std::string &base, OwnedFd fd, Target &t) {
     t.path = base;
     if (!sp.wholePath) {
         if (t.path != "/") t.path += '/';
         t.path += sp.name;
-    }
-    // The parent is open already: the final name is looked up in it rather
-    // than by walking the whole path again.
-    const bool open = parent.get() >= 0;
-    t.parent = std::move(parent);
-    if (open)
         t.name.swap(sp.name);
-    else
+    } else {
         t.name.clear();
+    }
+    t.parent = std::move(fd);
     t.hasStat = false;
     return ShareRootOf(t.path, t.inShare, t.shareRoot);
 }
@@ -116,9 +134,9 @@ thread_local KeptFolder tKept;
 bool LocateTarget(const char *szPath, Target &t) {
     SplitPath sp;
     std::string base;
-    int dirFd = -1;
-    if (!Split(szPath, sp) || !Resolve(sp, base, &dirFd)) return false;
-    return Compose(sp, base, OwnedFd(dirFd), t);
+    OwnedFd fd;
+    if (!Split(szPath, sp) || !Resolve(sp, base, fd)) return false;
+    return Compose(sp, base, std::move(fd), t);
 }
 
 void ForgetKeptFolder() { tKept = KeptFolder(); }
@@ -127,24 +145,24 @@ bool LocateTargetInKeptFolder(const char *szPath, uid_t uid, Target &t) {
     SplitPath sp;
     if (!Split(szPath, sp)) return false;
     if (sp.wholePath) return LocateTarget(szPath, t);
+    // The folder is resolved with the caller's search rights: another
+    // effective uid resolves it afresh, and never writes through a folder
+    // it might not have been able to reach.
     if (tKept.fd.get() < 0 || tKept.uid != uid || tKept.named != sp.folder) {
-        std::string base;
-        int dirFd = -1;
         tKept = KeptFolder();
-        if (!Resolve(sp, base, &dirFd)) return false;
-        if (dirFd < 0) return Compose(sp, base, OwnedFd(), t);
+        std::string base;
+        OwnedFd fd;
+        if (!Resolve(sp, base, fd)) return false;
         tKept.named = sp.folder;
         tKept.real.swap(base);
-        tKept.fd = OwnedFd(dirFd);
+        tKept.fd = std::move(fd);
         tKept.uid = uid;
     }
     return Compose(sp, tKept.real, OwnedFd::Borrowed(tKept.fd.get()), t);
 }
 
 bool StatTarget(Target &t) {
-    const int statRc = t.parent.get() >= 0 ? fstatat(t.parent.get(), t.name.c_str(), &t.st, AT_SYMLINK_NOFOLLOW)
-                                           : lstat(t.path.c_str(), &t.st);
-    if (statRc != 0) {
+    if (Sys().fstatat(t.parent.get(), t.name.c_str(), &t.st, t.AtFlags()) != 0) {
         KOVA_FAIL(errno == ENOENT || errno == ENOTDIR ? KOVA_ERR_NOENT : KOVA_ERR_BADPATH);
         return false;
     }

@@ -6,6 +6,7 @@
 
 #include "kova-internal/owned-fd.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 
 #include <string>
@@ -19,10 +20,12 @@ struct Target {
     struct stat st;         // lstat of it
     bool inShare = false;
     std::string shareRoot;  // real root of the holding share when inShare
-    // The folder holding the path, open for the call (O_PATH), and the
-    // path's name in it: the path's own attributes are read and written
-    // relative to it, so the folder that was resolved and checked is the
-    // one written in. Not open (-1) for "/" and paths ending in "." or "..".
+    // The entry itself, as judged: the folder holding it, open for the call
+    // (O_PATH), and its name in that folder; or, for "/" and paths ending
+    // in "." or "..", the resolved folder itself and an empty name. Every
+    // later look at the entry (stat, attributes, owner) is made through
+    // these with AtFlags(), never through `path` again, so what was judged
+    // is what is touched whatever is renamed or swapped for a link meanwhile.
     OwnedFd parent;
     std::string name;
     bool hasStat = false;   // st is filled (StatTarget)
@@ -30,10 +33,14 @@ struct Target {
     bool IsDir() const { return S_ISDIR(st.st_mode); }
     bool AtShareRoot() const { return inShare && path == shareRoot; }
     bool BelowShareRoot() const { return inShare && path != shareRoot; }
+    // For the *at calls on (parent, name): a final link is never followed.
+    int AtFlags() const { return AT_SYMLINK_NOFOLLOW | (name.empty() ? AT_EMPTY_PATH : 0); }
 };
 
 // Fills t; false with the last error set (KOVA_ERR_BADARG, KOVA_ERR_NOENT,
-// KOVA_ERR_BADPATH, or a share lookup failure other than "no share").
+// KOVA_ERR_BADPATH, or a share lookup failure other than "no share"). The
+// path is a C string: it cannot hold a NUL byte, and callers holding a
+// counted string refuse one before calling.
 bool ResolveTarget(const char *szPath, Target &t);
 
 // ResolveTarget in two steps, for a caller that may not need the lstat.

@@ -3,18 +3,51 @@
 #include "kova/acl.h"
 #include "kova/klibc.h"
 #include "kova/share.h"
+#include "kova-internal/sys-calls.h"
 
 #include <sys/stat.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 
 namespace kova_acl_test {
 
+using kova_internal::SysCalls;
+
+namespace {
+
+std::atomic<long> gRefused{0};
+
+int Refuse() {
+    gRefused.fetch_add(1, std::memory_order_relaxed);
+    errno = ENOSYS;
+    return -1;
+}
+ssize_t NoGet(int, const char *, int, const char *, void *, size_t) { return Refuse(); }
+int NoSet(int, const char *, int, const char *, const void *, size_t, int) { return Refuse(); }
+int NoRemove(int, const char *, int, const char *) { return Refuse(); }
+
+} // namespace
+
+struct WithoutXattrAt::Saved {
+    kova_internal::ScopedSysCall<decltype(SysCalls::getxattrat)> get{&SysCalls::getxattrat, NoGet};
+    kova_internal::ScopedSysCall<decltype(SysCalls::setxattrat)> set{&SysCalls::setxattrat, NoSet};
+    kova_internal::ScopedSysCall<decltype(SysCalls::removexattrat)> remove{&SysCalls::removexattrat, NoRemove};
+};
+
+WithoutXattrAt::WithoutXattrAt() : saved_(new Saved) { gRefused = 0; }
+WithoutXattrAt::~WithoutXattrAt() = default;
+long WithoutXattrAt::Count() { return gRefused.load(); }
+
 void AclFixture::SetUp() {
+    const char *without = std::getenv("KOVA_TEST_WITHOUT_XATTRAT");
+    if (without && *without && std::strcmp(without, "0") != 0) withoutAt_.reset(new WithoutXattrAt);
     share_ = root_.At("volumes/volume1/data");
     ASSERT_TRUE(kova_test::MakeDirs(share_));
     chmod(share_.c_str(), 0777);

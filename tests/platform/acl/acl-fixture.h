@@ -8,11 +8,30 @@
 
 #include <gtest/gtest.h>
 
+#include <memory>
 #include <string>
 #include <vector>
 
 namespace kova_acl_test {
 
+// For its lifetime the *xattrat entries of the system-call table answer
+// ENOSYS, as on a kernel before 6.13, so the library takes its fallback.
+// Count() tells how many calls were refused since it was made.
+class WithoutXattrAt {
+public:
+    WithoutXattrAt();
+    ~WithoutXattrAt();
+    WithoutXattrAt(const WithoutXattrAt &) = delete;
+    WithoutXattrAt &operator=(const WithoutXattrAt &) = delete;
+    static long Count();
+
+private:
+    struct Saved;
+    std::unique_ptr<Saved> saved_;
+};
+
+// With KOVA_TEST_WITHOUT_XATTRAT set in the environment, every test of the
+// fixture runs without the *xattrat calls (CTest runs each ACL test both ways).
 class AclFixture : public ::testing::Test {
 protected:
     void SetUp() override;
@@ -32,6 +51,7 @@ protected:
 
     kova_test::TempRoot root_;
     std::string share_;
+    std::unique_ptr<WithoutXattrAt> withoutAt_;
 };
 
 // The raw stored record of a path ("" when there is none).

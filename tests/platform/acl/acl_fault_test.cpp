@@ -6,8 +6,12 @@
 #include "kova/errcode.h"
 #include "kova/fault.h"
 #include "kova/klibc.h"
+#include "kova-internal/sys-calls.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
+
+#include <cerrno>
 
 #include <string>
 #include <vector>
@@ -97,6 +101,54 @@ TEST_F(AclFault, OwnerChangeFailingAtEachCallLeavesOldOrNew) {
         }
     }
     EXPECT_TRUE(succeeded);
+}
+
+// System calls seen by the owner change below.
+int gChowns = 0;
+int gChownFlags = 0;
+int CountingFchownat(int dirFd, const char *name, uid_t uid, gid_t gid, int flags) {
+    ++gChowns;
+    gChownFlags |= flags;
+    return kova_internal::RealSysCalls().fchownat(dirFd, name, uid, gid, flags);
+}
+int FailingSetxattrat(int, const char *, int, const char *, const void *, size_t, int) {
+    errno = EIO;
+    return -1;
+}
+int FailingSetxattr(const char *, const char *, const void *, size_t, int) {
+    errno = EIO;
+    return -1;
+}
+
+// Naming a user owner of a path whose owner is a group changes the uid and
+// then clears the recorded group; when that write fails the uid is changed
+// back, through the judged folder as the first change was.
+TEST_F(AclFault, OwnerChangeWhoseRecordWriteFailsPutsTheUidBack) {
+    File(In("f"));
+    const KOVA_ACL_ID group{KOVA_ACL_ID_GROUP, 2000};
+    ASSERT_EQ(KOVAACLOwnerIdSet(In("f").c_str(), &group), 0);
+    const std::string record = kova_acl_test::RawRecord(In("f"));
+    using kova_internal::ScopedSysCall;
+    using kova_internal::SysCalls;
+    gChowns = 0;
+    gChownFlags = 0;
+    {
+        ScopedSysCall<decltype(SysCalls::fchownat)> chown(&SysCalls::fchownat, CountingFchownat);
+        ScopedSysCall<decltype(SysCalls::setxattrat)> setAt(&SysCalls::setxattrat, FailingSetxattrat);
+        ScopedSysCall<decltype(SysCalls::setxattr)> set(&SysCalls::setxattr, FailingSetxattr);
+        const KOVA_ACL_ID user{KOVA_ACL_ID_USER, 1030};
+        EXPECT_LT(KOVAACLOwnerIdSet(In("f").c_str(), &user), 0);
+        EXPECT_EQ(KLIBCErrGet(), KOVA_ERR_IO);
+    }
+    EXPECT_EQ(gChowns, 2);  // the change and its undoing
+    EXPECT_TRUE(gChownFlags & AT_SYMLINK_NOFOLLOW);
+    struct stat st;
+    ASSERT_EQ(lstat(In("f").c_str(), &st), 0);
+    EXPECT_EQ(st.st_uid, 0u);
+    EXPECT_EQ(kova_acl_test::RawRecord(In("f")), record);
+    KOVA_ACL_ID now;
+    ASSERT_EQ(KOVAACLOwnerIdGet(In("f").c_str(), &now), 0);
+    EXPECT_EQ(now.idType, KOVA_ACL_ID_GROUP);
 }
 
 } // namespace

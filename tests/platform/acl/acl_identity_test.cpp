@@ -74,6 +74,10 @@ TEST_F(AclIdentity, ReadNeedsReadPermAndWriteNeedsChangePerm) {
     ASSERT_EQ(SetAcl(In("f"), {"group:2000:allow:----------c--:----"}), 0);
     EXPECT_EQ(RunAs(kAlice, [&] { return ReadAcl(In("f")); }), 0);
     EXPECT_EQ(RunAs(kAlice, [&] { return WriteAcl(In("f"), "user:1030:allow:rwxpdDaARWcCo:----"); }), 0xD8);
+    // Nor remove it: removing is writing, and the record stays.
+    const std::string readable = kova_acl_test::RawRecord(In("f"));
+    EXPECT_EQ(RunAs(kAlice, [&] { return Code(KOVAACLRemove(In("f").c_str(), -1)); }), 0xD8);
+    EXPECT_EQ(kova_acl_test::RawRecord(In("f")), readable);
 
     // A deny in the same level wins even when listed after the allow.
     ASSERT_EQ(SetAcl(In("f"), {"group:2000:allow:----------cC-:----", "user:1030:deny:----------c--:----"}), 0);
@@ -202,6 +206,31 @@ TEST_F(AclIdentity, ATasksKeptFolderIsNeverReachedThroughALinkPutInItsPlace) {
                   });
               }),
               0x06);
+}
+
+// The kept folder was resolved with one uid's search rights: a task whose
+// effective uid changes resolves the folder afresh.
+TEST_F(AclIdentity, ATasksKeptFolderIsNotReusedUnderAnotherUid) {
+    Dir(In("a"));
+    File(In("a/f1"));
+    File(In("a/f2"));
+    EXPECT_EQ(RunAs(kAdmin, [&] {
+                  return AsTask([&] {
+                      if (WriteAcl(In("a/f1"), "user:1040:allow:rwxpdDaARWcCo:----") != 0) return 1;
+                      // As root, the folder moves away and a new one takes its name.
+                      if (setresuid(static_cast<uid_t>(-1), 0, static_cast<uid_t>(-1)) != 0) return 2;
+                      if (rename(In("a").c_str(), In("moved").c_str()) != 0 || mkdir(In("a").c_str(), 0777) != 0)
+                          return 3;
+                      File(In("a/f2"));
+                      // Another administrator, as a task.
+                      if (setresuid(static_cast<uid_t>(-1), 1041, static_cast<uid_t>(-1)) != 0) return 4;
+                      if (!kova_test::KeepOnlyCapability(CAP_SYS_ADMIN)) return 5;
+                      return WriteAcl(In("a/f2"), "user:1041:allow:rwxpdDaARWcCo:----") == 0 ? 0 : 6;
+                  });
+              }),
+              0);
+    EXPECT_NE(kova_acl_test::RawRecord(In("a/f2")), "");
+    EXPECT_EQ(kova_acl_test::RawRecord(In("moved/f2")), "");
 }
 
 TEST_F(AclIdentity, OwnerChangeRules) {

@@ -6,6 +6,11 @@
 #include "kova/errcode.h"
 #include "kova/klibc.h"
 #include "as-identity.h"
+#include "kova-internal/sys-calls.h"
+
+#include <fcntl.h>
+#include <stdio.h>
+#include <sys/stat.h>
 
 #include <string>
 #include <vector>
@@ -65,6 +70,46 @@ TEST_F(AclInherit, PathThatDoesNotInheritGetsNothing) {
     BuildTree();
     ASSERT_EQ(SetAcl(In("a/b/f"), {"everyone:-1:allow:------a------:----"}, false), 0);
     EXPECT_EQ(Get(In("a/b/f"), KOVA_ACL_GET_INHERITED), V());
+}
+
+// Moves one folder (rename) at the first fstatat the library makes, which
+// is the judged entry's own: the tree changes between the judgement and
+// the walk up to the share root.
+std::string gFrom, gTo;
+bool gMoved = false;
+int MovingFstatat(int dirFd, const char *name, struct stat *st, int flags) {
+    if (!gMoved) gMoved = rename(gFrom.c_str(), gTo.c_str()) == 0;
+    return kova_internal::RealSysCalls().fstatat(dirFd, name, st, flags);
+}
+
+// The walk is made from the judged file upwards through descriptors. It
+// ends at the share root wherever it meets it, and fails when the folder
+// where the path put the root is not the root: nothing above the share is
+// ever passed down.
+TEST_F(AclInherit, AWalkUpATreeThatMovedEndsAtTheShareRootOrFails) {
+    BuildTree();
+    ASSERT_EQ(SetAcl(Share() + "/..", {"user:4242:allow:rwxpdDaARWcCo:fd--"}, false), 0);
+    using kova_internal::ScopedSysCall;
+    using kova_internal::SysCalls;
+    auto getMoving = [&](const std::string &path, const std::string &from, const std::string &to, V &out) {
+        gFrom = from;
+        gTo = to;
+        gMoved = false;
+        ScopedSysCall<decltype(SysCalls::fstatat)> hook(&SysCalls::fstatat, MovingFstatat);
+        const bool ok = GetAcl(path, KOVA_ACL_GET_INHERITED, out);
+        EXPECT_TRUE(gMoved);
+        return ok ? 0 : KLIBCErrGet();
+    };
+    // b moves up beside a: the root is met one step early, and the walk
+    // ends there.
+    V got;
+    EXPECT_EQ(getMoving(In("a/b/f"), In("a/b"), In("b"), got), 0);
+    EXPECT_EQ(got, V({"user:1031:allow:--x----------:f---:1", "group:2000:allow:r------------:fd--:2"}));
+    // b moves down below a new folder x that inherits: the step where the
+    // path put the root reaches a instead, and the read fails.
+    Dir(In("a/x"));
+    ASSERT_EQ(SetAcl(In("a/x"), {"user:1032:allow:r------------:fd--"}), 0);
+    EXPECT_EQ(getMoving(In("b/f"), In("b"), In("a/x/b"), got), KOVA_ERR_NOENT);
 }
 
 class AclPassDown : public AclFixture {

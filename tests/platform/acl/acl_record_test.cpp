@@ -10,7 +10,9 @@
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <zlib.h>
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -20,7 +22,11 @@ using kova_acl_test::AclFixture;
 using kova_acl_test::RawRecord;
 using kova_acl_test::WriteRawRecord;
 
-class AclRecord : public AclFixture {};
+class AclRecord : public AclFixture {
+protected:
+    void TearDown() override { KOVAACLFree(acl_); }
+    PKOVA_ACL acl_ = nullptr;  // set only when a read that must fail succeeds
+};
 
 // Reads through every call that trusts the record; each must fail with
 // KOVA_ERR_CORRUPT.
@@ -35,6 +41,23 @@ void ExpectCorrupt(const std::string &path, const std::string &what) {
     KOVA_ACL_ID owner;
     EXPECT_LT(KOVAACLOwnerIdGet(path.c_str(), &owner), 0) << what;
     EXPECT_EQ(KLIBCErrGet(), KOVA_ERR_CORRUPT) << what;
+    EXPECT_LT(KOVAACLPermCheck(path.c_str(), KOVA_ACL_PERM_READ_DATA), 0) << what;
+    EXPECT_EQ(KLIBCErrGet(), KOVA_ERR_CORRUPT) << what;
+}
+
+// Little-endian fields of a record, and its CRC made right again, so that
+// only the decoder's field checks stand between the record and a reader.
+void Put16(std::string &r, size_t at, uint16_t v) {
+    r[at] = static_cast<char>(v & 0xFF);
+    r[at + 1] = static_cast<char>(v >> 8);
+}
+void Put32(std::string &r, size_t at, uint32_t v) {
+    for (int i = 0; i < 4; ++i) r[at + static_cast<size_t>(i)] = static_cast<char>((v >> (8 * i)) & 0xFF);
+}
+std::string WithCrc(std::string r) {
+    const size_t body = r.size() - 4;
+    Put32(r, body, static_cast<uint32_t>(crc32(0L, reinterpret_cast<const Bytef *>(r.data()), static_cast<uInt>(body))));
+    return r;
 }
 
 TEST_F(AclRecord, GarbageIsCorruptButStillAclMode) {
@@ -73,6 +96,72 @@ TEST_F(AclRecord, EveryTruncationAndEveryFlippedByteIsDetected) {
     std::vector<std::string> got;
     ASSERT_TRUE(GetAcl(In("f"), KOVA_ACL_GET_OWN, got));
     EXPECT_EQ(got.size(), 3u);
+}
+
+// A record whose checksum is right but which holds a field no write can
+// produce is as corrupt as a damaged one, for every reader.
+TEST_F(AclRecord, ImpossibleFieldsUnderAValidChecksumAreCorrupt) {
+    Dir(In("d"));
+    File(In("d/f"));
+    ASSERT_EQ(SetAcl(In("d"), {"user:1030:allow:r------------:fd--", "everyone:-1:allow:r------------:----"}, false),
+              0);
+    ASSERT_EQ(SetAcl(In("d/f"), {}, true), 0);
+    const std::string good = RawRecord(In("d"));
+    ASSERT_EQ(good.size(), 20u + 16u * 2u);
+    // The checksum is recomputed the way the library computes it: the
+    // unchanged record reads back, and so does a well-formed group owner.
+    ASSERT_TRUE(WriteRawRecord(In("d"), WithCrc(good)));
+    std::vector<std::string> got;
+    ASSERT_TRUE(GetAcl(In("d"), KOVA_ACL_GET_OWN, got));
+    EXPECT_EQ(got.size(), 2u);
+    std::string grouped = good;
+    Put16(grouped, 6, 0x2);
+    Put32(grouped, 12, 2000);
+    ASSERT_TRUE(WriteRawRecord(In("d"), WithCrc(grouped)));
+    KOVA_ACL_ID owner;
+    ASSERT_EQ(KOVAACLOwnerIdGet(In("d").c_str(), &owner), 0);
+    EXPECT_EQ(owner.idType, KOVA_ACL_ID_GROUP);
+    EXPECT_EQ(owner.id, 2000);
+
+    const size_t e0 = 16, e1 = 32;  // user entry, everyone entry
+    const struct {
+        const char *what;
+        size_t at;
+        int width;
+        uint32_t value;
+    } cases[] = {
+        {"version 2", 4, 2, 2},
+        {"reserved flag bit", 6, 2, 0x4},
+        {"group-owner flag without a gid", 6, 2, 0x2},
+        {"gid without the group-owner flag", 12, 4, 2000},
+        {"entry count beyond the entries", 8, 4, 3},
+        {"unknown id type 0", e0, 1, 0},
+        {"unknown id type 3", e0, 1, 3},
+        {"unknown id type 11", e1, 1, 11},
+        {"access type 2", e0 + 1, 1, 2},
+        {"inherit bit 0x10", e0 + 2, 2, 0x16},
+        {"permission bit 0x2000", e0 + 8, 4, 0x2001},
+        {"user id -1", e0 + 4, 4, 0xFFFFFFFFu},
+        {"user id below -1", e0 + 4, 4, 0x80000000u},
+        {"everyone with an id", e1 + 4, 4, 1030},
+        {"reserved entry field", e1 + 12, 4, 1},
+    };
+    for (const auto &c : cases) {
+        std::string bad = good;
+        if (c.width == 1) bad[c.at] = static_cast<char>(c.value);
+        if (c.width == 2) Put16(bad, c.at, static_cast<uint16_t>(c.value));
+        if (c.width == 4) Put32(bad, c.at, c.value);
+        ASSERT_TRUE(WriteRawRecord(In("d"), WithCrc(bad))) << c.what;
+        ExpectCorrupt(In("d"), c.what);
+        // Still in ACL mode, and the child inheriting from it cannot be read either.
+        EXPECT_EQ(KOVAACLIsSupport(In("d").c_str(), -1, KOVA_ACL_SUPPORT_MODE), 1) << c.what;
+        EXPECT_LT(KOVAACLGet(In("d/f").c_str(), -1, KOVA_ACL_GET_ALL, &acl_), 0) << c.what;
+        EXPECT_EQ(KLIBCErrGet(), KOVA_ERR_CORRUPT) << c.what;
+    }
+    // A group owner no owner change can name (ids are non-negative ints).
+    Put32(grouped, 12, 0x80000000u);
+    ASSERT_TRUE(WriteRawRecord(In("d"), WithCrc(grouped)));
+    ExpectCorrupt(In("d"), "group owner beyond the id range");
 }
 
 TEST_F(AclRecord, CorruptAncestorFailsTheInheritingChild) {

@@ -9,12 +9,14 @@
 #include "kova/acl.h"
 #include "kova/errcode.h"
 #include "kova/klibc.h"
+#include "kova/share.h"
 
 #include <grp.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -77,6 +79,33 @@ TEST_F(AclResolve, AFolderSwappedForALinkIsJudgedWhereItLeads) {
     EXPECT_EQ(SetOne(In("a/f"), "user:1031:allow:r------------:----"), 0);
     EXPECT_NE(RawRecord(root_.At("outside/a/f")), written);
     EXPECT_EQ(RawRecord(In("a")), "");  // the link itself was left alone
+}
+
+// A link standing at a share root's own path is not that share's root: it
+// is an entry of the folder holding it, judged in that folder's share.
+TEST_F(AclResolve, ALinkAtAShareRootsPathBelongsToTheShareAroundIt) {
+    KOVA_SHARE outer;
+    std::memset(&outer, 0, sizeof outer);
+    std::snprintf(outer.szName, sizeof outer.szName, "vol");
+    std::snprintf(outer.szPath, sizeof outer.szPath, "%s", root_.At("volumes/volume1").c_str());
+    outer.supportAcl = 1;
+    outer.aclStatus = 1;
+    outer.defaultPriv = KOVA_SHARE_PRIV_RW;
+    ASSERT_EQ(KOVAShareSet(&outer), 0);
+    // The share table is kept once it has settled; the link then stands
+    // where the table still knows the root of "data".
+    usleep(2100 * 1000);
+    char name[64], root[4096];
+    ASSERT_EQ(KOVAShareNamePathGet(Share().c_str(), name, sizeof name, root, sizeof root), 0);
+    ASSERT_STREQ(name, "data");
+    const std::string moved = root_.At("elsewhere");
+    ASSERT_EQ(rename(Share().c_str(), moved.c_str()), 0);
+    ASSERT_EQ(symlink(moved.c_str(), Share().c_str()), 0);
+    // Strictly below the root of "vol" an administrator may write: the
+    // link's own record, never its target's.
+    EXPECT_EQ(RunAs(kAdmin, [&] { return SetOne(Share(), "everyone:-1:allow:r------------:----"); }), 0);
+    EXPECT_NE(RawRecord(Share()), "");
+    EXPECT_EQ(RawRecord(moved), "");
 }
 
 TEST_F(AclResolve, DotAndDotDotNamesAndFinalLinksWriteTheRightRecord) {
