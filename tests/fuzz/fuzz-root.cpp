@@ -6,6 +6,9 @@
 #include "kova/fault.h"
 #include "kova/klibc.h"
 #include "kova/share.h"
+#include "kova/accountdb.h"
+#include "kova-accountdb-admin.h"
+#include "kova-dirsvc-admin.h"
 
 #include <fcntl.h>
 #include <ftw.h>
@@ -123,6 +126,31 @@ FuzzRoot *Create() {
     WriteFile(root->share + "/project/report.txt", "text");
     SetAcl(root->share + "/project/report.txt", {"user:bob:allow:r------------:----"}, true);
     WriteFile(root->share + "/plain.txt", "plain");
+
+    // A bound LDAP directory and a joined domain, each with a small account
+    // cache, so owner searches run their clauses against real databases.
+    // Nothing is ever contacted: searches read only the caches.
+    KovaLdapConfig ldap;
+    ldap.bound = true;
+    ldap.uri = "ldap://127.0.0.1:9";
+    ldap.base = "dc=example,dc=com";
+    ldap.suffix = "example.com";
+    if (KovaDirsvc::LdapBind(ldap) < 0) Die("LdapBind");
+    if (KovaDirsvc::DomainAdd("CORP") < 0 || KovaDirsvc::DomainSetFlag("joined", true) < 0 ||
+        KovaDirsvc::DomainSetFlag("trusted", true) < 0)
+        Die("domain");
+    const std::vector<KovaCacheEntry> entries = {
+        {false, "kx_ldap", "Head of Payroll", "alice@corp.example", "Alice Payroll", "uid=kx_ldap,ou=Sales,dc=corp,dc=example"},
+        {false, "User001", "50% off \\ sale", "u1@example.com", "\xc3\x84rger \xc9\x90", "uid=User001,ou=IT,dc=corp,dc=example"},
+        {true, "group01", "Team 01", "", "", "cn=group01,ou=Sales,dc=corp,dc=example"},
+    };
+    for (int selector : {KOVA_ACCOUNTDB_LDAP, KOVA_ACCOUNTDB_DOMAIN}) {
+        auto builder = KovaAccountCacheBuilder::Begin(selector, "CORP");
+        if (!builder) Die("cache builder");
+        for (const KovaCacheEntry &e : entries)
+            if (builder->Add(e) < 0) Die("cache entry");
+        if (builder->Commit() < 0) Die("cache commit");
+    }
 
     gRoot = root;
     std::atexit(RemoveRoot);
