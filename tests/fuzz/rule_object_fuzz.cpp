@@ -88,7 +88,7 @@ void CheckRule(const Json::Value &rule) {
     if (!RuleObj2AclAce(rule, ace.get())) return;
     Check(converted, "an entry was built from a rule that does not validate");
     unsigned int state = 0;
-    Check(KOVAACLAceIsValid(ace.get(), &state) >= 0, "an entry built from a valid rule is invalid");
+    Check(KOVAACLAceIsValid(ace.get(), &state) != 0, "an entry built from a valid rule is invalid");
     char buf[32];
     Check(KOVAACLAcePrintPermission(ace->permission, buf, sizeof buf) == 13 &&
               Letters(kPermissionTable, rule["permission"]) == buf,

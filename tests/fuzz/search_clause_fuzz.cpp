@@ -14,6 +14,7 @@
 //                 the pattern's longest literal is the whole keyword.
 #include "clause.h"
 #include "like-clause.h"
+#include "utf8-check.h"
 
 #include "kova/accountdb.h"
 
@@ -42,25 +43,6 @@ const kova_accountdb::Layout *PickLayout(uint8_t b) {
     case 4: return kova_accountdb::LayoutFor(KOVA_ACCOUNTDB_DOMAIN, KOVA_ACCOUNTDB_TYPE_ENUM, KOVA_ACCOUNTDB_KIND_USER);
     default: return kova_accountdb::LayoutFor(KOVA_ACCOUNTDB_DOMAIN, KOVA_ACCOUNTDB_TYPE_ENUM, KOVA_ACCOUNTDB_KIND_GROUP);
     }
-}
-
-// Well-formed UTF-8 (no overlong forms, surrogates or values past U+10FFFF).
-bool ValidUtf8(const std::string &s) {
-    for (size_t i = 0; i < s.size();) {
-        unsigned char c = static_cast<unsigned char>(s[i]);
-        size_t len = c < 0x80 ? 1 : (c >> 5) == 6 ? 2 : (c >> 4) == 14 ? 3 : (c >> 3) == 30 ? 4 : 0;
-        if (!len || i + len > s.size()) return false;
-        uint32_t cp = len == 1 ? c : c & (0x7F >> len);
-        for (size_t k = 1; k < len; ++k) {
-            unsigned char d = static_cast<unsigned char>(s[i + k]);
-            if ((d & 0xC0) != 0x80) return false;
-            cp = cp << 6 | (d & 0x3F);
-        }
-        static const uint32_t kMin[] = {0, 0, 0x80, 0x800, 0x10000};
-        if (cp < kMin[len] || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) return false;
-        i += len;
-    }
-    return true;
 }
 
 size_t Conditions(const kova_accountdb::ClauseNode &node) {
@@ -128,7 +110,7 @@ void FuzzKeyword(const kova_accountdb::Layout &layout, const std::string &keywor
     // characters, so stray continuation bytes alone count as nothing.
     size_t chars = 0;
     std::string literal = kova_accountdb::LongestLiteral("%" + escaped + "%", &chars);
-    if (ValidUtf8(keyword))
+    if (kova_fuzz::ValidUtf8(keyword))
         Check(literal == keyword, "an escaped keyword does not match itself literally");
     else
         Check(keyword.find(literal) != std::string::npos, "the literal of an escaped keyword is not part of it");
