@@ -128,7 +128,15 @@ struct World {
 
 World *gWorld = nullptr;
 
-void AddSession(World &w, const std::string &user, const std::string &tag) {
+// The session of `user` behind the placeholders @SID_<tag>@ / @TOKEN_<tag>@,
+// made anew when an input ended it (logout, or a sign-in from its cookie),
+// so later inputs still reach the methods.
+void EnsureSession(World &w, const std::string &user, const std::string &tag) {
+    const std::string sidKey = "@SID_" + tag + "@", tokenKey = "@TOKEN_" + tag + "@";
+    for (const auto &kv : w.tokens) {
+        webd::Session live;
+        if (kv.first == sidKey && w.sessions.Get(kv.second, live)) return;
+    }
     webd::Session s;
     s.user = user;
     int uid = -1, gid = -1;
@@ -138,8 +146,15 @@ void AddSession(World &w, const std::string &user, const std::string &tag) {
     s.groups.push_back(s.gid);
     s.admin = KLIBGroupIsAdminGroupMem(user.c_str(), 0) == 1;
     if (!w.sessions.Create(s)) Die("session");
-    w.tokens.emplace_back("@SID_" + tag + "@", s.id);
-    w.tokens.emplace_back("@TOKEN_" + tag + "@", s.token);
+    for (auto it = w.tokens.begin(); it != w.tokens.end();)
+        it = it->first == sidKey || it->first == tokenKey ? w.tokens.erase(it) : it + 1;
+    w.tokens.emplace_back(sidKey, s.id);
+    w.tokens.emplace_back(tokenKey, s.token);
+}
+
+void EnsureSessions(World &w) {
+    EnsureSession(w, "admin", "ADMIN");
+    EnsureSession(w, "alice", "ALICE");
 }
 
 std::string Substitute(std::string text) {
@@ -220,8 +235,7 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***) {
         });
     }
     w->front->Install(w->server);
-    AddSession(*w, "admin", "ADMIN");
-    AddSession(*w, "alice", "ALICE");
+    EnsureSessions(*w);
     gWorld = w;
     return 0;
 }
@@ -229,6 +243,7 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     std::string input = SubstituteBodies(std::string(reinterpret_cast<const char *>(data), size));
     std::string out = gWorld->server.Serve(input);
+    EnsureSessions(*gWorld);
     // KOVA_FUZZ_PRINT=1 shows the answers, for writing seeds.
     static const bool print = std::getenv("KOVA_FUZZ_PRINT") != nullptr;
     if (print) std::fprintf(stderr, "---\n%s\n", out.c_str());
