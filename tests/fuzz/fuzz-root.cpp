@@ -10,7 +10,9 @@
 #include "kova-accountdb-admin.h"
 #include "kova-dirsvc-admin.h"
 
+#include <dirent.h>
 #include <fcntl.h>
+#include <signal.h>
 #include <ftw.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -81,13 +83,30 @@ void RemoveRoot() {
     if (gRoot && gRoot->path.size() > 5) nftw(gRoot->path.c_str(), RemoveEntry, 16, FTW_DEPTH | FTW_PHYS);
 }
 
+// A run that found a crash ends without its exit handlers; the roots it
+// left behind are removed by the next run, once their process is gone.
+void RemoveStaleRoots() {
+    DIR *dir = opendir("/tmp");
+    if (!dir) return;
+    while (struct dirent *e = readdir(dir)) {
+        int pid = 0;
+        if (std::sscanf(e->d_name, "kova-fuzz-%d-", &pid) != 1 || pid <= 0) continue;
+        if (kill(pid, 0) == 0 || errno != ESRCH) continue;
+        nftw((std::string("/tmp/") + e->d_name).c_str(), RemoveEntry, 16, FTW_DEPTH | FTW_PHYS);
+    }
+    closedir(dir);
+}
+
 FuzzRoot *Create() {
-    char tmpl[] = "/tmp/kova-fuzz-XXXXXX";
-    if (!mkdtemp(tmpl)) Die("mkdtemp");
+    RemoveStaleRoots();
+    std::string name = "/tmp/kova-fuzz-" + std::to_string(getpid()) + "-XXXXXX";
+    std::vector<char> tmpl(name.begin(), name.end());
+    tmpl.push_back('\0');
+    if (!mkdtemp(tmpl.data())) Die("mkdtemp");
     auto *root = new FuzzRoot;
-    root->path = tmpl;
-    chmod(tmpl, 0755);  // mkdtemp makes it 0700; the login users must reach the share
-    setenv("KOVA_ROOT", tmpl, 1);
+    root->path = tmpl.data();
+    chmod(tmpl.data(), 0755);  // mkdtemp makes it 0700; the login users must reach the share
+    setenv("KOVA_ROOT", tmpl.data(), 1);
     for (const char *dir : {"etc", "usr/share/strings/enu", "var/run/tasks", "var/log", "volumes/volume1"})
         MakeDirs(root->path + "/" + dir, 0755);
     chmod((root->path + "/var/run/tasks").c_str(), 0700);
