@@ -357,7 +357,7 @@ TEST_F(Privileged, ARefusedGroupChangeIsLoggedAndTheWorkStillRuns) {
     const uid_t uid = root_->Uid("alice");
     const gid_t gid = 100;
     CallOptions o = Explicit(uid, gid, {gid});
-    o.beforeHandler = [uid, gid] {
+    o.beforeHandler = [=] {
         if (setresuid(-1, 0, -1) != 0 || setresgid(gid, gid, gid) != 0 || setresuid(-1, uid, -1) != 0) _exit(3);
     };
     CallResult r = CheckAdminAs(o);
