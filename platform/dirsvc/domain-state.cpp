@@ -67,8 +67,9 @@ extern "C" int KOVAWinsEnumAllDomains(PKLIBC_SZLIST *ppList) {
         }
         KovaDomainState st;
         if (!ReadDomain(st) || !ServiceAvailable(st)) return -1;
-        // Without trusted domains only the joined one is known.
-        size_t n = st.trusted ? st.domains.size() : std::min<size_t>(1, st.domains.size());
+        // Every domain that was joined, whether trusted domains are on or
+        // not: each has its own cache, and all of them are searched.
+        size_t n = st.domains.size();
         for (size_t i = 0; i < n; ++i)
             if (KLIBCSzListPush(ppList, st.domains[i].c_str()) < 0) return -1;
         return static_cast<int>(n);
