@@ -2,6 +2,7 @@
 // `ldap sync` their names (both "name@suffix" and bare) resolve to the
 // entries' uidNumber / gidNumber and back, their groups come from memberUid,
 // they own files by that uid, and their passwords are checked by a bind.
+#include "directory-admin.h"
 #include "slapd.h"
 #include "temp-root.h"
 
@@ -13,13 +14,13 @@
 #include "kova/klibc.h"
 
 #include <gtest/gtest.h>
-#include <ldap.h>
 #include <sys/stat.h>
 
 #include <memory>
 #include <string>
 #include <vector>
 
+using kova_test::DirectoryAdmin;
 using kova_test::RunAdmin;
 using kova_test::Slapd;
 using kova_test::TempRoot;
@@ -34,59 +35,6 @@ constexpr int kUser1Uid = 10002, kUser3Uid = 10004;
 constexpr int kGroup0Gid = 5006, kGroup1Gid = 5007;
 const char kPassword[] = "directory pw 1";
 
-// Changes the directory as its administrator would.
-class DirectoryAdmin {
-public:
-    explicit DirectoryAdmin(const Slapd &s) {
-        LDAP *raw = nullptr;
-        if (ldap_initialize(&raw, s.uri().c_str()) != LDAP_SUCCESS) return;
-        ld_.reset(raw);
-        int v = LDAP_VERSION3;
-        ldap_set_option(raw, LDAP_OPT_PROTOCOL_VERSION, &v);
-        std::string pw = s.rootPassword();
-        berval cred{static_cast<ber_len_t>(pw.size()), &pw[0]};
-        bound_ = ldap_sasl_bind_s(raw, s.rootDn().c_str(), LDAP_SASL_SIMPLE, &cred, nullptr, nullptr, nullptr) == LDAP_SUCCESS;
-    }
-    bool ok() const { return bound_; }
-    // op LDAP_MOD_ADD or LDAP_MOD_REPLACE of one attribute.
-    bool Modify(const std::string &dn, int op, const char *attr, std::vector<std::string> values) {
-        std::vector<char *> vals;
-        for (auto &v : values) vals.push_back(&v[0]);
-        vals.push_back(nullptr);
-        LDAPMod mod{};
-        mod.mod_op = op;
-        mod.mod_type = const_cast<char *>(attr);
-        mod.mod_values = vals.data();
-        LDAPMod *mods[] = {&mod, nullptr};
-        return ldap_modify_ext_s(ld_.get(), dn.c_str(), mods, nullptr, nullptr) == LDAP_SUCCESS;
-    }
-    bool AddPerson(const std::string &dn, const std::string &uid) {
-        std::vector<std::string> oc = {"inetOrgPerson"}, u = {uid}, cn = {uid};
-        auto vals = [](std::vector<std::string> &v) {
-            static std::vector<std::vector<char *>> keep;
-            keep.emplace_back();
-            for (auto &s : v) keep.back().push_back(&s[0]);
-            keep.back().push_back(nullptr);
-            return keep.back().data();
-        };
-        LDAPMod m1{LDAP_MOD_ADD, const_cast<char *>("objectClass"), {vals(oc)}};
-        LDAPMod m2{LDAP_MOD_ADD, const_cast<char *>("uid"), {vals(u)}};
-        LDAPMod m3{LDAP_MOD_ADD, const_cast<char *>("cn"), {vals(cn)}};
-        LDAPMod m4{LDAP_MOD_ADD, const_cast<char *>("sn"), {vals(cn)}};
-        LDAPMod *mods[] = {&m1, &m2, &m3, &m4, nullptr};
-        return ldap_add_ext_s(ld_.get(), dn.c_str(), mods, nullptr, nullptr) == LDAP_SUCCESS;
-    }
-
-private:
-    struct Closer {
-        void operator()(LDAP *l) const { ldap_unbind_ext_s(l, nullptr, nullptr); }
-    };
-    std::unique_ptr<LDAP, Closer> ld_;
-    bool bound_ = false;
-};
-
-std::string People(int uidNumber) { return "uidNumber=" + std::to_string(uidNumber) + ",ou=people,dc=example,dc=com"; }
-std::string Group(int gidNumber) { return "gidNumber=" + std::to_string(gidNumber) + ",ou=groups,dc=example,dc=com"; }
 
 int Uid(const std::string &name) {
     int uid = -1, gid = -1;
@@ -132,9 +80,9 @@ protected:
         ASSERT_TRUE(server_->Start(&why)) << why;
         DirectoryAdmin dir(*server_);
         ASSERT_TRUE(dir.ok());
-        ASSERT_TRUE(dir.Modify(People(kUser1Uid), LDAP_MOD_REPLACE, "userPassword", {kPassword}));
-        ASSERT_TRUE(dir.Modify(Group(kGroup0Gid), LDAP_MOD_ADD, "memberUid", {"user0001", "user0004"}));
-        ASSERT_TRUE(dir.Modify(Group(kGroup1Gid), LDAP_MOD_ADD, "memberUid", {"user0001"}));
+        ASSERT_TRUE(dir.Modify(kova_test::PersonDn(kUser1Uid), LDAP_MOD_REPLACE, "userPassword", {kPassword}));
+        ASSERT_TRUE(dir.Modify(kova_test::GroupDn(kGroup0Gid), LDAP_MOD_ADD, "memberUid", {"user0001", "user0004"}));
+        ASSERT_TRUE(dir.Modify(kova_test::GroupDn(kGroup1Gid), LDAP_MOD_ADD, "memberUid", {"user0001"}));
         // A person without posixAccount: searchable, but without ids.
         ASSERT_TRUE(dir.AddPerson("uid=nopos,ou=people,dc=example,dc=com", "nopos"));
         std::string out;
