@@ -38,13 +38,13 @@ int SetRange(const KovaIdRange &r) {
     std::string holder;
     int local = LocalIdIn(r.base, r.size, holder);
     if (local < 0) return Fail("cannot read the local accounts");
-    if (local > 0) return Fail("the range " + std::to_string(r.base) + ".." + std::to_string(r.base + r.size - 1) +
+    if (local > 0) return FailPlain("the range " + std::to_string(r.base) + ".." + std::to_string(r.base + r.size - 1) +
                                 " holds the id of local " + holder);
     if (KovaDirsvc::RangeSet(r) != 0) {
         if (KLIBCErrGet() == KOVA_ERR_EXIST)
-            return Fail("the range " + std::to_string(r.base) + ".." + std::to_string(r.base + r.size - 1) +
+            return FailPlain("the range " + std::to_string(r.base) + ".." + std::to_string(r.base + r.size - 1) +
                         " overlaps the range of another domain");
-        return Fail("the range must lie within 1024..2147483647 and not be empty");
+        return FailPlain("the range must lie within 1024..2147483647 and not be empty");
     }
     return 0;
 }
@@ -68,7 +68,7 @@ int EnsureRange(const std::string &domain) {
         if (local < 0) return Fail("cannot read the local accounts");
         if (local == 0) return SetRange({domain, base, kAutoRangeSize});
     }
-    return Fail("no free id range is left for domain '" + domain + "'");
+    return FailPlain("no free id range is left for domain '" + domain + "'");
 }
 
 int DomainRange(const std::vector<std::string> &args) {
@@ -76,9 +76,9 @@ int DomainRange(const std::vector<std::string> &args) {
     KovaIdRange r;
     if (pos.size() != 1 || !ParseNumber(Option(args, "--base"), r.base) ||
         !ParseNumber(Option(args, "--size", std::to_string(kAutoRangeSize)), r.size))
-        return Fail("usage: domain range NAME --base N [--size N]");
+        return FailPlain("usage: domain range NAME --base N [--size N]");
     r.domain = pos[0];
-    if (!KovaDirsvc::ValidDomainName(r.domain)) return Fail("invalid domain name '" + r.domain + "'");
+    if (!KovaDirsvc::ValidDomainName(r.domain)) return FailPlain("invalid domain name '" + r.domain + "'");
     return SetRange(r);
 }
 
@@ -95,9 +95,9 @@ int DomainJoin(const std::vector<std::string> &args) {
     auto pos = Positionals(args, kJoinValues);
     std::string uri = Option(args, "--from-ldap"), ldif = Option(args, "--from-ldif"), base = Option(args, "--base");
     if (pos.size() != 1 || uri.empty() == ldif.empty() || (!uri.empty() && base.empty()))
-        return Fail("usage: domain join NAME (--from-ldap URI --base DN [--binddn DN --password P] | --from-ldif FILE)");
+        return FailPlain("usage: domain join NAME (--from-ldap URI --base DN [--binddn DN --password P] | --from-ldif FILE)");
     const std::string &name = pos[0];
-    if (!KovaDirsvc::ValidDomainName(name)) return Fail("invalid domain name '" + name + "'");
+    if (!KovaDirsvc::ValidDomainName(name)) return FailPlain("invalid domain name '" + name + "'");
     auto builder = KovaAccountCacheBuilder::Begin(KOVA_ACCOUNTDB_DOMAIN, name);
     if (!builder) return Fail("cannot start the caches of domain '" + name + "'");
     const KovaDirSink sink = CacheSink(*builder, true);
@@ -119,24 +119,24 @@ int DomainSet(const std::vector<std::string> &args) {
         for (const auto &a : args) present = present || a == key;
         if (!present) continue;
         std::string v = Option(args, key);
-        if (v != "yes" && v != "no") return Fail(key + " takes yes or no");
+        if (v != "yes" && v != "no") return FailPlain(key + " takes yes or no");
         if (KovaDirsvc::DomainSetFlag(flag, v == "yes") != 0) return Fail("cannot set " + key);
         any = true;
     }
-    if (!any) return Fail("usage: domain set [--joined yes|no] [--trusted yes|no] [--reachable yes|no] [--own-dc yes|no]");
+    if (!any) return FailPlain("usage: domain set [--joined yes|no] [--trusted yes|no] [--reachable yes|no] [--own-dc yes|no]");
     return 0;
 }
 
 int OuAdd(const std::vector<std::string> &args) {
     auto pos = Positionals(args, {});
-    if (pos.empty() || pos.size() > 2) return Fail("usage: domain ou add NAME [DETAIL]");
+    if (pos.empty() || pos.size() > 2) return FailPlain("usage: domain ou add NAME [DETAIL]");
     if (KovaDirsvc::OuAdd(pos[0], pos.size() > 1 ? pos[1] : "") != 0) return Fail("cannot add organisational unit '" + pos[0] + "'");
     return 0;
 }
 
 int DomainLeave(const std::vector<std::string> &args) {
     auto pos = Positionals(args, {});
-    if (pos.size() != 1) return Fail("usage: domain leave NAME");
+    if (pos.size() != 1) return FailPlain("usage: domain leave NAME");
     if (KovaDirsvc::DomainRemove(pos[0]) != 0) return Fail("not a member of domain '" + pos[0] + "'");
     if (KovaAccountCache::RemoveDomain(pos[0]) != 0) return Fail("cannot remove the caches of domain '" + pos[0] + "'");
     return 0;

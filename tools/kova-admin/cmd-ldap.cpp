@@ -22,7 +22,7 @@ int LdapBind(const std::vector<std::string> &args) {
     cfg.password = Option(args, "--password");
     cfg.suffix = Option(args, "--suffix");
     if (cfg.uri.empty() || cfg.base.empty() || cfg.suffix.empty())
-        return Fail("usage: ldap bind --uri URI --base DN [--binddn DN --password P] --suffix SUFFIX");
+        return FailPlain("usage: ldap bind --uri URI --base DN [--binddn DN --password P] --suffix SUFFIX");
     // Only a server that answers (and accepts the credentials) is recorded.
     if (KovaDirsvc::LdapProbe(cfg.uri, cfg.bindDn, cfg.password) != 0) return Fail("cannot bind to " + cfg.uri);
     if (KovaDirsvc::LdapBind(cfg) != 0) return Fail("cannot record the LDAP binding");
@@ -34,7 +34,7 @@ int LdapBind(const std::vector<std::string> &args) {
 int LdapSync(const std::vector<std::string> &) {
     KovaLdapConfig cfg;
     if (KovaDirsvc::LdapGet(cfg) != 0) return Fail("cannot read the LDAP binding");
-    if (!cfg.bound) return Fail("not bound to an LDAP server (run ldap bind first)");
+    if (!cfg.bound) return FailPlain("not bound to an LDAP server (run ldap bind first)");
     auto builder = KovaAccountCacheBuilder::Begin(KOVA_ACCOUNTDB_LDAP, "");
     if (!builder) return Fail("cannot start a new LDAP cache");
     int rc = KovaDirsvc::LdapRead(cfg.uri, cfg.base, cfg.bindDn, cfg.password, CacheSink(*builder));

@@ -137,6 +137,15 @@ TEST_F(LdapAccounts, NamesResolveToDirectoryIdsAndBack) {
     EXPECT_EQ(GroupName(5999), "");
     EXPECT_EQ(KLIBCErrGet(), KOVA_ERR_NOGROUP);
 
+    // kova-admin shows them with their source and groups.
+    std::string shown;
+    ASSERT_EQ(RunAdmin("user show user0001", &shown), 0) << shown;
+    EXPECT_NE(shown.find("name: user0001@example.com\nsource: ldap\nuid: 10002\ngid: 100\n"), std::string::npos) << shown;
+    EXPECT_NE(shown.find("groups: users (100), group00@example.com (5006), group01@example.com (5007)\n"), std::string::npos)
+        << shown;
+    ASSERT_EQ(RunAdmin("group show group00@example.com", &shown), 0) << shown;
+    EXPECT_EQ(shown, "name: group00@example.com\nsource: ldap\ngid: 5006\ndescription: Team 00\n");
+
     // Unbound, the directory answers nothing.
     std::string out;
     ASSERT_EQ(RunAdmin("ldap unbind", &out), 0) << out;
