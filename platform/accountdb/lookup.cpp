@@ -14,19 +14,64 @@
 
 #include <sys/stat.h>
 
+#include <unistd.h>
+
 #include <algorithm>
+#include <map>
+#include <memory>
 
 using namespace kova_accountdb;
 using kova_internal::Guarded;
 
 namespace {
 
-struct Cache {
+// An open cache file. Rebuilds rename a new file over the old one, so a
+// connection stays valid for as long as the path names the same inode;
+// opening (and parsing the schema, with its full-text tables) costs far
+// more than a lookup, so each thread keeps its connections.
+struct OpenFile {
     kova_internal::Database db;
-    const Layout *layout = nullptr;
-    const Layout *groups = nullptr;
+    dev_t dev = 0;
+    ino_t ino = 0;
+    pid_t pid = 0;
     bool numbered = false;  // written with numbers (schema 2 and later)
 };
+
+struct Cache {
+    kova_internal::Database *db = nullptr;
+    const Layout *layout = nullptr;
+    const Layout *groups = nullptr;
+    bool numbered = false;
+};
+
+constexpr size_t kMaxOpenFiles = 8;
+
+OpenFile *Reuse(const std::string &path, const struct stat &st) {
+    thread_local std::map<std::string, std::unique_ptr<OpenFile>> open;
+    auto it = open.find(path);
+    if (it != open.end()) {
+        OpenFile &f = *it->second;
+        if (f.dev == st.st_dev && f.ino == st.st_ino && f.pid == getpid()) return &f;
+        // In a forked child the parent's handle is parked, never closed or
+        // used here (its SQLite state is the parent's).
+        if (f.pid != getpid()) {
+            static std::vector<OpenFile *> parked;
+            parked.push_back(it->second.release());
+        }
+        open.erase(it);
+    }
+    if (open.size() >= kMaxOpenFiles) open.clear();
+    auto f = std::make_unique<OpenFile>();
+    if (!f->db.Open(path, false, true)) return nullptr;
+    f->dev = st.st_dev;
+    f->ino = st.st_ino;
+    f->pid = getpid();
+    kova_internal::Statement meta(f->db, "SELECT value FROM meta WHERE key = 'schema'");
+    f->numbered = meta.ok() && meta.Step() == SQLITE_ROW && meta.Int(0) >= 2;
+    OpenFile *raw = f.get();
+    open.emplace(path, std::move(f));
+    return raw;
+}
 
 // 1 opened, 0 no cache, -1 error.
 int OpenCache(int selector, const std::string &domain, bool group, Cache &c) {
@@ -44,11 +89,12 @@ int OpenCache(int selector, const std::string &domain, bool group, Cache &c) {
         struct stat st;
         if (!CachePath(selector, type, selector == KOVA_ACCOUNTDB_LDAP ? "" : domain, path)) return -1;
         if (stat(path.c_str(), &st) != 0) continue;
-        if (!c.db.Open(path, false, true)) return -1;
+        OpenFile *f = Reuse(path, st);
+        if (!f) return -1;
+        c.db = &f->db;
         c.layout = LayoutFor(selector, type, group ? 1 : 0);
         c.groups = LayoutFor(selector, type, 1);
-        kova_internal::Statement meta(c.db, "SELECT value FROM meta WHERE key = 'schema'");
-        c.numbered = meta.ok() && meta.Step() == SQLITE_ROW && meta.Int(0) >= 2;
+        c.numbered = f->numbered;
         return 1;
     }
     return 0;
@@ -106,13 +152,13 @@ int KovaAccountCacheLookup::ByName(int selector, const std::string &domain, bool
         int opened = OpenCache(selector, domain, group, c);
         if (opened <= 0) return opened;
         const Layout &l = *c.layout;
-        kova_internal::Statement exact(c.db, (Select(l) + "\"" + l.NameOf(Column::kName) + "\" = ?1").c_str());
+        kova_internal::Statement exact(*c.db, (Select(l) + "\"" + l.NameOf(Column::kName) + "\" = ?1").c_str());
         exact.Bind(1, name);
         int rc = One(exact, out);
         if (rc != 0) return rc;
         std::string upper;
         if (!Upper(name, upper)) return 0;
-        kova_internal::Statement folded(c.db, (Select(l) + "\"" + l.NameOf(Column::kNameUpper) + "\" = ?1").c_str());
+        kova_internal::Statement folded(*c.db, (Select(l) + "\"" + l.NameOf(Column::kNameUpper) + "\" = ?1").c_str());
         folded.Bind(1, upper);
         return One(folded, out);
     });
@@ -127,7 +173,7 @@ int KovaAccountCacheLookup::ById(int selector, const std::string &domain, bool g
         if (opened <= 0) return opened;
         if (!c.numbered) return 0;
         const Layout &l = *c.layout;
-        kova_internal::Statement st(c.db, (Select(l) + "\"" + l.NameOf(Column::kId) + "\" = ?1").c_str());
+        kova_internal::Statement st(*c.db, (Select(l) + "\"" + l.NameOf(Column::kId) + "\" = ?1").c_str());
         st.Bind(1, id);
         return One(st, out);
     });
@@ -146,7 +192,7 @@ int KovaAccountCacheLookup::GroupIdsOf(int selector, const std::string &domain, 
         std::string sql = "SELECT DISTINCT " + idCol + " FROM groups WHERE " + idCol + " IS NOT NULL AND \"" +
                           g.NameOf(Column::kName) + "\" IN (SELECT grp FROM members WHERE member = ?1" +
                           (user.dn.empty() ? "" : " OR member = ?2") + ") ORDER BY " + idCol;
-        kova_internal::Statement st(c.db, sql.c_str());
+        kova_internal::Statement st(*c.db, sql.c_str());
         if (!st.ok()) return -1;
         st.Bind(1, user.name);
         if (!user.dn.empty()) st.Bind(2, user.dn);

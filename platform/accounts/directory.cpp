@@ -39,23 +39,27 @@ int LocalHolds(bool group, unsigned id) {
     return found ? 1 : 0;
 }
 
-// The LDAP suffix when bound, else "" (no error).
-bool LdapSuffix(std::string &suffix) {
-    KovaLdapConfig cfg;
-    if (KovaDirsvc::LdapGet(cfg) != 0) return false;
-    suffix = cfg.bound ? cfg.suffix : "";
-    return true;
-}
+// The LDAP suffix when bound, else "".
+std::string LdapSuffix(const KovaDirSnapshot &st) { return st.ldap.bound ? st.ldap.suffix : ""; }
 
 // The recorded spelling of a joined domain, "" when not joined.
-bool JoinedDomain(const std::string &name, std::string &recorded) {
-    KovaDomainState st;
-    if (KovaDirsvc::DomainGet(st) != 0) return false;
-    recorded.clear();
-    if (!st.joined) return true;
-    for (const auto &d : st.domains)
-        if (SameText(d, name)) recorded = d;
-    return true;
+std::string JoinedDomain(const KovaDirSnapshot &st, const std::string &name) {
+    if (!st.domain.joined) return "";
+    for (const auto &d : st.domain.domains)
+        if (SameText(d, name)) return d;
+    return "";
+}
+
+const KovaIdRange *RangeOfDomain(const KovaDirSnapshot &st, const std::string &domain) {
+    for (const auto &r : st.ranges)
+        if (SameText(r.domain, domain)) return &r;
+    return nullptr;
+}
+
+const KovaIdRange *RangeOfId(const KovaDirSnapshot &st, long long id) {
+    for (const auto &r : st.ranges)
+        if (id >= r.base && id < r.base + r.size) return &r;
+    return nullptr;
 }
 
 // Turns a cache row into an account with ids; 1 usable, 0 not, -1 error.
@@ -95,21 +99,20 @@ int Complete(bool group, int source, const std::string &qualifier, const KovaIdR
 }
 
 int FindByName(bool group, const std::string &name, DirAccount &out) {
+    KovaDirSnapshot st;
+    if (KovaDirsvc::Snapshot(st) != 0) return -1;
     size_t bs = name.find('\\');
     if (bs != std::string::npos) {
-        std::string domain;
-        if (!JoinedDomain(name.substr(0, bs), domain)) return -1;
+        std::string domain = JoinedDomain(st, name.substr(0, bs));
         if (domain.empty()) return 0;
-        KovaIdRange range;
-        int r = KovaDirsvc::RangeOfDomain(domain, range);
-        if (r <= 0) return r;  // a domain without a range has no ids
+        const KovaIdRange *range = RangeOfDomain(st, domain);
+        if (!range) return 0;  // a domain without a range has no ids
         KovaCachedAccount c;
-        r = KovaAccountCacheLookup::ByName(KOVA_ACCOUNTDB_DOMAIN, domain, group, name.substr(bs + 1), c);
+        int r = KovaAccountCacheLookup::ByName(KOVA_ACCOUNTDB_DOMAIN, domain, group, name.substr(bs + 1), c);
         if (r <= 0) return r;
-        return Complete(group, KOVA_ACCOUNT_SRC_DOMAIN, domain, &range, c, out);
+        return Complete(group, KOVA_ACCOUNT_SRC_DOMAIN, domain, range, c, out);
     }
-    std::string suffix;
-    if (!LdapSuffix(suffix)) return -1;
+    std::string suffix = LdapSuffix(st);
     if (suffix.empty()) return 0;
     std::string plain = name;
     size_t at = name.rfind('@');
@@ -125,24 +128,21 @@ int FindByName(bool group, const std::string &name, DirAccount &out) {
 }
 
 int FindById(bool group, unsigned id, DirAccount &out) {
-    KovaIdRange range;
-    int r = KovaDirsvc::RangeOfId(id, range);
-    if (r < 0) return -1;
-    if (r > 0) {
+    KovaDirSnapshot st;
+    if (KovaDirsvc::Snapshot(st) != 0) return -1;
+    if (const KovaIdRange *range = RangeOfId(st, id)) {
         // Ranges are the domains' alone: an id inside one is never LDAP's.
-        std::string domain;
-        if (!JoinedDomain(range.domain, domain)) return -1;
+        std::string domain = JoinedDomain(st, range->domain);
         if (domain.empty()) return 0;
         KovaCachedAccount c;
-        r = KovaAccountCacheLookup::ById(KOVA_ACCOUNTDB_DOMAIN, domain, group, id - range.base, c);
+        int r = KovaAccountCacheLookup::ById(KOVA_ACCOUNTDB_DOMAIN, domain, group, id - range->base, c);
         if (r <= 0) return r;
-        return Complete(group, KOVA_ACCOUNT_SRC_DOMAIN, domain, &range, c, out);
+        return Complete(group, KOVA_ACCOUNT_SRC_DOMAIN, domain, range, c, out);
     }
-    std::string suffix;
-    if (!LdapSuffix(suffix)) return -1;
+    std::string suffix = LdapSuffix(st);
     if (suffix.empty()) return 0;
     KovaCachedAccount c;
-    r = KovaAccountCacheLookup::ById(KOVA_ACCOUNTDB_LDAP, "", group, id, c);
+    int r = KovaAccountCacheLookup::ById(KOVA_ACCOUNTDB_LDAP, "", group, id, c);
     if (r <= 0) return r;
     return Complete(group, KOVA_ACCOUNT_SRC_LDAP, suffix, nullptr, c, out);
 }
@@ -164,7 +164,10 @@ bool DirectoryUserGids(const DirAccount &user, std::vector<unsigned> &gids) {
     std::vector<long long> ids;
     bool domain = user.source == KOVA_ACCOUNT_SRC_DOMAIN;
     KovaIdRange range;
-    if (domain && KovaDirsvc::RangeOfDomain(user.domain, range) <= 0) return KOVA_FAIL(KOVA_ERR_NOUSER), false;
+    if (domain && KovaDirsvc::RangeOfDomain(user.domain, range) <= 0) {
+        KOVA_FAIL(KOVA_ERR_NOUSER);
+        return false;
+    }
     if (KovaAccountCacheLookup::GroupIdsOf(domain ? KOVA_ACCOUNTDB_DOMAIN : KOVA_ACCOUNTDB_LDAP, user.domain, c, ids) < 0)
         return false;
     std::vector<unsigned> more;

@@ -17,11 +17,7 @@ bool ReadDomain(KovaDomainState &out) {
     StateSession s;
     std::map<std::string, std::string> kv;
     if (!s.Open() || !s.ReadAll(kv)) return false;
-    out.joined = IsYes(kv, "domain_joined");
-    out.trusted = IsYes(kv, "domain_trusted");
-    out.reachable = IsYes(kv, "domain_reachable", true);
-    out.ownDc = IsYes(kv, "domain_own_dc");
-    out.domains.clear();
+    DomainFlagsFromState(kv, out);
     return s.Domains(out.domains);
 }
 
@@ -33,6 +29,16 @@ bool ServiceAvailable(const KovaDomainState &st) {
 }
 
 } // namespace
+
+namespace kova_dirsvc {
+void DomainFlagsFromState(const std::map<std::string, std::string> &kv, KovaDomainState &out) {
+    out.joined = IsYes(kv, "domain_joined");
+    out.trusted = IsYes(kv, "domain_trusted");
+    out.reachable = IsYes(kv, "domain_reachable", true);
+    out.ownDc = IsYes(kv, "domain_own_dc");
+    out.domains.clear();
+}
+} // namespace kova_dirsvc
 
 extern "C" int KOVAWinsIsJoined(void) {
     KOVA_FAULT_POINT("KOVAWinsIsJoined", int);

@@ -50,8 +50,16 @@ struct KovaIdRange {
 // that the sink set.
 using KovaDirSink = std::function<bool(const KovaDirEntry &)>;
 
+// Everything the account lookups need from the recorded state, read at once.
+struct KovaDirSnapshot {
+    KovaLdapConfig ldap;
+    KovaDomainState domain;
+    std::vector<KovaIdRange> ranges;  // by base
+};
+
 class KovaDirsvc {
 public:
+    static int Snapshot(KovaDirSnapshot &out) noexcept;
     static int LdapGet(KovaLdapConfig &out) noexcept;
     // Records a binding (bound = yes); uri, base and suffix must not be empty.
     static int LdapBind(const KovaLdapConfig &cfg) noexcept;
