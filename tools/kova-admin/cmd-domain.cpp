@@ -100,7 +100,12 @@ int DomainJoin(const std::vector<std::string> &args) {
     if (!KovaDirsvc::ValidDomainName(name)) return FailPlain("invalid domain name '" + name + "'");
     auto builder = KovaAccountCacheBuilder::Begin(KOVA_ACCOUNTDB_DOMAIN, name);
     if (!builder) return Fail("cannot start the caches of domain '" + name + "'");
-    const KovaDirSink sink = CacheSink(*builder, true);
+    long long withoutIds = 0;
+    const KovaDirSink cache = CacheSink(*builder, true);
+    const KovaDirSink sink = [&](const KovaDirEntry &e) {
+        if (e.rid < 0) ++withoutIds;
+        return cache(e);
+    };
     int rc = uri.empty() ? KovaDirsvc::LdifRead(ldif, sink)
                          : KovaDirsvc::LdapRead(uri, base, Option(args, "--binddn"), Option(args, "--password"), sink);
     if (rc != 0) return Fail("cannot read the accounts of domain '" + name + "'; nothing changed");
@@ -108,6 +113,8 @@ int DomainJoin(const std::vector<std::string> &args) {
     if (EnsureRange(name) != 0) return 1;
     if (KovaDirsvc::DomainAdd(name) != 0) return Fail("cannot record domain '" + name + "'");
     std::printf("joined %s: %lld users and %lld groups cached\n", name.c_str(), builder->users(), builder->groups());
+    if (withoutIds)
+        std::printf("%lld of them without a SID: found by the search, but not usable in rules or as owners\n", withoutIds);
     return 0;
 }
 

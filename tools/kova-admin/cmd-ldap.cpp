@@ -37,10 +37,21 @@ int LdapSync(const std::vector<std::string> &) {
     if (!cfg.bound) return FailPlain("not bound to an LDAP server (run ldap bind first)");
     auto builder = KovaAccountCacheBuilder::Begin(KOVA_ACCOUNTDB_LDAP, "");
     if (!builder) return Fail("cannot start a new LDAP cache");
-    int rc = KovaDirsvc::LdapRead(cfg.uri, cfg.base, cfg.bindDn, cfg.password, CacheSink(*builder));
+    // Entries without their numbers are cached (the search finds them) but
+    // get no ids: say how many, since they cannot be used in rules.
+    long long withoutIds = 0;
+    const KovaDirSink cache = CacheSink(*builder);
+    const KovaDirSink sink = [&](const KovaDirEntry &e) {
+        if (e.id < 0 || (!e.group && e.gid < 0)) ++withoutIds;
+        return cache(e);
+    };
+    int rc = KovaDirsvc::LdapRead(cfg.uri, cfg.base, cfg.bindDn, cfg.password, sink);
     if (rc != 0) return Fail("cannot read the directory at " + cfg.uri + "; the previous cache is kept");
     if (builder->Commit() != 0) return Fail("cannot replace the LDAP cache; the previous cache is kept");
     std::printf("synced %lld users and %lld groups\n", builder->users(), builder->groups());
+    if (withoutIds)
+        std::printf("%lld of them without uidNumber/gidNumber: found by the search, but not usable in rules or as owners\n",
+                    withoutIds);
     return 0;
 }
 
