@@ -90,7 +90,12 @@ int UserSet(const std::vector<std::string> &args) {
         return FailPlain("usage: user set NAME [--name NEW] [--gid N] [--desc D] [--email E] [--password P] [--disabled yes|no] "
                     "[--internal|--no-internal]");
     PKOVA_USER user = nullptr;
-    if (KOVAUserGet(pos[0].c_str(), &user) != 0) return Fail("no user '" + pos[0] + "'");
+    if (KOVAUserGet(pos[0].c_str(), &user) != 0) return Fail("cannot change user '" + pos[0] + "'");
+    if (std::string(user->szName).find_first_of("@\\") != std::string::npos) {
+        std::string name = user->szName;
+        KOVAUserFree(user);
+        return FailPlain("'" + name + "' is a directory account: change it in its directory");
+    }
     // Build the changed record on the side; the stored one is replaced in one call.
     std::string name = Option(args, "--name", user->szName);
     std::string desc, email, gidText, disabled, pw;

@@ -145,6 +145,8 @@ TEST_F(LdapAccounts, NamesResolveToDirectoryIdsAndBack) {
         << shown;
     ASSERT_EQ(RunAdmin("group show group00@example.com", &shown), 0) << shown;
     EXPECT_EQ(shown, "name: group00@example.com\nsource: ldap\ngid: 5006\ndescription: Team 00\n");
+    EXPECT_EQ(RunAdmin("user set user0001 --desc x", &shown), 1);
+    EXPECT_EQ(shown, "kova-admin: 'user0001@example.com' is a directory account: change it in its directory\n");
 
     // Unbound, the directory answers nothing.
     std::string out;
