@@ -63,8 +63,8 @@ const KovaIdRange *RangeOfId(const KovaDirSnapshot &st, long long id) {
 }
 
 // Turns a cache row into an account with ids; 1 usable, 0 not, -1 error.
-int Complete(bool group, int source, const std::string &qualifier, const KovaIdRange *range, const KovaCachedAccount &c,
-             DirAccount &out) {
+int Complete(const KovaDirSnapshot &st, bool group, int source, const std::string &qualifier, const KovaIdRange *range,
+             const KovaCachedAccount &c, DirAccount &out) {
     long long id = c.id, gid = c.gid;
     if (range) {
         if (id < 0 || id >= range->size) return 0;
@@ -75,6 +75,9 @@ int Complete(bool group, int source, const std::string &qualifier, const KovaIdR
         }
     }
     if (group ? !UsableGid(id) : (!UsableUid(id) || !UsableGid(gid))) return 0;
+    // Ids inside a domain's range are that domain's: an LDAP number there
+    // would resolve back to the domain account.
+    if (!range && (RangeOfId(st, id) || (!group && RangeOfId(st, gid)))) return 0;
     // A local account with the same id wins; the directory one then has none.
     int held = LocalHolds(group, static_cast<unsigned>(id));
     if (held != 0) return held < 0 ? -1 : 0;
@@ -110,7 +113,7 @@ int FindByName(bool group, const std::string &name, DirAccount &out) {
         KovaCachedAccount c;
         int r = KovaAccountCacheLookup::ByName(KOVA_ACCOUNTDB_DOMAIN, domain, group, name.substr(bs + 1), c);
         if (r <= 0) return r;
-        return Complete(group, KOVA_ACCOUNT_SRC_DOMAIN, domain, range, c, out);
+        return Complete(st, group, KOVA_ACCOUNT_SRC_DOMAIN, domain, range, c, out);
     }
     std::string suffix = LdapSuffix(st);
     if (suffix.empty()) return 0;
@@ -124,7 +127,7 @@ int FindByName(bool group, const std::string &name, DirAccount &out) {
     KovaCachedAccount c;
     int r = KovaAccountCacheLookup::ByName(KOVA_ACCOUNTDB_LDAP, "", group, plain, c);
     if (r <= 0) return r;
-    return Complete(group, KOVA_ACCOUNT_SRC_LDAP, suffix, nullptr, c, out);
+    return Complete(st, group, KOVA_ACCOUNT_SRC_LDAP, suffix, nullptr, c, out);
 }
 
 int FindById(bool group, unsigned id, DirAccount &out) {
@@ -137,14 +140,14 @@ int FindById(bool group, unsigned id, DirAccount &out) {
         KovaCachedAccount c;
         int r = KovaAccountCacheLookup::ById(KOVA_ACCOUNTDB_DOMAIN, domain, group, id - range->base, c);
         if (r <= 0) return r;
-        return Complete(group, KOVA_ACCOUNT_SRC_DOMAIN, domain, range, c, out);
+        return Complete(st, group, KOVA_ACCOUNT_SRC_DOMAIN, domain, range, c, out);
     }
     std::string suffix = LdapSuffix(st);
     if (suffix.empty()) return 0;
     KovaCachedAccount c;
     int r = KovaAccountCacheLookup::ById(KOVA_ACCOUNTDB_LDAP, "", group, id, c);
     if (r <= 0) return r;
-    return Complete(group, KOVA_ACCOUNT_SRC_LDAP, suffix, nullptr, c, out);
+    return Complete(st, group, KOVA_ACCOUNT_SRC_LDAP, suffix, nullptr, c, out);
 }
 
 } // namespace

@@ -166,6 +166,11 @@ TEST_F(LdapAccounts, LocalAccountWinsANameOrIdClash) {
     EXPECT_EQ(GroupName(kGroup1Gid), "localteam");
     EXPECT_LT(Gid("group01@example.com"), 0);
     EXPECT_EQ(GroupsOf("user0001@example.com"), (Names{"100", "5006"}));
+    // So does a domain's id range: ids there are the domain's alone.
+    std::string out;
+    ASSERT_EQ(RunAdmin("domain range CORP --base 10004 --size 10", &out), 0) << out;
+    EXPECT_LT(Uid("user0004@example.com"), 0);
+    EXPECT_EQ(Uid("user0002@example.com"), 10003);
 }
 
 TEST_F(LdapAccounts, PasswordsAreCheckedByABindToTheDirectory) {
