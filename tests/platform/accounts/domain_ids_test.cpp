@@ -7,6 +7,7 @@
 #include "run-admin.h"
 #include "temp-root.h"
 
+#include "kova-dirsvc-admin.h"
 #include "kova/account.h"
 #include "kova/dirsvc.h"
 #include "kova/errcode.h"
@@ -171,6 +172,15 @@ TEST_F(DomainIds, RangesMayNotOverlapEachOtherOrLocalIds) {
     // Moving a domain's own range over itself is fine; the ids follow it.
     ASSERT_EQ(Admin("domain range CORP --base 550000 --size 100000"), 0) << out_;
     EXPECT_EQ(Uid("CORP\\alice"), 551105);
+    // Lookups keep what they read of the directory state only while the file
+    // is unchanged: changes made back to back, faster than file times tick,
+    // are seen at once.
+    for (long long base : {560000, 570000, 560000, 580000}) {
+        ASSERT_EQ(KovaDirsvc::RangeSet({"CORP", base, 100000}), 0);
+        EXPECT_EQ(Uid("CORP\\alice"), base + 1105);
+        EXPECT_EQ(UserName(static_cast<unsigned>(base + 1105)), "CORP\\alice");
+    }
+    ASSERT_EQ(KovaDirsvc::RangeSet({"CORP", 550000, 100000}), 0);
     // A joined domain whose automatic range would hold a local id skips it.
     ASSERT_EQ(KOVAUserAdd("dave", 1000007, "pw", nullptr, nullptr, 0), 0);
     ASSERT_EQ(Admin("domain join LAB --from-ldif " + root_.At("lab.ldif")), 0) << out_;
