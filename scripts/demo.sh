@@ -99,9 +99,12 @@ for u in alice bob carol; do "${KA[@]}" group member add staff "$u" >/dev/null; 
 "${KA[@]}" group member add finance alice >/dev/null
 for u in bob carol; do "${KA[@]}" group member add engineering "$u" >/dev/null; done
 
-"${KA[@]}" share add projects --comment "Team projects" --default-priv none >/dev/null
-"${KA[@]}" share add archive --read-only --comment "Read-only archive" --default-priv none >/dev/null
-"${KA[@]}" share add usbcopy --no-acl --comment "Copy of a USB drive (no ACL support)" --default-priv none >/dev/null
+# New share folders are root's with mode 0755; the demo opens its folders'
+# mode bits (--mode 0777) so that every signed-in user reaches the files and
+# the share privileges and ACLs alone decide.
+"${KA[@]}" share add projects --comment "Team projects" --default-priv none --mode 0777 >/dev/null
+"${KA[@]}" share add archive --read-only --comment "Read-only archive" --default-priv none --mode 0777 >/dev/null
+"${KA[@]}" share add usbcopy --no-acl --comment "Copy of a USB drive (no ACL support)" --default-priv none --mode 0777 >/dev/null
 "${KA[@]}" share priv projects --group staff rw >/dev/null
 "${KA[@]}" share priv projects --user dave ro >/dev/null
 "${KA[@]}" share priv archive --group staff ro >/dev/null
@@ -148,6 +151,7 @@ free_port() {
   return 1
 }
 
+LDAP_PASSWD=Ldap-2024
 if ((LDAP)); then
   say "Starting a private LDAP server and filling the LDAP cache"
   LD=$ROOT/ldap
@@ -176,11 +180,18 @@ EOF
       printf 'dn: uid=ldapuser%s,ou=people,dc=example,dc=com\nobjectClass: inetOrgPerson\nobjectClass: posixAccount\n' "$i"
       printf 'uid: ldapuser%s\ncn: Directory User %s\nsn: User%s\ndisplayName: Directory User %s\n' "$i" "$i" "$i" "$i"
       printf 'mail: ldapuser%s@example.com\ndescription: Remote office %s\n' "$i" "$i"
-      printf 'uidNumber: %d\ngidNumber: 100\nhomeDirectory: /home/ldapuser%s\n\n' $((20000 + 10#$i)) "$i"
+      printf 'uidNumber: %d\ngidNumber: 100\nhomeDirectory: /home/ldapuser%s\n' $((20000 + 10#$i)) "$i"
+      printf 'userPassword: %s\n\n' "$LDAP_PASSWD"
     done
+    # Fixed gidNumbers; members by memberUid.
+    declare -A LDAP_MEMBERS=([sales-eu]="ldapuser01 ldapuser02" [sales-us]="ldapuser03" [auditors]="ldapuser01"
+                             [contractors]="ldapuser04" [helpdesk]="")
+    gnum=30001
     for g in sales-eu sales-us auditors contractors helpdesk; do
       printf 'dn: cn=%s,ou=groups,dc=example,dc=com\nobjectClass: posixGroup\ncn: %s\n' "$g" "$g"
-      printf 'gidNumber: %d\ndescription: Directory group %s\n\n' $((30000 + ${#g} * 7 + RANDOM % 100)) "$g"
+      printf 'gidNumber: %d\ndescription: Directory group %s\n' $((gnum++)) "$g"
+      for m in ${LDAP_MEMBERS[$g]}; do printf 'memberUid: %s\n' "$m"; done
+      printf '\n'
     done
   } >"$LD/data.ldif"
   /usr/sbin/slapadd -q -f "$LD/slapd.conf" -l "$LD/data.ldif" >"$LD/slapadd.log" 2>&1
@@ -191,6 +202,22 @@ EOF
     --binddn cn=admin,dc=example,dc=com --password secret --suffix example.com >/dev/null
   "${KA[@]}" ldap sync
 fi
+
+# A cache-only Windows domain: its accounts come from an LDIF export (no
+# domain controller), get ids base + RID in the range the join assigns, and
+# can appear in rules and own files; they cannot sign in.
+say "Joining the cache-only domain CORP"
+{
+  for u in jdoe:1105 msmith:1106 kwong:1107; do
+    printf 'dn: CN=%s,CN=Users,DC=corp,DC=example\nobjectClass: inetOrgPerson\nuid: %s\ncn: %s\nsn: %s\n' "${u%%:*}" "${u%%:*}" "${u%%:*}" "${u%%:*}"
+    printf 'mail: %s@corp.example\nobjectSid: S-1-5-21-3623811015-3361044348-30300820-%s\nprimaryGroupID: 513\n\n' "${u%%:*}" "${u##*:}"
+  done
+  printf 'dn: CN=Domain Users,CN=Users,DC=corp,DC=example\nobjectClass: groupOfNames\ncn: Domain Users\n'
+  printf 'objectSid: S-1-5-21-3623811015-3361044348-30300820-513\nmember: CN=jdoe,CN=Users,DC=corp,DC=example\n\n'
+  printf 'dn: CN=Accounting,CN=Users,DC=corp,DC=example\nobjectClass: groupOfNames\ncn: Accounting\ndescription: CORP accounting\n'
+  printf 'objectSid: S-1-5-21-3623811015-3361044348-30300820-1200\nmember: CN=msmith,CN=Users,DC=corp,DC=example\n\n'
+} >"$ROOT/run/corp.ldif"
+"${KA[@]}" domain join CORP --from-ldif "$ROOT/run/corp.ldif"
 
 # ---- the server --------------------------------------------------------------
 say "Starting kova-webd"
@@ -238,6 +265,16 @@ rm -f "$JAR"
   group:finance:allow:rwxpdDaARWcCo:fd-- \
   user:bob:deny:rwxpdDaARWcCo:fd-- >/dev/null
 "${KA[@]}" acl set "$PROJECTS/engineering" group:engineering:allow:rwxpdDaARWc--:fd-- >/dev/null
+# Directory accounts in rules and as owners, named as the search shows them.
+"${KA[@]}" acl set "$PROJECTS/sales" \
+  group:staff:allow:r-x---a-R-c--:fd-- 'group:CORP\Accounting:allow:r-x---a-R-c--:fd--' >/dev/null
+"${KA[@]}" acl owner "$PROJECTS/sales" 'user:CORP\jdoe' >/dev/null
+if ((LDAP)); then
+  "${KA[@]}" acl set "$PROJECTS/marketing" \
+    group:staff:allow:r-x---a-R-c--:fd-- group:sales-eu@example.com:allow:rwxpdDaARWc--:fd-- \
+    user:ldapuser03@example.com:allow:r-x---a-R-c--:fd-- >/dev/null
+  "${KA[@]}" acl owner "$PROJECTS/marketing" user:ldapuser01@example.com >/dev/null
+fi
 
 cat <<EOF
 
@@ -253,7 +290,19 @@ cat <<EOF
 
   Shares: projects (ACLs), archive (read-only), usbcopy (no ACL support).
 EOF
-if ((LDAP)); then echo "  LDAP: ldapuser01..ldapuser40 and 5 groups in the cache (search them in the rule dialog)."; fi
+if ((LDAP)); then
+  cat <<BANNER
+  LDAP (suffix example.com): ldapuser01..ldapuser40 and 5 groups, usable in rules and as owners
+    (projects/marketing: owner ldapuser01@example.com, sales-eu@example.com may write).
+    Sign in as ldapuser01@example.com / $LDAP_PASSWD (any ldapuserNN); sales-eu holds ldapuser01 and 02.
+BANNER
+fi
+CORP_IDS=$("${KA[@]}" domain ranges | awk '$1 == "CORP" {print $2 ".." $3}')
+cat <<BANNER
+  Domain CORP (cache only, ids $CORP_IDS): CORP\jdoe, CORP\msmith, CORP\kwong,
+    CORP\Accounting and CORP\Domain Users are usable in rules and as owners
+    (projects/sales: owner CORP\jdoe, CORP\Accounting may read); they cannot sign in (no domain controller).
+BANNER
 if ((BACKGROUND)); then
   echo "  Stop it with: bash scripts/demo.sh --stop --root $ROOT"
   exit 0

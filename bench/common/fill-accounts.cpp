@@ -52,6 +52,8 @@ bool AddLdapUsers(KovaAccountCacheBuilder &builder, int users, Words &words) {
         e.fullname = words.Word(2) + " " + words.Word(3);
         e.mail = std::string(n) + "@example.com";
         e.desc = "Department " + words.Word(2);
+        e.id = kLdapFirstUid + i;  // uidNumber, clear of the local uids
+        e.gid = 100;
         if (builder.Add(e) != 0) return false;
     }
     return true;

@@ -29,6 +29,8 @@ bool FillLocalUsers(int users);
 
 // Adds `users` LDAP users "user0000000".. with a full name, mail and
 // description to a cache being built.
+// LDAP user i is "user%07d" with uidNumber kLdapFirstUid + i, gidNumber 100.
+constexpr int kLdapFirstUid = 5000000;
 bool AddLdapUsers(KovaAccountCacheBuilder &builder, int users, Words &words);
 
 } // namespace kova_bench

@@ -52,11 +52,13 @@ struct FileBuild {
     std::string finalPath, tmpPath;
     kova_internal::Database db;
     std::unique_ptr<kova_internal::Statement> insert[2];  // users, groups
+    std::unique_ptr<kova_internal::Statement> member;
     bool renamed = false;
 
     ~FileBuild() {
         insert[0].reset();
         insert[1].reset();
+        member.reset();
         db = kova_internal::Database();
         if (!renamed && !tmpPath.empty()) {
             std::remove(tmpPath.c_str());
@@ -82,7 +84,8 @@ struct FileBuild {
             insert[kind] = std::make_unique<kova_internal::Statement>(db, (sql + ")").c_str());
             if (!insert[kind]->ok()) return false;
         }
-        return true;
+        member = std::make_unique<kova_internal::Statement>(db, "INSERT INTO members(grp, member) VALUES (?1, ?2)");
+        return member->ok();
     }
 
     bool Add(const KovaCacheEntry &e, const std::string &upper) {
@@ -92,6 +95,15 @@ struct FileBuild {
         st.Reset();
         for (size_t i = 0; i < l.columns.size(); ++i) {
             int idx = static_cast<int>(i) + 1;
+            if (l.columns[i].source == Column::kId || l.columns[i].source == Column::kGid) {
+                long long n = l.columns[i].source == Column::kId ? e.id : e.gid;
+                // An entry without a usable number keeps NULL: it has no id.
+                if (n < 0 || n > 0x7FFFFFFF)
+                    st.BindNull(idx);
+                else
+                    st.Bind(idx, n);
+                continue;
+            }
             const std::string *v = nullptr;
             switch (l.columns[i].source) {
             case Column::kName: v = &e.name; break;
@@ -100,6 +112,7 @@ struct FileBuild {
             case Column::kMail: v = &e.mail; break;
             case Column::kFullname: v = &e.fullname; break;
             case Column::kDn: v = &e.dn; break;
+            default: break;
             }
             // Missing attributes are NULL, not "", so callers can tell.
             if (v->empty())
@@ -107,13 +120,21 @@ struct FileBuild {
             else
                 st.Bind(idx, *v);
         }
-        return st.Step() == SQLITE_DONE;
+        if (st.Step() != SQLITE_DONE) return false;
+        if (!e.group) return true;
+        for (const auto &m : e.members) {
+            member->Reset();
+            member->Bind(1, e.name).Bind(2, m);
+            if (member->Step() != SQLITE_DONE) return false;
+        }
+        return true;
     }
 
     // Sorts by name, indexes, syncs; the file is then ready to rename.
     bool Finish() {
         insert[0].reset();
         insert[1].reset();
+        member.reset();
         std::string sql;
         for (int kind = 0; kind < 2; ++kind) {
             const Layout &l = *LayoutFor(selector, dbType, kind);
@@ -122,7 +143,7 @@ struct FileBuild {
                    l.columns[0].name + "\";DELETE FROM " + t + ";INSERT INTO " + t + " SELECT * FROM sorted;DROP TABLE sorted;";
         }
         sql += IndexSql(selector, dbType);
-        sql += "INSERT INTO meta(key, value) VALUES ('schema', '1');COMMIT;";
+        sql += "INSERT INTO meta(key, value) VALUES ('schema', '2');COMMIT;";
         if (!db.Exec(sql.c_str())) return false;
         db = kova_internal::Database();
         if (!SyncPath(tmpPath, false)) {

@@ -6,6 +6,7 @@
 #include "password.h"
 
 #include "kova-internal/call-guard.h"
+#include "kova-dirsvc-admin.h"
 #include "kova/account.h"
 
 #include <string>
@@ -64,6 +65,16 @@ int Fail(int code) {
     return -1;
 }
 
+// Ids inside a domain's range belong to that domain's accounts: a local
+// account there would be confused with one of them. True when taken (or
+// the ranges cannot be read), with the last error set.
+bool InDomainRange(long long id) {
+    KovaIdRange r;
+    int found = KovaDirsvc::RangeOfId(id, r);
+    if (found > 0) KOVA_FAIL(KOVA_ERR_EXIST);
+    return found != 0;
+}
+
 } // namespace
 
 extern "C" int KOVAUserAdd(const char *szName, int uid, const char *szPassword, const char *szDesc, const char *szEmail,
@@ -84,6 +95,7 @@ extern "C" int KOVAUserAdd(const char *szName, int uid, const char *szPassword, 
                             : NextId(s, "users", "uid", kFirstFreeUid, 0x7FFFFFFF);
             if (id < 0) return -1;
         }
+        if (InDomainRange(id)) return -1;
         bool nameError = false, idError = false;
         bool taken = FindUser(s, szName, &nameError) || FindUserByUid(s, static_cast<unsigned>(id), &idError);
         if (nameError || idError) return -1;  // an invalid row holds it (logged) or the database failed
@@ -173,7 +185,7 @@ extern "C" int KOVAGroupAdd(const char *szName, int gid, const char *szDesc) {
         Transaction tx(s.db());
         if (!tx.ok()) return -1;
         long long id = gid == -1 ? NextId(s, "groups", "gid", kFirstFreeGid, 0x7FFFFFFF) : gid;
-        if (id < 0) return -1;
+        if (id < 0 || InDomainRange(id)) return -1;
         bool nameError = false, idError = false;
         bool taken = FindGroup(s, szName, &nameError) || FindGroupByGid(s, static_cast<unsigned>(id), &idError);
         if (nameError || idError) return -1;

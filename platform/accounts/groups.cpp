@@ -1,5 +1,6 @@
 // Group lookups, descriptions, the administrators group and memberships.
 #include "account-db.h"
+#include "directory.h"
 #include "lookup.h"
 
 #include "kova-internal/call-guard.h"
@@ -32,7 +33,7 @@ extern "C" int KOVAGroupGet(const char *szName, PKOVA_GROUP *ppGroup) {
         if (!szName || !ppGroup) return KOVA_FAIL(KOVA_ERR_BADARG), -1;
         AccountSession s;
         if (!s.Open()) return -1;
-        auto row = RequireGroup(s, szName);
+        auto row = RequireAnyGroup(s, szName);
         if (!row) return -1;
         *ppGroup = nullptr;
         return FillGroup(*row, ppGroup, false) ? 0 : -1;
@@ -45,7 +46,7 @@ extern "C" int KOVAGroupGetByGID(unsigned int gid, PKOVA_GROUP *ppGroup) {
         if (!ppGroup) return KOVA_FAIL(KOVA_ERR_BADARG), -1;
         AccountSession s;
         if (!s.Open()) return -1;
-        auto row = RequireGroupByGid(s, gid);
+        auto row = RequireAnyGroupByGid(s, gid);
         if (!row) return -1;
         return FillGroup(*row, ppGroup, true) ? 0 : -1;
     });
@@ -57,7 +58,7 @@ extern "C" int KOVAGroupGetGID(const char *szName, int *pGid) {
         if (!szName) return KOVA_FAIL(KOVA_ERR_BADARG), -1;
         AccountSession s;
         if (!s.Open()) return -1;
-        auto row = RequireGroup(s, szName);
+        auto row = RequireAnyGroup(s, szName);
         if (!row) return -1;
         if (pGid) *pGid = static_cast<int>(row->gid);
         return 0;
@@ -71,7 +72,7 @@ extern "C" int KOVAGroupDescGet(const char *szName, char **pszDesc, char **pszRe
         if (pszReserved) *pszReserved = nullptr;
         AccountSession s;
         if (!s.Open()) return -1;
-        auto row = RequireGroup(s, szName);
+        auto row = RequireAnyGroup(s, szName);
         if (!row) return -1;
         // A group without a description yields "", so callers always own a string.
         char *copy = strdup(row->desc ? row->desc->c_str() : "");
@@ -90,7 +91,7 @@ extern "C" int KOVAGroupIsAdminGroup(const char *szName) {
         if (!szName) return KOVA_FAIL(KOVA_ERR_BADARG), -1;
         AccountSession s;
         if (!s.Open()) return -1;
-        auto row = RequireGroup(s, szName);
+        auto row = RequireAnyGroup(s, szName);
         if (!row) return -1;
         return row->gid == KOVA_ADMIN_GID ? 1 : 0;
     });
@@ -101,7 +102,7 @@ extern "C" int KOVAGroupIsAdminGroupByGid(unsigned int gid) {
     return Guarded(-1, [&]() -> int {
         AccountSession s;
         if (!s.Open()) return -1;
-        auto row = RequireGroupByGid(s, gid);
+        auto row = RequireAnyGroupByGid(s, gid);
         if (!row) return -1;
         return row->gid == KOVA_ADMIN_GID ? 1 : 0;
     });
@@ -113,9 +114,11 @@ extern "C" int KLIBGroupIsAdminGroupMem(const char *szUser, int flags) {
         if (!szUser) return KOVA_FAIL(KOVA_ERR_BADARG), -1;
         AccountSession s;
         if (!s.Open()) return -1;
-        auto row = RequireUser(s, szUser);
+        DirAccount dir;
+        auto row = RequireAnyUser(s, szUser, &dir);
         if (!row) return -1;
-        return IsAdminMember(s, *row);
+        // Administrators are local: a directory account never is one.
+        return dir.source ? 0 : IsAdminMember(s, *row);
     });
 }
 
@@ -124,9 +127,10 @@ extern "C" int KLIBGroupIsAdminGroupMemByUid(unsigned int uid, int flags) {
     return Guarded(-1, [&]() -> int {
         AccountSession s;
         if (!s.Open()) return -1;
-        auto row = RequireUserByUid(s, uid);
+        DirAccount dir;
+        auto row = RequireAnyUserByUid(s, uid, &dir);
         if (!row) return -1;
-        return IsAdminMember(s, *row);
+        return dir.source ? 0 : IsAdminMember(s, *row);
     });
 }
 
@@ -138,9 +142,10 @@ extern "C" PKLIBC_SZLIST KLIBGroupInfoListGet(const char *szUser, int flags) {
         {
             AccountSession s;
             if (!s.Open()) return nullptr;
-            auto row = RequireUser(s, szUser);
+            DirAccount dir;
+            auto row = RequireAnyUser(s, szUser, &dir);
             if (!row) return nullptr;
-            if (!UserGids(s, *row, gids)) return nullptr;
+            if (!AnyUserGids(s, *row, dir, gids)) return nullptr;
         }
         PKLIBC_SZLIST list = KLIBCSzListAlloc(static_cast<int>(gids.size() * 8 + 16));
         if (!list) return nullptr;

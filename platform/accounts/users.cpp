@@ -1,5 +1,6 @@
 // User lookups, the internal-account test and password checks.
 #include "account-db.h"
+#include "directory.h"
 #include "lookup.h"
 #include "sign-in.h"
 
@@ -15,7 +16,7 @@ extern "C" int KOVAUserGet(const char *szName, PKOVA_USER *ppUser) {
         if (!szName || !ppUser) return KOVA_FAIL(KOVA_ERR_BADARG), -1;
         AccountSession s;
         if (!s.Open()) return -1;
-        auto row = RequireUser(s, szName);
+        auto row = RequireAnyUser(s, szName);
         if (!row) return -1;
         *ppUser = nullptr;
         return FillUser(*row, ppUser, false) ? 0 : -1;
@@ -28,7 +29,7 @@ extern "C" int KOVAUserGetByUID(unsigned int uid, PKOVA_USER *ppUser) {
         if (!ppUser) return KOVA_FAIL(KOVA_ERR_BADARG), -1;
         AccountSession s;
         if (!s.Open()) return -1;
-        auto row = RequireUserByUid(s, uid);
+        auto row = RequireAnyUserByUid(s, uid);
         if (!row) return -1;
         return FillUser(*row, ppUser, true) ? 0 : -1;
     });
@@ -55,7 +56,7 @@ extern "C" int KOVAUserGetUGID(const char *szName, int *pUid, int *pGid) {
         if (!szName) return KOVA_FAIL(KOVA_ERR_BADARG), -1;
         AccountSession s;
         if (!s.Open()) return -1;
-        auto row = RequireUser(s, szName);
+        auto row = RequireAnyUser(s, szName);
         if (!row) return -1;
         if (pUid) *pUid = static_cast<int>(row->uid);
         if (pGid) *pGid = static_cast<int>(row->gid);

@@ -17,11 +17,7 @@ bool ReadDomain(KovaDomainState &out) {
     StateSession s;
     std::map<std::string, std::string> kv;
     if (!s.Open() || !s.ReadAll(kv)) return false;
-    out.joined = IsYes(kv, "domain_joined");
-    out.trusted = IsYes(kv, "domain_trusted");
-    out.reachable = IsYes(kv, "domain_reachable", true);
-    out.ownDc = IsYes(kv, "domain_own_dc");
-    out.domains.clear();
+    DomainFlagsFromState(kv, out);
     return s.Domains(out.domains);
 }
 
@@ -33,6 +29,16 @@ bool ServiceAvailable(const KovaDomainState &st) {
 }
 
 } // namespace
+
+namespace kova_dirsvc {
+void DomainFlagsFromState(const std::map<std::string, std::string> &kv, KovaDomainState &out) {
+    out.joined = IsYes(kv, "domain_joined");
+    out.trusted = IsYes(kv, "domain_trusted");
+    out.reachable = IsYes(kv, "domain_reachable", true);
+    out.ownDc = IsYes(kv, "domain_own_dc");
+    out.domains.clear();
+}
+} // namespace kova_dirsvc
 
 extern "C" int KOVAWinsIsJoined(void) {
     KOVA_FAULT_POINT("KOVAWinsIsJoined", int);
@@ -67,8 +73,9 @@ extern "C" int KOVAWinsEnumAllDomains(PKLIBC_SZLIST *ppList) {
         }
         KovaDomainState st;
         if (!ReadDomain(st) || !ServiceAvailable(st)) return -1;
-        // Without trusted domains only the joined one is known.
-        size_t n = st.trusted ? st.domains.size() : std::min<size_t>(1, st.domains.size());
+        // Every domain that was joined, whether trusted domains are on or
+        // not: each has its own cache, and all of them are searched.
+        size_t n = st.domains.size();
         for (size_t i = 0; i < n; ++i)
             if (KLIBCSzListPush(ppList, st.domains[i].c_str()) < 0) return -1;
         return static_cast<int>(n);

@@ -16,8 +16,16 @@ using Attrs = std::map<std::string, std::vector<std::string>>;
 
 // Users: objectClass posixAccount or inetOrgPerson, named by uid; full name
 // from displayName, else cn. Groups: posixGroup or groupOfNames, named by
-// cn. False for anything else (or an account without its naming attribute).
+// cn. Numbers: uidNumber / gidNumber, the RID of objectSid (else
+// sambaSID) and primaryGroupID; group members from memberUid and member.
+// False for anything else (or an account without its naming attribute).
 bool MapEntry(const std::string &dn, const Attrs &attrs, KovaDirEntry &out);
+
+// A decimal id in 0..2^31-1, else -1.
+long long ParseId(const std::string &text);
+// The RID (last sub-authority) of a SID in text ("S-1-5-21-...-1105") or
+// binary form, else -1.
+long long RidOfSid(const std::string &sid);
 
 // The attributes the readers ask for.
 extern const char *const kWantedAttrs[];

@@ -15,15 +15,21 @@ bool ReadLdap(KovaLdapConfig &out) {
     StateSession s;
     std::map<std::string, std::string> kv;
     if (!s.Open() || !s.ReadAll(kv)) return false;
+    LdapFromState(kv, out);
+    return true;
+}
+} // namespace
+
+namespace kova_dirsvc {
+void LdapFromState(std::map<std::string, std::string> &kv, KovaLdapConfig &out) {
     out.bound = IsYes(kv, "ldap_bound");
     out.uri = kv["ldap_uri"];
     out.base = kv["ldap_base"];
     out.bindDn = kv["ldap_binddn"];
     out.password = kv["ldap_password"];
     out.suffix = kv["ldap_suffix"];
-    return true;
 }
-} // namespace
+} // namespace kova_dirsvc
 
 extern "C" int KOVALDAPIsBinded(void) {
     KOVA_FAULT_POINT("KOVALDAPIsBinded", int);

@@ -5,6 +5,7 @@
 #ifndef KOVA_DIRSVC_STATE_DB_H
 #define KOVA_DIRSVC_STATE_DB_H
 
+#include "kova-dirsvc-admin.h"
 #include "kova-internal/identity.h"
 #include "kova-internal/sqlite-db.h"
 
@@ -31,6 +32,10 @@ private:
     kova_internal::RootScope root_;
     kova_internal::Database db_;
 };
+
+// The recorded settings as the administration structures.
+void LdapFromState(std::map<std::string, std::string> &kv, KovaLdapConfig &out);
+void DomainFlagsFromState(const std::map<std::string, std::string> &kv, KovaDomainState &out);
 
 // "yes" / "no" values.
 inline bool IsYes(const std::map<std::string, std::string> &kv, const char *key, bool fallback = false) {

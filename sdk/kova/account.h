@@ -13,6 +13,12 @@
  *   failure sets the last error (KOVA_ERR_NOUSER, KOVA_ERR_NOGROUP, ...).
  * - Uids below 1024 are system accounts; 1024 is the first user, 1025 the
  *   guest. The group "administrators" marks administrators.
+ * - Directory accounts answer every lookup here as well: LDAP names as
+ *   "name@suffix" (or bare, when no local account has the name), domain
+ *   names as "DOMAIN\name"; their ids are the directory's uidNumber /
+ *   gidNumber, or a domain's range base + RID, and lookups by id give the
+ *   qualified name back. A local account wins any clash, by name and by id.
+ *   Directory accounts are never internal and never administrators.
  * - Enumerations call the callback once per delivered entry; a callback
  *   returning non-zero stops the enumeration. They return the number of all
  *   matching entries (not only the delivered page), negative on failure.
@@ -91,7 +97,11 @@ int  KOVAUserGetUGID(const char *szName, int *pUid, int *pGid);      /* 0 found,
  * whether the account exists. Both texts are C strings and end at their
  * first NUL byte: a caller holding counted text (a JSON string, a form
  * field) must refuse text that contains a NUL before calling, or the check
- * is made for a shorter name or password than the one it was given. */
+ * is made for a shorter name or password than the one it was given.
+ * A name no local account has is then checked by the directory: an LDAP
+ * user by a bind to the bound server (KOVA_ERR_DIRSVC when it cannot be
+ * reached); a domain user is refused with KOVA_ERR_DIRSVC (the platform
+ * has no domain controller, only the domain's cache). */
 int  KOVAUserPasswordCheck(const char *szName, const char *szPassword);
 
 /* ---- groups ---------------------------------------------------------- */

@@ -317,8 +317,7 @@ TEST_F(OwnersV2, DomainsAcrossBothCaches) {
 }
 
 TEST_F(OwnersV2, BindonFiltersOrSelectsTheDomain) {
-    // Trusted domains off: the domains the host knows (only the joined CORP
-    // here), filtered by the DN suffix.
+    // Trusted domains off: every joined domain, filtered by the DN suffix.
     ASSERT_TRUE(world().root->SetDomainFlag("trusted", false)) << world().root->lastError();
     CallResult filtered = List("{\"keywordFields\": {}, \"searchScope\": [{\"type\": \"domain\", \"config\": "
                                "{\"bindon\": \"ou=Sales,dc=corp,dc=example\"}}]}");
@@ -330,7 +329,9 @@ TEST_F(OwnersV2, BindonFiltersOrSelectsTheDomain) {
     CallResult plain = Search("domain", "kxd");
     ASSERT_TRUE(world().root->SetDomainFlag("trusted", true)) << world().root->lastError();
     EXPECT_TRUE(Names(middle).empty()) << middle.Dump();
-    EXPECT_EQ((std::vector<std::string>{"user:kxd-dana", "user:kxd-erik", "group:kxd-sales-corp"}), Names(plain));
+    EXPECT_EQ((std::vector<std::string>{"user:kxd-dana", "user:kxd-erik", "user:kxd-fiona", "user:kxd-gus",
+                                        "group:kxd-sales-corp", "group:kxd-it-branch"}),
+              Names(plain));
 
     // Trusted domains on: the bindon names the only domain searched.
     CallResult trusted = List("{\"keyword\": \"kxd\", \"keywordFields\": {}, \"searchScope\": [{\"type\": "

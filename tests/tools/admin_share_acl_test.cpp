@@ -87,6 +87,23 @@ TEST_F(AdminTool, ShareAddShowListAndPrivileges) {
     struct stat st;
     ASSERT_EQ(stat(root_.At("volumes/volume1/data").c_str(), &st), 0);
     EXPECT_TRUE(S_ISDIR(st.st_mode));
+    // A new share folder is root's, mode 0755, unless asked otherwise.
+    EXPECT_EQ(st.st_mode & 07777, 0755u);
+    EXPECT_EQ(st.st_uid, 0u);
+    EXPECT_EQ(st.st_gid, 0u);
+    ASSERT_GE(KOVAUserAdd("owner1", 2101, nullptr, nullptr, nullptr, 0), 0);
+    r = Run({"share", "add", "team", "--path", root_.At("elsewhere/team"), "--mode", "2770", "--owner", "owner1"});
+    ASSERT_EQ(r.status, 0) << r.out;
+    ASSERT_EQ(stat(root_.At("elsewhere/team").c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 02770u);
+    EXPECT_EQ(st.st_uid, 2101u);
+    EXPECT_EQ(st.st_gid, 100u);  // the owner's primary group
+    for (std::vector<std::string> bad : {std::vector<std::string>{"--mode", "999"}, {"--mode", "0777x"}, {"--owner", "ghost"}}) {
+        std::vector<std::string> args = {"share", "add", "bad", "--path", root_.At("elsewhere/bad")};
+        args.insert(args.end(), bad.begin(), bad.end());
+        EXPECT_NE(Run(args).status, 0) << bad[1];
+        EXPECT_NE(lstat(root_.At("elsewhere/bad").c_str(), &st), 0) << bad[1];  // refused before creating anything
+    }
     PKOVA_SHARE s = nullptr;
     ASSERT_EQ(KOVAShareGet("data", &s), 0);
     EXPECT_EQ(std::string(s->szPath), root_.At("volumes/volume1/data"));
@@ -100,7 +117,8 @@ TEST_F(AdminTool, ShareAddShowListAndPrivileges) {
     ASSERT_EQ(Run({"share", "add", "pub", "--path", root_.At("elsewhere/pub"), "--no-acl"}).status, 0);
     r = Run({"share", "list"});
     ASSERT_EQ(r.status, 0);
-    EXPECT_EQ(r.out, "data\t" + root_.At("volumes/volume1/data") + "\npub\t" + root_.At("elsewhere/pub") + "\n");
+    EXPECT_EQ(r.out, "data\t" + root_.At("volumes/volume1/data") + "\npub\t" + root_.At("elsewhere/pub") + "\nteam\t" +
+                         root_.At("elsewhere/team") + "\n");
     r = Run({"share", "show", "pub"});
     EXPECT_NE(r.out.find("acl: 0\n"), std::string::npos) << r.out;
     EXPECT_NE(Run({"share", "show", "missing"}).status, 0);
@@ -150,6 +168,20 @@ TEST_F(AdminTool, AclSetGetOwnerRemove) {
     ASSERT_EQ(KOVAACLOwnerIdGet(dir.c_str(), &owner), 0);
     EXPECT_EQ(owner.idType, KOVA_ACL_ID_USER);
 
+    // "#N" names a raw id: rules and owners for uids and gids no account holds.
+    r = Run({"acl", "set", dir, "user:#4242:allow:r------------:----", "group:#777:deny:-w-----------:----"});
+    ASSERT_EQ(r.status, 0) << r.out;
+    ASSERT_EQ(Run({"acl", "owner", dir, "group:#778"}).status, 0);
+    r = Run({"acl", "get", dir, "--own"});
+    EXPECT_NE(r.out.find("owner: group:778\n"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("user:4242:allow:r------------:----  (level 0)\ngroup:777:deny:-w-----------:----  (level 0)"),
+              std::string::npos)
+        << r.out;
+    for (const char *bad : {"user:#:allow:r:----", "user:#-1:allow:r:----", "user:#12a:allow:r:----", "user:#99999999999:allow:r:----"})
+        EXPECT_NE(Run({"acl", "set", dir, bad}).status, 0) << bad;
+    ASSERT_EQ(Run({"acl", "set", dir, "user:alice:allow:rwxpdDaARWcCo:fd--", "everyone:x:deny:-w-----------:----"}).status, 0);
+    ASSERT_EQ(Run({"acl", "owner", dir, "user:alice"}).status, 0);
+
     // Bad entries are refused and leave the ACL as it was.
     EXPECT_NE(Run({"acl", "set", dir, "user:nobody:allow:r:----"}).status, 0);
     EXPECT_NE(Run({"acl", "set", dir, "user:alice:maybe:r:----"}).status, 0);
@@ -163,6 +195,65 @@ TEST_F(AdminTool, AclSetGetOwnerRemove) {
     ASSERT_EQ(r.status, 0);
     EXPECT_NE(r.out.find("mode: mode bits\n"), std::string::npos) << r.out;
     EXPECT_NE(r.out.find("owner:Owner:allow:"), std::string::npos) << r.out;
+}
+
+TEST_F(AdminTool, InitEmptyShowCommandsTransferLogAndHelp) {
+    // A new root without default users; the built-in groups stay.
+    Result r;
+    {
+        kova_test::TempRoot fresh;  // KOVA_ROOT points at it until the end of this block
+        r = Admin(fresh.path(), {"init", "--empty"});
+        ASSERT_EQ(r.status, 0) << r.out;
+        r = Admin(fresh.path(), {"user", "list", "--internal"});
+        ASSERT_EQ(r.status, 0) << r.out;
+        EXPECT_EQ(r.out, "");
+        r = Admin(fresh.path(), {"group", "show", "administrators"});
+        EXPECT_EQ(r.out, "name: administrators\nsource: local\ngid: 101\ndescription: System default admin group\nmembers: \n");
+        // Never on a root that has accounts: "admin" may be a real one there.
+        r = Admin(fresh.path(), {"init", "--empty"});
+        EXPECT_NE(r.status, 0);
+        EXPECT_NE(r.out.find("already has accounts"), std::string::npos) << r.out;
+    }
+    EXPECT_NE(Run({"init", "--bogus"}).status, 0);
+
+    ASSERT_GE(KOVAUserAdd("alice", 2001, nullptr, "Alice A", "alice@example.com", 0), 0);
+    ASSERT_GE(KOVAGroupAdd("staff", 3001, "Staff"), 0);
+    ASSERT_EQ(KOVAGroupMemberAdd("staff", "alice"), 0);
+    ASSERT_EQ(Run({"user", "add", "svc", "--internal"}).status, 0);
+    r = Run({"user", "show", "alice"});
+    ASSERT_EQ(r.status, 0) << r.out;
+    EXPECT_EQ(r.out, "name: alice\nsource: local\nuid: 2001\ngid: 100\ninternal: no\ndisabled: no\n"
+                     "description: Alice A\nemail: alice@example.com\ngroups: users (100), staff (3001)\n");
+    r = Run({"user", "show", "svc"});
+    EXPECT_NE(r.out.find("internal: yes\n"), std::string::npos) << r.out;
+    r = Run({"group", "show", "staff"});
+    EXPECT_EQ(r.out, "name: staff\nsource: local\ngid: 3001\ndescription: Staff\nmembers: alice\n");
+    r = Run({"user", "show", "ghost"});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.out, "kova-admin: cannot show user 'ghost': no such user\n");
+    EXPECT_EQ(Run({"group", "show", "ghosts"}).out, "kova-admin: cannot show group 'ghosts': no such group\n");
+
+    // The transfer-log switch.
+    EXPECT_EQ(Run({"xferlog"}).out, "off\n");
+    ASSERT_EQ(Run({"xferlog", "on"}).status, 0);
+    EXPECT_NE(KLIBCFileCheckKeyValue("/etc/kovainfo.conf", "filebrowserxferlog", "yes", 0), 0);
+    EXPECT_EQ(Run({"xferlog"}).out, "on\n");
+    EXPECT_NE(Run({"xferlog", "maybe"}).status, 0);
+    ASSERT_EQ(Run({"xferlog", "off"}).status, 0);
+    EXPECT_NE(KLIBCFileCheckKeyValue("/etc/kovainfo.conf", "filebrowserxferlog", "no", 0), 0);
+
+    // --help lists every command, on standard output.
+    r = Run({"--help"});
+    EXPECT_EQ(r.status, 0);
+    for (const char *c : {"acl get", "acl owner", "acl remove", "acl set", "domain join", "domain leave", "domain ou add",
+                          "domain range", "domain ranges", "domain set", "group add", "group del", "group list",
+                          "group member add", "group member del", "group show", "init", "ldap bind", "ldap sync",
+                          "ldap unbind", "share add", "share list", "share priv", "share show", "user add", "user del",
+                          "user list", "user passwd", "user set", "user show", "xferlog"})
+        EXPECT_NE(r.out.find(std::string("\n  ") + c), std::string::npos) << c;
+    r = Run({"user", "frobnicate"});
+    EXPECT_EQ(r.status, 2);
+    EXPECT_NE(r.out.find("unknown command 'user'"), std::string::npos) << r.out;
 }
 
 } // namespace

@@ -9,9 +9,11 @@
 
 namespace kova_admin {
 
-// The builder must outlive the read the sink is given to.
-inline KovaDirSink CacheSink(KovaAccountCacheBuilder &builder) {
-    return [&builder](const KovaDirEntry &e) {
+// The builder must outlive the read the sink is given to. LDAP caches keep
+// uidNumber / gidNumber, domain caches the RIDs (ids there are the range's
+// base plus the RID, so re-syncing never changes them).
+inline KovaDirSink CacheSink(KovaAccountCacheBuilder &builder, bool domain = false) {
+    return [&builder, domain](const KovaDirEntry &e) {
         KovaCacheEntry c;
         c.group = e.group;
         c.name = e.name;
@@ -19,6 +21,9 @@ inline KovaDirSink CacheSink(KovaAccountCacheBuilder &builder) {
         c.mail = e.mail;
         c.fullname = e.fullname;
         c.dn = e.dn;
+        c.id = domain ? e.rid : e.id;
+        c.gid = domain ? e.primaryRid : e.gid;
+        c.members = e.members;
         return builder.Add(c) == 0;
     };
 }

@@ -6,7 +6,9 @@
 #include "kova/acl.h"
 #include "kova/klibc.h"
 
+#include <cctype>
 #include <cstdio>
+#include <cstdlib>
 #include <memory>
 #include <string>
 #include <vector>
@@ -14,6 +16,7 @@
 namespace {
 
 using kova_admin::Fail;
+using kova_admin::FailPlain;
 
 struct AclDeleter {
     void operator()(KOVA_ACL *p) const { KOVAACLFree(p); }
@@ -72,6 +75,20 @@ bool FormatEntry(const KOVA_ACL_ENTRY &e, std::string &out) {
     return true;
 }
 
+// A principal's id: "#N" is the raw id N, whether or not an account holds
+// it (a rule for an orphaned uid or gid); anything else is a name (local,
+// "name@suffix" or "DOMAIN\name").
+bool PrincipalId(bool group, const std::string &name, int &id) {
+    if (name.size() > 1 && name[0] == '#') {
+        char *end = nullptr;
+        long v = std::strtol(name.c_str() + 1, &end, 10);
+        if (*end || v < 0 || v > 0x7FFFFFFF || !std::isdigit(static_cast<unsigned char>(name[1]))) return false;
+        id = static_cast<int>(v);
+        return true;
+    }
+    return group ? KOVAGroupGetGID(name.c_str(), &id) >= 0 : KOVAUserGetUGID(name.c_str(), &id, nullptr) >= 0;
+}
+
 // "type:NAME:access:perm:inherit" -> entry; names resolved to ids.
 bool ParseEntry(const std::string &text, KOVA_ACL_ENTRY &e, std::string &why) {
     auto f = Split(text, ':');
@@ -85,12 +102,9 @@ bool ParseEntry(const std::string &text, KOVA_ACL_ENTRY &e, std::string &why) {
         return false;
     }
     e.id = -1;
-    if (e.idType == KOVA_ACL_ID_USER && KOVAUserGetUGID(f[1].c_str(), &e.id, nullptr) < 0) {
-        why = "no such user " + f[1];
-        return false;
-    }
-    if (e.idType == KOVA_ACL_ID_GROUP && KOVAGroupGetGID(f[1].c_str(), &e.id) < 0) {
-        why = "no such group " + f[1];
+    if (e.idType != KOVA_ACL_ID_USER && e.idType != KOVA_ACL_ID_GROUP) return true;
+    if (!PrincipalId(e.idType == KOVA_ACL_ID_GROUP, f[1], e.id)) {
+        why = std::string(e.idType == KOVA_ACL_ID_GROUP ? "no such group " : "no such user ") + f[1];
         return false;
     }
     return true;
@@ -99,7 +113,7 @@ bool ParseEntry(const std::string &text, KOVA_ACL_ENTRY &e, std::string &why) {
 int RunGet(const std::vector<std::string> &args) {
     auto pos = kova_admin::Positionals(args, {});
     bool own = kova_admin::HasFlag(args, "--own"), inherited = kova_admin::HasFlag(args, "--inherited");
-    if (pos.size() != 1 || (own && inherited)) return Fail("usage: acl get PATH [--own|--inherited]");
+    if (pos.size() != 1 || (own && inherited)) return FailPlain("usage: acl get PATH [--own|--inherited]");
     const char *path = pos[0].c_str();
     KOVA_ACL_ID owner;
     if (KOVAACLOwnerIdGet(path, &owner) < 0) return Fail("cannot read the owner of " + pos[0]);
@@ -124,7 +138,7 @@ int RunGet(const std::vector<std::string> &args) {
 
 int RunSet(const std::vector<std::string> &args) {
     auto pos = kova_admin::Positionals(args, {});
-    if (pos.empty()) return Fail("usage: acl set PATH [--no-inherit] ENTRY...");
+    if (pos.empty()) return FailPlain("usage: acl set PATH [--no-inherit] ENTRY...");
     AclPtr acl(KOVAACLAlloc(0));
     if (!acl) return Fail("out of memory");
     acl->isInherited = kova_admin::HasFlag(args, "--no-inherit") ? 0 : 1;
@@ -135,7 +149,7 @@ int RunSet(const std::vector<std::string> &args) {
         unsigned int state = 0;
         if (!ParseEntry(pos[i], *e, why) || !KOVAACLAceIsValid(e, &state)) {
             KOVAACLAceFree(e);
-            return Fail(why.empty() ? "invalid entry: " + pos[i] : why);
+            return FailPlain(why.empty() ? "invalid entry: " + pos[i] : why);
         }
         if (KOVAACLAceAppend(acl.get(), e) < 0) {
             KOVAACLAceFree(e);
@@ -148,18 +162,15 @@ int RunSet(const std::vector<std::string> &args) {
 
 int RunOwner(const std::vector<std::string> &args) {
     auto pos = kova_admin::Positionals(args, {});
-    if (pos.size() != 2) return Fail("usage: acl owner PATH user:NAME|group:NAME");
+    if (pos.size() != 2) return FailPlain("usage: acl owner PATH user:NAME|group:NAME");
     size_t colon = pos[1].find(':');
     std::string type = pos[1].substr(0, colon), name = colon == std::string::npos ? "" : pos[1].substr(colon + 1);
     KOVA_ACL_ID owner;
-    if (type == "user" && !name.empty()) {
-        owner.idType = KOVA_ACL_ID_USER;
-        if (KOVAUserGetUGID(name.c_str(), &owner.id, nullptr) < 0) return Fail("no such user " + name);
-    } else if (type == "group" && !name.empty()) {
-        owner.idType = KOVA_ACL_ID_GROUP;
-        if (KOVAGroupGetGID(name.c_str(), &owner.id) < 0) return Fail("no such group " + name);
+    if ((type == "user" || type == "group") && !name.empty()) {
+        owner.idType = type == "user" ? KOVA_ACL_ID_USER : KOVA_ACL_ID_GROUP;
+        if (!PrincipalId(type == "group", name, owner.id)) return FailPlain("no such " + type + " " + name);
     } else {
-        return Fail("the owner is user:NAME or group:NAME");
+        return FailPlain("the owner is user:NAME or group:NAME");
     }
     if (KOVAACLOwnerIdSet(pos[0].c_str(), &owner) < 0) return Fail("cannot change the owner of " + pos[0]);
     return 0;
@@ -167,7 +178,7 @@ int RunOwner(const std::vector<std::string> &args) {
 
 int RunRemove(const std::vector<std::string> &args) {
     auto pos = kova_admin::Positionals(args, {});
-    if (pos.size() != 1) return Fail("usage: acl remove PATH");
+    if (pos.size() != 1) return FailPlain("usage: acl remove PATH");
     if (KOVAACLRemove(pos[0].c_str(), -1) < 0) return Fail("cannot remove the ACL of " + pos[0]);
     return 0;
 }
@@ -175,8 +186,8 @@ int RunRemove(const std::vector<std::string> &args) {
 kova_admin::Registration get({"acl get", "acl get PATH [--own|--inherited]",
                               "show a path's owner, inherit flag and entries", RunGet});
 kova_admin::Registration set({"acl set", "acl set PATH [--no-inherit] ENTRY...",
-                              "replace a path's own entries (ENTRY type:NAME:allow|deny:PERM:INHERIT)", RunSet});
-kova_admin::Registration owner({"acl owner", "acl owner PATH user:NAME|group:NAME", "change a path's owner", RunOwner});
+                              "replace a path's own entries (ENTRY type:NAME:allow|deny:PERM:INHERIT; NAME may be #ID)", RunSet});
+kova_admin::Registration owner({"acl owner", "acl owner PATH user:NAME|group:NAME (NAME or #ID)", "change a path's owner", RunOwner});
 kova_admin::Registration remove({"acl remove", "acl remove PATH", "return a path to its mode bits", RunRemove});
 
 } // namespace

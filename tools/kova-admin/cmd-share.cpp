@@ -5,7 +5,9 @@
 #include "kova/klibc.h"
 #include "kova/share.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <climits>
@@ -18,6 +20,7 @@
 namespace {
 
 using kova_admin::Fail;
+using kova_admin::FailPlain;
 
 struct ShareDeleter {
     void operator()(KOVA_SHARE *p) const { KOVAShareFree(p); }
@@ -53,26 +56,35 @@ bool MakeDirs(const std::string &path) {
 }
 
 int RunAdd(const std::vector<std::string> &args) {
-    auto pos = kova_admin::Positionals(args, {"--path", "--acl-status", "--default-priv", "--comment"});
-    if (pos.size() != 1) return Fail("usage: share add NAME [--path P] [options]");
+    auto pos = kova_admin::Positionals(args, {"--path", "--acl-status", "--default-priv", "--comment", "--mode", "--owner"});
+    if (pos.size() != 1) return FailPlain("usage: share add NAME [--path P] [options]");
     const std::string &name = pos[0];
     std::string path = kova_admin::Option(args, "--path");
-    bool created = false;
-    if (path.empty()) {
-        path = std::string(KLIBCRootGet()) + "/volumes/volume1/" + name;
-        struct stat st;
-        created = lstat(path.c_str(), &st) != 0;
+    if (path.empty()) path = std::string(KLIBCRootGet()) + "/volumes/volume1/" + name;
+    if (path[0] != '/') return FailPlain("the share path must be absolute: " + path);
+    struct stat before;
+    bool created = lstat(path.c_str(), &before) != 0;
+    // A new folder is root's, mode 0755, unless asked otherwise: access is
+    // granted by share privileges and ACLs, not by an open mode.
+    std::string modeText = kova_admin::Option(args, "--mode"), ownerText = kova_admin::Option(args, "--owner");
+    unsigned long mode = 0755;
+    if (!modeText.empty()) {
+        char *end = nullptr;
+        mode = std::strtoul(modeText.c_str(), &end, 8);
+        if (*end || mode > 07777) return FailPlain("--mode takes an octal mode such as 0750");
     }
-    if (path[0] != '/') return Fail("the share path must be absolute: " + path);
+    int ownerUid = 0, ownerGid = 0;
+    if (!ownerText.empty() && KOVAUserGetUGID(ownerText.c_str(), &ownerUid, &ownerGid) < 0)
+        return Fail("cannot use '" + ownerText + "' as the folder's owner");
     std::string aclStatus = kova_admin::Option(args, "--acl-status", "1");
-    if (aclStatus != "0" && aclStatus != "1") return Fail("--acl-status takes 0 or 1");
+    if (aclStatus != "0" && aclStatus != "1") return FailPlain("--acl-status takes 0 or 1");
     int defaultPriv;
     if (!ParsePriv(kova_admin::Option(args, "--default-priv", "rw"), defaultPriv))
-        return Fail("--default-priv takes none, ro or rw");
+        return FailPlain("--default-priv takes none, ro or rw");
 
     KOVA_SHARE share;
     std::memset(&share, 0, sizeof share);
-    if (name.size() >= sizeof share.szName) return Fail("share name too long");
+    if (name.size() >= sizeof share.szName) return FailPlain("share name too long");
     std::snprintf(share.szName, sizeof share.szName, "%s", name.c_str());
     std::string comment = kova_admin::Option(args, "--comment");
     std::snprintf(share.szComment, sizeof share.szComment, "%s", comment.c_str());
@@ -82,10 +94,14 @@ int RunAdd(const std::vector<std::string> &args) {
     share.aclStatus = aclStatus == "1" ? 1 : 0;
     share.defaultPriv = defaultPriv;
 
-    if (!MakeDirs(path)) return Fail("cannot create " + path + ": " + std::strerror(errno));
-    // A new folder is open to every local user; access is then governed by
-    // the share privileges and the folder's ACL.
-    if (created) chmod(path.c_str(), 0777);
+    if (!MakeDirs(path)) return FailPlain("cannot create " + path + ": " + std::strerror(errno));
+    if (created || !modeText.empty() || !ownerText.empty()) {
+        int fd = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+        bool ok = fd >= 0 && (!(created || !modeText.empty()) || fchmod(fd, static_cast<mode_t>(mode)) == 0) &&
+                  (!(created || !ownerText.empty()) || fchown(fd, static_cast<uid_t>(ownerUid), static_cast<gid_t>(ownerGid)) == 0);
+        if (fd >= 0) close(fd);
+        if (!ok) return FailPlain("cannot set the mode or owner of " + path + ": " + std::strerror(errno));
+    }
     char real[PATH_MAX];
     if (!realpath(path.c_str(), real)) return Fail("cannot resolve " + path);
     std::snprintf(share.szPath, sizeof share.szPath, "%s", real);
@@ -99,7 +115,7 @@ int RunPriv(const std::vector<std::string> &args) {
     std::string user = kova_admin::Option(args, "--user"), group = kova_admin::Option(args, "--group");
     int priv;
     if (pos.size() != 2 || user.empty() == group.empty() || !ParsePriv(pos[1], priv))
-        return Fail("usage: share priv NAME (--user U|--group G) none|ro|rw");
+        return FailPlain("usage: share priv NAME (--user U|--group G) none|ro|rw");
     if (!user.empty() && KOVAUserGetUGID(user.c_str(), nullptr, nullptr) < 0) return Fail("no such user " + user);
     int gid = -1;
     if (!group.empty() && KOVAGroupGetGID(group.c_str(), &gid) < 0) return Fail("no such group " + group);
@@ -127,7 +143,7 @@ int RunList(const std::vector<std::string> &args) {
 
 int RunShow(const std::vector<std::string> &args) {
     auto pos = kova_admin::Positionals(args, {});
-    if (pos.size() != 1) return Fail("usage: share show NAME");
+    if (pos.size() != 1) return FailPlain("usage: share show NAME");
     PKOVA_SHARE s = nullptr;
     if (KOVAShareGet(pos[0].c_str(), &s) < 0) return Fail("no such share " + pos[0]);
     std::unique_ptr<KOVA_SHARE, ShareDeleter> owned(s);
@@ -140,7 +156,7 @@ int RunShow(const std::vector<std::string> &args) {
 
 kova_admin::Registration add({"share add",
                               "share add NAME [--path P] [--no-acl] [--read-only] [--encrypted] [--acl-status 0|1] "
-                              "[--default-priv none|ro|rw] [--comment C]",
+                              "[--default-priv none|ro|rw] [--comment C] [--mode OCTAL] [--owner USER]",
                               "create or replace a share", RunAdd});
 kova_admin::Registration priv({"share priv", "share priv NAME (--user U|--group G) none|ro|rw",
                                "set a user's or group's privilege on a share", RunPriv});

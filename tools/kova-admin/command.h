@@ -31,8 +31,11 @@ std::string Option(const std::vector<std::string> &args, const std::string &key,
 // Positional arguments (those not starting with "--" nor following an option that takes a value).
 std::vector<std::string> Positionals(const std::vector<std::string> &args, const std::vector<std::string> &valueOptions);
 
-// Prints "kova-admin: <message>" plus the platform's last error, returns 1.
+// Prints "kova-admin: <message>: <the platform's last error in words>"
+// (just the message when there is none), returns 1.
 int Fail(const std::string &message);
+// The message alone, for messages that already say why.
+int FailPlain(const std::string &message);
 
 } // namespace kova_admin
 

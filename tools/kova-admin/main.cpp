@@ -1,8 +1,10 @@
 // kova-admin: creates and edits a platform root ($KOVA_ROOT or --root DIR).
 #include "command.h"
 
+#include "kova/errcode.h"
 #include "kova/klibc.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -49,21 +51,58 @@ std::vector<std::string> Positionals(const std::vector<std::string> &args, const
     return out;
 }
 
+const char *ErrorWords(int code) {
+    switch (code) {
+    case KOVA_ERR_PERM: return "permission denied";
+    case KOVA_ERR_NOENT: return "not found";
+    case KOVA_ERR_NOMEM: return "out of memory";
+    case KOVA_ERR_IO: return "input/output or database error";
+    case KOVA_ERR_EXIST: return "already exists";
+    case KOVA_ERR_BADARG: return "invalid value";
+    case KOVA_ERR_NOTDIR: return "not a folder";
+    case KOVA_ERR_RANGE: return "value out of range";
+    case KOVA_ERR_NOGROUP: return "no such group";
+    case KOVA_ERR_NOUSER: return "no such user";
+    case KOVA_ERR_OWNER_CHANGE: return "owner change not allowed";
+    case KOVA_ERR_NOSHARE: return "no such share";
+    case KOVA_ERR_BADPATH: return "invalid path";
+    case KOVA_ERR_CORRUPT: return "a stored record is corrupt";
+    case KOVA_ERR_ACL_NOTSUP: return "the path does not support ACLs";
+    case KOVA_ERR_ACL_DENIED: return "this ACL may not be changed";
+    case KOVA_ERR_DIRSVC: return "the directory service cannot be reached";
+    case KOVA_ERR_ACL_NOSPACE: return "the ACL cannot be stored (too large, or a read-only file system)";
+    case KOVA_ERR_FAULT: return "injected fault";
+    default: return nullptr;
+    }
+}
+
 int Fail(const std::string &message) {
     int err = KLIBCErrGet();
-    if (err)
-        std::fprintf(stderr, "kova-admin: %s [0x%04X %s:%d]\n", message.c_str(), err, KLIBCErrorGetFile(), KLIBCErrorGetLine());
+    const char *words = ErrorWords(err);
+    if (words)
+        std::fprintf(stderr, "kova-admin: %s: %s\n", message.c_str(), words);
+    else if (err)
+        std::fprintf(stderr, "kova-admin: %s: error 0x%04X\n", message.c_str(), err);
     else
         std::fprintf(stderr, "kova-admin: %s\n", message.c_str());
+    return 1;
+}
+
+int FailPlain(const std::string &message) {
+    std::fprintf(stderr, "kova-admin: %s\n", message.c_str());
     return 1;
 }
 
 } // namespace kova_admin
 
 namespace {
-void Usage() {
-    std::fprintf(stderr, "usage: kova-admin [--root DIR] COMMAND ...\n\ncommands:\n");
-    for (const auto &c : kova_admin::Commands()) std::fprintf(stderr, "  %-60s %s\n", c.usage, c.summary);
+// Every command with its usage and summary, in name order.
+void Usage(FILE *to) {
+    std::fprintf(to, "usage: kova-admin [--root DIR] COMMAND ...\n\ncommands:\n");
+    std::vector<const kova_admin::Command *> all;
+    for (const auto &c : kova_admin::Commands()) all.push_back(&c);
+    std::sort(all.begin(), all.end(), [](const auto *a, const auto *b) { return std::strcmp(a->name, b->name) < 0; });
+    for (const auto *c : all) std::fprintf(to, "  %s\n      %s\n", c->usage, c->summary);
 }
 } // namespace
 
@@ -73,8 +112,8 @@ int main(int argc, char **argv) {
         setenv("KOVA_ROOT", args[1].c_str(), 1);
         args.erase(args.begin(), args.begin() + 2);
     }
-    if (args.empty() || args[0] == "help" || args[0] == "--help") {
-        Usage();
+    if (args.empty() || args[0] == "help" || args[0] == "--help" || args[0] == "-h") {
+        Usage(args.empty() ? stderr : stdout);
         return args.empty() ? 2 : 0;
     }
     // Longest command name that matches the leading words wins.
@@ -100,7 +139,7 @@ int main(int argc, char **argv) {
     }
     if (!best) {
         std::fprintf(stderr, "kova-admin: unknown command '%s'\n", args[0].c_str());
-        Usage();
+        Usage(stderr);
         return 2;
     }
     std::vector<std::string> rest(args.begin() + static_cast<long>(bestWords), args.end());

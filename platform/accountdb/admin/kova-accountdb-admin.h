@@ -14,10 +14,17 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
+// id and gid are -1 when the entry has none: LDAP caches keep uidNumber /
+// gidNumber (and a user's primary gidNumber), domain caches the RID (and a
+// user's primary group RID); members are the group's memberUid values and
+// member DNs.
 struct KovaCacheEntry {
     bool group = false;
     std::string name, desc, mail, fullname, dn;
+    long long id = -1, gid = -1;
+    std::vector<std::string> members;
 };
 
 class KovaAccountCacheBuilder {

@@ -27,17 +27,39 @@ struct KovaDomainState {
     std::vector<std::string> domains;  // joined domain first
 };
 
-// One account read from a directory.
+// One account read from a directory. Numbers are -1 when the entry has
+// none (or an unusable one: not a decimal in 0..2^31-1).
 struct KovaDirEntry {
     bool group = false;
     std::string name, desc, mail, fullname, dn;
+    long long id = -1;          // uidNumber (users) or gidNumber (groups)
+    long long gid = -1;         // users: gidNumber, the primary group
+    long long rid = -1;         // last part of objectSid / sambaSID
+    long long primaryRid = -1;  // users: primaryGroupID (or the RID of sambaPrimaryGroupSID)
+    // Groups: memberUid values (user names) and member DNs, in directory order.
+    std::vector<std::string> members;
+};
+
+// An id range of a Windows domain: its accounts take base + RID, for RIDs
+// below size.
+struct KovaIdRange {
+    std::string domain;
+    long long base = 0, size = 0;
 };
 // Returns false to abort the read; the read then fails with the last error
 // that the sink set.
 using KovaDirSink = std::function<bool(const KovaDirEntry &)>;
 
+// Everything the account lookups need from the recorded state, read at once.
+struct KovaDirSnapshot {
+    KovaLdapConfig ldap;
+    KovaDomainState domain;
+    std::vector<KovaIdRange> ranges;  // by base
+};
+
 class KovaDirsvc {
 public:
+    static int Snapshot(KovaDirSnapshot &out) noexcept;
     static int LdapGet(KovaLdapConfig &out) noexcept;
     // Records a binding (bound = yes); uri, base and suffix must not be empty.
     static int LdapBind(const KovaLdapConfig &cfg) noexcept;
@@ -63,6 +85,24 @@ public:
                         const std::string &password, const KovaDirSink &sink) noexcept;
     // The same from an LDIF file of entries.
     static int LdifRead(const std::string &path, const KovaDirSink &sink) noexcept;
+    // The configured id ranges, ordered by base.
+    static int RangeList(std::vector<KovaIdRange> &out) noexcept;
+    // Sets (or replaces) a domain's range. Refused with KOVA_ERR_BADARG when
+    // the range leaves 1024..2^31-1 or is empty, with KOVA_ERR_EXIST when it
+    // overlaps another domain's range. Overlap with local accounts is the
+    // caller's check (the account library knows them).
+    static int RangeSet(const KovaIdRange &range) noexcept;
+    // The range that holds id, or the range of a domain (case-insensitive);
+    // 1 found, 0 none, -1 error.
+    static int RangeOfId(long long id, KovaIdRange &out) noexcept;
+    static int RangeOfDomain(const std::string &domain, KovaIdRange &out) noexcept;
+
+    // Checks a password by a simple bind as dn against the bound server,
+    // over StartTLS when the server offers it. 0 accepted; KOVA_ERR_PERM
+    // refused (also an empty password, which LDAP would take as an
+    // unauthenticated bind); KOVA_ERR_DIRSVC not reachable or not bound.
+    static int LdapCheckPassword(const std::string &dn, const std::string &password) noexcept;
+
     // True for valid domain names (as DomainAdd takes them).
     static bool ValidDomainName(const std::string &name) noexcept;
 };

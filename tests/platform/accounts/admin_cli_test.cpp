@@ -31,9 +31,16 @@ TEST(AdminCommands, UsersAndGroupsRoundTrip) {
     EXPECT_LT(KOVAUserPasswordCheck("ivy", "pa ss"), 0);  // disabled now
     ASSERT_EQ(RunAdmin("group list", &out), 0);
     EXPECT_NE(out.find("ops\t2000\tOperations"), std::string::npos) << out;
-    // Refusals say why, with the platform error, and change nothing.
+    // Refusals say why in words, and change nothing.
     EXPECT_EQ(RunAdmin("user add ivy", &out), 1);
-    EXPECT_NE(out.find("cannot add user 'ivy' [0x0900"), std::string::npos) << out;
+    EXPECT_EQ(out, "kova-admin: user 'ivy' already exists\n");
+    EXPECT_EQ(RunAdmin("user add ivy2 --uid 1026", &out), 1);
+    EXPECT_NE(out.find("cannot add user 'ivy2': uid 1026 is taken"), std::string::npos) << out;
+    EXPECT_EQ(RunAdmin("group add ops", &out), 1);
+    EXPECT_EQ(out, "kova-admin: group 'ops' already exists\n");
+    EXPECT_EQ(RunAdmin("user del nobody", &out), 1);
+    EXPECT_EQ(out, "kova-admin: cannot delete user 'nobody': no such user\n");
+    EXPECT_EQ(out.find("0x"), std::string::npos) << out;
     EXPECT_EQ(RunAdmin("user add jay --uid abc", &out), 1);
     EXPECT_NE(out.find("invalid uid"), std::string::npos) << out;
     EXPECT_EQ(RunAdmin("group del ops", &out), 1);  // ivy's primary group

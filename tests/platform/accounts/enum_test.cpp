@@ -177,9 +177,10 @@ TEST(Enumeration, DomainSourceRunsOneWindowAcrossDomains) {
     Cache(KOVA_ACCOUNTDB_DOMAIN, "LAB", {U("dan"), U("eve")});
     ASSERT_EQ(KovaDirsvc::DomainAdd("CORP"), 0);
     ASSERT_EQ(KovaDirsvc::DomainAdd("LAB"), 0);
-    // Without trusted domains only the joined one counts.
-    Seen one;
-    EXPECT_EQ(KLIBUserInfoEnum(KOVA_ACCOUNT_SRC_DOMAIN, 0, 0, 0xFFFFFFFFu, OnUser, &one), 3);
+    // Every joined domain counts, also with trusted domains off.
+    Seen off;
+    EXPECT_EQ(KLIBUserInfoEnum(KOVA_ACCOUNT_SRC_DOMAIN, 0, 0, 0xFFFFFFFFu, OnUser, &off), 5);
+    EXPECT_EQ(off.names, (Names{"CORP\\ann", "CORP\\ben", "CORP\\cat", "LAB\\dan", "LAB\\eve"}));
     ASSERT_EQ(KovaDirsvc::DomainSetFlag("trusted", true), 0);
     Seen page;
     EXPECT_EQ(KLIBUserInfoEnum(KOVA_ACCOUNT_SRC_DOMAIN, 0, 2, 2, OnUser, &page), 5);

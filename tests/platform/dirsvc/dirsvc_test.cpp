@@ -89,8 +89,9 @@ TEST(DirectoryState, DomainsTrustedDomainsAndReachability) {
     ASSERT_EQ(KovaDirsvc::DomainAdd("lab.example"), 0);
     ASSERT_EQ(KovaDirsvc::DomainAdd("corp"), 0);  // domains are case-insensitive: no duplicate
     EXPECT_NE(KOVAWinsIsJoined(), 0);
-    // Without trusted domains, only the joined one.
-    EXPECT_EQ(Domains(), (Names{"CORP"}));
+    // Every joined domain is listed, trusted domains on or off, joined first.
+    EXPECT_EQ(KOVAWinIsEnableTrustDomain(), 0);
+    EXPECT_EQ(Domains(), (Names{"CORP", "lab.example"}));
     ASSERT_EQ(KovaDirsvc::DomainSetFlag("trusted", true), 0);
     EXPECT_NE(KOVAWinIsEnableTrustDomain(), 0);
     int rc = 0;
