@@ -24,6 +24,7 @@
 #include "module-registry.h"
 #include "options.h"
 #include "session-store.h"
+#include "system-log.h"
 #include "tls-cert.h"
 #include "worker-pool.h"
 #include "worker.h"
@@ -137,6 +138,8 @@ int main(int argc, char **argv) {
     }
     setenv("KOVA_ROOT", o.root.c_str(), 1);
     signal(SIGPIPE, SIG_IGN);
+    // Before any module or platform call can log.
+    webd::InitSystemLog("kova-webd");
 
     const std::string logDir = o.root + "/var/log";
     webd::Logs logs;
