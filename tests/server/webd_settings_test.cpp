@@ -1,15 +1,18 @@
 // How kova-webd is reached and configured: HTTPS with the certificate it
 // makes for itself (the fingerprint it prints is that of the certificate it
 // serves, the key stays root's alone, a restart keeps the pair), Secure
-// cookies and HSTS over HTTPS only, plain HTTP refused on any address but
-// loopback, and the configuration file under the command line.
+// cookies and HSTS over HTTPS only, the HTTP side's deadlines over TLS,
+// plain HTTP refused on any address but loopback, and the configuration
+// file under the command line.
 #include <gtest/gtest.h>
 #include <openssl/x509.h>
 #include <stdio.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 
 #include <boost/asio/connect.hpp>
+#include <boost/asio/write.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/ssl.hpp>
 #include <boost/beast/core/flat_buffer.hpp>
@@ -155,6 +158,39 @@ TEST_F(Https, TheGeneratedCertificateIsServedKeptPrivateAndKeptAcrossRestarts) {
     webd.reset();
     Start();
     EXPECT_EQ(printed, PostTls(httpsPort, "{}").servedFingerprint) << "a restart made a new certificate";
+}
+
+// The HTTP side's deadlines hold over TLS too: a request begun and not
+// finished is answered 408 with the JSON envelope, and a client that never
+// completes the handshake is closed.
+TEST_F(Https, DeadlinesCoverTheHandshakeAndTheHeader) {
+    Start({"--header-timeout", "1"});
+    net::io_context io;
+    net::ssl::context ctx(net::ssl::context::tls_client);
+    ctx.set_verify_mode(net::ssl::verify_none);
+    const net::ip::tcp::endpoint ep(net::ip::make_address("127.0.0.1"), static_cast<unsigned short>(httpsPort));
+
+    net::ssl::stream<net::ip::tcp::socket> slow(io, ctx);
+    slow.next_layer().connect(ep);
+    slow.handshake(net::ssl::stream_base::client);
+    net::write(slow, net::buffer(std::string("POST /webapi HTTP/1.1\r\nHost: x\r\n")));
+    boost::beast::flat_buffer buf;
+    http::response<http::string_body> res;
+    boost::system::error_code ec;
+    http::read(slow, buf, res, ec);
+    ASSERT_FALSE(ec) << ec.message();
+    EXPECT_EQ(408u, res.result_int());
+    EXPECT_NE(std::string::npos, res.body().find("\"code\":107")) << res.body();
+    EXPECT_EQ("max-age=31536000", std::string(res[http::field::strict_transport_security]));
+
+    // Connected, but no ClientHello: closed once the header time is up.
+    net::ip::tcp::socket mute(io);
+    mute.connect(ep);
+    struct timeval wait = {5, 0};
+    setsockopt(mute.native_handle(), SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
+    char byte;
+    const ssize_t n = recv(mute.native_handle(), &byte, 1, 0);
+    EXPECT_TRUE(n == 0 || (n < 0 && errno == ECONNRESET)) << "still open after 5 s: " << n << " " << strerror(errno);
 }
 
 TEST_F(Https, AKeyOthersCanReadOrAMismatchedPairIsRefused) {
