@@ -101,7 +101,8 @@ std::string Usage() {
 }
 
 std::string ConfigPath(const std::vector<std::string> &args, bool *given) {
-    std::string path = kDefaultConfig;
+    const char *env = getenv("KOVA_WEBD_CONFIG");
+    std::string path = env ? env : kDefaultConfig;
     *given = false;
     for (size_t i = 0; i + 1 < args.size(); ++i) {
         if (args[i] == "--config") {

@@ -6,8 +6,8 @@
 //             [--session-idle SECONDS] [--request-timeout SECONDS]
 //             [--conns-per-address N] [--header-timeout SECONDS] [--body-timeout SECONDS]
 //             [--body-budget MIB]
-// The file (default /etc/kova/webd.conf when it exists; --config "" reads
-// none) holds "key = value" lines whose keys are the long options without
+// The file (default /etc/kova/webd.conf when it exists, or
+// $KOVA_WEBD_CONFIG when set; --config "" reads none) holds "key = value" lines whose keys are the long options without
 // "--"; '#' starts a comment line. The command line overrides the file;
 // $KOVA_ROOT is used when neither names a root. Port 0 picks a free port,
 // written to the port file (for scripts and tests). Plain HTTP is served on
@@ -49,7 +49,8 @@ struct Options {
 
 // "" on success, "help" for --help, else the message for the user.
 std::string ParseOptions(const std::vector<std::string> &args, Options &o);
-// The value of --config in args: kDefaultConfig when absent; *given tells
+// The value of --config in args: $KOVA_WEBD_CONFIG or kDefaultConfig when
+// absent ("": none); *given tells
 // whether it was named (a named file must exist, the default may not).
 std::string ConfigPath(const std::vector<std::string> &args, bool *given);
 // Applies a configuration file's text; "" or "FILE:LINE: message".

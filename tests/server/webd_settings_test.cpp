@@ -243,6 +243,16 @@ TEST(ConfigFile, SetsWhatTheCommandLineTakesAndTheCommandLineWins) {
     EXPECT_EQ(webd::kPortOff, o.port);
     EXPECT_EQ(5443, o.httpsPort);
 
+    // $KOVA_WEBD_CONFIG replaces the default file, "" meaning none; --config wins.
+    bool given = true;
+    setenv("KOVA_WEBD_CONFIG", "/srv/webd.conf", 1);
+    EXPECT_EQ("/srv/webd.conf", webd::ConfigPath({"--port", "1"}, &given));
+    EXPECT_FALSE(given);
+    EXPECT_EQ("/x.conf", webd::ConfigPath({"--config", "/x.conf"}, &given));
+    EXPECT_TRUE(given);
+    unsetenv("KOVA_WEBD_CONFIG");
+    EXPECT_EQ(webd::kDefaultConfig, webd::ConfigPath({}, &given));
+
     // Mistakes name the file and line and change nothing after them.
     for (const auto &bad : std::vector<std::pair<std::string, std::string>>{
              {"workers = 2\nwokers = 3\n", "webd.conf:2: unknown setting \"wokers\""},
