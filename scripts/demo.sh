@@ -1,23 +1,36 @@
 #!/usr/bin/env bash
 # Sets up a sample platform and runs the web-administration server on it.
 #
-#   bash scripts/demo.sh [--root DIR] [--port N] [--host ADDR] [--build DIR]
-#                        [--files N] [--skip-build] [--no-ldap] [--background]
-#   bash scripts/demo.sh --stop [--root DIR]
+#   bash scripts/demo.sh [--root DIR] [--https-port N] [--host ADDR] [--port N]
+#                        [--build DIR] [--files N] [--skip-build] [--no-ldap]
+#                        [--ldap-port N] [--background]
+#   bash scripts/demo.sh --stop [--root DIR]     stop the server and slapd
+#   bash scripts/demo.sh --remove [--root DIR]   stop, then delete the root
 #
-# On a fresh machine it installs the dependencies and builds first. The
-# sample root holds an administrator and ordinary users with known
-# passwords, groups, three shares (one with ACLs, one read-only, one
-# without ACL support), a few thousand files with ACLs, and an LDAP cache
-# filled from a private slapd. The server runs in the foreground (Ctrl-C
-# stops everything) unless --background is given.
+#   --root DIR       the sample platform root (default /var/tmp/kova-demo)
+#   --https-port N   HTTPS port of the editor (default 5443; 0: a free one)
+#   --host ADDR      HTTPS address (default 127.0.0.1; 0.0.0.0: every interface)
+#   --port N         plain HTTP port, loopback only (default 5080; 0: a free one,
+#                    and then a free HTTPS port too unless --https-port is given)
+#   --ldap-port N    port of the private LDAP server (default: a free one in 38900-39100)
+#   --background     return once it runs (stop it with --stop)
+#
+# On a fresh machine it installs the dependencies and builds first (output
+# in BUILD/demo-build.log). The sample root holds an administrator and
+# ordinary users with known passwords, groups, three shares (one with ACLs,
+# one read-only, one without ACL support), a few thousand files with ACLs,
+# and an LDAP cache filled from a private slapd. The server runs in the
+# foreground (Ctrl-C stops everything) unless --background is given.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 SRC=$(pwd)
 
 ROOT=/var/tmp/kova-demo
 PORT=5080
+HTTPS_PORT=
 HOST=127.0.0.1
+LDAP_PORT=
+REMOVE=0
 BUILD=$SRC/build
 FILES=3000
 SKIP_BUILD=0
@@ -29,20 +42,24 @@ while (($#)); do
     --root) ROOT=$2; shift ;;
     --port) PORT=$2; shift ;;
     --host) HOST=$2; shift ;;
+    --https-port) HTTPS_PORT=$2; shift ;;
+    --ldap-port) LDAP_PORT=$2; shift ;;
+    --remove) STOP=1; REMOVE=1 ;;
     --build) BUILD=$2; shift ;;
     --files) FILES=$2; shift ;;
     --skip-build) SKIP_BUILD=1 ;;
     --no-ldap) LDAP=0 ;;
     --background) BACKGROUND=1 ;;
     --stop) STOP=1 ;;
-    -h|--help) sed -n '2,13p' "$0"; exit 0 ;;
+    -h|--help) sed -n '2,25p' "$0"; exit 0 ;;
     *) echo "demo: unknown option $1" >&2; exit 2 ;;
   esac
   shift
 done
 
+[[ -n $HTTPS_PORT ]] || { [[ $PORT == 0 ]] && HTTPS_PORT=0 || HTTPS_PORT=5443; }
 PIDS=$ROOT/run/demo.pids
-say() { printf '\033[1m== %s\033[0m\n' "$*"; }
+say() { printf '== %s\n' "$*"; }
 
 stop_demo() {
   [[ -f $PIDS ]] || return 0
@@ -55,6 +72,11 @@ stop_demo() {
 if ((STOP)); then
   stop_demo
   echo "demo stopped"
+  if ((REMOVE)) && [[ -e $ROOT ]]; then
+    [[ -e $ROOT/.kova-demo ]] || { echo "demo: $ROOT was not made by this script; left as it is" >&2; exit 1; }
+    rm -rf "$ROOT"
+    echo "removed $ROOT"
+  fi
   exit 0
 fi
 
@@ -64,11 +86,15 @@ if [[ $(id -u) -ne 0 ]]; then
 fi
 
 if ((!SKIP_BUILD)); then
-  say "Installing dependencies"
-  bash scripts/install-deps.sh
-  say "Building (in $BUILD)"
-  cmake -S . -B "$BUILD" -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
-  cmake --build "$BUILD" -j "$(nproc)" --target kova-webd kova-admin kova_acl_module
+  mkdir -p "$BUILD"
+  LOG=$BUILD/demo-build.log
+  say "Installing dependencies and building in $BUILD (a few minutes the first time; log: $LOG)"
+  if ! { bash scripts/install-deps.sh && cmake -S . -B "$BUILD" -DCMAKE_BUILD_TYPE=RelWithDebInfo &&
+         cmake --build "$BUILD" -j "$(nproc)" --target kova-webd kova-admin kova_acl_module; } >"$LOG" 2>&1; then
+    tail -n 25 "$LOG" >&2
+    echo "demo: the build failed; the whole log is $LOG" >&2
+    exit 1
+  fi
 fi
 KA=("$BUILD/bin/kova-admin" --root "$ROOT")
 [[ -x $BUILD/bin/kova-webd && -x $BUILD/bin/kova-admin ]] || { echo "demo: no build in $BUILD" >&2; exit 1; }
@@ -80,10 +106,16 @@ if [[ -e $ROOT && ! -e $ROOT/.kova-demo ]]; then
   exit 1
 fi
 stop_demo
+# The certificate outlives a new sample root: a browser that accepted it
+# once keeps trusting it.
+KEEP_TLS=$(mktemp -d)
+[[ -d $ROOT/etc/tls ]] && cp -a "$ROOT/etc/tls" "$KEEP_TLS/"
 rm -rf "$ROOT"
-mkdir -p "$ROOT/run" "$ROOT/var/log"
+mkdir -p "$ROOT/run" "$ROOT/var/log" "$ROOT/etc"
 chmod 755 "$ROOT"  # every signed-in user must be able to reach the shares below it
 touch "$ROOT/.kova-demo"
+[[ -d $KEEP_TLS/tls ]] && cp -a "$KEEP_TLS/tls" "$ROOT/etc/"
+rm -rf "$KEEP_TLS"
 "${KA[@]}" init >/dev/null
 
 declare -A PASSWD=([admin]=Admin-2024 [alice]=Alice-2024 [bob]=Bob-2024 [carol]=Carol-2024 [dave]=Dave-2024)
@@ -143,10 +175,11 @@ mkdir -p "$USBCOPY/photos"; for i in $(seq 1 20); do echo "photo $i" >"$USBCOPY/
 "${KA[@]}" acl set "$ARCHIVE" group:administrators:allow:rwxpdDaARWcCo:fd-- group:staff:allow:r-x---a-R-c--:fd-- >/dev/null
 
 # ---- LDAP ------------------------------------------------------------------
-free_port() {
+in_use() { (exec 3<>"/dev/tcp/127.0.0.1/$1") 2>/dev/null; }
+free_port() {  # free_port FIRST LAST
   local p
-  for p in $(seq "$1" $(($1 + 200))); do
-    if ! (exec 3<>"/dev/tcp/127.0.0.1/$p") 2>/dev/null; then echo "$p"; return; fi
+  for p in $(seq "$1" "$2"); do
+    in_use "$p" || { echo "$p"; return 0; }
   done
   return 1
 }
@@ -156,7 +189,12 @@ if ((LDAP)); then
   say "Starting a private LDAP server and filling the LDAP cache"
   LD=$ROOT/ldap
   mkdir -p "$LD/db"
-  LPORT=$(free_port 38900)
+  if [[ -n $LDAP_PORT ]]; then
+    LPORT=$LDAP_PORT
+    if in_use "$LPORT"; then echo "demo: port $LPORT is in use; choose another --ldap-port" >&2; exit 1; fi
+  else
+    LPORT=$(free_port 38900 39100) || { echo "demo: no free port in 38900-39100 for LDAP; give --ldap-port N" >&2; exit 1; }
+  fi
   cat >"$LD/slapd.conf" <<EOF
 include /etc/ldap/schema/core.schema
 include /etc/ldap/schema/cosine.schema
@@ -200,7 +238,7 @@ EOF
   cat "$LD/slapd.pid" >>"$PIDS"
   "${KA[@]}" ldap bind --uri "ldap://127.0.0.1:$LPORT/" --base dc=example,dc=com \
     --binddn cn=admin,dc=example,dc=com --password secret --suffix example.com >/dev/null
-  "${KA[@]}" ldap sync
+  "${KA[@]}" ldap sync >"$LD/sync.log" 2>&1 || { cat "$LD/sync.log" >&2; echo "demo: the LDAP sync failed" >&2; exit 1; }
 fi
 
 # A cache-only Windows domain: its accounts come from an LDIF export (no
@@ -222,8 +260,11 @@ say "Joining the cache-only domain CORP"
 # ---- the server --------------------------------------------------------------
 say "Starting kova-webd"
 PORT_FILE=$ROOT/run/webd.port
-rm -f "$PORT_FILE"
-WEBD_ARGS=(--root "$ROOT" --modules "$BUILD/modules" --host "$HOST" --port "$PORT" --port-file "$PORT_FILE")
+HTTPS_PORT_FILE=$ROOT/run/webd-https.port
+rm -f "$PORT_FILE" "$HTTPS_PORT_FILE"
+# Plain HTTP on loopback for this script's own calls; HTTPS for the browser.
+WEBD_ARGS=(--config "" --root "$ROOT" --modules "$BUILD/modules" --host 127.0.0.1 --port "$PORT" --port-file "$PORT_FILE"
+           --https-host "$HOST" --https-port "$HTTPS_PORT" --https-port-file "$HTTPS_PORT_FILE")
 if ((BACKGROUND)); then
   # Detached from this terminal: its console lines go to a file.
   setsid "$BUILD/bin/kova-webd" "${WEBD_ARGS[@]}" </dev/null >"$ROOT/var/log/webd-console.log" 2>&1 &
@@ -235,7 +276,14 @@ echo "$WEBD" >>"$PIDS"
 if ((!BACKGROUND)); then trap 'stop_demo; exit 0' INT TERM; fi
 for _ in $(seq 1 100); do [[ -s $PORT_FILE ]] && break; kill -0 "$WEBD" 2>/dev/null || break; sleep 0.1; done
 [[ -s $PORT_FILE ]] || { echo "demo: the server did not start; see $ROOT/var/log/webd-error.log" >&2; stop_demo; exit 1; }
-URL="http://$HOST:$(cat "$PORT_FILE")/"
+URL="http://127.0.0.1:$(cat "$PORT_FILE")/"
+case $HOST in
+  0.0.0.0|::) SHOW_HOST=$(hostname -f 2>/dev/null || hostname) ;;
+  *:*) SHOW_HOST="[$HOST]" ;;
+  *) SHOW_HOST=$HOST ;;
+esac
+HTTPS_URL="https://$SHOW_HOST:$(cat "$HTTPS_PORT_FILE")/"
+FINGERPRINT=$(sed -n 's/.*SHA-256 \([0-9A-F:]*\).*/\1/p' "$ROOT/var/log/webd-error.log" | tail -n 1)
 
 # Every sample file gets an inheriting ACL the way an administrator would
 # do it: one recursive apply through the server.
@@ -251,13 +299,14 @@ for dir in "$PROJECTS" "$ARCHIVE"; do
   share=/$(basename "$dir")
   reply=$(api '{"api":"KOVA.Core.ACL","version":1,"method":"set","params":{"file_path":"'"$dir"'","dirPaths":"'"$share"'","change_acl":false,"acl_recur":true}}' "$token")
   task=$(sed -n 's/.*"task_id":"\([^"]*\)".*/\1/p' <<<"$reply")
-  if [[ -z $task ]]; then echo "  $share: not applied: $reply"; continue; fi
+  if [[ -z $task ]]; then echo "  $share: not applied ($(sed -n 's/.*"error":\({[^}]*}\).*/\1/p' <<<"$reply"))"; continue; fi
   for _ in $(seq 1 600); do
     st=$(api '{"api":"KOVA.Core.ACL","version":1,"method":"status","params":{"task_id":"'"$task"'"}}' "$token")
     [[ $st == *'"finished":true'* || $st == *'"success":false'* ]] && break
     sleep 0.2
   done
-  echo "  $share: $st"
+  if [[ $st == *'"finished":true'* && $st != *'"success":false'* ]]; then echo "  $share: done"
+  else echo "  $share: not finished ($(sed -n 's/.*"error":\({[^}]*}\).*/\1/p' <<<"$st"))"; fi
 done
 api '{"api":"KOVA.Server.Session","version":1,"method":"logout"}' "$token" >/dev/null || true
 rm -f "$JAR"
@@ -276,9 +325,13 @@ if ((LDAP)); then
   "${KA[@]}" acl owner "$PROJECTS/marketing" user:ldapuser01@example.com >/dev/null
 fi
 
+# ---- the banner ----------------------------------------------------------------
 cat <<EOF
 
-  kova-webd is running at $URL
+  kova-webd is running at $HTTPS_URL
+  Its certificate is self-signed; check that your browser shows this SHA-256 fingerprint:
+    $FINGERPRINT
+  (plain HTTP for scripts on this machine: $URL)
   Platform root: $ROOT (logs in $ROOT/var/log)
 
   Sign in as:
@@ -295,6 +348,7 @@ if ((LDAP)); then
   LDAP (suffix example.com): ldapuser01..ldapuser40 and 5 groups, usable in rules and as owners
     (projects/marketing: owner ldapuser01@example.com, sales-eu@example.com may write).
     Sign in as ldapuser01@example.com / $LDAP_PASSWD (any ldapuserNN); sales-eu holds ldapuser01 and 02.
+    slapd listens on port $LPORT.
 BANNER
 fi
 CORP_IDS=$("${KA[@]}" domain ranges | awk '$1 == "CORP" {print $2 ".." $3}')
@@ -303,10 +357,10 @@ cat <<BANNER
     CORP\Accounting and CORP\Domain Users are usable in rules and as owners
     (projects/sales: owner CORP\jdoe, CORP\Accounting may read); they cannot sign in (no domain controller).
 BANNER
-if ((BACKGROUND)); then
-  echo "  Stop it with: bash scripts/demo.sh --stop --root $ROOT"
-  exit 0
-fi
+ROOT_OPT=""
+[[ $ROOT != /var/tmp/kova-demo ]] && ROOT_OPT=" --root $ROOT"
+echo "  Stop: bash scripts/demo.sh --stop$ROOT_OPT    Stop and delete the root: bash scripts/demo.sh --remove$ROOT_OPT"
+if ((BACKGROUND)); then exit 0; fi
 echo "  Press Ctrl-C to stop."
 wait "$WEBD" || true
 stop_demo

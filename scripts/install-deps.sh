@@ -8,6 +8,7 @@ PACKAGES=(
   libjsoncpp-dev libsqlite3-dev sqlite3 libicu-dev libldap-dev libargon2-dev libssl-dev
   libboost-dev libcpp-httplib-dev libgtest-dev libgmock-dev libbenchmark-dev
   attr acl slapd ldap-utils curl chromium
+  openssl systemd  # the package test: certificate fingerprints, systemd-analyze verify
 )
 # The browser tests also need node and npm. Some machines carry a nodejs
 # package that bundles npm and conflicts with Debian's npm: ask only for

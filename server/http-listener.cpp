@@ -6,6 +6,7 @@
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/asio/signal_set.hpp>
+#include <boost/asio/ssl.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <boost/asio/strand.hpp>
 #include <boost/asio/thread_pool.hpp>
@@ -16,6 +17,8 @@
 
 #include <algorithm>
 #include <atomic>
+#include <list>
+#include <type_traits>
 #include <map>
 #include <mutex>
 #include <thread>
@@ -28,6 +31,7 @@ namespace beast = boost::beast;
 namespace http = beast::http;
 using tcp = net::ip::tcp;
 using boost::system::error_code;
+using TlsStream = net::ssl::stream<tcp::socket>;
 
 namespace {
 
@@ -48,6 +52,18 @@ std::string PeerAddress(const tcp::socket &s) {
     net::ip::address a = ep.address();
     if (a.is_v6() && a.to_v6().is_v4_mapped()) a = net::ip::make_address_v4(net::ip::v4_mapped, a.to_v6());
     return a.to_string();
+}
+
+tcp::socket &Lowest(tcp::socket &s) { return s; }
+tcp::socket &Lowest(TlsStream &s) { return s.next_layer(); }
+
+// A year, the usual value: browsers then refuse plain HTTP to this name.
+constexpr const char *kHsts = "max-age=31536000";
+
+void MarkSecure(std::string &cookie) {
+    std::string lower = cookie;
+    for (char &c : lower) c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
+    if (lower.find("; secure") == std::string::npos) cookie += "; Secure";
 }
 
 } // namespace
@@ -84,7 +100,13 @@ struct HttpListener::Impl {
         return true;
     }
     void GiveBack(size_t n) { bodiesHeld -= n; }
-    void Accept();
+    struct Port {
+        explicit Port(net::io_context &loop) : acceptor(loop) {}
+        tcp::acceptor acceptor;
+        std::unique_ptr<net::ssl::context> tls;  // null: plain HTTP
+    };
+    void Accept(Port &port);
+    int Listen(Port &port, const std::string &host, int portNo, std::string *why);
 
     ListenLimits limits;
     std::atomic<size_t> bodiesHeld{0};
@@ -96,7 +118,7 @@ struct HttpListener::Impl {
     std::map<std::string, size_t> perAddress;
     size_t open = 0;
     net::io_context loop;
-    tcp::acceptor acceptor{loop};
+    std::list<Port> ports;
     net::signal_set signals{loop, SIGINT, SIGTERM};
     net::steady_timer acceptRetry{loop};
     net::thread_pool handlers;
@@ -104,22 +126,41 @@ struct HttpListener::Impl {
 
 namespace {
 
-class Connection : public std::enable_shared_from_this<Connection> {
+template <class Stream>
+class Connection : public std::enable_shared_from_this<Connection<Stream>> {
+    static constexpr bool kTls = std::is_same<Stream, TlsStream>::value;
+    using std::enable_shared_from_this<Connection<Stream>>::shared_from_this;
+
 public:
-    Connection(HttpListener::Impl &srv, tcp::socket socket, std::string remote, bool admitted)
-        : srv_(srv), socket_(std::move(socket)), timer_(socket_.get_executor()), remote_(std::move(remote)),
-          admitted_(admitted), buffer_(srv.limits.headerBytes * 2 + 4096) {}
+    template <class... StreamArgs>
+    Connection(HttpListener::Impl &srv, std::string remote, bool admitted, StreamArgs &&...streamArgs)
+        : srv_(srv), stream_(std::forward<StreamArgs>(streamArgs)...), socket_(Lowest(stream_)),
+          timer_(stream_.get_executor()), remote_(std::move(remote)), admitted_(admitted),
+          buffer_(srv.limits.headerBytes * 2 + 4096) {}
     ~Connection() {
         srv_.GiveBack(reserved_);
         srv_.Release(remote_, admitted_);
     }
 
     void Start() {
+        if constexpr (kTls) {
+            // The handshake is part of the time a client has for its header.
+            Deadline(srv_.limits.headerTime, false);
+            stream_.async_handshake(net::ssl::stream_base::server, [self = shared_from_this()](error_code ec) {
+                if (ec) self->Close();
+                else self->Begin();
+            });
+        } else {
+            Begin();
+        }
+    }
+
+private:
+    void Begin() {
         if (admitted_) ReadHeader();
         else Refuse(Refusal::kTooManyConnections);
     }
 
-private:
     // At expiry a read is cancelled (the connection is then answered) and a
     // write or linger closes the socket.
     void Deadline(std::chrono::seconds limit, bool cancelOnly) {
@@ -143,7 +184,7 @@ private:
         parser_->header_limit(static_cast<std::uint32_t>(srv_.limits.headerBytes));
         parser_->body_limit(srv_.limits.bodyBytes);
         Deadline(srv_.limits.headerTime, true);
-        http::async_read_header(socket_, buffer_, *parser_,
+        http::async_read_header(stream_, buffer_, *parser_,
                                 [self = shared_from_this()](error_code ec, size_t) { self->OnHeader(ec); });
     }
 
@@ -191,7 +232,7 @@ private:
             // The client waits for this before it sends the body.
             auto cont = std::make_shared<http::response<http::empty_body>>(http::status::continue_, 11);
             Deadline(srv_.limits.writeTime, false);
-            http::async_write(socket_, *cont, [self = shared_from_this(), cont](error_code e, size_t) {
+            http::async_write(stream_, *cont, [self = shared_from_this(), cont](error_code e, size_t) {
                 if (e) self->Close();
                 else self->ReadBody();
             });
@@ -206,7 +247,7 @@ private:
             return;
         }
         Deadline(srv_.limits.bodyTime, true);
-        http::async_read(socket_, buffer_, *parser_, [self = shared_from_this()](error_code ec, size_t) {
+        http::async_read(stream_, buffer_, *parser_, [self = shared_from_this()](error_code ec, size_t) {
             if (ec && self->timedOut_) self->Refuse(Refusal::kTooSlow);
             else if (ec == http::error::body_limit) self->Refuse(Refusal::kBodyTooLarge);
             else if (ec == http::error::partial_message || (ec && !IsHttpError(ec))) self->Close();
@@ -270,14 +311,21 @@ private:
                 close = close || strcasecmp(h.second.c_str(), "close") == 0;
                 continue;
             }
+            if (kTls && strcasecmp(h.first.c_str(), "Set-Cookie") == 0) {
+                std::string cookie = h.second;
+                MarkSecure(cookie);
+                res->insert(h.first, cookie);
+                continue;
+            }
             res->insert(h.first, h.second);
         }
+        if (kTls) res->set(http::field::strict_transport_security, kHsts);
         res->body() = std::move(reply.body);
         res->keep_alive(!close);
         res->prepare_payload();
         if (head_) res->body().clear();  // Content-Length stays that of the body
         Deadline(srv_.limits.writeTime, false);
-        http::async_write(socket_, *res, [self = shared_from_this(), res, close](error_code ec, size_t) {
+        http::async_write(stream_, *res, [self = shared_from_this(), res, close](error_code ec, size_t) {
             self->NoDeadline();
             if (ec) self->Close();
             else if (close) self->Linger();
@@ -286,9 +334,15 @@ private:
     }
 
     void Linger() {
+        Deadline(kLingerTime, false);
+        if constexpr (kTls) {
+            // close_notify, then the client's; the deadline closes a client
+            // that never answers it.
+            stream_.async_shutdown([self = shared_from_this()](error_code) { self->Close(); });
+            return;
+        }
         error_code ignored;
         socket_.shutdown(tcp::socket::shutdown_send, ignored);
-        Deadline(kLingerTime, false);
         DropInput();
     }
     void DropInput() {
@@ -307,7 +361,8 @@ private:
     }
 
     HttpListener::Impl &srv_;
-    tcp::socket socket_;
+    Stream stream_;
+    tcp::socket &socket_;   // the TCP layer of stream_
     net::steady_timer timer_;
     std::string remote_;
     bool admitted_;
@@ -324,14 +379,14 @@ private:
 
 } // namespace
 
-void HttpListener::Impl::Accept() {
-    acceptor.async_accept(net::make_strand(loop), [this](error_code ec, tcp::socket socket) {
-        if (ec == net::error::operation_aborted || !acceptor.is_open()) return;
+void HttpListener::Impl::Accept(Port &port) {
+    port.acceptor.async_accept(net::make_strand(loop), [this, &port](error_code ec, tcp::socket socket) {
+        if (ec == net::error::operation_aborted || !port.acceptor.is_open()) return;
         if (ec) {
             // Out of descriptors or memory: try again shortly rather than spin.
             acceptRetry.expires_after(std::chrono::milliseconds(100));
-            acceptRetry.async_wait([this](error_code e) {
-                if (!e) Accept();
+            acceptRetry.async_wait([this, &port](error_code e) {
+                if (!e) Accept(port);
             });
             return;
         }
@@ -340,16 +395,19 @@ void HttpListener::Impl::Accept() {
         // algorithm and the client's delayed ACK add ~40 ms to each one.
         socket.set_option(tcp::no_delay(true), ignored);
         const std::string remote = PeerAddress(socket);
-        switch (Admit(remote)) {
-        case Admission::kFull: socket.close(ignored); break;
-        case Admission::kAdmitted:
-            std::make_shared<Connection>(*this, std::move(socket), remote, true)->Start();
-            break;
-        case Admission::kOverAddressCap:
-            std::make_shared<Connection>(*this, std::move(socket), remote, false)->Start();
-            break;
+        const Admission admission = Admit(remote);
+        if (admission == Admission::kFull) {
+            socket.close(ignored);
+        } else if (port.tls) {
+            std::make_shared<Connection<TlsStream>>(*this, remote, admission == Admission::kAdmitted, std::move(socket),
+                                                    *port.tls)
+                ->Start();
+        } else {
+            std::make_shared<Connection<tcp::socket>>(*this, remote, admission == Admission::kAdmitted,
+                                                      std::move(socket))
+                ->Start();
         }
-        Accept();
+        Accept(port);
     });
 }
 
@@ -361,22 +419,22 @@ HttpListener::~HttpListener() {
     impl_->handlers.join();
 }
 
-int HttpListener::Bind(const std::string &host, int port, std::string *why) {
+int HttpListener::Impl::Listen(Port &port, const std::string &host, int portNo, std::string *why) {
     error_code ec;
-    tcp::resolver resolver(impl_->loop);
-    auto results = resolver.resolve(host, std::to_string(port), tcp::resolver::passive, ec);
+    tcp::resolver resolver(loop);
+    auto results = resolver.resolve(host, std::to_string(portNo), tcp::resolver::passive, ec);
     if (ec || results.empty()) {
         if (why) *why = "cannot resolve " + host + ": " + ec.message();
         return -1;
     }
     const tcp::endpoint ep = results.begin()->endpoint();
-    tcp::acceptor &a = impl_->acceptor;
+    tcp::acceptor &a = port.acceptor;
     a.open(ep.protocol(), ec);
     if (!ec) a.set_option(net::socket_base::reuse_address(true), ec);
     if (!ec) a.bind(ep, ec);
     if (!ec) a.listen(net::socket_base::max_listen_connections, ec);
     if (ec) {
-        if (why) *why = "cannot listen on " + host + ":" + std::to_string(port) + ": " + ec.message();
+        if (why) *why = "cannot listen on " + host + ":" + std::to_string(portNo) + ": " + ec.message();
         error_code ignored;
         a.close(ignored);
         return -1;
@@ -384,12 +442,46 @@ int HttpListener::Bind(const std::string &host, int port, std::string *why) {
     return a.local_endpoint().port();
 }
 
+int HttpListener::Bind(const std::string &host, int port, std::string *why) {
+    Impl::Port &p = impl_->ports.emplace_back(impl_->loop);
+    const int bound = impl_->Listen(p, host, port, why);
+    if (bound < 0) impl_->ports.pop_back();
+    return bound;
+}
+
+int HttpListener::BindTls(const std::string &host, int port, const std::string &certFile, const std::string &keyFile,
+                          std::string *why) {
+    auto ctx = std::make_unique<net::ssl::context>(net::ssl::context::tls_server);
+    error_code ec;
+    // TLS 1.2 and later only; OpenSSL's default ciphers for them.
+    ctx->set_options(net::ssl::context::default_workarounds | net::ssl::context::no_sslv2 |
+                         net::ssl::context::no_sslv3 | net::ssl::context::no_tlsv1 | net::ssl::context::no_tlsv1_1 |
+                         net::ssl::context::single_dh_use,
+                     ec);
+    if (!ec) ctx->use_certificate_chain_file(certFile, ec);
+    if (ec) {
+        if (why) *why = "cannot load the certificate " + certFile + ": " + ec.message();
+        return -1;
+    }
+    ctx->use_private_key_file(keyFile, net::ssl::context::pem, ec);
+    if (!ec && SSL_CTX_check_private_key(ctx->native_handle()) != 1) ec = net::error::invalid_argument;
+    if (ec) {
+        if (why) *why = "cannot load the key " + keyFile + " (or it does not match the certificate): " + ec.message();
+        return -1;
+    }
+    Impl::Port &p = impl_->ports.emplace_back(impl_->loop);
+    p.tls = std::move(ctx);
+    const int bound = impl_->Listen(p, host, port, why);
+    if (bound < 0) impl_->ports.pop_back();
+    return bound;
+}
+
 void HttpListener::Run() {
     Impl &s = *impl_;
     s.signals.async_wait([this](error_code ec, int) {
         if (!ec) Stop();
     });
-    s.Accept();
+    for (Impl::Port &p : s.ports) s.Accept(p);
     std::vector<std::thread> loops;
     for (size_t i = 1; i < s.limits.loopThreads; ++i) loops.emplace_back([&s] { s.loop.run(); });
     s.loop.run();
@@ -403,7 +495,7 @@ void HttpListener::Stop() {
     Impl &s = *impl_;
     net::post(s.loop, [&s] {
         error_code ignored;
-        s.acceptor.close(ignored);
+        for (Impl::Port &p : s.ports) p.acceptor.close(ignored);
         s.signals.cancel(ignored);
         s.acceptRetry.cancel();
         s.loop.stop();

@@ -15,6 +15,11 @@
 // the refuser (Refusal) and the connection closed; a kept-alive connection
 // idle past headerTime is closed without a word. The listener parses no
 // HTTP itself: Beast's parser does.
+//
+// It may listen on several addresses, each plain or TLS (OpenSSL through
+// Asio's ssl::stream; the handshake counts against headerTime). Replies
+// over TLS carry Strict-Transport-Security and every cookie they set is
+// marked Secure, so a session made over HTTPS is never sent in clear.
 #ifndef KOVA_WEBD_HTTP_LISTENER_H
 #define KOVA_WEBD_HTTP_LISTENER_H
 
@@ -53,6 +58,10 @@ public:
 
     // Listens on host:port (0: a free port). The port, or -1 with *why set.
     int Bind(const std::string &host, int port, std::string *why);
+    // The same over TLS with a PEM certificate (chain) and key; refused
+    // (-1, *why) when they cannot be loaded or do not match.
+    int BindTls(const std::string &host, int port, const std::string &certFile, const std::string &keyFile,
+                std::string *why);
     // Serves until SIGTERM or SIGINT arrives or Stop is called; returns once
     // every handler thread has finished its request.
     void Run();

@@ -14,6 +14,7 @@
 #include <atomic>
 #include <chrono>
 #include <fstream>
+#include <sstream>
 #include <memory>
 
 #include "files-api.h"
@@ -23,6 +24,8 @@
 #include "module-registry.h"
 #include "options.h"
 #include "session-store.h"
+#include "system-log.h"
+#include "tls-cert.h"
 #include "worker-pool.h"
 #include "worker.h"
 
@@ -63,6 +66,41 @@ std::string SelfPath() {
     return buf;
 }
 
+void WritePortFile(const std::string &path, int port) {
+    if (path.empty()) return;
+    std::string tmp = path + ".tmp";
+    {
+        std::ofstream f(tmp);
+        f << port << "\n";
+    }
+    rename(tmp.c_str(), path.c_str());
+}
+
+// The configuration file, then the command line over it. "" or the message.
+std::string ReadSettings(const std::vector<std::string> &args, webd::Options &o) {
+    bool given = false;
+    const std::string path = webd::ConfigPath(args, &given);
+    if (!path.empty()) {
+        std::ifstream in(path);
+        if (in) {
+            std::stringstream text;
+            text << in.rdbuf();
+            std::string bad = webd::ParseConfig(text.str(), path, o);
+            if (!bad.empty()) return bad;
+        } else if (given) {
+            return "cannot read the configuration file " + path;
+        }
+    }
+    std::string root = o.root;
+    o.root.clear();
+    std::string bad = webd::ParseOptions(args, o);
+    if (o.root.empty()) o.root = root;
+    if (o.root.empty()) {
+        if (const char *r = getenv("KOVA_ROOT")) o.root = r;
+    }
+    return bad;
+}
+
 } // namespace
 
 int main(int argc, char **argv) {
@@ -76,14 +114,18 @@ int main(int argc, char **argv) {
     webd::Options o;
     o.modulesDir = KOVA_WEBD_DEFAULT_MODULES;
     o.uiDir = KOVA_WEBD_DEFAULT_UI;
-    if (const char *r = getenv("KOVA_ROOT")) o.root = r;
-    std::string bad = webd::ParseOptions(std::vector<std::string>(argv + 1, argv + argc), o);
+    std::string bad = ReadSettings(std::vector<std::string>(argv + 1, argv + argc), o);
     if (bad == "help") {
         fputs(webd::Usage().c_str(), stdout);
         return 0;
     }
     if (!bad.empty()) {
-        fprintf(stderr, "kova-webd: %s\n%s", bad.c_str(), webd::Usage().c_str());
+        fprintf(stderr, "kova-webd: %s\n(kova-webd --help lists the options)\n", bad.c_str());
+        return 2;
+    }
+    if (o.workerFd < 0) bad = webd::CheckOptions(o);
+    if (!bad.empty()) {
+        fprintf(stderr, "kova-webd: %s\n", bad.c_str());
         return 2;
     }
     if (o.root.empty()) {
@@ -96,6 +138,8 @@ int main(int argc, char **argv) {
     }
     setenv("KOVA_ROOT", o.root.c_str(), 1);
     signal(SIGPIPE, SIG_IGN);
+    // Before any module or platform call can log.
+    webd::InitSystemLog("kova-webd");
 
     const std::string logDir = o.root + "/var/log";
     webd::Logs logs;
@@ -115,7 +159,8 @@ int main(int argc, char **argv) {
 
     if (worker) return webd::WorkerMain(o.workerFd, registry, logs);
 
-    std::vector<std::string> workerArgs = {SelfPath(), "--root", o.root, "--modules", o.modulesDir};
+    std::vector<std::string> workerArgs = {SelfPath(), "--config", "", "--root", o.root,
+                                            "--modules", o.modulesDir};
     webd::WorkerPool pool(workerArgs, static_cast<size_t>(o.workers), o.requestTimeout, logs);
     if (!pool.Start()) {
         logs.Error("no worker could be started");
@@ -135,21 +180,37 @@ int main(int argc, char **argv) {
         [&front](webd::Refusal why, const webd::HttpRequest &req) { return front.Refuse(why, req); });
 
     std::string why;
-    const int port = listener.Bind(o.host, o.port, &why);
-    if (port <= 0) {
-        logs.Error(why);
-        return 1;
-    }
-    if (!o.portFile.empty()) {
-        std::string tmp = o.portFile + ".tmp";
-        {
-            std::ofstream f(tmp);
-            f << port << "\n";
+    int httpsPort = 0;
+    if (o.httpsPort != webd::kPortOff) {
+        webd::CertFiles cert{o.certFile, o.keyFile};
+        if (cert.cert.empty()) MakeDirs(o.root + "/etc");  // a failure is told by the next step
+        if (cert.cert.empty() && !webd::EnsureSelfSigned(o.root + "/etc/tls", &cert, &why)) {
+            logs.Error("no TLS certificate: " + why);
+            return 1;
         }
-        rename(tmp.c_str(), o.portFile.c_str());
+        const std::string fingerprint = webd::CertFingerprint(cert.cert);
+        if (cert.generated) logs.Error("made a self-signed certificate " + cert.cert);
+        httpsPort = listener.BindTls(o.httpsHost, o.httpsPort, cert.cert, cert.key, &why);
+        if (httpsPort <= 0) {
+            logs.Error(why);
+            return 1;
+        }
+        logs.Error("listening on https://" + o.httpsHost + ":" + std::to_string(httpsPort) + "/ certificate " +
+                   cert.cert + " SHA-256 " + fingerprint);
     }
-    logs.Error("listening on http://" + o.host + ":" + std::to_string(port) + "/ with " +
-               std::to_string(pool.Size()) + " workers, root " + o.root);
+    int port = 0;
+    if (o.port != webd::kPortOff) {
+        port = listener.Bind(o.host, o.port, &why);
+        if (port <= 0) {
+            logs.Error(why);
+            return 1;
+        }
+        logs.Error("listening on http://" + o.host + ":" + std::to_string(port) + "/ (loopback only)");
+    }
+    // Port files last: a script that waits for one finds every port open.
+    if (httpsPort > 0) WritePortFile(o.httpsPortFile, httpsPort);
+    if (port > 0) WritePortFile(o.portFile, port);
+    logs.Error("serving with " + std::to_string(pool.Size()) + " workers, root " + o.root);
     listener.Run();
     logs.Error("stopped");
     return 0;
