@@ -20,7 +20,6 @@
 
 #include <json/json.h>
 
-#include <mutex>
 #include <string>
 
 #include "api-call.h"
@@ -65,7 +64,6 @@ private:
     WorkerPool &pool_;
     Logs &logs_;
     StaticFiles ui_;
-    std::mutex platformMu_;   // account lookups of the front, one at a time
     LoginThrottle throttle_;
 };
 
