@@ -12,14 +12,16 @@
 // error), 400 for a request that is not an API call (101) or nests JSON
 // too deep (110), 401 without a session (119), 403 with a wrong or missing
 // token (120), 405 for a method other than GET or POST (109), 429 with
-// Retry-After for a sign-in refused after too many failures (151), 500 when
-// the worker died (160), 503 when no worker runs (161); Refuse gives the
-// statuses of the HTTP side's refusals (error-codes.h).
+// Retry-After for a sign-in refused after too many failures (151), 503 with
+// Retry-After: 1 for a sign-in while kMaxSignIns others are in progress
+// (152), 500 when the worker died (160), 503 when no worker runs (161);
+// Refuse gives the statuses of the HTTP side's refusals (error-codes.h).
 #ifndef KOVA_WEBD_HTTP_FRONT_H
 #define KOVA_WEBD_HTTP_FRONT_H
 
 #include <json/json.h>
 
+#include <atomic>
 #include <string>
 
 #include "api-call.h"
@@ -35,6 +37,10 @@ namespace webd {
 
 constexpr const char *kSessionCookie = "kova_sid";
 constexpr const char *kTokenHeader = "X-Kova-Token";
+// Sign-ins checking a password at once. A directory user's check may wait
+// on the directory for its whole time-out; the rest of the handler threads
+// stay free for other calls, which never wait for a sign-in.
+constexpr int kMaxSignIns = 4;
 
 class Front {
 public:
@@ -65,6 +71,7 @@ private:
     Logs &logs_;
     StaticFiles ui_;
     LoginThrottle throttle_;
+    std::atomic<int> signInsInFlight_{0};
 };
 
 // The value of one cookie in a Cookie header, "" when absent.
