@@ -38,9 +38,11 @@ namespace webd {
 constexpr const char *kSessionCookie = "kova_sid";
 constexpr const char *kTokenHeader = "X-Kova-Token";
 // Sign-ins checking a password at once. A directory user's check may wait
-// on the directory for its whole time-out; the rest of the handler threads
-// stay free for other calls, which never wait for a sign-in.
-constexpr int kMaxSignIns = 4;
+// on the directory for its whole time-out; half of the default 16 handler
+// threads (--http-threads) stay free for other calls, which never wait for
+// a sign-in. Local checks queue further on the platform's own bound on
+// concurrent hashes.
+constexpr int kMaxSignIns = 8;
 
 class Front {
 public:

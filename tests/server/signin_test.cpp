@@ -13,6 +13,7 @@
 #include <thread>
 #include <vector>
 
+#include "http-front.h"
 #include "kova/account.h"
 #include "run-admin.h"
 #include "slapd.h"
@@ -24,8 +25,15 @@ using kova_test::WebClient;
 
 namespace {
 
-constexpr int kSlots = 4;  // kMaxSignIns of the server
+constexpr int kSlots = webd::kMaxSignIns;
 constexpr auto kPrompt = std::chrono::seconds(1);
+
+// Slapd's generated users: "user0000"...
+std::string DirectoryUser(int i) {
+    char name[16];
+    snprintf(name, sizeof name, "user%04d", i);
+    return name;
+}
 
 // The slapd this process started (-d 0 keeps it a direct child).
 pid_t ChildSlapd() {
@@ -132,7 +140,7 @@ TEST_F(SignIn, AHangingDirectoryHoldsUpNoOneElseAndSignInsInProgressAreBounded) 
     Stop();
 
     // One directory sign-in waiting: a local sign-in and a call go ahead.
-    StartHanging("user0000");
+    StartHanging(DirectoryUser(0));
     WebClient bob(webd_->port());
     Reply signedIn;
     const long signInMs = Millis([&] { signedIn = bob.Login("bob", kBobPw); });
@@ -146,7 +154,7 @@ TEST_F(SignIn, AHangingDirectoryHoldsUpNoOneElseAndSignInsInProgressAreBounded) 
     // Every place taken: a further sign-in is refused at once, before its
     // password is checked, and refusals are no failed sign-ins (more of
     // them than the throttle allows failures leave alice free to sign in).
-    for (int i = 1; i < kSlots; ++i) StartHanging("user000" + std::to_string(i));
+    for (int i = 1; i < kSlots; ++i) StartHanging(DirectoryUser(i));
     httplib::Client raw("127.0.0.1", webd_->port());
     raw.set_read_timeout(10, 0);
     const std::string body = "{\"api\":\"KOVA.Server.Session\",\"version\":1,\"method\":\"login\","
