@@ -1,5 +1,6 @@
 #include "http-front.h"
 
+#include <atomic>
 #include <chrono>
 
 #include "error-codes.h"
@@ -26,6 +27,28 @@ Json::Value Success(const Json::Value &data) {
     r["data"] = data;
     return r;
 }
+
+// One of the kMaxSignIns places for a sign-in in flight, held while it
+// lives; ok() false when all were taken.
+class SignInSlot {
+public:
+    explicit SignInSlot(std::atomic<int> &inFlight) : inFlight_(inFlight) {
+        int n = inFlight_.load();
+        while (n < kMaxSignIns && !inFlight_.compare_exchange_weak(n, n + 1)) {
+        }
+        ok_ = n < kMaxSignIns;
+    }
+    ~SignInSlot() {
+        if (ok_) inFlight_.fetch_sub(1);
+    }
+    SignInSlot(const SignInSlot &) = delete;
+    SignInSlot &operator=(const SignInSlot &) = delete;
+    bool ok() const { return ok_; }
+
+private:
+    std::atomic<int> &inFlight_;
+    bool ok_ = false;
+};
 
 std::string SessionCookie(const std::string &value, bool expire) {
     std::string c = std::string(kSessionCookie) + "=" + value + "; Path=/; HttpOnly; SameSite=Strict";
@@ -82,10 +105,25 @@ Json::Value Front::Login(const ApiCall &call, const std::string &remote, HttpRep
         reply["error"]["data"]["retry_after"] = static_cast<Json::Int64>(wait.count());
         return reply;
     }
+    // A password check may wait up to the directory's time-out; bounding how
+    // many run at once keeps the handler threads free for every other call.
+    // The refusal is answered before the password is looked at and is no
+    // failed sign-in: nothing was guessed.
+    SignInSlot slot(signInsInFlight_);
+    if (!slot.ok()) {
+        logs_.Error("login of " + LogSafe(user) + " from " + LogSafe(remote) + " refused: " +
+                    std::to_string(kMaxSignIns) + " sign-ins already in progress");
+        res.status = 503;
+        res.Set("Retry-After", "1");
+        return Error(kErrLoginBusy);
+    }
     Session s;
     s.user = user;
+    // No lock around the platform: each thread has its own account database
+    // connection and last error, the directory state is read per call, and a
+    // directory password check binds on a connection of its own, so sign-ins
+    // run side by side and a slow directory holds up only its own.
     {
-        std::lock_guard<std::mutex> lock(platformMu_);
         if (KOVAUserPasswordCheck(user.c_str(), passwd.asString().c_str()) != 0) {
             throttle_.Failed(remote, user, LoginThrottle::Clock::now());
             logs_.Error("login refused for " + LogSafe(user));

@@ -12,15 +12,16 @@
 // error), 400 for a request that is not an API call (101) or nests JSON
 // too deep (110), 401 without a session (119), 403 with a wrong or missing
 // token (120), 405 for a method other than GET or POST (109), 429 with
-// Retry-After for a sign-in refused after too many failures (151), 500 when
-// the worker died (160), 503 when no worker runs (161); Refuse gives the
-// statuses of the HTTP side's refusals (error-codes.h).
+// Retry-After for a sign-in refused after too many failures (151), 503 with
+// Retry-After: 1 for a sign-in while kMaxSignIns others are in progress
+// (152), 500 when the worker died (160), 503 when no worker runs (161);
+// Refuse gives the statuses of the HTTP side's refusals (error-codes.h).
 #ifndef KOVA_WEBD_HTTP_FRONT_H
 #define KOVA_WEBD_HTTP_FRONT_H
 
 #include <json/json.h>
 
-#include <mutex>
+#include <atomic>
 #include <string>
 
 #include "api-call.h"
@@ -36,6 +37,12 @@ namespace webd {
 
 constexpr const char *kSessionCookie = "kova_sid";
 constexpr const char *kTokenHeader = "X-Kova-Token";
+// Sign-ins checking a password at once. A directory user's check may wait
+// on the directory for its whole time-out; half of the default 16 handler
+// threads (--http-threads) stay free for other calls, which never wait for
+// a sign-in. Local checks queue further on the platform's own bound on
+// concurrent hashes.
+constexpr int kMaxSignIns = 8;
 
 class Front {
 public:
@@ -65,8 +72,8 @@ private:
     WorkerPool &pool_;
     Logs &logs_;
     StaticFiles ui_;
-    std::mutex platformMu_;   // account lookups of the front, one at a time
     LoginThrottle throttle_;
+    std::atomic<int> signInsInFlight_{0};
 };
 
 // The value of one cookie in a Cookie header, "" when absent.

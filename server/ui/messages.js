@@ -17,6 +17,7 @@ const MESSAGES = {
   120: 'The request was refused because its security token was missing or wrong. Please sign in again.',
   150: 'Wrong account or password, or the account is disabled.',
   151: 'Too many failed sign-ins. Please wait a few minutes before trying again.',
+  152: 'Many sign-ins are in progress. Please try again in a moment.',
   160: 'The server failed while handling the request. Please try again.',
   161: 'The server is busy. Please try again later.',
   // folder listing
