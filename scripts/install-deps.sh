@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Installs the Debian packages the build, the tests and the demo need.
+# Installs the Debian packages the build, the tests, the fuzz harnesses
+# (clang and its libFuzzer and sanitizer runtimes) and the demo need.
 # Idempotent: packages already present are skipped quickly.
 set -euo pipefail
 
@@ -9,6 +10,7 @@ PACKAGES=(
   libboost-dev libcpp-httplib-dev libgtest-dev libgmock-dev libbenchmark-dev
   attr acl slapd ldap-utils curl chromium
   openssl systemd  # the package test: certificate fingerprints, systemd-analyze verify
+  clang libclang-rt-14-dev
 )
 # The browser tests also need node and npm. Some machines carry a nodejs
 # package that bundles npm and conflicts with Debian's npm: ask only for

@@ -45,6 +45,12 @@ bool EncodeRecord(const StoredAcl &acl, std::string &out) {
         KOVA_FAIL(KOVA_ERR_ACL_NOSPACE);
         return false;
     }
+    // The decoder takes only gids an owner change can name: refuse the rest
+    // here rather than write a record that no longer reads back.
+    if (acl.hasGroupOwner && acl.ownerGid > static_cast<uint32_t>(INT32_MAX)) {
+        KOVA_FAIL(KOVA_ERR_BADARG);
+        return false;
+    }
     std::string o;
     o.reserve(kHeaderSize + kEntrySize * acl.entries.size() + kCrcSize);
     o.append(reinterpret_cast<const char *>(kMagic), 4);

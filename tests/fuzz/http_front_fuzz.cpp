@@ -1,31 +1,37 @@
-// kova-webd's HTTP front in-process, without sockets: the input is the byte
-// stream a client sends on one connection, fed through cpp-httplib's request
-// processing (a subclass reaches the protected process_request with an
-// in-memory stream) into the routes Front::Install registers. Module calls
-// go through a real worker pool of one kova-webd worker process, so a method
-// that kills its worker shows here as HTTP 500 with code 160.
+// kova-webd's request handling in-process, without sockets: the input is
+// the byte stream a client sends on one connection. Beast's request parser
+// reads it with the listener's limits (http-listener.h) into whole requests
+// for Front::Handle; what the listener would refuse goes to Front::Refuse
+// instead: bytes that are not HTTP, a request line or header over its limit,
+// a body over its limit, and a request the input ends in the middle of (on a
+// socket the client went quiet: the listener's time-out). Module calls go
+// through a real worker pool of one kova-webd worker process, so a method
+// that kills its worker shows as HTTP 500 with code 160.
 //
-// Placeholders in the headers, fields and body: "@SID_ADMIN@" /
+// Placeholders in the target, headers and body: "@SID_ADMIN@" /
 // "@TOKEN_ADMIN@" and "@SID_ALICE@" / "@TOKEN_ALICE@" become the cookie and
-// token of sessions made at start, "@SHARE@" the fuzz root's share path.
-// In headers and fields they are replaced after the HTTP parse, before
-// routing; in a body given with Content-Length, before the parse, with the
-// length adjusted, so a seed's Content-Length stays right.
+// token of sessions made at start, "@SHARE@" the fuzz root's share path. In
+// the target and headers they are replaced after the parse; in a body given
+// with Content-Length, before it, with the length adjusted, so a seed's
+// Content-Length stays right.
 //
-// Checked for every answer to /webapi: it is a well-formed HTTP response;
-// a 200 carries a JSON envelope ({"success": bool, ...}); no call killed the
-// worker (code 160). With KOVA_FUZZ_STRICT=1 also: every answer of
-// /webapi, whatever its status, is a JSON envelope in valid UTF-8 (off by
-// default until the front answers every refusal so, issue 13 break 5).
+// Checked for every reply: a status the listener can write and header fields
+// with no line breaks; every answer on /webapi, and every refusal, is a JSON
+// envelope ({"success": bool, ...}) in valid UTF-8; no call killed the
+// worker (code 160); Handle throws nothing.
 #include "fuzz-root.h"
 #include "utf8-check.h"
 
 #include "frame.h"
 #include "http-front.h"
+#include "http-listener.h"
 #include "files-api.h"
 
 #include "kova/account.h"
 #include "kova/klibc.h"
+
+#include <boost/beast/core/buffers_to_string.hpp>
+#include <boost/beast/http.hpp>
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -40,81 +46,12 @@
 
 namespace {
 
+namespace http = boost::beast::http;
+
 [[noreturn]] void Die(const std::string &what) {
     std::fprintf(stderr, "http_front_fuzz: %s\n", what.c_str());
     std::abort();
 }
-
-class MemoryStream : public httplib::Stream {
-public:
-    explicit MemoryStream(const std::string &in) : in_(in) {}
-    bool is_readable() const override { return pos_ < in_.size(); }
-    bool is_writable() const override { return true; }
-    ssize_t read(char *ptr, size_t size) override {
-        size_t n = std::min(size, in_.size() - pos_);
-        in_.copy(ptr, n, pos_);
-        pos_ += n;
-        return static_cast<ssize_t>(n);
-    }
-    ssize_t write(const char *ptr, size_t size) override {
-        out_.append(ptr, size);
-        return static_cast<ssize_t>(size);
-    }
-    void get_remote_ip_and_port(std::string &ip, int &port) const override {
-        ip = "192.0.2.7";
-        port = 40000;
-    }
-    void get_local_ip_and_port(std::string &ip, int &port) const override {
-        ip = "127.0.0.1";
-        port = 5000;
-    }
-    socket_t socket() const override { return INVALID_SOCKET; }
-
-    bool exhausted() const { return pos_ >= in_.size(); }
-    std::string &out() { return out_; }
-
-private:
-    const std::string &in_;
-    size_t pos_ = 0;
-    std::string out_;
-};
-
-class InMemoryServer : public httplib::Server {
-public:
-    // One connection's requests, as the server's keep-alive loop runs them.
-    std::string Serve(const std::string &input) {
-        MemoryStream stream(input);
-        std::string all;
-        for (int i = 0; i < 8 && !stream.exhausted(); ++i) {
-            bool closed = false;
-            bool ok = process_request(stream, false, closed, nullptr);
-            Check(stream.out());
-            all += stream.out();
-            stream.out().clear();
-            if (!ok || closed) break;
-        }
-        return all;
-    }
-
-private:
-    // One response: a status line, headers, and for /webapi 200 a JSON envelope.
-    static void Check(const std::string &out) {
-        if (out.empty()) return;  // nothing parsed: the connection just ends
-        if (out.compare(0, 9, "HTTP/1.1 ") != 0) Die("response without a status line: " + out.substr(0, 80));
-        int status = std::atoi(out.c_str() + 9);
-        size_t body = out.find("\r\n\r\n");
-        if (body == std::string::npos) Die("response without the end of its headers");
-        std::string headers = out.substr(0, body);
-        if (headers.find("application/json") == std::string::npos) return;
-        Json::Value reply;
-        if (!webd::ParseJsonText(out.substr(body + 4), reply) || !reply.isObject() || !reply["success"].isBool()) {
-            if (status == 200) Die("a 200 answer of /webapi is not a JSON envelope");
-            return;
-        }
-        if (!reply["success"].asBool() && reply["error"]["code"].asInt() == 160)
-            Die("a call killed its worker: " + out.substr(0, 300));
-    }
-};
 
 struct World {
     webd::Logs logs;
@@ -122,7 +59,7 @@ struct World {
     std::unique_ptr<webd::WorkerPool> pool;
     webd::SessionStore sessions{24 * 3600};
     std::unique_ptr<webd::Front> front;
-    InMemoryServer server;
+    webd::ListenLimits limits;
     std::vector<std::pair<std::string, std::string>> tokens;
 };
 
@@ -195,6 +132,104 @@ std::string SubstituteBodies(const std::string &in) {
     return out + in.substr(pos);
 }
 
+
+
+bool IsTokenChar(unsigned char c) {
+    return std::isalnum(c) || std::string("!#$%&'*+-.^_`|~").find(static_cast<char>(c)) != std::string::npos;
+}
+
+// What the listener needs to write a reply, and the envelope on /webapi
+// and on every refusal.
+void Check(const webd::HttpReply &res, bool api, const std::string &what) {
+    if (res.status < 200 || res.status > 599) Die(what + ": status " + std::to_string(res.status));
+    for (const auto &h : res.headers) {
+        if (h.first.empty()) Die(what + ": header without a name");
+        for (char c : h.first)
+            if (!IsTokenChar(static_cast<unsigned char>(c))) Die(what + ": header name " + h.first);
+        if (h.second.find_first_of(std::string("\r\n\0", 3)) != std::string::npos)
+            Die(what + ": header " + h.first + " holds a line break or NUL");
+    }
+    if (!api) return;
+    Json::Value reply;
+    if (!kova_fuzz::ValidUtf8(res.body) || !webd::ParseJsonText(res.body, reply) || !reply.isObject() ||
+        !reply["success"].isBool())
+        Die(what + ": answer " + std::to_string(res.status) + " is not a JSON envelope in UTF-8: " +
+            res.body.substr(0, 200));
+    if (!reply["success"].asBool() && reply["error"]["code"].asInt() == 160)
+        Die("a call killed its worker: " + res.body.substr(0, 300));
+}
+
+webd::HttpRequest WhatWasRead(const http::request_parser<http::string_body> &p) {
+    webd::HttpRequest req;
+    req.remote = "192.0.2.7";
+    if (p.is_header_done()) {
+        const auto &h = p.get();
+        req.method = std::string(h.method_string());
+        req.target = Substitute(std::string(h.target()));
+        for (const auto &f : h) req.headers.emplace_back(std::string(f.name_string()), Substitute(std::string(f.value())));
+    }
+    return req;
+}
+
+bool IsApi(const webd::HttpRequest &req) {
+    std::string path, query;
+    webd::SplitTarget(req.target, path, query);
+    return path == "/webapi";
+}
+
+// One connection's requests (up to 8), as the listener reads and answers
+// them; the replies in order, for KOVA_FUZZ_PRINT.
+std::string Serve(World &w, const std::string &in) {
+    std::string all;
+    size_t pos = 0;
+    for (int i = 0; i < 8 && pos < in.size(); ++i) {
+        http::request_parser<http::string_body> p;
+        p.header_limit(static_cast<std::uint32_t>(w.limits.headerBytes));
+        p.body_limit(w.limits.bodyBytes);
+        p.eager(true);
+        const size_t begin = pos;
+        boost::beast::error_code ec;
+        while (!p.is_done() && pos < in.size()) {
+            pos += p.put(boost::asio::buffer(in.data() + pos, in.size() - pos), ec);
+            if (ec) break;
+        }
+        bool refused = true;
+        webd::Refusal why = webd::Refusal::kMalformed;
+        if (ec == http::error::header_limit) {
+            const std::string seen = in.substr(begin, w.limits.headerBytes + 1);
+            why = seen.find('\n') == std::string::npos ? webd::Refusal::kRequestLineTooLong
+                                                         : webd::Refusal::kHeaderTooLarge;
+        } else if (ec == http::error::body_limit) {
+            why = webd::Refusal::kBodyTooLarge;
+        } else if (ec == http::error::need_more || (!ec && !p.is_done())) {
+            // The input ends mid-request: the client went quiet.
+            why = webd::Refusal::kTooSlow;
+        } else if (ec) {
+            why = webd::Refusal::kMalformed;
+        } else {
+            refused = false;
+        }
+        webd::HttpReply res;
+        webd::HttpRequest req = WhatWasRead(p);
+        if (refused) {
+            res = w.front->Refuse(why, req);
+            Check(res, true, "refusal");
+        } else {
+            req.body = std::move(p.get().body());
+            const bool api = IsApi(req);
+            try {
+                res = w.front->Handle(req);
+            } catch (const std::exception &e) {
+                Die(std::string("Handle threw: ") + e.what());
+            }
+            Check(res, api, req.method + " " + req.target.substr(0, 80));
+        }
+        all += std::to_string(res.status) + "\n" + res.body + "\n";
+        if (refused || !p.get().keep_alive() || res.Header("Connection") == "close") break;
+    }
+    return all;
+}
+
 } // namespace
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {
@@ -217,24 +252,6 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***) {
         w->logs);
     if (!w->pool->Start()) Die("no worker");
     w->front = std::make_unique<webd::Front>(w->registry, w->sessions, *w->pool, w->logs, KOVA_FUZZ_UI_DIR);
-    w->server.set_payload_max_length(8u << 20);
-    w->server.set_pre_routing_handler([](const httplib::Request &req, httplib::Response &) {
-        // The request is the server's own, not const; only the handlers see it so.
-        auto &r = const_cast<httplib::Request &>(req);
-        for (auto &kv : r.headers) kv.second = Substitute(kv.second);
-        for (auto &kv : r.params) kv.second = Substitute(kv.second);
-        return httplib::Server::HandlerResponse::Unhandled;
-    });
-    if (std::getenv("KOVA_FUZZ_STRICT")) {
-        w->server.set_post_routing_handler([](const httplib::Request &req, httplib::Response &res) {
-            if (req.path != "/webapi") return;
-            Json::Value reply;
-            if (!kova_fuzz::ValidUtf8(res.body) || !webd::ParseJsonText(res.body, reply) || !reply.isObject() ||
-                !reply["success"].isBool())
-                Die("answer " + std::to_string(res.status) + " of /webapi is not a JSON envelope in UTF-8");
-        });
-    }
-    w->front->Install(w->server);
     EnsureSessions(*w);
     gWorld = w;
     return 0;
@@ -242,7 +259,7 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     std::string input = SubstituteBodies(std::string(reinterpret_cast<const char *>(data), size));
-    std::string out = gWorld->server.Serve(input);
+    std::string out = Serve(*gWorld, input);
     EnsureSessions(*gWorld);
     // KOVA_FUZZ_PRINT=1 shows the answers, for writing seeds.
     static const bool print = std::getenv("KOVA_FUZZ_PRINT") != nullptr;
