@@ -24,6 +24,7 @@ enum ErrorCode {
     kErrLoginFailed      = 150,  // wrong account or password, or disabled account
     kErrLoginThrottled   = 151,  // too many failed sign-ins; HTTP 429 with Retry-After
     kErrLoginBusy        = 152,  // too many sign-ins in progress; HTTP 503 with Retry-After: 1
+    kErrLoginNoDirectory = 153,  // the account's directory cannot be reached (a cache-only domain)
     kErrWorkerFailed     = 160,  // the worker died or misbehaved; HTTP 500
     kErrServerBusy       = 161,  // no worker could be started, or no room for another request body; HTTP 503
     // KOVA.Server.Files

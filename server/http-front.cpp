@@ -8,6 +8,7 @@
 #include "http-message.h"
 #include "text-check.h"
 #include "kova/account.h"
+#include "kova/errcode.h"
 #include "kova/klibc.h"
 
 namespace webd {
@@ -125,6 +126,13 @@ Json::Value Front::Login(const ApiCall &call, const std::string &remote, HttpRep
     // run side by side and a slow directory holds up only its own.
     {
         if (KOVAUserPasswordCheck(user.c_str(), passwd.asString().c_str()) != 0) {
+            // A directory account whose directory cannot be reached (a
+            // domain known from its cache only) was never checked: say so,
+            // and do not count it as a wrong password.
+            if (KLIBCErrGet() == KOVA_ERR_DIRSVC) {
+                logs_.Error("login of " + LogSafe(user) + " refused: its directory cannot be reached");
+                return Error(kErrLoginNoDirectory);
+            }
             throttle_.Failed(remote, user, LoginThrottle::Clock::now());
             logs_.Error("login refused for " + LogSafe(user));
             return Error(kErrLoginFailed);

@@ -18,6 +18,7 @@ const MESSAGES = {
   150: 'Wrong account or password, or the account is disabled.',
   151: 'Too many failed sign-ins. Please wait a few minutes before trying again.',
   152: 'Many sign-ins are in progress. Please try again in a moment.',
+  153: 'This account\'s directory cannot be reached, so it cannot sign in here.',
   160: 'The server failed while handling the request. Please try again.',
   161: 'The server is busy. Please try again later.',
   // folder listing

@@ -187,4 +187,22 @@ TEST_F(SignIn, AHangingDirectoryHoldsUpNoOneElseAndSignInsInProgressAreBounded) 
     EXPECT_NE(std::string::npos, webd_->ErrorLog().find("sign-ins already in progress")) << webd_->ErrorLog();
 }
 
+TEST_F(SignIn, ADomainKnownFromItsCacheOnlyIsRefusedWithItsOwnCodeAndNeverThrottled) {
+    const char ldif[] = "dn: CN=jdoe,CN=Users,DC=corp\nobjectClass: inetOrgPerson\nuid: jdoe\ncn: jdoe\nsn: d\n"
+                        "objectSid: S-1-5-21-1-2-3-1105\n\n";
+    ASSERT_TRUE(kova_test::WriteFile(root_.At("corp.ldif"), ldif));
+    std::string out;
+    ASSERT_EQ(kova_test::RunAdmin("domain join CORP --from-ldif " + root_.At("corp.ldif"), &out), 0) << out;
+    WebClient c(webd_->port());
+    // Five wrong passwords block an account; the domain account's sign-ins
+    // were never checked, so none of them counts.
+    for (int i = 0; i < 7; ++i) {
+        Reply r = c.Login("CORP\\jdoe", "whatever-1");
+        EXPECT_EQ(200, r.status) << r.raw;
+        EXPECT_EQ(153, r.body["error"]["code"].asInt()) << r.raw;
+    }
+    // A local account's wrong password is still the plain refusal.
+    EXPECT_EQ(150, WebClient(webd_->port()).Login("bob", "wrong").body["error"]["code"].asInt());
+}
+
 } // namespace
