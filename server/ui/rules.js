@@ -44,12 +44,14 @@ function actionButton(td, label, title, fn, disabled = false) {
 
 // own: editable rules; inherited: rules from above (shown greyed when the
 // inherit switch is off). actions: {edit(i), remove(i), move(i, delta)}.
-export function renderBody(tbody, own, inherited, inheritOn, editable, actions) {
+// readError: why the rules could not be read (then nothing else is shown).
+export function renderBody(tbody, own, inherited, inheritOn, editable, readError, actions) {
   tbody.innerHTML = '';
   const rows = own.map((r, i) => ({ r, i, inherited: false })).concat(inherited.map((r) => ({ r, inherited: true })));
-  if (!rows.length) {
+  if (readError || !rows.length) {
     const tr = document.createElement('tr');
-    const td = cell(tr, 'No rules: nobody but the owner and administrators has access.');
+    const td = cell(tr, readError || 'No rules: nobody but the owner and administrators has access.');
+    if (readError) td.className = 'error';
     td.colSpan = PERMISSIONS.length + 5;
     tbody.append(tr);
     return;
