@@ -6,7 +6,7 @@ import { createBrowser, folderFromHash } from './browser.js';
 import { describe } from './messages.js';
 import { FIXED_PRINCIPALS, INHERIT, PERMISSIONS, PRESETS, defaultInherit, lostControlRights, parentPreview, permissionObject, principalLabel, toRuleObject } from './model.js';
 import { createPicker } from './picker.js';
-import { renderBody, renderHead } from './rules.js';
+import { letterLegend, renderBody, renderHead } from './rules.js';
 import { runTask } from './task.js';
 
 const $ = (id) => document.getElementById(id);
@@ -235,7 +235,7 @@ function render() {
       [state.own[i], state.own[j]] = [state.own[j], state.own[i]];
       changed();
     },
-  });
+  }, state.item ? state.item.path : '');
   if (focusLabel) {
     const again = [...$('rules-body').querySelectorAll('button')].find((b) => b.getAttribute('aria-label') === focusLabel && !b.disabled);
     (again || $('rule-add')).focus();
@@ -561,5 +561,6 @@ $('logout').addEventListener('click', async () => {
 });
 
 renderHead($('rules-head'));
+$('letters-legend').textContent = letterLegend();
 if (hasToken()) showApp(sessionStorage.getItem('kova-account'));
 else showLogin();
