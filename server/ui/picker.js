@@ -97,6 +97,11 @@ export function createPicker(container, { label, builtin = false, exclude = [], 
       const fresh = data.owners.filter((o) => !exclude.includes(o.type));
       total = data.total - (data.owners.length - fresh.length);
       items = offset === 0 ? fresh : items.concat(fresh);
+      // A highlight from the previous results would pick someone else.
+      if (offset === 0) {
+        active = -1;
+        input.removeAttribute('aria-activedescendant');
+      }
       render();
     } catch (e) {
       if (mine !== seq) return;
