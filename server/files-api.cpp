@@ -8,6 +8,8 @@
 #include <algorithm>
 #include <cctype>
 #include <cstdlib>
+#include <map>
+#include <utility>
 #include <memory>
 
 #include "error-codes.h"
@@ -174,14 +176,20 @@ bool Matches(const std::string &name, const std::string &filter) {
     return it != name.end();
 }
 
-// {"type": "user"|"group", "name"} of the path's owner, or null when it
-// cannot be read. Account names are platform data read as root.
-Json::Value OwnerOf(const std::string &path) {
+// Owner names already looked up in this call, by (group?, id): a page of
+// entries mostly shares a few owners.
+using OwnerNames = std::map<std::pair<bool, int>, std::string>;
+
+// {"type": "user"|"group", "id", "name"} of the path's owner, or null when
+// it cannot be read. Account names are platform data read as root.
+Json::Value OwnerOf(const std::string &path, OwnerNames &known) {
     KOVA_ACL_ID id = {0, 0};
     if (KOVAACLOwnerIdGet(path.c_str(), &id) != 0) return Json::Value();
     Json::Value o(Json::objectValue);
-    std::string name;
-    {
+    const auto key = std::make_pair(id.idType == KOVA_ACL_ID_GROUP, id.id);
+    auto hit = known.find(key);
+    std::string name = hit == known.end() ? std::string() : hit->second;
+    if (hit == known.end()) {
         RootScope root;
         if (!root.ok()) return Json::Value();
         if (id.idType == KOVA_ACL_ID_GROUP) {
@@ -203,7 +211,9 @@ Json::Value OwnerOf(const std::string &path) {
     // Root is no platform account, but is a common owner of what the
     // system itself created.
     if (name.empty() && id.id == 0) name = "root";
-    o["name"] = name.empty() ? std::to_string(id.id) : WellFormedUtf8(name);
+    if (name.empty()) name = std::to_string(id.id);
+    known[key] = name;
+    o["name"] = WellFormedUtf8(name);
     return o;
 }
 
@@ -290,6 +300,7 @@ void ListDir(KOVA::APIRequest *req, KOVA::APIResponse *resp) {
     // Share-relative paths are what a person sees; the absolute path is only
     // shown to administrators (the rules calls still take it).
     Json::Value list(Json::arrayValue);
+    OwnerNames owners;
     for (size_t i = offset; i < entries.size() && i - offset < limit; ++i) {
         Json::Value item(Json::objectValue);
         const std::string real = realPath + "/" + entries[i].name;
@@ -298,7 +309,7 @@ void ListDir(KOVA::APIRequest *req, KOVA::APIResponse *resp) {
         item["is_link"] = entries[i].isLink;
         item["path"] = WellFormedUtf8(visible + "/" + entries[i].name);
         item["real_path"] = real;
-        item["owner"] = entries[i].isLink ? Json::Value() : OwnerOf(real);
+        item["owner"] = entries[i].isLink ? Json::Value() : OwnerOf(real, owners);
         list.append(item);
     }
     Json::Value data(Json::objectValue);
@@ -306,7 +317,7 @@ void ListDir(KOVA::APIRequest *req, KOVA::APIResponse *resp) {
     data["real_path"] = realPath;
     data["share"] = shareName;
     data["read_only"] = !allowed.empty();
-    data["owner"] = OwnerOf(realPath);
+    data["owner"] = OwnerOf(realPath, owners);
     data["show_real_path"] = admin;
     data["total"] = static_cast<Json::UInt64>(entries.size());
     data["unfiltered_total"] = static_cast<Json::UInt64>(seen);
