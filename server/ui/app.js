@@ -187,7 +187,7 @@ async function loadItem(item) {
     state.wasInherited = all.is_inherited;
     state.editable = !limit && (all.is_acl ? all.change_permission : all.acl_editable);
     const mode = $('perm-mode');
-    mode.hidden = limit || (all.is_acl && state.editable);
+    mode.hidden = !!limit || (all.is_acl && state.editable);
     if (all.is_acl) mode.textContent = 'You may read these rules but not change them.';
     else if (all.acl_editable) mode.textContent = 'This item has no ACL yet: the rules below come from its mode bits. Saving gives it an ACL.';
     else mode.textContent = 'This item has no ACL and its file system cannot hold one.';
