@@ -223,6 +223,8 @@ function render() {
     $(id).disabled = state.busy || (always ? locked && id !== 'reload' : ro);
   }
   $('save').textContent = state.dirty ? 'Save changes' : 'Save';
+  const firstAllow = state.own.findIndex((r) => r.permission_type !== 'deny');
+  $('order-warning').hidden = firstAllow < 0 || !state.own.some((r, i) => i > firstAllow && r.permission_type === 'deny');
   // Redrawing the table replaces its buttons: put the keyboard back.
   const active = document.activeElement;
   const focusLabel = $('rules-body').contains(active) ? active.getAttribute('aria-label') : null;

@@ -391,6 +391,21 @@ test('the rule dialog: "applies to" required, Escape closes only the list, files
   await until(async () => !(await page.locator('#rule-dialog').isVisible()), 'the dialog to close');
   assert.equal(await rowCount('tr:not(.inherited)'), 0, 'nothing was added');
 
+  // A deny listed below an allow is pointed out until it is moved up.
+  for (const [who, type] of [['carol', 'allow'], ['dave', 'deny']]) {
+    await page.getByRole('button', { name: 'Add rule' }).click();
+    await pick('#rule-picker', who.slice(0, 3), `${who} (user)`);
+    await page.locator(`#rule-dialog input[name="permission_type"][value="${type}"]`).check();
+    await page.locator('#rule-ok').click();
+    await page.locator('#rules-body tr:not(.inherited)', { hasText: `${who} (user)` }).waitFor();
+  }
+  await page.locator('#order-warning').waitFor();
+  await page.getByRole('button', { name: 'Move rule for dave (user) up' }).click();
+  await until(async () => !(await page.locator('#order-warning').isVisible()), 'the order warning to go');
+  assert.deepEqual(await page.locator('#rules-body tr:not(.inherited) td:first-child').allTextContents(), ['dave (user)', 'carol (user)']);
+  await page.locator('#reload').click();
+  await until(async () => (await rowCount('tr:not(.inherited)')) === 0, 'the edits to be discarded');
+
   await openPath('projects', 'engineering', 'project-05', 'report-001.txt');
   assert.equal(await page.getByLabel('Replace the permissions of all sub-folders and files with inherited ones').isVisible(), false);
   await page.getByRole('button', { name: 'Add rule' }).click();
