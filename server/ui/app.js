@@ -404,12 +404,25 @@ async function startAndFollow(params) {
     });
     return result;
   } catch (e) {
-    notify(describe(e), true);
-    return { ok: false };
+    return { ok: false, code: e.code, refused: e };
   } finally {
     state.busy = false;
     render();
   }
+}
+
+// Names the rule a refusal is about: each rule alone goes through the
+// server's check of rules, and the first one refused the same way is it.
+async function explainRuleError(item, rules, err) {
+  if (err.code !== 6211 && err.code !== 403) return describe(err);
+  for (let i = 0; i < rules.length; ++i) {
+    try {
+      await acl('check_self_denied', { file_path: item.real_path, change_acl: true, rules: [rules[i]], inherited: false });
+    } catch (e) {
+      if (e.code === err.code) return `Rule ${i + 1} (${principalLabel(rules[i].owner_type, rules[i].owner_name)}): ${describe(e)}`;
+    }
+  }
+  return describe(err);
 }
 
 // Would the proposed rules take from the signed-in user all access, or the
@@ -451,7 +464,7 @@ $('save').addEventListener('click', async () => {
     const warning = await selfCheck(item, rules);
     if (warning && !(await confirmDialog(`${warning} Save anyway?`))) return;
   } catch (e) {
-    notify(describe(e), true);
+    notify(await explainRuleError(item, rules, e), true);
     return;
   }
   if (recur && !(await confirmReplaceBelow(item))) return;
@@ -466,6 +479,11 @@ $('save').addEventListener('click', async () => {
     acl_recur: recur,
   });
   if (result.ok) notify(`Permissions of ${item.path} saved.`);
+  if (!result.ok && !result.cancelled) {
+    const why = await explainRuleError(item, rules, result.refused || result);
+    if (result.refused) notify(why, true);
+    else $('task-text').textContent = `Failed: ${why}`;
+  }
   if (result.ok || result.cancelled) {
     await loadItem(item);
     $('task').hidden = false;  // keep the final progress line in view
@@ -494,6 +512,7 @@ $('owner-apply').addEventListener('click', async () => {
     acl_owner_recur: $('owner-recur').checked,
   });
   if (result.ok) notify(`${principalLabel(who.type, who.name)} now owns ${item.path}.`);
+  if (result.refused) notify(describe(result.refused), true);
   $('owner-recur').checked = false;
   ownerPicker.set(null, null);
   if (state.item === item) await showOwner(item);

@@ -441,6 +441,24 @@ test('a rule for a group is added and saved with the keyboard alone', async () =
   await page.locator('#rules-body tr:not(.inherited)', { hasText: 'finance (group)' }).waitFor();
 });
 
+test('a refused save names the rule it is about', async () => {
+  const admin = (...args) => {
+    const r = spawnSync(process.env.KOVA_ADMIN, ['--root', process.env.KOVA_ROOT_DIR, ...args], { encoding: 'utf8' });
+    assert.equal(r.status, 0, r.stderr);
+  };
+  admin('user', 'add', 'ghost', '--password', 'Ghost-2024');
+  await openPath('projects', 'engineering', 'project-08');
+  await page.getByRole('button', { name: 'Add rule' }).click();
+  await pick('#rule-picker', 'ghos', 'ghost (user)');
+  await page.locator('#rule-ok').click();
+  await page.locator('#rules-body tr:not(.inherited)', { hasText: 'ghost (user)' }).waitFor();
+  admin('user', 'del', 'ghost');  // gone before the save
+  await page.getByRole('button', { name: /^Save/ }).click();
+  await page.getByText(/Rule 1 \(ghost \(user\)\): The owner, or a user or group named in a rule, cannot be found/).first().waitFor(LONG);
+  await page.locator('#reload').click();
+  await until(async () => (await rowCount('tr:not(.inherited)')) === 0, 'the edits to be discarded');
+});
+
 test('the owner is shown and changed from the top of the panel', async () => {
   await openPath('projects', 'engineering', 'project-05', 'report-002.txt');
   await page.getByRole('button', { name: 'Change…' }).click();
