@@ -34,6 +34,7 @@ enum ErrorCode {
     kErrFilesNoFolder    = 603,  // does not exist, or not readable by the user
     kErrFilesNotFolder   = 604,
     kErrFilesBadParam    = 605,  // a parameter is missing or of the wrong type
+    kErrFilesNoListRight = 606,  // the folder's rules do not let the user list it
 };
 
 } // namespace webd

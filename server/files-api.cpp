@@ -6,8 +6,15 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cctype>
+#include <cstdlib>
+#include <map>
+#include <utility>
+#include <memory>
 
 #include "error-codes.h"
+#include "kova-internal/identity.h"
+#include "text-check.h"
 #include "kova/account.h"
 #include "kova/acl.h"
 #include "kova/fileshare.h"
@@ -19,44 +26,47 @@ namespace webd {
 namespace {
 
 constexpr unsigned kDefaultLimit = 1000;
+constexpr unsigned kMaxLimit = 5000;    // one reply stays small whatever is asked
+constexpr size_t kMaxFilter = 255;
 
 // Share records and privileges are platform data that only root reads; the
-// worker keeps saved uid 0, so it may look them up as root and return to
-// the user before touching the user's files.
-class AsRoot {
-public:
-    AsRoot() : uid_(geteuid()), gid_(getegid()) {
-        ok_ = setresuid(-1, 0, -1) == 0 && setresgid(-1, 0, -1) == 0;
-    }
-    ~AsRoot() {
-        if (setresgid(-1, gid_, -1) != 0 || setresuid(-1, uid_, -1) != 0) {
-            // Staying root on behalf of a user would be worse than dying:
-            // the pool replaces the worker.
-            _exit(3);
-        }
-    }
-    AsRoot(const AsRoot &) = delete;
-    AsRoot &operator=(const AsRoot &) = delete;
-    bool ok() const { return ok_; }
-
-private:
-    uid_t uid_;
-    gid_t gid_;
-    bool ok_;
-};
+// worker keeps saved uid 0, so it looks them up in a RootScope and is the
+// user again before it touches the user's files.
+using kova_internal::RootScope;
 
 bool IsAdmin(const std::string &user) {
-    AsRoot root;
+    RootScope root;
     return root.ok() && KLIBGroupIsAdminGroupMem(user.c_str(), 0) == 1;
 }
 
 // KOVA_SHARE_PRIV_* of the user on the share; administrators hold RW.
 int Privilege(const std::string &share, const std::string &user, bool admin) {
     if (admin) return KOVA_SHARE_PRIV_RW;
-    AsRoot root;
+    RootScope root;
     int priv = KOVA_SHARE_PRIV_NONE;
     if (!root.ok() || KOVASharePrivGet(share.c_str(), user.c_str(), &priv) < 0) return KOVA_SHARE_PRIV_NONE;
     return priv;
+}
+
+// Who is signed in, as the editor needs it to warn before the user takes
+// rights away from herself: name, administrator status and group names.
+Json::Value Account(const std::string &user, bool admin) {
+    Json::Value a(Json::objectValue);
+    a["name"] = user;
+    a["is_admin"] = admin;
+    Json::Value groups(Json::arrayValue);
+    RootScope root;
+    PKLIBC_SZLIST gids = root.ok() ? KLIBGroupInfoListGet(user.c_str(), 0) : nullptr;
+    for (int i = 0; gids && i < gids->nItem; ++i) {
+        const char *g = KLIBCSzListGet(gids, i);
+        PKOVA_GROUP group = nullptr;
+        if (!g || KOVAGroupGetByGID(static_cast<unsigned>(std::strtoul(g, nullptr, 10)), &group) < 0 || !group) continue;
+        if (group->szName) groups.append(WellFormedUtf8(group->szName));
+        KOVAGroupFree(group);
+    }
+    if (gids) KLIBCSzListFree(gids);
+    a["groups"] = groups;
+    return a;
 }
 
 void ListShares(KOVA::APIRequest *req, KOVA::APIResponse *resp) {
@@ -70,7 +80,7 @@ void ListShares(KOVA::APIRequest *req, KOVA::APIResponse *resp) {
     Json::Value shares(Json::arrayValue);
     int rc;
     {
-        AsRoot root;
+        RootScope root;
         rc = root.ok() ? KOVAShareEnum(&names) : -1;
     }
     if (rc < 0) {
@@ -85,7 +95,7 @@ void ListShares(KOVA::APIRequest *req, KOVA::APIResponse *resp) {
         if (priv != KOVA_SHARE_PRIV_RO && priv != KOVA_SHARE_PRIV_RW) continue;
         PKOVA_SHARE share = nullptr;
         {
-            AsRoot root;
+            RootScope root;
             if (KOVAShareGet(name, &share) < 0 || !share) continue;
         }
         Json::Value s(Json::objectValue);
@@ -103,6 +113,7 @@ void ListShares(KOVA::APIRequest *req, KOVA::APIResponse *resp) {
     KLIBCSzListFree(names);
     Json::Value data(Json::objectValue);
     data["shares"] = shares;
+    data["account"] = Account(user, admin);
     resp->SetSuccess(data);
 }
 
@@ -126,17 +137,103 @@ struct Entry {
     bool isLink;
 };
 
+// Names as a person sorts them: runs of digits by their value, so img-2
+// comes before img-10; letters without regard to case, then bytewise so
+// the order is total.
+bool NaturalLess(const std::string &a, const std::string &b) {
+    size_t i = 0, j = 0;
+    while (i < a.size() && j < b.size()) {
+        const unsigned char ca = a[i], cb = b[j];
+        if (std::isdigit(ca) && std::isdigit(cb)) {
+            size_t ei = i, ej = j;
+            while (ei < a.size() && std::isdigit(static_cast<unsigned char>(a[ei]))) ++ei;
+            while (ej < b.size() && std::isdigit(static_cast<unsigned char>(b[ej]))) ++ej;
+            size_t zi = i, zj = j;  // leading zeros do not change the value
+            while (zi + 1 < ei && a[zi] == '0') ++zi;
+            while (zj + 1 < ej && b[zj] == '0') ++zj;
+            if (ei - zi != ej - zj) return ei - zi < ej - zj;
+            const int c = a.compare(zi, ei - zi, b, zj, ej - zj);
+            if (c != 0) return c < 0;
+            i = ei;
+            j = ej;
+            continue;
+        }
+        const int la = std::tolower(ca), lb = std::tolower(cb);
+        if (la != lb) return la < lb;
+        ++i;
+        ++j;
+    }
+    if (i < a.size() || j < b.size()) return j < b.size();
+    return a < b;
+}
+
+// Case-insensitive (ASCII) substring match for the listing's filter.
+bool Matches(const std::string &name, const std::string &filter) {
+    if (filter.empty()) return true;
+    auto it = std::search(name.begin(), name.end(), filter.begin(), filter.end(), [](char x, char y) {
+        return std::tolower(static_cast<unsigned char>(x)) == std::tolower(static_cast<unsigned char>(y));
+    });
+    return it != name.end();
+}
+
+// Owner names already looked up in this call, by (group?, id): a page of
+// entries mostly shares a few owners.
+using OwnerNames = std::map<std::pair<bool, int>, std::string>;
+
+// {"type": "user"|"group", "id", "name"} of the path's owner, or null when
+// it cannot be read. Account names are platform data read as root.
+Json::Value OwnerOf(const std::string &path, OwnerNames &known) {
+    KOVA_ACL_ID id = {0, 0};
+    if (KOVAACLOwnerIdGet(path.c_str(), &id) != 0) return Json::Value();
+    Json::Value o(Json::objectValue);
+    const auto key = std::make_pair(id.idType == KOVA_ACL_ID_GROUP, id.id);
+    auto hit = known.find(key);
+    std::string name = hit == known.end() ? std::string() : hit->second;
+    if (hit == known.end()) {
+        RootScope root;
+        if (!root.ok()) return Json::Value();
+        if (id.idType == KOVA_ACL_ID_GROUP) {
+            PKOVA_GROUP g = nullptr;
+            if (KOVAGroupGetByGID(static_cast<unsigned>(id.id), &g) >= 0 && g) {
+                name = g->szName ? g->szName : "";
+                KOVAGroupFree(g);
+            }
+        } else {
+            PKOVA_USER u = nullptr;
+            if (KOVAUserGetByUID(static_cast<unsigned>(id.id), &u) == 0 && u) {
+                name = u->szName ? u->szName : "";
+                KOVAUserFree(u);
+            }
+        }
+    }
+    o["type"] = id.idType == KOVA_ACL_ID_GROUP ? "group" : "user";
+    o["id"] = id.id;
+    // Root is no platform account, but is a common owner of what the
+    // system itself created.
+    if (name.empty() && id.id == 0) name = "root";
+    if (name.empty()) name = std::to_string(id.id);
+    known[key] = name;
+    o["name"] = WellFormedUtf8(name);
+    return o;
+}
+
+struct DirCloser {
+    void operator()(DIR *d) const { closedir(d); }
+};
+
 void ListDir(KOVA::APIRequest *req, KOVA::APIResponse *resp) {
     const Json::Value &pathV = req->GetParamRef("path", Json::Value());
     const Json::Value &offV = req->GetParamRef("offset", Json::Value(0));
     const Json::Value &limV = req->GetParamRef("limit", Json::Value(kDefaultLimit));
-    if (!pathV.isString() || !offV.isUInt() || !limV.isUInt()) {
+    const Json::Value &filterV = req->GetParamRef("filter", Json::Value(""));
+    if (!pathV.isString() || !offV.isUInt() || !limV.isUInt() || !filterV.isString() ||
+        !IsCleanText(filterV.asString()) || filterV.asString().size() > kMaxFilter) {
         resp->SetError(kErrFilesBadParam);
         return;
     }
     std::string visible = pathV.asString();
     while (visible.size() > 1 && visible.back() == '/') visible.pop_back();
-    if (!ValidVisiblePath(visible)) {
+    if (!IsCleanText(visible) || !ValidVisiblePath(visible)) {
         resp->SetError(kErrFilesBadPath);
         return;
     }
@@ -144,9 +241,9 @@ void ListDir(KOVA::APIRequest *req, KOVA::APIResponse *resp) {
     std::string realPath, shareName, shareRoot, allowed;
     int rc;
     {
-        AsRoot root;
+        RootScope root;
         PanoraFileShare fs;
-        rc = fs.WfmFullPathGet(visible, realPath, shareName, shareRoot, allowed, user);
+        rc = root.ok() ? fs.WfmFullPathGet(visible, realPath, shareName, shareRoot, allowed, user) : -1;
     }
     if (rc != 0) {
         resp->SetError(kErrFilesNoFolder);
@@ -155,49 +252,64 @@ void ListDir(KOVA::APIRequest *req, KOVA::APIResponse *resp) {
     const std::string topShare = visible.substr(1, visible.find('/', 1) == std::string::npos
                                                       ? std::string::npos
                                                       : visible.find('/', 1) - 1);
-    int priv = Privilege(topShare, user, IsAdmin(user));
+    const bool admin = IsAdmin(user);
+    int priv = Privilege(topShare, user, admin);
     if (priv != KOVA_SHARE_PRIV_RO && priv != KOVA_SHARE_PRIV_RW) {
         resp->SetError(kErrFilesNoPrivilege);
         return;
     }
-    // From here on the user's own ids decide what can be read.
-    struct stat st;
-    if (lstat(realPath.c_str(), &st) != 0) {
-        resp->SetError(kErrFilesNoFolder);
+    // From here on the user's own ids decide what can be read: the folder is
+    // opened without following a link, and the platform's own evaluation of
+    // its rules (not only the mode bits) must grant listing.
+    const int fd = open(realPath.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    if (fd < 0) {
+        struct stat st;
+        const bool isDir = lstat(realPath.c_str(), &st) != 0 || S_ISDIR(st.st_mode);
+        resp->SetError(isDir ? kErrFilesNoFolder : kErrFilesNotFolder);
         return;
     }
-    if (!S_ISDIR(st.st_mode)) {
-        resp->SetError(kErrFilesNotFolder);
-        return;
-    }
-    DIR *d = opendir(realPath.c_str());
+    std::unique_ptr<DIR, DirCloser> d(fdopendir(fd));
     if (!d) {
+        close(fd);
         resp->SetError(kErrFilesNoFolder);
         return;
     }
+    if (KOVAACLPermCheck(realPath.c_str(), KOVA_ACL_PERM_READ_DATA) != 1) {
+        resp->SetError(kErrFilesNoListRight);
+        return;
+    }
+    const std::string filter = filterV.asString();
     std::vector<Entry> entries;
-    while (struct dirent *e = readdir(d)) {
+    size_t seen = 0;
+    while (struct dirent *e = readdir(d.get())) {
         std::string n = e->d_name;
         if (n == "." || n == ".." || KOVAEAIsHiddenDir(n.c_str())) continue;
         struct stat es;
-        if (fstatat(dirfd(d), n.c_str(), &es, AT_SYMLINK_NOFOLLOW) != 0) continue;
+        if (fstatat(dirfd(d.get()), n.c_str(), &es, AT_SYMLINK_NOFOLLOW) != 0) continue;
+        ++seen;
+        if (!Matches(n, filter)) continue;
         entries.push_back({n, S_ISDIR(es.st_mode), S_ISLNK(es.st_mode)});
     }
-    closedir(d);
+    d.reset();
     std::sort(entries.begin(), entries.end(), [](const Entry &a, const Entry &b) {
         if (a.isDir != b.isDir) return a.isDir;
-        return a.name < b.name;
+        return NaturalLess(a.name, b.name);
     });
     const size_t offset = offV.asUInt();
-    const size_t limit = limV.asUInt();
+    const size_t limit = std::min<size_t>(limV.asUInt(), kMaxLimit);
+    // Share-relative paths are what a person sees; the absolute path is only
+    // shown to administrators (the rules calls still take it).
     Json::Value list(Json::arrayValue);
+    OwnerNames owners;
     for (size_t i = offset; i < entries.size() && i - offset < limit; ++i) {
         Json::Value item(Json::objectValue);
-        item["name"] = entries[i].name;
+        const std::string real = realPath + "/" + entries[i].name;
+        item["name"] = WellFormedUtf8(entries[i].name);
         item["is_dir"] = entries[i].isDir;
         item["is_link"] = entries[i].isLink;
-        item["path"] = visible + "/" + entries[i].name;
-        item["real_path"] = realPath + "/" + entries[i].name;
+        item["path"] = WellFormedUtf8(visible + "/" + entries[i].name);
+        item["real_path"] = real;
+        item["owner"] = entries[i].isLink ? Json::Value() : OwnerOf(real, owners);
         list.append(item);
     }
     Json::Value data(Json::objectValue);
@@ -205,7 +317,10 @@ void ListDir(KOVA::APIRequest *req, KOVA::APIResponse *resp) {
     data["real_path"] = realPath;
     data["share"] = shareName;
     data["read_only"] = !allowed.empty();
+    data["owner"] = OwnerOf(realPath, owners);
+    data["show_real_path"] = admin;
     data["total"] = static_cast<Json::UInt64>(entries.size());
+    data["unfiltered_total"] = static_cast<Json::UInt64>(seen);
     data["entries"] = list;
     resp->SetSuccess(data);
 }

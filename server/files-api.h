@@ -2,14 +2,20 @@
 // as the logged-in user:
 //   list_shares            -> {"shares": [{"name", "path" ("/name"), "real_path",
 //                              "comment", "privilege" ("ro"|"rw"), "read_only",
-//                              "support_acl", "acl_enabled"}]}
-//   list_dir {"path": "/share/dir", "offset", "limit"}
-//                          -> {"path", "real_path", "share", "total",
-//                              "entries": [{"name", "is_dir", "is_link", "path", "real_path"}]}
+//                              "support_acl", "acl_enabled"}],
+//                              "account": {"name", "is_admin", "groups"}}
+//   list_dir {"path": "/share/dir", "offset", "limit" (<= 5000), "filter"}
+//                          -> {"path", "real_path", "share", "read_only", "owner",
+//                              "show_real_path", "total", "unfiltered_total",
+//                              "entries": [{"name", "is_dir", "is_link", "path",
+//                                           "real_path", "owner"}]}
 // Shares are those the user holds a privilege on (administrators: all).
-// Folders are read with the user's own ids, so file permissions apply too.
-// Entries: folders first, then files, each by name; hidden attribute folders
-// of the platform are left out.
+// A folder is listed only when the platform's evaluation of its rules gives
+// the user the list right (606 otherwise), and is read with the user's ids.
+// Entries: folders first, then files, each in natural order (img-2 before
+// img-10); "filter" keeps names containing it (ASCII case ignored) and
+// "total" counts what it kept. Owners are {"type", "id", "name"} or null.
+// Hidden attribute folders of the platform are left out.
 #ifndef KOVA_WEBD_FILES_API_H
 #define KOVA_WEBD_FILES_API_H
 

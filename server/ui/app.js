@@ -1,12 +1,12 @@
 // The permissions editor: sign-in, the folder browser, and for the chosen
 // item its rules, owner, inheritance, recursive apply with progress and
 // cancel, the self-lock-out warning, and effective permissions.
-import { acl, hasToken, login, logout, onSessionLost } from './api.js';
-import { createBrowser } from './browser.js';
+import { acl, files, hasToken, login, logout, onSessionLost } from './api.js';
+import { createBrowser, folderFromHash } from './browser.js';
 import { describe } from './messages.js';
-import { FIXED_PRINCIPALS, INHERIT, PERMISSIONS, PRESETS, defaultInherit, permissionObject, principalLabel, toRuleObject } from './model.js';
+import { FIXED_PRINCIPALS, INHERIT, PERMISSIONS, PRESETS, defaultInherit, lostControlRights, parentPreview, permissionObject, principalLabel, toRuleObject } from './model.js';
 import { createPicker } from './picker.js';
-import { renderBody, renderHead } from './rules.js';
+import { letterLegend, renderBody, renderHead } from './rules.js';
 import { runTask } from './task.js';
 
 const $ = (id) => document.getElementById(id);
@@ -15,11 +15,15 @@ const state = {
   item: null,        // the entry whose permissions are shown
   own: [],           // its own rules, in order (editable)
   inheritedNow: [],  // what it inherits while its inherit flag is on
-  inheritable: [],   // what it would inherit (type "inherite")
+  preview: [],       // what it would inherit from its parent once the switch is on
+  wasInherited: false,
   inheritOn: false,
   editable: false,
+  readError: '',     // why the rules could not be read
   dirty: false,
   busy: false,
+  account: { name: '', is_admin: false, groups: [] },
+  shares: {},        // name -> the share's flags, from list_shares
 };
 
 function notify(text, isError = false) {
@@ -41,8 +45,32 @@ async function showApp(account) {
   $('login-view').hidden = true;
   $('app-view').hidden = false;
   $('who').textContent = account ? `Signed in as ${account}` : '';
-  await browser.open(null);
+  try {
+    noteShares(await files('list_shares'));
+  } catch (e) {
+    notify(describe(e), true);
+  }
+  const start = folderFromHash();
+  await browser.open(start, { history: 'replace' });
+  // A folder in the address that is gone, or not this account's, leaves
+  // the list of shares in view rather than nothing.
+  if (start !== null && browser.path !== start) await browser.open(null, { history: 'replace' });
   for (const p of [rulePicker, ownerPicker, inspectPicker]) p.prepare();
+}
+
+// Asks before unsaved edits are thrown away; true when there are none or
+// the person agrees.
+async function mayDiscard() {
+  if (!state.dirty) return true;
+  return confirmDialog(`The permissions of ${state.item.path} have unsaved changes. Discard them?`,
+    { yes: 'Discard changes', no: 'Keep editing', title: 'Unsaved changes' });
+}
+
+// The account and the share flags, which every item's view depends on.
+function noteShares(data) {
+  if (data.account) state.account = data.account;
+  state.shares = {};
+  for (const sh of data.shares) state.shares[sh.name] = sh;
 }
 
 // ---- the folder browser ------------------------------------------------
@@ -50,9 +78,71 @@ const browser = createBrowser({
   crumbs: $('crumbs'),
   entries: $('entries'),
   more: $('more-entries'),
-  onSelect: (item) => loadItem(item),
+  filter: $('entry-filter'),
+  count: $('entry-count'),
+  onSelect: async (item) => {
+    if (state.item && item.real_path !== state.item.real_path && !(await mayDiscard())) return false;
+    loadItem(item);
+    return true;
+  },
+  onShares: (data) => noteShares(data),
   onError: (text) => notify(text, true),
 });
+
+window.addEventListener('beforeunload', (ev) => {
+  if (!state.dirty) return;
+  ev.preventDefault();
+  ev.returnValue = '';
+});
+
+window.addEventListener('popstate', async () => {
+  const target = folderFromHash();
+  if (state.dirty) {
+    const here = browser.path;
+    if (!(await mayDiscard())) {
+      window.history.pushState(null, '', browser.hashOf(here));
+      return;
+    }
+    state.dirty = false;
+    $('perm-panel').hidden = true;
+    state.item = null;
+  }
+  browser.open(target, { history: 'none' });
+});
+
+// What the item's share allows, in words; empty when it allows editing.
+function shareLimit(item) {
+  const share = state.shares[item.path.split('/')[1]];
+  if (!share) return '';
+  if (!share.support_acl || !share.acl_enabled) {
+    return `The shared folder ${share.name} does not support permission rules: its permissions come from mode bits and cannot be edited here.`;
+  }
+  if (share.read_only && !item.is_share) {
+    return `The shared folder ${share.name} is read-only: only the permissions of its top folder can be changed.`;
+  }
+  return '';
+}
+
+// The owner as the server lists it now (not as it was listed before).
+async function fetchOwner(item) {
+  if (item.is_share) return (await files('list_dir', { path: item.path, limit: 0 })).owner;
+  const parent = item.path.slice(0, item.path.lastIndexOf('/'));
+  const data = await files('list_dir', { path: parent, filter: item.name, limit: 5000 });
+  const entry = data.entries.find((e) => e.name === item.name);
+  return entry ? entry.owner : null;
+}
+
+async function showOwner(item) {
+  const out = $('owner-current');
+  try {
+    const owner = await fetchOwner(item);
+    if (state.item !== item) return;
+    out.textContent = owner ? principalLabel(owner.type, owner.name) : 'unknown';
+    state.owner = owner;
+  } catch (e) {
+    if (state.item === item) out.textContent = 'unknown';
+  }
+}
 
 // The folder, as the user sees it, that a set request names: the item
 // itself for a folder, its parent for a file.
@@ -62,52 +152,83 @@ function dirPathOf(item) {
 }
 
 // ---- the rules of one item ------------------------------------------------
+// The panel's data-state is "loading" while an item is read, "busy" while a
+// change runs and "ready" when it shows the item as it is.
 async function loadItem(item) {
+  $('perm-panel').dataset.state = 'loading';
   state.item = item;
   state.dirty = false;
+  state.owner = null;
+  // Every item starts clean: nothing chosen for the previous one applies.
+  $('acl-recur').checked = false;
+  $('owner-recur').checked = false;
+  ownerPicker.set(null, null);
+  $('acl-recur-label').hidden = !item.is_dir;
+  $('owner-recur').parentElement.hidden = !item.is_dir;
   $('perm-panel').hidden = false;
   $('perm-path').textContent = item.path;
-  $('perm-real').textContent = item.real_path;
+  const showReal = item.is_share ? state.account.is_admin : item.show_real_path;
+  $('perm-real').textContent = showReal ? item.real_path : '';
+  $('owner-current').textContent = '…';
   $('task').hidden = true;
   $('inspect-result').innerHTML = '';
+  const limit = shareLimit(item);
+  $('share-state').hidden = !limit;
+  $('share-state').textContent = limit;
+  showOwner(item);
+  state.preview = [];
+  state.readError = '';
   try {
-    const [all, inh] = await Promise.all([
-      acl('get', { file_path: item.real_path, type: 'all' }),
-      acl('get', { file_path: item.real_path, type: 'inherite' }).catch(() => ({ acl: [] })),
-    ]);
+    const all = await acl('get', { file_path: item.real_path, type: 'all' });
     if (state.item !== item) return;  // another item was chosen meanwhile
     state.own = all.acl.filter((r) => !r.level);
     state.inheritedNow = all.acl.filter((r) => r.level > 0);
-    state.inheritable = inh.acl;
     state.inheritOn = all.is_inherited;
-    state.editable = all.is_acl ? all.change_permission : all.acl_editable;
+    state.wasInherited = all.is_inherited;
+    state.editable = !limit && (all.is_acl ? all.change_permission : all.acl_editable);
     const mode = $('perm-mode');
-    mode.hidden = all.is_acl && state.editable;
+    mode.hidden = !!limit || (all.is_acl && state.editable);
     if (all.is_acl) mode.textContent = 'You may read these rules but not change them.';
     else if (all.acl_editable) mode.textContent = 'This item has no ACL yet: the rules below come from its mode bits. Saving gives it an ACL.';
     else mode.textContent = 'This item has no ACL and its file system cannot hold one.';
     render();
+    $('perm-panel').dataset.state = 'ready';
   } catch (e) {
+    if (state.item !== item) return;
     state.own = [];
     state.inheritedNow = [];
-    state.inheritable = [];
     state.editable = false;
+    state.readError = e.code === 6205
+      ? 'The rules could not be read: you may not read the permissions of this item.'
+      : `The rules could not be read: ${describe(e)}`;
+    $('perm-mode').hidden = true;
     render();
+    $('perm-panel').dataset.state = 'ready';
     notify(describe(e), true);
   }
 }
 
 function inheritedRows() {
-  return state.inheritedNow.length ? state.inheritedNow : state.inheritable;
+  if (!state.inheritOn) return [];
+  return state.wasInherited ? state.inheritedNow : state.preview;
 }
 
 function render() {
   const ro = !state.editable || state.busy;
   $('inherit-switch').checked = state.inheritOn;
   $('inherit-switch').disabled = ro;
-  for (const id of ['rule-add', 'save', 'acl-recur', 'owner-apply', 'reload']) $(id).disabled = state.busy || (id !== 'reload' && id !== 'owner-apply' && ro);
+  const locked = !!shareLimit(state.item || { path: '' });
+  for (const id of ['rule-add', 'save', 'acl-recur', 'owner-apply', 'owner-change', 'reload']) {
+    const always = id === 'reload' || id === 'owner-apply' || id === 'owner-change';
+    $(id).disabled = state.busy || (always ? locked && id !== 'reload' : ro);
+  }
   $('save').textContent = state.dirty ? 'Save changes' : 'Save';
-  renderBody($('rules-body'), state.own, inheritedRows(), state.inheritOn, !ro, {
+  const firstAllow = state.own.findIndex((r) => r.permission_type !== 'deny');
+  $('order-warning').hidden = firstAllow < 0 || !state.own.some((r, i) => i > firstAllow && r.permission_type === 'deny');
+  // Redrawing the table replaces its buttons: put the keyboard back.
+  const active = document.activeElement;
+  const focusLabel = $('rules-body').contains(active) ? active.getAttribute('aria-label') : null;
+  renderBody($('rules-body'), state.own, inheritedRows(), state.inheritOn, !ro, state.readError, {
     edit: (i) => openRuleDialog(i),
     remove: (i) => { state.own.splice(i, 1); changed(); },
     move: (i, d) => {
@@ -116,7 +237,11 @@ function render() {
       [state.own[i], state.own[j]] = [state.own[j], state.own[i]];
       changed();
     },
-  });
+  }, state.item ? state.item.path : '');
+  if (focusLabel) {
+    const again = [...$('rules-body').querySelectorAll('button')].find((b) => b.getAttribute('aria-label') === focusLabel && !b.disabled);
+    (again || $('rule-add')).focus();
+  }
 }
 
 function changed() {
@@ -124,11 +249,51 @@ function changed() {
   render();
 }
 
-$('inherit-switch').addEventListener('change', (ev) => {
-  state.inheritOn = ev.target.checked;
+// The rules the item would inherit from its parent folder, for the preview
+// shown when inheritance is switched back on.
+async function loadPreview(item) {
+  const cut = item.real_path.lastIndexOf('/');
+  if (item.is_share || cut <= 0) return [];
+  const parent = await acl('get', { file_path: item.real_path.slice(0, cut), type: 'all' });
+  return parentPreview(parent.acl, item.is_dir);
+}
+
+function inheritChoice() {
+  const d = $('inherit-dialog');
+  d.returnValue = '';
+  d.showModal();
+  $('inherit-cancel').focus();
+  return new Promise((resolve) => d.addEventListener('close', () => resolve(d.returnValue || 'cancel'), { once: true }));
+}
+
+$('inherit-switch').addEventListener('change', async (ev) => {
+  const item = state.item;
+  if (!ev.target.checked) {
+    const inherited = inheritedRows();
+    const choice = inherited.length ? await inheritChoice() : 'remove';
+    if (choice === 'cancel') {
+      ev.target.checked = true;
+      return;
+    }
+    if (choice === 'convert') state.own = state.own.concat(inherited.map((r) => ({ ...toRuleObject(r), level: 0 })));
+    state.inheritOn = false;
+    changed();
+    return;
+  }
+  state.inheritOn = true;
   changed();
+  if (state.wasInherited) return;
+  try {
+    const preview = await loadPreview(item);
+    if (state.item !== item) return;
+    state.preview = preview;
+    render();
+  } catch (e) {
+    notify(`The rules of the parent folder could not be read: ${describe(e)}`, true);
+  }
 });
 $('reload').addEventListener('click', () => state.item && loadItem(state.item));
+$('owner-change').addEventListener('click', () => ownerPicker.focus());
 
 // ---- the rule dialog --------------------------------------------------------
 const ruleDialog = $('rule-dialog');
@@ -174,6 +339,8 @@ function openRuleDialog(index) {
   setChecks('perm', r ? r.permission : permissionObject(PRESETS.read));
   const fileDefault = { this_folder: true, child_folders: false, child_files: false, all_descendants: true };
   setChecks('inherit', r ? r.inherit : state.item && state.item.is_dir ? defaultInherit() : fileDefault);
+  // A file has no children: the rule applies to the file alone.
+  $('rule-inherit').closest('fieldset').hidden = !(state.item && state.item.is_dir);
   ruleDialog.returnValue = '';
   ruleDialog.showModal();
   rulePicker.focus();
@@ -201,15 +368,24 @@ $('rule-form').addEventListener('submit', (ev) => {
     $('rule-error').textContent = 'Tick at least one permission.';
     return;
   }
+  const i = rule.inherit;
+  if (state.item.is_dir && !i.this_folder && !i.child_folders && !i.child_files) {
+    ev.preventDefault();
+    $('rule-error').textContent = 'Tick where the rule applies: this folder, child folders or child files.';
+    return;
+  }
   if (editing >= 0) state.own[editing] = rule;
   else state.own.push(rule);
   changed();
 });
 
 // ---- confirmation -------------------------------------------------------------
-function confirmDialog(text) {
+function confirmDialog(text, { yes = 'Save anyway', no = 'Go back', title = 'Please confirm' } = {}) {
   const d = $('confirm-dialog');
   $('confirm-text').textContent = text;
+  $('confirm-yes').textContent = yes;
+  $('confirm-no').textContent = no;
+  $('confirm-title').textContent = title;
   d.returnValue = '';
   d.showModal();
   $('confirm-no').focus();
@@ -218,6 +394,7 @@ function confirmDialog(text) {
 
 // ---- saving, as a background task ------------------------------------------
 async function startAndFollow(params) {
+  $('perm-panel').dataset.state = 'busy';
   state.busy = true;
   render();
   try {
@@ -227,40 +404,91 @@ async function startAndFollow(params) {
     });
     return result;
   } catch (e) {
-    notify(describe(e), true);
-    return { ok: false };
+    return { ok: false, code: e.code, refused: e };
   } finally {
     state.busy = false;
     render();
   }
 }
 
+// Names the rule a refusal is about: each rule alone goes through the
+// server's check of rules, and the first one refused the same way is it.
+async function explainRuleError(item, rules, err) {
+  if (err.code !== 6211 && err.code !== 403) return describe(err);
+  for (let i = 0; i < rules.length; ++i) {
+    try {
+      await acl('check_self_denied', { file_path: item.real_path, change_acl: true, rules: [rules[i]], inherited: false });
+    } catch (e) {
+      if (e.code === err.code) return `Rule ${i + 1} (${principalLabel(rules[i].owner_type, rules[i].owner_name)}): ${describe(e)}`;
+    }
+  }
+  return describe(err);
+}
+
+// Would the proposed rules take from the signed-in user all access, or the
+// right to read or change them? Administrators keep every right below a
+// share's top folder whatever the rules say, so they are not warned there.
+async function selfCheck(item, rules) {
+  if (state.account.is_admin && !item.is_share) return '';
+  const reenabling = state.inheritOn && !state.wasInherited;
+  // The server reads what is inherited from the item's stored state; while
+  // inheritance is only being switched back on, the preview stands for it.
+  const check = await acl('check_self_denied', {
+    file_path: item.real_path,
+    change_acl: true,
+    rules: reenabling ? rules.concat(state.preview.map(toRuleObject)) : rules,
+    inherited: state.inheritOn && !reenabling,
+  });
+  if (check.is_denied) return `With these rules you (${state.account.name}) would have no access at all to ${item.path}.`;
+  const lost = lostControlRights(state.own, inheritedRows(), state.account, state.owner);
+  if (!lost.length) return '';
+  return `With these rules you (${state.account.name}) could no longer ${lost.join(' or ')} of ${item.path}, and nobody but its owner or an administrator could give them back to you.`;
+}
+
+async function confirmReplaceBelow(item) {
+  let what = 'every sub-folder and file below it';
+  try {
+    const data = await files('list_dir', { path: item.path, limit: 0 });
+    what = `its ${data.unfiltered_total} direct entr${data.unfiltered_total === 1 ? 'y' : 'ies'} and everything below them`;
+  } catch (e) { /* the count is a courtesy */ }
+  return confirmDialog(`Saving will also replace the permissions of ${what} with inherited ones: every rule set on them is deleted.`,
+    { yes: 'Replace permissions below', no: 'Cancel', title: 'Replace permissions below?' });
+}
+
 $('save').addEventListener('click', async () => {
   const item = state.item;
   if (!item) return;
   const rules = state.own.map(toRuleObject);
+  const recur = $('acl-recur').checked && item.is_dir;
   try {
-    const check = await acl('check_self_denied', {
-      file_path: item.real_path, change_acl: true, rules, inherited: state.inheritOn,
-    });
-    if (check.is_denied && !(await confirmDialog(
-      `With these rules you would have no access at all to ${item.path}. Save anyway?`))) return;
+    const warning = await selfCheck(item, rules);
+    if (warning && !(await confirmDialog(`${warning} Save anyway?`))) return;
   } catch (e) {
-    notify(describe(e), true);
+    notify(await explainRuleError(item, rules, e), true);
     return;
   }
+  if (recur && !(await confirmReplaceBelow(item))) return;
+  // A replacement below is asked for once, never carried to the next save.
+  $('acl-recur').checked = false;
   const result = await startAndFollow({
     file_path: item.real_path,
     dirPaths: dirPathOf(item),
     change_acl: true,
     inherited: state.inheritOn,
     rules,
-    acl_recur: $('acl-recur').checked,
+    acl_recur: recur,
   });
-  if (result.ok) {
-    notify(`Permissions of ${item.path} saved.`);
+  if (result.ok) notify(`Permissions of ${item.path} saved.`);
+  if (!result.ok && !result.cancelled) {
+    const why = await explainRuleError(item, rules, result.refused || result);
+    if (result.refused) notify(why, true);
+    else $('task-text').textContent = `Failed: ${why}`;
+  }
+  if (result.ok || result.cancelled) {
     await loadItem(item);
     $('task').hidden = false;  // keep the final progress line in view
+  } else {
+    $('perm-panel').dataset.state = 'ready';
   }
 });
 
@@ -284,10 +512,16 @@ $('owner-apply').addEventListener('click', async () => {
     acl_owner_recur: $('owner-recur').checked,
   });
   if (result.ok) notify(`${principalLabel(who.type, who.name)} now owns ${item.path}.`);
+  if (result.refused) notify(describe(result.refused), true);
+  $('owner-recur').checked = false;
+  ownerPicker.set(null, null);
+  if (state.item === item) await showOwner(item);
+  $('perm-panel').dataset.state = 'ready';
 });
 
 // ---- effective permissions -------------------------------------------------
-const inspectPicker = createPicker($('inspect-picker'), { label: 'For', builtin: true });
+// "Owner" names whoever owns an item, not someone whose access can be shown.
+const inspectPicker = createPicker($('inspect-picker'), { label: 'For', builtin: true, exclude: ['owner'] });
 $('inspect-run').addEventListener('click', async () => {
   const item = state.item;
   const who = inspectPicker.value;
@@ -337,10 +571,17 @@ $('login-form').addEventListener('submit', async (ev) => {
 });
 
 $('logout').addEventListener('click', async () => {
+  if (!(await mayDiscard())) return;
   try { await logout(); } catch (e) { /* the session is gone either way */ }
+  state.dirty = false;
+  state.item = null;
+  $('perm-panel').hidden = true;
+  // The next account starts at its shares, not where this one was.
+  window.history.replaceState(null, '', location.pathname);
   showLogin();
 });
 
 renderHead($('rules-head'));
+$('letters-legend').textContent = letterLegend();
 if (hasToken()) showApp(sessionStorage.getItem('kova-account'));
 else showLogin();

@@ -28,6 +28,7 @@ const MESSAGES = {
   603: 'The folder does not exist, or you may not open it.',
   604: 'This is not a folder.',
   605: 'The folder listing was asked for with a missing or wrong value.',
+  606: 'The permissions of this folder do not let you list its contents.',
   // permissions
   117: 'The progress of the task cannot be read.',
   402: 'The shared folder does not exist.',

@@ -74,3 +74,46 @@ export function inheritSummary(inh) {
   if ((inh.child_folders || inh.child_files) && !inh.all_descendants) s += ' (one level)';
   return s;
 }
+
+// The rules a child would inherit from its parent, given the parent's rules
+// as read ("all"): its own rules that pass to this kind of child, and what
+// it inherits itself when those pass further down; one level further away.
+export function parentPreview(parentRules, childIsDir) {
+  return parentRules
+    .filter((r) => (childIsDir ? r.inherit.child_folders : r.inherit.child_files) && (!r.level || r.inherit.all_descendants))
+    .map((r) => ({ ...r, level: (r.level || 0) + 1 }));
+}
+
+// Does a rule name the account (directly, by one of its groups, or as a
+// principal everyone signed in belongs to)?
+function namesAccount(r, account, isOwner) {
+  switch (r.owner_type) {
+  case 'user': return r.owner_name === account.name;
+  case 'group': return account.groups.includes(r.owner_name);
+  case 'everyone':
+  case 'authenticated_user': return true;
+  case 'owner': return isOwner;
+  default: return false;
+  }
+}
+
+const CONTROL = [['read_perm', 'read the permissions'], ['change_perm', 'change the permissions']];
+
+// Which of reading and changing the rules the account would lose with these
+// rules: the nearest level decides, and within a level a deny wins. The
+// owner always keeps both.
+export function lostControlRights(own, inherited, account, owner) {
+  const isOwner = !!owner && ((owner.type === 'user' && owner.name === account.name) ||
+    (owner.type === 'group' && account.groups.includes(owner.name)));
+  if (isOwner) return [];
+  const rules = own.filter((r) => !r.inherit || r.inherit.this_folder).map((r) => ({ ...r, level: 0 }))
+    .concat(inherited)
+    .filter((r) => namesAccount(r, account, isOwner))
+    .sort((a, b) => (a.level - b.level) || ((a.permission_type === 'deny' ? 0 : 1) - (b.permission_type === 'deny' ? 0 : 1)));
+  const lost = [];
+  for (const [key, words] of CONTROL) {
+    const decider = rules.find((r) => r.permission && r.permission[key]);
+    if (!decider || decider.permission_type === 'deny') lost.push(words);
+  }
+  return lost;
+}

@@ -34,7 +34,7 @@ function loadSources() {
 
 let counter = 0;
 
-export function createPicker(container, { label, builtin = false, onChange = () => {} }) {
+export function createPicker(container, { label, builtin = false, exclude = [], onChange = () => {} }) {
   const id = `picker${++counter}`;
   container.innerHTML = '';
   const lab = document.createElement('label');
@@ -94,8 +94,14 @@ export function createPicker(container, { label, builtin = false, onChange = () 
     try {
       const data = await acl('list_owners', params, 2);
       if (mine !== seq) return;  // a newer search is on its way
-      total = data.total;
-      items = offset === 0 ? data.owners : items.concat(data.owners);
+      const fresh = data.owners.filter((o) => !exclude.includes(o.type));
+      total = data.total - (data.owners.length - fresh.length);
+      items = offset === 0 ? fresh : items.concat(fresh);
+      // A highlight from the previous results would pick someone else.
+      if (offset === 0) {
+        active = -1;
+        input.removeAttribute('aria-activedescendant');
+      }
       render();
     } catch (e) {
       if (mine !== seq) return;
@@ -182,7 +188,15 @@ export function createPicker(container, { label, builtin = false, onChange = () 
     } else if (ev.key === 'Enter' && active >= 0 && !list.hidden) {
       ev.preventDefault();
       pick(items[active]);
-    } else if (ev.key === 'Escape') {
+    } else if (ev.key === 'Escape' && !list.hidden) {
+      // Closes the list only, not the dialog the picker sits in, and
+      // clears the search as a search box does: the next Escape is the
+      // dialog's.
+      ev.preventDefault();
+      ev.stopPropagation();
+      clearTimeout(timer);
+      seq += 1;
+      input.value = '';
       open(false);
     }
   });

@@ -6,7 +6,7 @@ export function renderHead(tr) {
   tr.innerHTML = '';
   const cols = [['Owner', 'The user, group or built-in principal the rule is for'], ['Allow / deny']];
   for (const [, letter, title] of PERMISSIONS) cols.push([letter, title]);
-  cols.push(['Applies to'], ['Level'], ['Actions']);
+  cols.push(['Applies to'], ['Inherited from', 'The folder that sets an inherited rule'], ['Actions']);
   for (const [text, title] of cols) {
     const th = document.createElement('th');
     th.scope = 'col';
@@ -44,12 +44,27 @@ function actionButton(td, label, title, fn, disabled = false) {
 
 // own: editable rules; inherited: rules from above (shown greyed when the
 // inherit switch is off). actions: {edit(i), remove(i), move(i, delta)}.
-export function renderBody(tbody, own, inherited, inheritOn, editable, actions) {
+// readError: why the rules could not be read (then nothing else is shown).
+// The folder that sets a rule `level` steps above `itemPath`.
+export function inheritedFrom(itemPath, level) {
+  if (!level) return '';
+  const parts = itemPath.split('/').filter(Boolean);
+  if (level >= parts.length) return 'above the shared folder';
+  return '/' + parts.slice(0, parts.length - level).join('/');
+}
+
+// The letters of the permission columns, in words, for the legend.
+export function letterLegend() {
+  return PERMISSIONS.map(([, letter, title]) => `${letter} = ${title}`).join(' · ');
+}
+
+export function renderBody(tbody, own, inherited, inheritOn, editable, readError, actions, itemPath = '') {
   tbody.innerHTML = '';
   const rows = own.map((r, i) => ({ r, i, inherited: false })).concat(inherited.map((r) => ({ r, inherited: true })));
-  if (!rows.length) {
+  if (readError || !rows.length) {
     const tr = document.createElement('tr');
-    const td = cell(tr, 'No rules: nobody but the owner and administrators has access.');
+    const td = cell(tr, readError || 'No rules: nobody but the owner and administrators has access.');
+    if (readError) td.className = 'error';
     td.colSpan = PERMISSIONS.length + 5;
     tbody.append(tr);
     return;
@@ -68,7 +83,8 @@ export function renderBody(tbody, own, inherited, inheritOn, editable, actions) 
       td.setAttribute('aria-label', `${title}: ${on ? 'yes' : 'no'}`);
     }
     cell(tr, inheritSummary(r.inherit || {}));
-    cell(tr, String(r.level || 0));
+    const from = cell(tr, inheritedFrom(itemPath, r.level || 0));
+    from.className = 'from';
     const act = cell(tr);
     if (!inh && editable) {
       actionButton(act, '✎', `Edit rule for ${who}`, () => actions.edit(i));

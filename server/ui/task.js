@@ -10,16 +10,20 @@ export function runTask(taskId, { box, progress, text, stopButton }) {
     let stopping = false;
     let done = false;
     box.hidden = false;
+    box.dataset.state = 'running';
     progress.removeAttribute('value');  // indeterminate: the walk's size is not known
     text.textContent = 'Starting…';
     stopButton.disabled = false;
 
-    const finish = (result) => {
+    // The bar is full only when the work is: a cancelled or failed run
+    // stops it empty, and the box says which in words and colour.
+    const finish = (result, state) => {
       done = true;
       stopButton.disabled = true;
       stopButton.onclick = null;
-      progress.value = 1;
       progress.max = 1;
+      progress.value = state === 'finished' ? 1 : 0;
+      box.dataset.state = state;
       resolve(result);
     };
 
@@ -39,16 +43,16 @@ export function runTask(taskId, { box, progress, text, stopButton }) {
       try {
         const data = await acl('status', { task_id: taskId });
         if (data && data.finished) {
-          text.textContent = 'Done.';
-          finish({ ok: true });
+          text.textContent = 'Finished: every change was applied.';
+          finish({ ok: true }, 'finished');
           return;
         }
         if (!stopping) text.textContent = data && data.applypath ? `Applying to ${data.applypath}` : 'Working…';
       } catch (e) {
         // A stopped task ends with the generic failure code.
         const cancelled = stopping && e.code === 6200;
-        text.textContent = cancelled ? 'Cancelled. What was already applied stays applied.' : describe(e);
-        finish({ ok: false, cancelled, code: e.code });
+        text.textContent = cancelled ? 'Cancelled. What was already applied stays applied.' : `Failed: ${describe(e)}`;
+        finish({ ok: false, cancelled, code: e.code }, cancelled ? 'cancelled' : 'failed');
         return;
       }
       setTimeout(poll, POLL_MS);

@@ -40,7 +40,7 @@ for i in $(seq -w 1 60); do
 done
 
 status=0
-KOVA_URL=$URL KOVA_CHROMIUM=$CHROMIUM KOVA_ARTIFACTS=$HERE/artifacts KOVA_ROOT_DIR=$ROOT \
+KOVA_URL=$URL KOVA_ADMIN=$BUILD/bin/kova-admin KOVA_CHROMIUM=$CHROMIUM KOVA_ARTIFACTS=$HERE/artifacts KOVA_ROOT_DIR=$ROOT \
   node --test --test-reporter=tap "$HERE/editor.test.mjs" || status=$?
 
 # Stop the server and wait for it, so that a sanitizer build has written its

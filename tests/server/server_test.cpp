@@ -11,8 +11,10 @@
 #include <map>
 #include <set>
 #include <thread>
+#include <vector>
 
 #include "kova/account.h"
+#include "kova/acl.h"
 #include "kova/share.h"
 #include "temp-root.h"
 #include "text-check.h"
@@ -496,6 +498,39 @@ TEST_F(Server, FilesApiHonoursSharePrivilegesAndFolderRights) {
     Reply odd = a.Call("KOVA.Server.Files", 1, "list_dir", q);
     EXPECT_TRUE(webd::IsCleanText(odd.raw)) << odd.raw;
     EXPECT_EQ("n\xEF\xBF\xBDme.txt", odd.body["data"]["entries"][0]["name"].asString()) << odd.raw;
+
+    // Names in natural order, a filter that keeps its count, and the owner.
+    for (const char *n : {"img-10", "img-2", "IMG-3", "img-1", "other"})
+        ASSERT_TRUE(kova_test::WriteFile(docs + "/zdir/" + n, "x"));
+    Json::Value f(Json::objectValue);
+    f["path"] = "/docs/zdir";
+    f["filter"] = "img";
+    Reply filtered = a.Call("KOVA.Server.Files", 1, "list_dir", f);
+    ASSERT_TRUE(filtered.body["success"].asBool()) << filtered.raw;
+    std::vector<std::string> names;
+    for (const Json::Value &x : filtered.body["data"]["entries"]) names.push_back(x["name"].asString());
+    EXPECT_EQ((std::vector<std::string>{"img-1", "img-2", "IMG-3", "img-10"}), names);
+    EXPECT_EQ(4u, filtered.body["data"]["total"].asUInt());
+    EXPECT_EQ(6u, filtered.body["data"]["unfiltered_total"].asUInt());
+    EXPECT_EQ("user", filtered.body["data"]["owner"]["type"].asString()) << filtered.raw;
+    f["filter"] = std::string(256, 'i');  // a filter is a name part, not a document
+    EXPECT_EQ(605, Code(a.Call("KOVA.Server.Files", 1, "list_dir", f)));
+
+    // The folder's rules decide listing, not only its mode bits.
+    ASSERT_TRUE(kova_test::MakeDirs(docs + "/closed"));
+    chmod((docs + "/closed").c_str(), 0777);
+    {
+        PKOVA_ACL acl = KOVAACLAlloc(0);
+        PKOVA_ACL_ENTRY ace = KOVAACLAceAlloc();
+        ASSERT_TRUE(acl && ace);
+        const std::string text = "user:" + std::to_string(alice.uid) + ":deny:r------------:----:0";
+        ASSERT_GE(KOVAACLAceParse(text.c_str(), ace), 0);
+        ASSERT_EQ(0, KOVAACLAceAppend(acl, ace));
+        ASSERT_EQ(0, KOVAACLSet((docs + "/closed").c_str(), -1, acl));
+        KOVAACLFree(acl);
+    }
+    q["path"] = "/docs/closed";
+    EXPECT_EQ(606, Code(a.Call("KOVA.Server.Files", 1, "list_dir", q)));
 }
 
 // Many connections that send a header line now and then, as a slow or
