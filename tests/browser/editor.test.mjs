@@ -3,8 +3,9 @@
 // the progress to the end, cancel another recursive run, and see the
 // effective permissions change; and the guards an administrator relies on
 // (unsaved edits, inheritance choices, share flags, self-lock-out, address
-// state). Screenshots of failures go to artifacts/, those of the main views
-// to docs/img/ for docs/editor.md.
+// state). Screenshots of failures go to artifacts/; those of the main views
+// go to artifacts/ too, or to docs/img/ for docs/editor.md when
+// KOVA_DOC_SCREENSHOTS=1, so a test run leaves the source tree as it was.
 import assert from 'node:assert/strict';
 import { spawnSync } from 'node:child_process';
 import fs from 'node:fs';
@@ -23,7 +24,9 @@ let profile;
 let context;
 let page;
 const pageErrors = [];
-const DOC_IMG = path.resolve(path.dirname(new globalThis.URL(import.meta.url).pathname), '../../docs/img');
+const DOC_IMG = process.env.KOVA_DOC_SCREENSHOTS === '1'
+  ? path.resolve(path.dirname(new globalThis.URL(import.meta.url).pathname), '../../docs/img')
+  : null;
 
 // Each test leaves a screenshot of the page when it fails.
 function test(name, fn) {
@@ -46,8 +49,9 @@ async function shot(name) {
 
 // A view documented in docs/editor.md.
 async function docShot(name) {
-  fs.mkdirSync(DOC_IMG, { recursive: true });
-  await page.screenshot({ path: path.join(DOC_IMG, `${name}.png`) });
+  const dir = DOC_IMG ?? ARTIFACTS;
+  fs.mkdirSync(dir, { recursive: true });
+  await page.screenshot({ path: path.join(dir, `${name}.png`) });
 }
 
 // Waits until fn() is true (the page's policy forbids waitForFunction).
