@@ -5,6 +5,7 @@
 #include "acl-store.h"
 #include "evaluate.h"
 #include "fs-type.h"
+#include "kernel-acl.h"
 #include "mode-acl.h"
 #include "path-state.h"
 
@@ -69,7 +70,14 @@ bool SetWithoutRaising(const char *szPath, const Principal &caller, StoredAcl &n
     Target t;
     if (!LocateTargetInKeptFolder(szPath, caller.uid, t) || !RightsIgnoreEntries(caller, t.BelowShareRoot()))
         return false;
-    if (WriteStoredKeepingGroupOwner(t, next, false)) return true;
+    if (!WriteStoredKeepingGroupOwner(t, next, false)) {
+        ForgetKeptFolder();
+        return false;
+    }
+    // Kernel ACLs need the owner or CAP_FOWNER, and the ancestors' records
+    // are read through "..", which the caller's ids may not search: as root.
+    Elevation root(caller.uid);
+    if (root.ok() && ProjectStored(t, next)) return true;
     ForgetKeptFolder();
     return false;
 }
@@ -126,11 +134,11 @@ extern "C" int KOVAACLSet(const char *szPath, int fd, const KOVA_ACL *pAcl) {
     // share root a link's share is its path's; a missing path fails the
     // write itself.
     if (RightsIgnoreEntries(caller, s.target.BelowShareRoot()))
-        return WriteStoredKeepingGroupOwner(s.target, next, caller.isRoot) ? 0 : -1;
+        return WriteStoredKeepingGroupOwner(s.target, next, caller.isRoot) && ProjectStored(s.target, next) ? 0 : -1;
     // A link standing at a share root's path belongs to its folder's share.
     if (!StatTarget(s.target)) return -1;
     if (RightsIgnoreEntries(caller, s.target.BelowShareRoot()))
-        return WriteStoredKeepingGroupOwner(s.target, next, caller.isRoot) ? 0 : -1;
+        return WriteStoredKeepingGroupOwner(s.target, next, caller.isRoot) && ProjectStored(s.target, next) ? 0 : -1;
     if (!LoadResolvedState(s, kLoadAll, &caller)) return -1;
     if (!Holds(s, caller, KOVA_ACL_PERM_WRITE_ACL)) {
         KOVA_FAIL(KOVA_ERR_ACL_DENIED);
@@ -138,7 +146,7 @@ extern "C" int KOVAACLSet(const char *szPath, int fd, const KOVA_ACL *pAcl) {
     }
     next.hasGroupOwner = s.stored && s.own.hasGroupOwner;
     next.ownerGid = next.hasGroupOwner ? s.own.ownerGid : 0;
-    return WriteStored(s.target, next) ? 0 : -1;
+    return WriteStored(s.target, next) && ProjectStored(s.target, next) ? 0 : -1;
 }
 
 extern "C" int KOVAACLRemove(const char *szPath, int fd) {
@@ -157,7 +165,10 @@ extern "C" int KOVAACLRemove(const char *szPath, int fd) {
         KOVA_FAIL(KOVA_ERR_ACL_DENIED);
         return -1;
     }
-    return RemoveStored(s.target) ? 0 : -1;
+    // A path without a record keeps whatever kernel ACL it has (one a
+    // program set, or a default one it was created with).
+    if (!s.stored) return RemoveStored(s.target) ? 0 : -1;
+    return RemoveStored(s.target) && Unproject(s.target) ? 0 : -1;
 }
 
 extern "C" int KOVAACLIsSupport(const char *szPath, int fd, int mode) {
@@ -187,11 +198,13 @@ extern "C" int KOVAACLDumpFromMode(const char *szPath, int fd, PKOVA_ACL *ppAcl)
         return -1;
     }
     Target t;
+    std::vector<Ace> entries;
     {
         Elevation root;
         if (!root.ok() || !ResolveTarget(szPath, t)) return -1;
+        entries = EntriesWithoutRecord(t);
     }
-    PKOVA_ACL acl = BuildPublicAcl(false, EntriesFromMode(t.st));
+    PKOVA_ACL acl = BuildPublicAcl(false, entries);
     if (!acl) return -1;
     *ppAcl = acl;
     return 0;
