@@ -78,7 +78,7 @@ bool ProjectStored(Target &t, const StoredAcl &own) {
     } else {
         owner.id = static_cast<int>(t.st.st_uid);
     }
-    return WriteProjection(t, Project(complete, owner, t.st.st_uid, t.st.st_gid, t.IsDir()));
+    return WriteProjection(t, Project(complete, owner, t.st.st_uid, t.st.st_gid, t.IsDir(), t.BelowShareRoot(), t.inShare));
 }
 
 bool Unproject(const Target &t) {

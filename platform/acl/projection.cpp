@@ -70,6 +70,7 @@ uint32_t SureRights(const std::vector<Ace> &ordered, const Who &w) {
 // Who the access ACL's or the default ACL's entries stand for.
 struct Subject {
     bool forDefault = false;  // the owner is whoever creates the child
+    bool adminsHoldAll = false;  // strictly below a share root
     uid_t fileUid = 0;
     gid_t fileGid = 0;
     OwnerId owner;
@@ -97,8 +98,10 @@ void SetMask(PosixAcl &acl) {
     uint16_t mask = 0;
     for (const PosixEntry &e : acl.entries)
         if (e.tag == kUser || e.tag == kGroupObj || e.tag == kGroup) mask = static_cast<uint16_t>(mask | e.perm);
-    for (PosixEntry &e : acl.entries)
+    for (PosixEntry &e : acl.entries) {
         if (e.tag == kMask) e.perm = mask;
+        if (e.tag == kOther && mask == 0 && !acl.MinimalForm()) e.perm = 0;  // as in Build
+    }
 }
 
 // One POSIX ACL for the entries (already ordered) as seen by s. uids and
@@ -134,7 +137,9 @@ PosixAcl Build(const std::vector<Ace> &ordered, const Subject &s, bool isDir, co
         g.namedUsersOut = allNamed;
         g.owner = OwnerMatch(s, tag, gidKnown ? gid : kNoId);
         if (!gidKnown && g.owner == Match::Yes) g.owner = Match::Maybe;
-        const uint16_t b = BitsFor(ordered, g, isDir);
+        uint16_t b = BitsFor(ordered, g, isDir);
+        // Every member of the administrators' group is an administrator.
+        if (s.adminsHoldAll && gidKnown && gid == KOVA_ADMIN_GID) b = 7;
         acl.entries.push_back({tag, b, tag == kGroup ? gid : kNoId});
         mask |= b;
     };
@@ -150,7 +155,11 @@ PosixAcl Build(const std::vector<Ace> &ordered, const Subject &s, bool isDir, co
     o.namedGroupsOut = allNamed;
     o.owner = OwnerMatch(s, kOther, kNoId);
     if (!allNamed && o.owner == Match::No && s.owner.idType == KOVA_ACL_ID_GROUP) o.owner = Match::Maybe;
-    acl.entries.push_back({kOther, BitsFor(ordered, o, isDir), kNoId});
+    uint16_t other = BitsFor(ordered, o, isDir);
+    // The kernel skips an ACL whose mask is empty and judges everyone but
+    // the owner by the other entry: that entry must then be empty too.
+    if (named && mask == 0) other = 0;
+    acl.entries.push_back({kOther, other, kNoId});
     return acl;
 }
 
@@ -177,7 +186,8 @@ unsigned PosixBitsOf(uint32_t rights, bool isDir) {
     return bits;
 }
 
-Projection Project(const std::vector<Ace> &complete, const OwnerId &owner, uid_t fileUid, gid_t fileGid, bool isDir) {
+Projection Project(const std::vector<Ace> &complete, const OwnerId &owner, uid_t fileUid, gid_t fileGid, bool isDir,
+                   bool belowShareRoot, bool inShare) {
     Projection p;
     std::vector<Ace> ordered = complete;
     OrderForEvaluation(ordered);
@@ -185,8 +195,10 @@ Projection Project(const std::vector<Ace> &complete, const OwnerId &owner, uid_t
     s.fileUid = fileUid;
     s.fileGid = fileGid;
     s.owner = owner;
+    s.adminsHoldAll = belowShareRoot;
     std::set<uint32_t> uids, gids;
     Names(ordered, uids, gids);
+    if (belowShareRoot) gids.insert(KOVA_ADMIN_GID);
     if (owner.idType == KOVA_ACL_ID_GROUP) gids.insert(static_cast<uint32_t>(owner.id));
     p.access = Build(ordered, s, isDir, uids, gids);
     // Without named entries every group and user entry may apply to the
@@ -212,6 +224,8 @@ Projection Project(const std::vector<Ace> &complete, const OwnerId &owner, uid_t
     Names(toDir, du, dg);
     Subject child;
     child.forDefault = true;
+    child.adminsHoldAll = inShare;  // a folder's children lie below its share's root
+    if (inShare) dg.insert(KOVA_ADMIN_GID);
     PosixAcl f = Build(toFile, child, false, du, dg);
     PosixAcl d = Build(toDir, child, true, du, dg);
     for (size_t i = 0; i < f.entries.size() && i < d.entries.size(); ++i) f.entries[i].perm &= d.entries[i].perm;

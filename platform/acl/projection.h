@@ -10,8 +10,9 @@
 // the projection does not depend on who is in which group. Rights map as:
 // file r = read data, w = write data and append, x = execute; folder r =
 // list, w = add file, add folder and delete child all three, x = traverse.
-// Administrators get nothing extra (the platform's "everything below a
-// share root" is not projected). docs/platform/enforcement.md has the cases.
+// Administrators (the group of gid 101) get every bit strictly below a share
+// root, as the platform gives them; a named entry of an administrator
+// shadows it (less, never more). docs/platform/enforcement.md has the cases.
 #ifndef KOVA_ACL_PROJECTION_H
 #define KOVA_ACL_PROJECTION_H
 
@@ -34,7 +35,11 @@ struct Projection {
 
 // complete: own entries then inherited ones (levels set); owner: the
 // platform's owner; fileUid/fileGid: the entry's kernel owner and group.
-Projection Project(const std::vector<Ace> &complete, const OwnerId &owner, uid_t fileUid, gid_t fileGid, bool isDir);
+// belowShareRoot / inShare: where the entry lies; administrators hold every
+// right strictly below a share root, which the administrators' group entry
+// says (so the platform's own lookups, made with their ids, pass).
+Projection Project(const std::vector<Ace> &complete, const OwnerId &owner, uid_t fileUid, gid_t fileGid, bool isDir,
+                   bool belowShareRoot, bool inShare);
 
 // The rwx bits (4 2 1) a rights mask gives on a file or a folder.
 unsigned PosixBitsOf(uint32_t rights, bool isDir);
