@@ -18,6 +18,7 @@
 #include <grp.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -30,6 +31,7 @@
 namespace {
 
 using kova_acl_test::AclFixture;
+using kova_acl_test::RawRecord;
 using kova_test::Identity;
 
 constexpr unsigned kR = 4, kW = 2, kX = 1;
@@ -303,6 +305,61 @@ TEST_F(AclEnforce, KernelNeverGrantsMoreThanThePlatformAndAgreesOnAllowOnlyNamed
     // The run covered what it claims to.
     EXPECT_EQ(checked, static_cast<long>(entries.size() * users.size()));
     EXPECT_GT(exactChecked, 2000);
+}
+
+// The kernel bits a user (real ids, no root left) has on a path.
+unsigned KernelBitsAs(const Identity &who, const std::string &path, bool isDir) {
+    int rc = kova_test::RunAs(who, [&] {
+        if (setresgid(who.gid, who.gid, who.gid) != 0 || setresuid(who.uid, who.uid, who.uid) != 0) return 100;
+        return static_cast<int>(KernelBits(path, isDir));
+    });
+    return static_cast<unsigned>(rc);
+}
+
+// Dynamic inheritance: a folder's non-recursive set or removal changes what
+// every inheriting descendant's kernel ACL says, down a few levels; a link
+// in the tree is not followed, nothing outside the share changes, and a
+// descendant that does not inherit keeps its own.
+TEST_F(AclEnforce, DescendantsFollowAFoldersInheritableEntries) {
+    OpenAncestors();
+    const Identity alice{1030, 1030, {}}, bob{1031, 1031, {}};
+    const std::string top = In("top");
+    Dir(top + "/a/b");
+    File(top + "/a/b/f");
+    File(top + "/a/own");
+    ASSERT_EQ(SetAcl(top, {"user:1030:allow:rx:fd"}, false), 0);
+    for (const char *p : {"a", "a/b", "a/b/f"}) ASSERT_EQ(SetAcl(top + "/" + p, {}, true), 0) << p;
+    ASSERT_EQ(SetAcl(top + "/a/own", {"user:1031:allow:r:-"}, false), 0);
+    // Outside the share, reachable through a link inside the tree.
+    const std::string outside = root_.At("outside");
+    Dir(outside);
+    File(outside + "/g");
+    ASSERT_EQ(SetAcl(outside + "/g", {"user:1030:allow:r:-"}, true), 0);
+    ASSERT_EQ(symlink(outside.c_str(), (top + "/a/link").c_str()), 0);
+    const std::string outsideBefore = RawRecord(outside + "/g");
+    char before[512] = {};
+    const ssize_t beforeLen = lgetxattr((outside + "/g").c_str(), "system.posix_acl_access", before, sizeof before);
+
+    EXPECT_EQ(KernelBitsAs(alice, top + "/a/b/f", false), kR | kX);
+    EXPECT_EQ(KernelBitsAs(bob, top + "/a/b/f", false), 0u);
+
+    ASSERT_EQ(SetAcl(top, {"user:1031:allow:rwxpD:fd"}, false), 0);
+    EXPECT_EQ(KernelBitsAs(alice, top + "/a/b/f", false), 0u);
+    EXPECT_EQ(KernelBitsAs(bob, top + "/a/b/f", false), kR | kW | kX);
+    EXPECT_EQ(KernelBitsAs(bob, top + "/a/b", true), kR | kW | kX);
+    // Not inheriting: its own entry only.
+    EXPECT_EQ(KernelBitsAs(bob, top + "/a/own", false), kR);
+
+    ASSERT_EQ(KOVAACLRemove(top.c_str(), -1), 0);
+    EXPECT_EQ(KernelBitsAs(bob, top + "/a/b/f", false), 0u);
+    EXPECT_EQ(KernelBitsAs(bob, top + "/a/b", true), 0u);
+
+    EXPECT_EQ(RawRecord(outside + "/g"), outsideBefore);
+    char after[512] = {};
+    const ssize_t afterLen = lgetxattr((outside + "/g").c_str(), "system.posix_acl_access", after, sizeof after);
+    ASSERT_EQ(afterLen, beforeLen);
+    EXPECT_EQ(std::string(after, static_cast<size_t>(afterLen > 0 ? afterLen : 0)),
+              std::string(before, static_cast<size_t>(beforeLen > 0 ? beforeLen : 0)));
 }
 
 } // namespace
