@@ -16,6 +16,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <grp.h>
+#include <linux/capability.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <sys/xattr.h>
@@ -449,6 +450,42 @@ TEST_F(AclEnforce, VerifyReportsAndRepairsDrift) {
     AdminRun again = Admin(root_.path(), {"acl", "verify", top});
     EXPECT_EQ(again.status, 0) << again.out;
     EXPECT_EQ(Admin(root_.path(), {"acl", "verify"}).status, 1);
+}
+
+// The module's recursive set: an administrator's task (its ids, and
+// CAP_SYS_ADMIN alone) sets the top folder, then gives every entry below an
+// empty inheriting ACL, top-down; each call projects its entry, so the
+// kernel follows the top's entries everywhere, on a fresh tree and again
+// when the records exist and the top changes.
+TEST_F(AclEnforce, RecursiveWalkAsATaskProjectsEveryEntry) {
+    OpenAncestors();
+    const Identity admin{1040, 1040, {KOVA_ADMIN_GID}};
+    const Identity alice{1030, 1030, {}}, bob{1031, 1031, {}};
+    const std::string top = In("walk");
+    const std::vector<std::string> below = {"a", "a/f", "a/b", "a/b/f", "g"};
+    Dir(top + "/a/b");
+    for (const char *f : {"a/f", "a/b/f", "g"}) File(top + "/" + f);
+    auto walk = [&](const std::string &who) {
+        return kova_test::RunAs(admin, [&] {
+            if (!kova_test::KeepOnlyCapability(CAP_SYS_ADMIN)) return 90;
+            if (SetAcl(top, {"user:" + who + ":allow:rwxpD:fd"}, false) != 0) return 91;
+            for (const auto &rel : below)
+                if (SetAcl(top + "/" + rel, {}, true) != 0) return 92;
+            return 0;
+        });
+    };
+    ASSERT_EQ(walk("1030"), 0);
+    for (const auto &rel : below) {
+        const bool isDir = rel == "a" || rel == "a/b";
+        EXPECT_EQ(KernelBitsAs(alice, top + "/" + rel, isDir), kR | kW | kX) << rel;
+        EXPECT_EQ(KernelBitsAs(bob, top + "/" + rel, isDir), 0u) << rel;
+    }
+    ASSERT_EQ(walk("1031"), 0);
+    for (const auto &rel : below) {
+        const bool isDir = rel == "a" || rel == "a/b";
+        EXPECT_EQ(KernelBitsAs(alice, top + "/" + rel, isDir), 0u) << rel;
+        EXPECT_EQ(KernelBitsAs(bob, top + "/" + rel, isDir), kR | kW | kX) << rel;
+    }
 }
 
 } // namespace
