@@ -7,6 +7,7 @@
 #include "kova/klibc.h"
 #include "kova/share.h"
 #include "kova-internal/fault-point.h"
+#include "kova-internal/path-parts.h"
 #include "kova-internal/text.h"
 #include "real-path.h"
 
@@ -21,18 +22,6 @@ namespace kova_fileop {
 namespace {
 
 using kova_internal::OwnedFd;
-
-std::vector<std::string> Components(const std::string &path) {
-    std::vector<std::string> parts;
-    size_t pos = 0;
-    while (pos <= path.size()) {
-        size_t next = path.find('/', pos);
-        if (next == std::string::npos) next = path.size();
-        if (next > pos) parts.push_back(path.substr(pos, next - pos));
-        pos = next + 1;
-    }
-    return parts;
-}
 
 // Sets the last error where the failure is found and yields its class.
 #define FAIL_WITH(wfm, code) (KOVA_FAIL(code), (wfm))
@@ -78,7 +67,7 @@ int Resolve(const std::string &userPath, const std::string &user, Resolved &out)
     if (!kova_internal::IsCleanText(userPath) || !kova_internal::IsCleanText(user) || userPath.empty() ||
         userPath[0] != '/' || userPath.size() >= PATH_MAX)
         return FAIL_WITH(KOVA_WFM_ERR_BADARG, KOVA_ERR_BADARG);
-    std::vector<std::string> parts = Components(userPath);
+    std::vector<std::string> parts = kova_internal::PathComponents(userPath);
     if (parts.empty() || parts[0] == "." || parts[0] == "..")
         return FAIL_WITH(KOVA_WFM_ERR_BADPATH, KOVA_ERR_BADPATH);
 

@@ -2,6 +2,7 @@
 #include "real-path.h"
 
 #include "kova-internal/owned-fd.h"
+#include "kova-internal/path-parts.h"
 #include "kova-internal/sys-calls.h"
 
 #include <fcntl.h>
@@ -37,18 +38,6 @@ bool LooksCanonical(const std::string &path) {
         if (end == path.size()) return true;
         start = end + 1;
     }
-}
-
-std::vector<std::string> Components(const std::string &path) {
-    std::vector<std::string> parts;
-    size_t pos = 0;
-    while (pos <= path.size()) {
-        size_t next = path.find('/', pos);
-        if (next == std::string::npos) next = path.size();
-        if (next > pos) parts.push_back(path.substr(pos, next - pos));
-        pos = next + 1;
-    }
-    return parts;
 }
 
 int Openat2(int dirFd, const std::string &name, int flags, unsigned long long resolve, int *fd) {
@@ -172,7 +161,7 @@ int OpenWithoutLinks(const std::string &path, int flags, int *fd) {
     if (err != ENOSYS) return err;
     OwnedFd top(Sys().openat(AT_FDCWD, "/", O_PATH | O_DIRECTORY | O_CLOEXEC, 0));
     if (top.get() < 0) return errno;
-    return WalkWithoutLinks(top.get(), Components(path), false, flags, fd);
+    return WalkWithoutLinks(top.get(), kova_internal::PathComponents(path), false, flags, fd);
 }
 
 int OpenBeneath(int baseFd, const std::string &rel, int flags, int *fd) {
@@ -180,7 +169,7 @@ int OpenBeneath(int baseFd, const std::string &rel, int flags, int *fd) {
     if (!rel.empty() && rel[0] == '/') return EXDEV;
     const int err = Openat2(baseFd, rel.empty() ? "." : rel, flags, RESOLVE_BENEATH | RESOLVE_NO_MAGICLINKS, fd);
     if (err != ENOSYS) return err;
-    return WalkWithoutLinks(baseFd, Components(rel), true, flags, fd);
+    return WalkWithoutLinks(baseFd, kova_internal::PathComponents(rel), true, flags, fd);
 }
 
 } // namespace kova_share
