@@ -4,6 +4,7 @@
 // succeed: falling back to plain text there would let anyone on the path
 // strip TLS and read the password.
 #include "kova-dirsvc-admin.h"
+#include "ldap-handles.h"
 
 #include "kova-internal/call-guard.h"
 #include "kova/errcode.h"
@@ -14,22 +15,15 @@
 #include <string>
 
 using kova_internal::Guarded;
+using kova_dirsvc::Ldap;
+using kova_dirsvc::MsgFree;
+using kova_dirsvc::ValsFree;
 
 namespace {
 
 constexpr int kTimeoutSec = 10;
 const char kStartTlsOid[] = "1.3.6.1.4.1.1466.20037";
 
-struct LdapCloser {
-    void operator()(LDAP *ld) const { ldap_unbind_ext_s(ld, nullptr, nullptr); }
-};
-struct MsgFree {
-    void operator()(LDAPMessage *m) const { ldap_msgfree(m); }
-};
-struct ValsFree {
-    void operator()(berval **v) const { ldap_value_free_len(v); }
-};
-using Ldap = std::unique_ptr<LDAP, LdapCloser>;
 
 int Fail(int code) {
     KOVA_FAIL(code);

@@ -3,6 +3,7 @@
 // any size come through without tripping the server's size limit.
 #include "entry-map.h"
 #include "kova-dirsvc-admin.h"
+#include "ldap-handles.h"
 
 #include "kova-internal/call-guard.h"
 
@@ -19,12 +20,6 @@ namespace {
 constexpr int kPageSize = 100;
 constexpr int kTimeoutSec = 15;
 
-struct LdapCloser {
-    void operator()(LDAP *ld) const { ldap_unbind_ext_s(ld, nullptr, nullptr); }
-};
-struct MsgFree {
-    void operator()(LDAPMessage *m) const { ldap_msgfree(m); }
-};
 struct CtrlsFree {
     void operator()(LDAPControl **c) const { ldap_controls_free(c); }
 };
@@ -34,13 +29,9 @@ struct CtrlFree {
 struct BerFree {
     void operator()(BerElement *b) const { ber_free(b, 0); }
 };
-struct ValsFree {
-    void operator()(berval **v) const { ldap_value_free_len(v); }
-};
 struct MemFree {
     void operator()(char *p) const { ldap_memfree(p); }
 };
-using Ldap = std::unique_ptr<LDAP, LdapCloser>;
 
 int FailWith(int code) {
     KOVA_FAIL(code);
