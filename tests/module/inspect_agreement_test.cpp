@@ -289,9 +289,9 @@ TEST_F(InspectAgreementTest, RootDiffersByDesign) {
     ASSERT_TRUE(root_.SetAcl(f, {"everyone:-:deny:rwxpdDaARWcCo:----"})) << root_.lastError();
 
     EXPECT_EQ(std::vector<long>{KOVA_ACL_PERM_ALL}, Enforced({f}, kova_test::Identity{0, 0, {}}));
-    RightsPrincipal system;
-    system.id = {KOVA_ACL_ID_SYSTEM, -1};
-    EXPECT_EQ(0, Evaluated(f, share, system));
+    RightsPrincipal systemPrincipal;
+    systemPrincipal.id = {KOVA_ACL_ID_SYSTEM, -1};
+    EXPECT_EQ(0, Evaluated(f, share, systemPrincipal));
 }
 
 } // namespace
