@@ -4,6 +4,7 @@
 #include "module-log.h"
 
 #include "kova/account.h"
+#include "kova/errcode.h"
 #include "kova/klibc.h"
 #include "kova/paramcheck.h"
 
@@ -119,20 +120,20 @@ bool ValidateRuleObj(const Json::Value &rule) {
 bool RuleObj2AclAce(const Json::Value &rule, KOVA_ACL_ENTRY *ace) {
     if (!ace || !rule.isObject() || !ValidateRuleObj(rule)) return false;
     if (KOVAACLAceParseIDType(rule["owner_type"].asString().c_str(), ace) < 0) {
-        KLIBCErrSetEx(0x0D00, "acl-object", 193);
+        KLIBCErrSetEx(KOVA_ERR_BADARG, "acl-object", 193);
         return false;
     }
     const std::string name = rule["owner_name"].asString();
     switch (ace->idType) {
     case KOVA_ACL_ID_USER:
         if (KOVAUserGetUGID(name.c_str(), &ace->id, nullptr) < 0) {
-            KLIBCErrSetEx(0x1D00, "acl-object", 206);
+            KLIBCErrSetEx(KOVA_ERR_NOUSER, "acl-object", 206);
             return false;
         }
         break;
     case KOVA_ACL_ID_GROUP:
         if (KOVAGroupGetGID(name.c_str(), &ace->id) < 0) {
-            KLIBCErrSetEx(0x1800, "acl-object", 212);
+            KLIBCErrSetEx(KOVA_ERR_NOGROUP, "acl-object", 212);
             return false;
         }
         break;
@@ -143,7 +144,7 @@ bool RuleObj2AclAce(const Json::Value &rule, KOVA_ACL_ENTRY *ace) {
         ace->id = -1;
         break;
     default:
-        KLIBCErrSetEx(0x0D00, "acl-object", 217);
+        KLIBCErrSetEx(KOVA_ERR_BADARG, "acl-object", 217);
         return false;
     }
     if (KOVAACLAceParseAccessType(rule["permission_type"].asString().c_str(), ace) < 0) return false;

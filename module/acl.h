@@ -7,6 +7,7 @@
 #ifndef KOVA_MODULE_ACL_H
 #define KOVA_MODULE_ACL_H
 
+#include "acl/rights.h"
 #include "kova/acl.h"
 #include "kova/webapi.h"
 
@@ -67,9 +68,20 @@ struct CriticalSection {
 void ENTERCriticalSection(CriticalSection &section, int line);
 void LEAVECriticalSection(CriticalSection &section, int line);
 
-// Effective-permission helpers shared by inspect and check_self_denied.
-bool EntryMatchesPrincipal(const KOVA_ACL_ID &entry, const KOVA_ACL_ID &principal,
-                           const std::vector<unsigned int> &gids, bool isOwner);
+// Runs `call` inside the privileged section (logging the two lines) when
+// `elevate` is set, under the caller's own ids otherwise; returns its result.
+template <class Call>
+auto PrivilegedIf(bool elevate, int enterLine, int leaveLine, Call call) -> decltype(call()) {
+    if (!elevate) return call();
+    CriticalSection section;
+    ENTERCriticalSection(section, enterLine);
+    const auto result = call();
+    LEAVECriticalSection(section, leaveLine);
+    return result;
+}
+
+// Inputs of the rights evaluation (acl/rights.h) shared by inspect and
+// check_self_denied: a user's groups, and whether a principal owns a path.
 bool LoadUserGroupIds(const std::string &userName, std::vector<unsigned int> &gids);
 bool IsPathOwner(const std::string &path, const KOVA_ACL_ID &principal,
                  const std::vector<unsigned int> &gids, int &errorCode);

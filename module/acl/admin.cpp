@@ -4,6 +4,7 @@
 
 #include "kova/account.h"
 #include "kova/dirsvc.h"
+#include "kova/errcode.h"
 #include "kova/klibc.h"
 
 void ACLHandler::CheckAdmin() {
@@ -61,7 +62,7 @@ void ACLHandler::GetUIInfo() {
         }
         // An unreachable directory, or our own directory server, is an
         // expected state: the editor just gets fewer items.
-        if (KOVAWinsEnumAllDomains(&list) < 0 && KLIBCErrGet() != 0xE500 && KOVAWinsIsKovaADS() == 0) {
+        if (KOVAWinsEnumAllDomains(&list) < 0 && KLIBCErrGet() != KOVA_ERR_DIRSVC && KOVAWinsIsKovaADS() == 0) {
             KOVA_LOG(LOG_ERR, "acl", 1967, "failed to get the domain list, kovaerr=[0x%04X %s:%d]", KLIBCErrGet(),
                      KLIBCErrorGetFile(), KLIBCErrorGetLine());
         }

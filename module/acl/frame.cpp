@@ -19,21 +19,22 @@ ACLHandler::ACLHandler(KOVA::APIRequest *request, KOVA::APIResponse *response)
 ACLHandler::~ACLHandler() {}
 
 bool ACLHandler::CheckFsType(int fsType, const std::string &path, bool checkAclSupport) {
-    if (fsType == 8 || fsType == 9 || fsType == 6 || fsType == 14) {
+    // File systems that cannot hold ACLs at all.
+    if (fsType == FSTYPE_EXFAT || fsType == FSTYPE_NTFS || fsType == FSTYPE_VFAT || fsType == FSTYPE_HFSPLUS) {
         error_ = 6212;
         return false;
     }
     if (checkAclSupport) {
-        CriticalSection section;
-        ENTERCriticalSection(section, 99);
-        int supported = KOVAACLIsSupport(path.c_str(), -1, 1);
-        LEAVECriticalSection(section, 101);
+        const int supported = PrivilegedIf(true, 99, 101, [&] {
+            return KOVAACLIsSupport(path.c_str(), -1, KOVA_ACL_SUPPORT_FS);
+        });
         if (supported == 0) {
             error_ = 6201;
             return false;
         }
     }
-    if (fsType == 0 || fsType == 5 || fsType == 18) {
+    // Types never offered for ACL editing: unknown, pseudo and FUSE mounts.
+    if (fsType == FSTYPE_UNKNOWN || fsType == FSTYPE_PSEUDO || fsType == FSTYPE_FUSE) {
         error_ = 6202;
         return false;
     }
@@ -50,7 +51,7 @@ bool ACLHandler::CheckFsType(int fsType, const std::string &path, bool checkAclS
 
 bool ACLHandler::IsPathUnderSharedFolder(const std::string &path, std::string &sharePath) {
     if (path.empty()) return false;
-    char name[492];
+    char name[KOVA_SHARE_NAME_MAX];
     char root[4096];
     std::memset(name, 0, sizeof name);
     std::memset(root, 0, sizeof root);

@@ -1,199 +1,127 @@
 // ACLHandler::Get: a path's rules as rule objects, whether it is in ACL mode
 // and inherits, and what the caller may edit.
 #include "acl.h"
-#include "acl-object.h"
+#include "acl-holder.h"
+#include "entry-rules.h"
 
 #include "kova/account.h"
+#include "kova/errcode.h"
 #include "kova/klibc.h"
 #include "kova/share.h"
 
-#include <cstring>
+#include <string>
 
 namespace {
 
-// Names the principal of an entry; the user and group holders are reused
-// across entries and released by the caller.
-std::string PrincipalName(const KOVA_ACL_ENTRY &ace, PKOVA_USER &user, PKOVA_GROUP &group, bool &isInternal) {
-    isInternal = false;
-    switch (ace.idType) {
-    case KOVA_ACL_ID_USER:
-        if (KOVAUserGetByUID(static_cast<unsigned int>(ace.id), &user) == 0 && user && user->szName) {
-            isInternal = KOVAUserIsInternal(user->szName, user->uid) != 0;
-            return user->szName;
-        }
-        return "";
-    case KOVA_ACL_ID_OWNER:
-        return "Owner";
-    case KOVA_ACL_ID_GROUP:
-        if (KOVAGroupGetByGID(static_cast<unsigned int>(ace.id), &group) >= 0 && group && group->szName)
-            return group->szName;
-        return "";
-    case KOVA_ACL_ID_EVERYONE:
-        return "Everyone";
-    case KOVA_ACL_ID_AUTHUSER:
-        return "Authenticated Users";
-    case KOVA_ACL_ID_SYSTEM:
-        return "SYSTEM";
-    default:
-        return "";
+const Json::Value kNull;
+
+// What "type" asks for: the path's own rules ("all"), or only the entries
+// it inherits ("inherite", spelt so by the WebAPI).
+enum class Reading { kOwn, kInherited };
+
+bool ParseReading(const std::string &type, Reading &reading) {
+    if (type == "all") {
+        reading = Reading::kOwn;
+        return true;
     }
+    if (type == "inherite") {
+        reading = Reading::kInherited;
+        return true;
+    }
+    return false;
+}
+
+// Reads the ACL the answer lists and records "is_acl" and "is_inherited":
+// the inherited entries, the stored ACL of a path in ACL mode, or the
+// entries the mode bits of any other path stand for. The reads run
+// privileged when `elevate` is set. On failure `error` becomes 6205 for a
+// refused read and is kept otherwise.
+bool ReadAcl(const std::string &path, Reading reading, bool aclMode, bool elevate, AclHolder &acl,
+             Json::Value &result, int &error) {
+    result["is_acl"] = false;
+    result["is_inherited"] = false;
+    auto refused = [&error] {
+        if (KLIBCErrGet() == KOVA_ERR_PERM) error = 6205;
+        return false;
+    };
+    if (reading == Reading::kInherited) {
+        const int rc = PrivilegedIf(elevate, 219, 221, [&] {
+            return KOVAACLGet(path.c_str(), -1, KOVA_ACL_GET_INHERITED, acl.out());
+        });
+        return (rc < 0 || !acl.get()) ? refused() : true;
+    }
+    if (!aclMode) {
+        const int rc = PrivilegedIf(elevate, 257, 259, [&] { return KOVAACLDumpFromMode(path.c_str(), -1, acl.out()); });
+        return rc == 0 && acl.get();
+    }
+    result["is_acl"] = true;
+    const int rc = PrivilegedIf(elevate, 239, 241, [&] {
+        return KOVAACLGet(path.c_str(), -1, KOVA_ACL_GET_ALL, acl.out());
+    });
+    if (rc < 0 || !acl.get()) return refused();
+    result["is_inherited"] = acl.get()->isInherited != 0;
+    return true;
+}
+
+// Whether the caller may change the permissions of a path in ACL mode.
+// A plain refusal (last error KOVA_ERR_PERM) is a "no"; any other failure
+// of the check returns false.
+bool MayChangePermission(const std::string &path, bool isAdmin, bool &may) {
+    may = false;
+    KOVA_ACL_ENTRY mask = {};
+    if (KOVAACLAceParsePermission("C", &mask) < 0 || mask.permission == 0) return false;
+    if (isAdmin) {
+        may = true;
+        return true;
+    }
+    const int rc = KOVAACLPermCheck(path.c_str(), mask.permission);
+    if (rc > 0) {
+        may = true;
+        return true;
+    }
+    return rc == 0 && KLIBCErrGet() == KOVA_ERR_PERM;
 }
 
 } // namespace
 
 void ACLHandler::Get() {
-    const Json::Value null;
-    const std::string type = request_->GetParam("type", null).asString();
-    const std::string path = request_->GetParam("file_path", null).asString();
+    const std::string type = request_->GetParam("type", kNull).asString();
+    const std::string path = request_->GetParam("file_path", kNull).asString();
     // Only a definite yes makes an administrator: a failed lookup (negative)
     // must not read as one.
     const bool isAdmin = KLIBGroupIsAdminGroupMem(request_->GetLoginUserName().c_str(), 0) == 1;
+    auto fail = [&] { response_->SetError(error_, kNull); };
+
+    Reading reading = Reading::kOwn;
+    if (!IsPathUnderSharedFolder(path) || !ParseReading(type, reading)) {
+        error_ = 403;
+        return fail();
+    }
+
+    // A negative (error) answer counts as ACL mode on purpose: the read
+    // below then reports the real failure.
+    const bool aclMode = PrivilegedIf(true, 210, 212, [&] {
+        return KOVAACLIsSupport(path.c_str(), -1, KOVA_ACL_SUPPORT_MODE) != 0;
+    });
 
     Json::Value result(Json::objectValue);
-    PKOVA_ACL acl = nullptr;
-    PKOVA_USER user = nullptr;
-    PKOVA_GROUP group = nullptr;
-    bool ok = false;
-    bool supported = false;
+    AclHolder acl;
+    if (!ReadAcl(path, reading, aclMode, isAdmin, acl, result, error_)) return fail();
+    result["acl"] = RulesFromAcl(*acl.get());
+    result["change_permission"] = false;
+    result["acl_editable"] = true;
 
-    do {
-        if (!IsPathUnderSharedFolder(path)) {
-            error_ = 403;
-            break;
-        }
-        bool modeAll;
-        if (type == "all") {
-            modeAll = true;
-        } else if (type == "inherite") {
-            modeAll = false;
-        } else {
-            error_ = 403;
-            break;
-        }
-
-        CriticalSection section;
-        ENTERCriticalSection(section, 210);
-        // A negative (error) answer counts as support on purpose: the read
-        // below then reports the real failure.
-        supported = KOVAACLIsSupport(path.c_str(), -1, 2) != 0;
-        LEAVECriticalSection(section, 212);
-
-        result["is_acl"] = false;
-        result["is_inherited"] = false;
-
-        if (!modeAll) {
-            int rc;
-            if (isAdmin) {
-                ENTERCriticalSection(section, 219);
-                rc = KOVAACLGet(path.c_str(), -1, 3, &acl);
-                LEAVECriticalSection(section, 221);
-            } else {
-                rc = KOVAACLGet(path.c_str(), -1, 3, &acl);
-            }
-            if (rc < 0 || !acl) {
-                if (KLIBCErrGet() == 0x300) error_ = 6205;
-                break;
-            }
-        } else if (supported) {
-            result["is_acl"] = true;
-            int rc;
-            if (isAdmin) {
-                ENTERCriticalSection(section, 239);
-                rc = KOVAACLGet(path.c_str(), -1, 1, &acl);
-                LEAVECriticalSection(section, 241);
-            } else {
-                rc = KOVAACLGet(path.c_str(), -1, 1, &acl);
-            }
-            if (rc < 0 || !acl) {
-                if (KLIBCErrGet() == 0x300) error_ = 6205;
-                break;
-            }
-            result["is_inherited"] = acl->isInherited != 0;
-        } else {
-            int rc;
-            if (isAdmin) {
-                ENTERCriticalSection(section, 257);
-                rc = KOVAACLDumpFromMode(path.c_str(), -1, &acl);
-                LEAVECriticalSection(section, 259);
-            } else {
-                rc = KOVAACLDumpFromMode(path.c_str(), -1, &acl);
-            }
-            if (rc != 0 || !acl) break;
-        }
-
-        Json::Value rules(Json::arrayValue);
-        Json::Value rule;
-        for (const KOVA_ACL_ENTRY *ace = acl->pHead; ace; ace = ace->pNext) {
-            char idType[64];
-            char access[32];
-            char permission[256];
-            char inherit[256];
-            std::memset(idType, 0, sizeof idType);
-            std::memset(access, 0, sizeof access);
-            std::memset(permission, 0, sizeof permission);
-            std::memset(inherit, 0, sizeof inherit);
-            KOVAACLAcePrintIDType(ace->idType, idType, sizeof idType);
-            KOVAACLAcePrintAccessType(ace->accessType, access, sizeof access);
-            KOVAACLAcePrintPermission(ace->permission, permission, sizeof permission);
-            KOVAACLAcePrintInherit(ace->inherit, inherit, sizeof inherit);
-
-            rule = Json::Value(Json::objectValue);
-            rule["owner_type"] = idType;
-            rule["owner_name"] = "";
-            bool isInternal = false;
-            rule["owner_name"] = PrincipalName(*ace, user, group, isInternal);
-            if (isInternal) rule["owner_is_internal"] = true;
-            if (rule["owner_name"].asString().empty()) continue;
-            rule["permission_type"] = access;
-
-            // An entry without any inheritance flag reads as "this folder
-            // only", which the inherit object spells with the n letter.
-            std::string inheritText = inherit;
-            if (inheritText == "----") inheritText = "---n";
-            Json::Value permObj(Json::objectValue);
-            Json::Value inheritObj(Json::objectValue);
-            if (!PermissionStr2Obj(permission, permObj)) continue;
-            if (!InheritStr2Obj(inheritText, inheritObj)) continue;
-            rule["permission"] = permObj;
-            rule["inherit"] = inheritObj;
-            rule["level"] = ace->level;
-            rules.append(rule);
-        }
-        result["acl"] = rules;
-        result["change_permission"] = false;
-        result["acl_editable"] = true;
-
-        if (!supported) {
-            int fsType = KOVAGetFSType(path.c_str(), 0);
-            if (isAdmin)
-                result["acl_editable"] = true;
-            else
-                result["acl_editable"] = fsType >= 0 ? CheckFsType(fsType, path, true) : false;
-            ok = true;
-            break;
-        }
-
-        KOVA_ACL_ENTRY mask;
-        std::memset(&mask, 0, sizeof mask);
-        if (KOVAACLAceParsePermission("C", &mask) < 0 || mask.permission == 0) break;
-        if (isAdmin) {
-            result["change_permission"] = true;
-        } else {
-            int rc = KOVAACLPermCheck(path.c_str(), mask.permission);
-            if (rc > 0) {
-                result["change_permission"] = true;
-            } else if (rc < 0 || KLIBCErrGet() != 0x300) {
-                break;
-            }
-        }
-        ok = true;
-    } while (false);
-
-    KOVAUserFree(user);
-    KOVAGroupFree(group);
-    if (acl) KOVAACLFree(acl);
-    if (ok)
-        response_->SetSuccess(result);
-    else
-        response_->SetError(error_, Json::Value());
+    if (aclMode) {
+        bool may = false;
+        if (!MayChangePermission(path, isAdmin, may)) return fail();
+        result["change_permission"] = may;
+    } else {
+        // Whether the editor may turn the path to ACL mode: for others than
+        // administrators, a file system that cannot hold ACLs, or cannot be
+        // told, says no. A code the check stores is not reported: the answer
+        // itself succeeds.
+        const int fsType = KOVAGetFSType(path.c_str(), 0);
+        if (!isAdmin) result["acl_editable"] = fsType >= 0 && CheckFsType(fsType, path, true);
+    }
+    response_->SetSuccess(result);
 }

@@ -10,48 +10,64 @@
 #include "kova/klibc.h"
 
 #include <string>
-#include <vector>
 
 namespace {
 
 const Json::Value kNull;
 
-// Within each run of consecutive entries of one level, moves the deny
-// entries ahead of the allow entries, both keeping their relative order.
-// Runs keep their order, so a level listed earlier still decides first.
-void OrderDenyFirst(KOVA_ACL &acl) {
-    PKOVA_ACL_ENTRY head = nullptr;
-    PKOVA_ACL_ENTRY tail = nullptr;
-    auto link = [&](PKOVA_ACL_ENTRY first, PKOVA_ACL_ENTRY last) {
-        if (!first) return;
-        if (tail) tail->pNext = first; else head = first;
-        tail = last;
-    };
-
-    PKOVA_ACL_ENTRY ace = acl.pHead;
-    while (ace) {
-        const unsigned int level = ace->level;
-        PKOVA_ACL_ENTRY denyFirst = nullptr, denyLast = nullptr;
-        PKOVA_ACL_ENTRY allowFirst = nullptr, allowLast = nullptr;
-        while (ace && ace->level == level) {
-            PKOVA_ACL_ENTRY next = ace->pNext;
-            ace->pNext = nullptr;
-            PKOVA_ACL_ENTRY &first = ace->accessType == KOVA_ACL_DENY ? denyFirst : allowFirst;
-            PKOVA_ACL_ENTRY &last = ace->accessType == KOVA_ACL_DENY ? denyLast : allowLast;
-            if (last) last->pNext = ace; else first = ace;
-            last = ace;
-            ace = next;
-        }
-        link(denyFirst, denyLast);
-        link(allowFirst, allowLast);
+// Fills in the principal's groups and administrator status. A user's groups
+// come from the account; a group stands for itself. False when either
+// lookup fails.
+bool DescribePrincipal(const std::string &name, RightsPrincipal &who) {
+    const unsigned int id = static_cast<unsigned int>(who.id.id);
+    int admin = 0;
+    if (who.id.idType == KOVA_ACL_ID_USER) {
+        if (!LoadUserGroupIds(name, who.gids)) return false;
+        admin = KLIBGroupIsAdminGroupMemByUid(id, 0);
+    } else if (who.id.idType == KOVA_ACL_ID_GROUP) {
+        who.gids.push_back(id);
+        admin = KOVAGroupIsAdminGroupByGid(id);
     }
-    acl.pHead = head;
-    acl.pTail = tail;
+    if (admin < 0) return false;
+    who.isAdmin = admin == 1;
+    return true;
+}
+
+// The entries the evaluation reads: the stored ACL with everything the path
+// inherits, or, for a path in mode bits, the entries those bits stand for.
+// The support check always runs privileged, the reads only when `elevate`.
+// On failure `error` becomes 6209 for a refused read and is kept otherwise.
+bool ReadEntries(const std::string &path, bool elevate, AclHolder &acl, int &error) {
+    // A negative (error) answer counts as ACL mode: the read then reports
+    // the real failure.
+    const bool aclMode = PrivilegedIf(true, 1526, 1528, [&] {
+        return KOVAACLIsSupport(path.c_str(), -1, KOVA_ACL_SUPPORT_MODE) != 0;
+    });
+    if (!aclMode) {
+        const int rc = PrivilegedIf(elevate, 1550, 1552, [&] { return KOVAACLDumpFromMode(path.c_str(), -1, acl.out()); });
+        return rc == 0 && acl.get();
+    }
+    const int rc = PrivilegedIf(elevate, 1532, 1534, [&] {
+        return KOVAACLGet(path.c_str(), -1, KOVA_ACL_GET_ALL, acl.out());
+    });
+    if (rc >= 0 && acl.get()) return true;
+    if (KLIBCErrGet() == KOVA_ERR_PERM) error = 6209;
+    return false;
 }
 
 std::string WithTrailingSlash(const std::string &path) {
     if (!path.empty() && path.back() == '/') return path;
     return path + "/";
+}
+
+// The answer: {"permission": permission object of the mask}.
+bool PermissionAnswer(unsigned int rights, Json::Value &answer) {
+    char text[256] = {0};
+    Json::Value permission(Json::objectValue);
+    if (KOVAACLAcePrintPermission(rights, text, sizeof(text)) < 0 || !PermissionStr2Obj(text, permission)) return false;
+    answer = Json::Value(Json::objectValue);
+    answer["permission"] = permission;
+    return true;
 }
 
 } // namespace
@@ -63,137 +79,31 @@ void ACLHandler::Inspect() {
     // Administrators may inspect paths they cannot read themselves; only a
     // definite yes counts, a failed lookup (negative) does not.
     const bool callerIsAdmin = KLIBGroupIsAdminGroupMem(request_->GetLoginUserName().c_str(), 0) == 1;
+    auto fail = [&](int code) {
+        error_ = code;
+        response_->SetError(error_, kNull);
+    };
 
     std::string sharePath;
-    if (path.empty() || !IsPathUnderSharedFolder(path, sharePath)) {
-        error_ = 403;
-        response_->SetError(error_, kNull);
-        return;
-    }
+    if (path.empty() || !IsPathUnderSharedFolder(path, sharePath)) return fail(403);
 
-    KOVA_ACL_ID principal = {0, 0};
-    if (!Owner2AclId(ownerType, ownerName, principal)) {
-        error_ = 6211;
-        response_->SetError(error_, kNull);
-        return;
-    }
-
-    std::vector<unsigned int> gids;
-    bool principalIsAdmin = false;
-    if (principal.idType == KOVA_ACL_ID_USER) {
-        if (!LoadUserGroupIds(ownerName, gids)) {
-            response_->SetError(error_, kNull);
-            return;
-        }
-        const int admin = KLIBGroupIsAdminGroupMemByUid(static_cast<unsigned int>(principal.id), 0);
-        if (admin < 0) {
-            response_->SetError(error_, kNull);
-            return;
-        }
-        principalIsAdmin = admin == 1;
-    } else if (principal.idType == KOVA_ACL_ID_GROUP) {
-        gids.push_back(static_cast<unsigned int>(principal.id));
-        const int admin = KOVAGroupIsAdminGroupByGid(static_cast<unsigned int>(principal.id));
-        if (admin < 0) {
-            response_->SetError(error_, kNull);
-            return;
-        }
-        principalIsAdmin = admin == 1;
-    }
+    RightsPrincipal who;
+    if (!Owner2AclId(ownerType, ownerName, who.id)) return fail(6211);
+    if (!DescribePrincipal(ownerName, who)) return fail(error_);
 
     KOVA_ACL_ID owner = {0, 0};
-    int ret;
-    if (callerIsAdmin) {
-        CriticalSection section;
-        ENTERCriticalSection(section, 1502);
-        ret = KOVAACLOwnerIdGet(path.c_str(), &owner);
-        LEAVECriticalSection(section, 1504);
-    } else {
-        ret = KOVAACLOwnerIdGet(path.c_str(), &owner);
-    }
-    if (ret != 0) {
-        error_ = OwnerLookupErrorCode(KLIBCErrGet());
-        response_->SetError(error_, kNull);
-        return;
-    }
-    const bool isOwner = EntryMatchesPrincipal(owner, principal, gids, false);
-
-    bool aclMode;
-    {
-        CriticalSection section;
-        ENTERCriticalSection(section, 1526);
-        aclMode = KOVAACLIsSupport(path.c_str(), -1, KOVA_ACL_SUPPORT_MODE) != 0;
-        LEAVECriticalSection(section, 1528);
-    }
+    if (PrivilegedIf(callerIsAdmin, 1502, 1504, [&] { return KOVAACLOwnerIdGet(path.c_str(), &owner); }) != 0)
+        return fail(OwnerLookupErrorCode(KLIBCErrGet()));
+    who.isOwner = EntryMatchesPrincipal(owner, who.id, who.gids, false);
 
     AclHolder acl;
-    if (aclMode) {
-        if (callerIsAdmin) {
-            CriticalSection section;
-            ENTERCriticalSection(section, 1532);
-            ret = KOVAACLGet(path.c_str(), -1, KOVA_ACL_GET_ALL, acl.out());
-            LEAVECriticalSection(section, 1534);
-        } else {
-            ret = KOVAACLGet(path.c_str(), -1, KOVA_ACL_GET_ALL, acl.out());
-        }
-        if (ret < 0 || !acl.get()) {
-            if (KLIBCErrGet() == KOVA_ERR_PERM) error_ = 6209;
-            response_->SetError(error_, kNull);
-            return;
-        }
-    } else {
-        if (callerIsAdmin) {
-            CriticalSection section;
-            ENTERCriticalSection(section, 1550);
-            ret = KOVAACLDumpFromMode(path.c_str(), -1, acl.out());
-            LEAVECriticalSection(section, 1552);
-        } else {
-            ret = KOVAACLDumpFromMode(path.c_str(), -1, acl.out());
-        }
-        if (ret != 0 || !acl.get()) {
-            response_->SetError(error_, kNull);
-            return;
-        }
-    }
+    if (!ReadEntries(path, callerIsAdmin, acl, error_)) return fail(error_);
 
-    OrderDenyFirst(*acl.get());
-
-    // The owner's implicit rights are decided before any entry is seen, so
-    // no deny entry can take them away.
-    unsigned int granted = 0;
-    unsigned int undecided = 0xFFFFFFFFu;
-    if (isOwner) {
-        granted = KOVA_ACL_PERM_OWNER_IMPLICIT;
-        undecided = ~static_cast<unsigned int>(KOVA_ACL_PERM_OWNER_IMPLICIT);
-    }
-    // Below a share root an administrator holds everything; at the root
-    // itself only the entries decide.
-    if (principalIsAdmin && WithTrailingSlash(path) != WithTrailingSlash(sharePath)) {
-        granted = KOVA_ACL_PERM_ALL;
-        undecided = ~static_cast<unsigned int>(KOVA_ACL_PERM_ALL);
-    }
-
-    for (PKOVA_ACL_ENTRY ace = acl.get()->pHead; ace; ace = ace->pNext) {
-        const KOVA_ACL_ID id = {ace->idType, ace->id};
-        if ((ace->inherit & KOVA_ACL_INHERIT_ONLY) || !EntryMatchesPrincipal(id, principal, gids, isOwner)) {
-            continue;
-        }
-        const unsigned int bits = ace->permission & undecided;
-        undecided &= ~ace->permission;
-        if (ace->accessType == KOVA_ACL_DENY)
-            granted &= ~bits;
-        else
-            granted |= bits;
-        if (undecided == 0) break;
-    }
-
-    char text[256] = {0};
-    Json::Value permission(Json::objectValue);
-    if (KOVAACLAcePrintPermission(granted, text, sizeof(text)) < 0 || !PermissionStr2Obj(text, permission)) {
-        response_->SetError(error_, kNull);
-        return;
-    }
-    Json::Value result(Json::objectValue);
-    result["permission"] = permission;
-    response_->SetSuccess(result);
+    // At the share root itself an administrator gets only what the entries
+    // give; below it, everything.
+    const bool belowShareRoot = WithTrailingSlash(path) != WithTrailingSlash(sharePath);
+    Json::Value answer;
+    if (!PermissionAnswer(EffectiveRights(who, FixedRights(who, belowShareRoot), *acl.get()), answer))
+        return fail(error_);
+    response_->SetSuccess(answer);
 }

@@ -13,7 +13,6 @@
 #include "kova/klibc.h"
 
 #include <string>
-#include <vector>
 
 namespace {
 
@@ -58,30 +57,17 @@ void MoveEntries(KOVA_ACL &from, KOVA_ACL &to) {
     from.aceCount = 0;
 }
 
-// Evaluates the combined list level by level. What a level left allowed is
-// carried into later levels; deny bits accumulate over all levels, so a
-// deny seen at a nearer level also masks what a farther level allows.
-// Returns 0 and the effective mask, or 4203 when the levels go down.
-int Evaluate(const KOVA_ACL &acl, const KOVA_ACL_ID &principal, const std::vector<unsigned int> &gids,
-             bool isOwner, unsigned int &effective) {
-    unsigned int allow = 0, deny = 0, carried = 0;
+// The combined list must read nearer levels first; an entry whose level is
+// below one already seen is refused (4203), whomever it names.
+int CheckLevelOrder(const KOVA_ACL &acl) {
     unsigned int level = 0;
-    for (PKOVA_ACL_ENTRY ace = acl.pHead; ace; ace = ace->pNext) {
-        if (ace->level > level) {
-            carried |= allow & ~deny;
-            allow = 0;
-            level = ace->level;
-        }
+    for (const KOVA_ACL_ENTRY *ace = acl.pHead; ace; ace = ace->pNext) {
         if (ace->level < level) {
             KOVA_LOG(LOG_ERR, "acl", 1694, "wrong level order: current=%u, ace=%u", level, ace->level);
             return 4203;
         }
-        const KOVA_ACL_ID id = {ace->idType, ace->id};
-        if (!(ace->inherit & KOVA_ACL_INHERIT_ONLY) && EntryMatchesPrincipal(id, principal, gids, isOwner)) {
-            if (ace->accessType == KOVA_ACL_DENY) deny |= ace->permission; else allow |= ace->permission;
-        }
+        level = ace->level;
     }
-    effective = (allow & ~deny) | carried;
     return 0;
 }
 
@@ -106,14 +92,15 @@ void ACLHandler::CheckSelfDenied() {
         return;
     }
 
-    KOVA_ACL_ID principal = {0, 0};
-    std::vector<unsigned int> gids;
-    if (!Owner2AclId("user", login, principal) || !LoadUserGroupIds(login, gids)) {
+    // What the rules themselves leave the user: neither ownership nor
+    // administrator rights count, only "Owner" entries.
+    RightsPrincipal who;
+    if (!Owner2AclId("user", login, who.id) || !LoadUserGroupIds(login, who.gids)) {
         response_->SetError(6211, kNull);
         return;
     }
 
-    const bool isOwner = IsPathOwner(path, principal, gids, code);
+    who.isOwner = IsPathOwner(path, who.id, who.gids, code);
     if (code != 0) {
         response_->SetError(code, kNull);
         return;
@@ -142,12 +129,11 @@ void ACLHandler::CheckSelfDenied() {
     proposed.get()->isInherited = inherited ? 1 : 0;
     if (inheritedAcl.get()) MoveEntries(*inheritedAcl.get(), *proposed.get());
 
-    unsigned int effective = 0;
-    code = Evaluate(*proposed.get(), principal, gids, isOwner, effective);
+    code = CheckLevelOrder(*proposed.get());
     if (code != 0) {
         response_->SetError(code, kNull);
         return;
     }
-    result["is_denied"] = effective == 0;
+    result["is_denied"] = EffectiveRights(who, 0, *proposed.get()) == 0;
     response_->SetSuccess(result);
 }

@@ -28,6 +28,10 @@ protected:
         ASSERT_TRUE(root_->AddUser("boss")) << root_->lastError();
         ASSERT_TRUE(root_->MakeAdmin("boss")) << root_->lastError();
         ASSERT_TRUE(root_->AddGroup("staff")) << root_->lastError();
+        // Names that extend an administrator's name, or the administrators
+        // group's, without being either.
+        ASSERT_TRUE(root_->AddUser("bossy")) << root_->lastError();
+        ASSERT_TRUE(root_->AddGroup("administrator")) << root_->lastError();
     }
     static void TearDownTestSuite() {
         delete root_;
@@ -54,6 +58,9 @@ TEST_F(AdminCheck, UsersAndGroups) {
         {"user", "ghost", false},  {"group", "administrators", true}, {"group", "staff", false},
         {"group", "ghosts", false}, {"User", "admin", false},     {"GROUP", "administrators", false},
         {"everyone", "administrators", false}, {"system", "admin", false}, {"owner", "admin", false},
+        // A name is one account, never the first of those it begins.
+        {"user", "bossy", false},  {"user", "bos", false},         {"group", "administrator", false},
+        {"group", "admin", false},
     };
     for (const auto &c : cases) {
         CallResult r = Check(c.type, c.name);

@@ -25,7 +25,8 @@ using kova_module_test::As;
 using kova_owners_test::Parse;
 using kova_owners_test::World;
 
-// Local: two users, one group, one internal account named "kx...". LDAP:
+// Local: two users, one group, one internal account named "kx...", and
+// "zq..." accounts whose names begin one another. LDAP:
 // slapd's generated accounts plus "kxldap". Domain CORP: "kxcorp" and the
 // group "kxcorp-team".
 std::string BuildWorld(World &w) {
@@ -33,7 +34,9 @@ std::string BuildWorld(World &w) {
     PlatformRoot &root = *w.root;
     if (KOVAUserAdd("kxamy", -1, "Passw0rd!", nullptr, nullptr, 0) < 0 ||
         KOVAUserAdd("kxben", -1, "Passw0rd!", nullptr, nullptr, 0) < 0 ||
-        KOVAUserAdd("kxsvc", -1, "Passw0rd!", nullptr, nullptr, 1) < 0 || KOVAGroupAdd("kxcrew", -1, nullptr) < 0)
+        KOVAUserAdd("kxsvc", -1, "Passw0rd!", nullptr, nullptr, 1) < 0 || KOVAGroupAdd("kxcrew", -1, nullptr) < 0 ||
+        KOVAUserAdd("zqpat", -1, "Passw0rd!", nullptr, nullptr, 0) < 0 ||
+        KOVAUserAdd("zqpatrick", -1, "Passw0rd!", nullptr, nullptr, 0) < 0 || KOVAGroupAdd("zqpatrol", -1, nullptr) < 0)
         return "local accounts";
     if (!kova_test::Slapd::Installed()) return "slapd is not installed";
     w.slapd.reset(new kova_test::Slapd(3, 1));
@@ -167,6 +170,24 @@ TEST_F(OwnersV1, AuthTypeSelectsSources) {
     EXPECT_EQ(403, bad.errorCode()) << bad.Dump();
     EXPECT_TRUE(bad.response["error"]["data"].isNull());
     EXPECT_EQ(403, List("{\"auth_type\": \"Local\"}").errorCode());
+}
+
+// The text is looked for anywhere in an account's name, in any letter
+// case; a longer text narrows names that begin one another.
+TEST_F(OwnersV1, AccountsMatchTheTextAnywhereInTheirNames) {
+    auto local = [](const std::string &text, const std::string &extra = "") {
+        CallResult r = List("{\"auth_type\": \"local\", \"prefix\": \"" + text + "\"" + extra + "}");
+        EXPECT_TRUE(r.success()) << r.Dump();
+        EXPECT_EQ(Names(r).size(), Total(r)) << r.Dump();
+        return Names(r);
+    };
+    EXPECT_EQ((std::vector<std::string>{"user:zqpat", "user:zqpatrick", "group:zqpatrol"}), local("zqpat"));
+    EXPECT_EQ((std::vector<std::string>{"user:zqpatrick", "group:zqpatrol"}), local("zqpatr"));
+    EXPECT_EQ(std::vector<std::string>{"user:zqpatrick"}, local("zqpatrick"));
+    EXPECT_EQ((std::vector<std::string>{"user:zqpatrick", "group:zqpatrol"}), local("ZQPATR"));
+    EXPECT_EQ(std::vector<std::string>{"user:zqpatrick"}, local("trick"));
+    EXPECT_EQ(std::vector<std::string>{"group:zqpatrol"}, local("TROL"));
+    EXPECT_EQ(std::vector<std::string>{"user:kxsvc"}, local("SVC", ", \"include_internal\": true"));
 }
 
 TEST_F(OwnersV1, PagesAreSlicesOfTheWholeList) {

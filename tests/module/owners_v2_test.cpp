@@ -76,6 +76,10 @@ std::string BuildWorld(World &w) {
         return "local users";
     if (KOVAGroupAdd("kxstaff", -1, "Payroll team") < 0 || KOVAGroupAdd("kxsales", -1, nullptr) < 0)
         return "local groups";
+    // Names that begin one another, outside the "kx" searches.
+    if (!AddUser("zqpat", nullptr, nullptr, false) || !AddUser("zqpatrick", nullptr, nullptr, false) ||
+        KOVAGroupAdd("zqpatrol", -1, nullptr) < 0)
+        return "local accounts beginning one another";
 
     if (!kova_test::Slapd::Installed()) return "slapd is not installed";
     w.slapd.reset(new kova_test::Slapd(12, 3));
@@ -185,6 +189,21 @@ TEST_F(OwnersV2, LocalKeywordInEachField) {
                                         "group:kxstaff"}),
               Names(all));
     EXPECT_EQ(6u, Total(all));
+}
+
+TEST_F(OwnersV2, LocalNamesThatBeginOneAnother) {
+    auto local = [](const std::string &keyword) {
+        CallResult r = Search("local", keyword);
+        EXPECT_TRUE(r.success()) << r.Dump();
+        EXPECT_EQ(Names(r).size(), Total(r)) << r.Dump();
+        return Names(r);
+    };
+    EXPECT_EQ((std::vector<std::string>{"user:zqpat", "user:zqpatrick", "group:zqpatrol"}), local("zqpat"));
+    EXPECT_EQ((std::vector<std::string>{"user:zqpatrick", "group:zqpatrol"}), local("ZQPATR"));
+    EXPECT_EQ(std::vector<std::string>{"user:zqpatrick"}, local("zqpatrick"));
+    // Inside a name, not only at its start.
+    EXPECT_EQ(std::vector<std::string>{"user:zqpatrick"}, local("trick"));
+    EXPECT_EQ(std::vector<std::string>{"group:zqpatrol"}, local("patro"));
 }
 
 TEST_F(OwnersV2, InternalScopeMarksEveryEntry) {

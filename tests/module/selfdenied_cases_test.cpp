@@ -175,6 +175,22 @@ TEST_F(SelfDeniedTest, ADenyAtANearerLevelKeepsMaskingFartherLevels) {
     EXPECT_FALSE(Denied(child, Rules({}), true));
 }
 
+TEST_F(SelfDeniedTest, ADenyBeatsAnAllowOfItsOwnLevelButNotANearerOne) {
+    const std::string g = share_ + "/g";
+    const std::string p = g + "/p";
+    ASSERT_TRUE(root_.MakeDir(p)) << root_.lastError();
+    const std::string child = InheritingChild(p);
+    // Level 1 allows r and, listed after it, denies r; level 2 follows, so
+    // the evaluation moves past level 1 before it ends.
+    ASSERT_TRUE(root_.SetAcl(p, {"user:alice:allow:r:fd--", "user:alice:deny:r:fd--"})) << root_.lastError();
+    ASSERT_TRUE(root_.SetAcl(g, {"user:bob:allow:w:fd--"})) << root_.lastError();
+
+    // What level 1 allows and denies at once is not carried to level 2.
+    EXPECT_TRUE(Denied(child, Rules({}), true));
+    // An allow of the proposed level is decided before level 1 is reached.
+    EXPECT_FALSE(Denied(child, Rules({Rule("user", "alice", "allow", "r")}), true));
+}
+
 TEST_F(SelfDeniedTest, LevelsThatGoDownAreRefused) {
     const std::string dir = share_ + "/p";
     ASSERT_TRUE(root_.MakeDir(dir)) << root_.lastError();
