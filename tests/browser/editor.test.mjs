@@ -63,16 +63,21 @@ async function until(fn, what) {
   throw new Error(`timed out waiting for ${what}`);
 }
 
-async function signIn(account, passwd) {
-  await page.getByLabel('Account').fill(account);
-  await page.getByLabel('Password').fill(passwd);
-  await page.getByRole('button', { name: 'Sign in' }).click();
-  await page.getByRole('button', { name: 'Sign out' }).waitFor();
+async function signIn(account, passwd, tab = page) {
+  await tab.getByLabel('Account').fill(account);
+  await tab.getByLabel('Password').fill(passwd);
+  await tab.getByRole('button', { name: 'Sign in' }).click();
+  await tab.getByRole('button', { name: 'Sign out' }).waitFor();
 }
 
-async function signOut() {
-  await page.getByRole('button', { name: 'Sign out' }).click();
-  await page.getByLabel('Account').waitFor();
+async function signOut(tab = page) {
+  await tab.getByRole('button', { name: 'Sign out' }).click();
+  await tab.getByLabel('Account').waitFor();
+}
+
+function watchErrors(tab) {
+  tab.on('pageerror', (e) => pageErrors.push(e.message));
+  tab.on('console', (m) => { if (m.type() === 'error') pageErrors.push(m.text()); });
 }
 
 // Presses Save and answers each confirmation that comes up (by its title)
@@ -171,8 +176,7 @@ before(async () => {
   });
   page = await context.newPage();
   page.setDefaultTimeout(20000);
-  page.on('pageerror', (e) => pageErrors.push(e.message));
-  page.on('console', (m) => { if (m.type() === 'error') pageErrors.push(m.text()); });
+  watchErrors(page);
 });
 
 after(async () => {
@@ -216,6 +220,25 @@ test('sign in and open a folder: own and inherited rules, the owner, the folder 
   await inFolder(['projects']);
   await page.goForward();
   await inFolder(['projects', 'engineering']);
+});
+
+test('signing in in a second tab of the same browser leaves the first tab signed in', async () => {
+  const tab2 = await context.newPage();
+  watchErrors(tab2);
+  try {
+    await tab2.goto(URL);
+    await signIn('dave', 'Dave-2024', tab2);
+    await tab2.getByRole('button', { name: 'projects', exact: true }).waitFor();
+    assert.equal(await tab2.getByRole('button', { name: 'archive', exact: true }).count(), 0, 'the second tab is dave\'s');
+    for (const step of ['after the second sign-in', 'after the second tab signed out']) {
+      await openPath('projects', 'engineering', 'project-02');
+      assert.equal(await page.locator('#login-view').isVisible(), false, step);
+      assert.equal((await page.locator('#who').textContent()).trim(), 'Signed in as admin', step);
+      if (step.startsWith('after the second sign-in')) await signOut(tab2);
+    }
+  } finally {
+    await tab2.close();
+  }
 });
 
 test('folders list in natural order, with a count and a filter', async () => {

@@ -400,16 +400,24 @@ TEST_F(Server, ProcessesForkedByAHandlerDoNotHoldTheWorkersChannel) {
     EXPECT_EQ("closed", state);
 }
 
-TEST_F(Server, SigningInAgainEndsTheBrowsersPreviousSession) {
+// Tabs of one browser share the cookie but each keeps its own token: a
+// sign-in in the second tab leaves the first one signed in as it was, and
+// signing out of one leaves the other.
+TEST_F(Server, SigningInInASecondTabKeepsTheFirstTabsSession) {
     WebClient c(webd->port());
     ASSERT_TRUE(c.Login(alice.name, alice.passwd).body["success"].asBool());
-    WebClient old(webd->port());
-    old.cookie = c.cookie;
-    old.token = c.token;
+    WebClient first(webd->port());
+    first.cookie = c.cookie;
+    first.token = c.token;
     ASSERT_TRUE(c.Login(bob.name, bob.passwd).body["success"].asBool());
-    EXPECT_NE(old.cookie, c.cookie);
-    EXPECT_EQ(119, Code(old.Call("Test.Probe", 1, "whoami")));
+    EXPECT_EQ(first.cookie, c.cookie);
+    EXPECT_NE(first.token, c.token);
+    EXPECT_EQ(alice.uid, first.Call("Test.Probe", 1, "whoami").body["data"]["euid"].asInt());
     EXPECT_EQ(bob.uid, c.Call("Test.Probe", 1, "whoami").body["data"]["euid"].asInt());
+    EXPECT_TRUE(c.Call("KOVA.Server.Session", 1, "logout").body["success"].asBool());
+    EXPECT_EQ(alice.uid, first.Call("Test.Probe", 1, "whoami").body["data"]["euid"].asInt());
+    c.cookie = first.cookie;  // the browser kept it for the other tab
+    EXPECT_EQ(120, Code(c.Call("Test.Probe", 1, "whoami")));
 }
 
 TEST_F(Server, AWorkerThatLostRootIsRetiredNotReused) {
