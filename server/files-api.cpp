@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cstdio>
 #include <cstdlib>
 #include <map>
 #include <utility>
@@ -117,6 +118,28 @@ void ListShares(KOVA::APIRequest *req, KOVA::APIResponse *resp) {
     resp->SetSuccess(data);
 }
 
+// The groups of any account, for the editor's explanation of effective
+// access (which group rule applies to whom). Group membership is no secret
+// from a signed-in user: the principal search shows the same accounts.
+void AccountOf(KOVA::APIRequest *req, KOVA::APIResponse *resp) {
+    const Json::Value &nameV = req->GetParamRef("user", Json::Value());
+    if (!nameV.isString() || nameV.asString().empty() || !IsCleanText(nameV.asString()) ||
+        nameV.asString().size() > kMaxFilter) {
+        resp->SetError(kErrFilesBadParam);
+        return;
+    }
+    const std::string name = nameV.asString();
+    int uid = -1, gid = -1;
+    {
+        RootScope root;
+        if (!root.ok() || KOVAUserGetUGID(name.c_str(), &uid, &gid) < 0 || uid < 0) {
+            resp->SetError(kErrFilesBadParam);
+            return;
+        }
+    }
+    resp->SetSuccess(Account(name, IsAdmin(name)));
+}
+
 bool ValidVisiblePath(const std::string &p) {
     if (p.size() < 2 || p[0] != '/' || p.find('\0') != std::string::npos) return false;
     size_t start = 1;
@@ -135,6 +158,8 @@ struct Entry {
     std::string name;
     bool isDir;
     bool isLink;
+    mode_t mode;
+    gid_t gid;
 };
 
 // Names as a person sorts them: runs of digits by their value, so img-2
@@ -217,6 +242,36 @@ Json::Value OwnerOf(const std::string &path, OwnerNames &known) {
     return o;
 }
 
+// {"type": "group", "id", "name"} of a group id, for the group entry of
+// mode bits ("root" for gid 0, the number when it has no name).
+Json::Value GroupOf(gid_t gid, OwnerNames &known) {
+    const auto key = std::make_pair(true, static_cast<int>(gid));
+    auto hit = known.find(key);
+    std::string name = hit == known.end() ? std::string() : hit->second;
+    if (hit == known.end()) {
+        RootScope root;
+        PKOVA_GROUP g = nullptr;
+        if (root.ok() && KOVAGroupGetByGID(static_cast<unsigned>(gid), &g) >= 0 && g) {
+            name = g->szName ? g->szName : "";
+            KOVAGroupFree(g);
+        }
+        if (name.empty()) name = gid == 0 ? "root" : std::to_string(gid);
+        known[key] = name;
+    }
+    Json::Value o(Json::objectValue);
+    o["type"] = "group";
+    o["id"] = static_cast<Json::UInt>(gid);
+    o["name"] = WellFormedUtf8(name);
+    return o;
+}
+
+// The permission bits as three octal digits ("644").
+std::string ModeText(mode_t mode) {
+    char buf[8];
+    snprintf(buf, sizeof buf, "%03o", static_cast<unsigned>(mode & 0777));
+    return buf;
+}
+
 struct DirCloser {
     void operator()(DIR *d) const { closedir(d); }
 };
@@ -268,6 +323,12 @@ void ListDir(KOVA::APIRequest *req, KOVA::APIResponse *resp) {
         resp->SetError(isDir ? kErrFilesNoFolder : kErrFilesNotFolder);
         return;
     }
+    struct stat self;
+    if (fstat(fd, &self) != 0) {
+        close(fd);
+        resp->SetError(kErrFilesNoFolder);
+        return;
+    }
     std::unique_ptr<DIR, DirCloser> d(fdopendir(fd));
     if (!d) {
         close(fd);
@@ -288,7 +349,7 @@ void ListDir(KOVA::APIRequest *req, KOVA::APIResponse *resp) {
         if (fstatat(dirfd(d.get()), n.c_str(), &es, AT_SYMLINK_NOFOLLOW) != 0) continue;
         ++seen;
         if (!Matches(n, filter)) continue;
-        entries.push_back({n, S_ISDIR(es.st_mode), S_ISLNK(es.st_mode)});
+        entries.push_back({n, S_ISDIR(es.st_mode), S_ISLNK(es.st_mode), es.st_mode, es.st_gid});
     }
     d.reset();
     std::sort(entries.begin(), entries.end(), [](const Entry &a, const Entry &b) {
@@ -310,6 +371,8 @@ void ListDir(KOVA::APIRequest *req, KOVA::APIResponse *resp) {
         item["path"] = WellFormedUtf8(visible + "/" + entries[i].name);
         item["real_path"] = real;
         item["owner"] = entries[i].isLink ? Json::Value() : OwnerOf(real, owners);
+        item["group"] = GroupOf(entries[i].gid, owners);
+        item["mode"] = ModeText(entries[i].mode);
         list.append(item);
     }
     Json::Value data(Json::objectValue);
@@ -318,6 +381,8 @@ void ListDir(KOVA::APIRequest *req, KOVA::APIResponse *resp) {
     data["share"] = shareName;
     data["read_only"] = !allowed.empty();
     data["owner"] = OwnerOf(realPath, owners);
+    data["group"] = GroupOf(self.st_gid, owners);
+    data["mode"] = ModeText(self.st_mode);
     data["show_real_path"] = admin;
     data["total"] = static_cast<Json::UInt64>(entries.size());
     data["unfiltered_total"] = static_cast<Json::UInt64>(seen);
@@ -328,14 +393,18 @@ void ListDir(KOVA::APIRequest *req, KOVA::APIResponse *resp) {
 } // namespace
 
 std::vector<Route> FilesRoutes() {
-    std::vector<Route> r(2);
-    r[0].api = r[1].api = "KOVA.Server.Files";
-    r[0].version = r[1].version = 1;
+    std::vector<Route> r(3);
     r[0].method = "list_shares";
     r[0].handler = ListShares;
     r[1].method = "list_dir";
     r[1].handler = ListDir;
-    r[0].origin = r[1].origin = "built-in";
+    r[2].method = "account";
+    r[2].handler = AccountOf;
+    for (Route &one : r) {
+        one.api = "KOVA.Server.Files";
+        one.version = 1;
+        one.origin = "built-in";
+    }
     return r;
 }
 

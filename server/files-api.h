@@ -6,15 +6,20 @@
 //                              "account": {"name", "is_admin", "groups"}}
 //   list_dir {"path": "/share/dir", "offset", "limit" (<= 5000), "filter"}
 //                          -> {"path", "real_path", "share", "read_only", "owner",
-//                              "show_real_path", "total", "unfiltered_total",
+//                              "group", "mode", "show_real_path", "total",
+//                              "unfiltered_total",
 //                              "entries": [{"name", "is_dir", "is_link", "path",
-//                                           "real_path", "owner"}]}
+//                                           "real_path", "owner", "group", "mode"}]}
+//   account {"user"}       -> {"name", "is_admin", "groups"} of any account
+//                              (605 when there is no such user)
 // Shares are those the user holds a privilege on (administrators: all).
 // A folder is listed only when the platform's evaluation of its rules gives
 // the user the list right (606 otherwise), and is read with the user's ids.
 // Entries: folders first, then files, each in natural order (img-2 before
 // img-10); "filter" keeps names containing it (ASCII case ignored) and
-// "total" counts what it kept. Owners are {"type", "id", "name"} or null.
+// "total" counts what it kept. Owners are {"type", "id", "name"} or null;
+// "group" is the owning group of the mode bits and "mode" their octal text
+// ("644"), which the editor shows for items without an ACL.
 // Hidden attribute folders of the platform are left out.
 #ifndef KOVA_WEBD_FILES_API_H
 #define KOVA_WEBD_FILES_API_H

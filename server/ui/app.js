@@ -4,7 +4,7 @@
 import { acl, files, hasToken, login, logout, onSessionLost } from './api.js';
 import { createBrowser, folderFromHash } from './browser.js';
 import { describe } from './messages.js';
-import { FIXED_PRINCIPALS, INHERIT, PERMISSIONS, PRESETS, defaultInherit, lostControlRights, parentPreview, permissionObject, principalLabel, toRuleObject } from './model.js';
+import { FIXED_PRINCIPALS, INHERIT, PERMISSIONS, PRESETS, defaultInherit, layoutRules, lostControlRights, modeGroupRule, parentPreview, permissionObject, principalLabel, toRuleObject } from './model.js';
 import { createPicker } from './picker.js';
 import { letterLegend, renderBody, renderHead } from './rules.js';
 import { runTask } from './task.js';
@@ -55,7 +55,7 @@ async function showApp(account) {
   // A folder in the address that is gone, or not this account's, leaves
   // the list of shares in view rather than nothing.
   if (start !== null && browser.path !== start) await browser.open(null, { history: 'replace' });
-  for (const p of [rulePicker, ownerPicker, inspectPicker]) p.prepare();
+  for (const p of [rulePicker, ownerPicker, inspectPicker, layoutMain, layoutGuests]) p.prepare();
 }
 
 // Asks before unsaved edits are thrown away; true when there are none or
@@ -123,24 +123,27 @@ function shareLimit(item) {
   return '';
 }
 
-// The owner as the server lists it now (not as it was listed before).
-async function fetchOwner(item) {
-  if (item.is_share) return (await files('list_dir', { path: item.path, limit: 0 })).owner;
+// The owner, owning group and mode bits as the server lists them now (not
+// as they were listed before).
+async function fetchStat(item) {
+  if (item.is_share) return files('list_dir', { path: item.path, limit: 0 });
   const parent = item.path.slice(0, item.path.lastIndexOf('/'));
   const data = await files('list_dir', { path: parent, filter: item.name, limit: 5000 });
-  const entry = data.entries.find((e) => e.name === item.name);
-  return entry ? entry.owner : null;
+  return data.entries.find((e) => e.name === item.name) || {};
 }
 
+// Shows the owner; resolves to the item's listing ({} when unknown).
 async function showOwner(item) {
   const out = $('owner-current');
   try {
-    const owner = await fetchOwner(item);
-    if (state.item !== item) return;
-    out.textContent = owner ? principalLabel(owner.type, owner.name) : 'unknown';
-    state.owner = owner;
+    const stat = await fetchStat(item);
+    if (state.item !== item) return stat;
+    out.textContent = stat.owner ? principalLabel(stat.owner.type, stat.owner.name) : 'unknown';
+    state.owner = stat.owner || null;
+    return stat;
   } catch (e) {
     if (state.item === item) out.textContent = 'unknown';
+    return {};
   }
 }
 
@@ -175,22 +178,33 @@ async function loadItem(item) {
   const limit = shareLimit(item);
   $('share-state').hidden = !limit;
   $('share-state').textContent = limit;
-  showOwner(item);
+  const stat = showOwner(item);
   state.preview = [];
   state.readError = '';
+  state.modeGroup = null;
   try {
     const all = await acl('get', { file_path: item.real_path, type: 'all' });
     if (state.item !== item) return;  // another item was chosen meanwhile
+    // The rules of mode bits name the owning group only when it is an
+    // account of this server; its bits still apply, so they are shown.
+    const listed = all.is_acl ? {} : await stat;
+    if (state.item !== item) return;
+    if (listed.group && listed.mode && !all.acl.some((r) => r.owner_type === 'group' && r.owner_name === listed.group.name)) {
+      state.modeGroup = modeGroupRule(listed.group, listed.mode);
+    }
     state.own = all.acl.filter((r) => !r.level);
     state.inheritedNow = all.acl.filter((r) => r.level > 0);
     state.inheritOn = all.is_inherited;
     state.wasInherited = all.is_inherited;
     state.editable = !limit && (all.is_acl ? all.change_permission : all.acl_editable);
     const mode = $('perm-mode');
-    mode.hidden = !!limit || (all.is_acl && state.editable);
+    mode.hidden = all.is_acl && (state.editable || !!limit);
+    const bits = state.modeGroup ? ` (${state.modeGroup.bits})` : '';
+    const dropped = state.modeGroup
+      ? ` The group ${state.modeGroup.owner_name} is no account of this server, so its entry is not carried into the ACL.` : '';
     if (all.is_acl) mode.textContent = 'You may read these rules but not change them.';
-    else if (all.acl_editable) mode.textContent = 'This item has no ACL yet: the rules below come from its mode bits. Saving gives it an ACL.';
-    else mode.textContent = 'This item has no ACL and its file system cannot hold one.';
+    else if (all.acl_editable && !limit) mode.textContent = `This item has no ACL yet: the rules below come from its mode bits${bits}. Saving gives it an ACL.${dropped}`;
+    else mode.textContent = `This item has no ACL: the rules below come from its mode bits${bits}.`;
     render();
     $('perm-panel').dataset.state = 'ready';
   } catch (e) {
@@ -218,7 +232,7 @@ function render() {
   $('inherit-switch').checked = state.inheritOn;
   $('inherit-switch').disabled = ro;
   const locked = !!shareLimit(state.item || { path: '' });
-  for (const id of ['rule-add', 'save', 'acl-recur', 'owner-apply', 'owner-change', 'reload']) {
+  for (const id of ['rule-add', 'layout-open', 'save', 'acl-recur', 'owner-apply', 'owner-change', 'reload']) {
     const always = id === 'reload' || id === 'owner-apply' || id === 'owner-change';
     $(id).disabled = state.busy || (always ? locked && id !== 'reload' : ro);
   }
@@ -237,7 +251,7 @@ function render() {
       [state.own[i], state.own[j]] = [state.own[j], state.own[i]];
       changed();
     },
-  }, state.item ? state.item.path : '');
+  }, state.item ? state.item.path : '', state.modeGroup ? [state.modeGroup] : []);
   if (focusLabel) {
     const again = [...$('rules-body').querySelectorAll('button')].find((b) => b.getAttribute('aria-label') === focusLabel && !b.disabled);
     (again || $('rule-add')).focus();
@@ -379,6 +393,45 @@ $('rule-form').addEventListener('submit', (ev) => {
   changed();
 });
 
+// ---- layouts ------------------------------------------------------------------
+const layoutDialog = $('layout-dialog');
+const layoutMain = createPicker($('layout-main'), { label: 'User' });
+const layoutGuests = createPicker($('layout-guests'), { label: 'Guests (read only)', builtin: true, exclude: ['owner'] });
+
+function layoutChoice() {
+  return document.querySelector('input[name="layout"]:checked').value;
+}
+function showLayoutFields() {
+  const team = layoutChoice() === 'team';
+  $('layout-main').querySelector('label').textContent = team ? 'Team (may modify)' : 'User (full control)';
+  $('layout-guests').hidden = !team;
+}
+document.querySelectorAll('input[name="layout"]').forEach((r) => r.addEventListener('change', showLayoutFields));
+
+$('layout-open').addEventListener('click', () => {
+  layoutMain.set(null, null);
+  layoutGuests.set(null, null);
+  $('layout-error').textContent = '';
+  showLayoutFields();
+  layoutDialog.returnValue = '';
+  layoutDialog.showModal();
+  layoutMain.focus();
+});
+
+$('layout-form').addEventListener('submit', (ev) => {
+  if (ev.submitter && ev.submitter.value !== 'ok') return;
+  const layout = layoutChoice();
+  const main = layoutMain.value;
+  if (!main || (layout === 'private' ? main.type !== 'user' : main.type !== 'group')) {
+    ev.preventDefault();
+    $('layout-error').textContent = layout === 'private' ? 'Choose the user the folder belongs to.' : 'Choose the team\'s group.';
+    return;
+  }
+  state.own = layoutRules(layout, main, layout === 'team' ? layoutGuests.value : null);
+  state.inheritOn = false;
+  changed();
+});
+
 // ---- confirmation -------------------------------------------------------------
 function confirmDialog(text, { yes = 'Save anyway', no = 'Go back', title = 'Please confirm' } = {}) {
   const d = $('confirm-dialog');
@@ -399,8 +452,11 @@ async function startAndFollow(params) {
   render();
   try {
     const started = await acl('set', params);
+    const item = state.item;
     const result = await runTask(started.task_id, {
       box: $('task'), progress: $('task-progress'), text: $('task-text'), stopButton: $('task-stop'),
+      // Paths as the person sees them: below the item, by its share path.
+      showPath: (p) => (p.startsWith(item.real_path) ? item.path + p.slice(item.real_path.length) : p),
     });
     return result;
   } catch (e) {

@@ -32,6 +32,53 @@ export const PRESETS = {
   none: [],
 };
 
+// What each mode bit grants, as the platform reads mode bits as rules.
+const MODE_BITS = [
+  [4, 'r', ['read_data', 'read_attr', 'read_ext_attr', 'read_perm']],
+  [2, 'w', ['write_data', 'append_data', 'delete', 'delete_sub', 'write_attr', 'write_ext_attr']],
+  [1, 'x', ['exe_file']],
+];
+
+// The owning group's entry of an item without an ACL, from its listing
+// (group {name}, mode "644"): shown beside the rules, never saved.
+export function modeGroupRule(group, mode) {
+  const digit = parseInt(mode[mode.length - 2], 8);
+  const keys = MODE_BITS.filter(([bit]) => digit & bit).flatMap(([, , k]) => k);
+  const rwx = (d) => MODE_BITS.map(([bit, letter]) => (d & bit ? letter : '-')).join('');
+  return {
+    owner_type: 'group',
+    owner_name: group.name,
+    permission_type: 'allow',
+    permission: permissionObject(keys),
+    inherit: { this_folder: true },
+    level: 0,
+    bits: [...mode.slice(-3)].map((c) => rwx(parseInt(c, 8))).join(''),
+  };
+}
+
+const WRITE = ['write_data', 'append_data', 'write_attr', 'write_ext_attr'];
+const ADMINS = { owner_type: 'group', owner_name: 'administrators' };
+
+// Whole sets of rules for common folders. main: the private folder's user,
+// or the team (a group); guests: who may only read a team folder.
+export function layoutRules(layout, main, guests) {
+  const rule = (who, keys) => ({
+    owner_type: who.type || who.owner_type,
+    owner_name: who.name || who.owner_name,
+    permission_type: 'allow',
+    permission: permissionObject(keys),
+    inherit: defaultInherit(),
+    level: 0,
+  });
+  const rules = [rule(ADMINS, PRESETS.full)];
+  if (layout === 'private') rules.push(rule(main, PRESETS.full));
+  else {
+    rules.push(rule(main, PRESETS.modify));
+    if (guests) rules.push(rule(guests, PRESETS.read));
+  }
+  return rules;
+}
+
 export const FIXED_PRINCIPALS = {
   owner: 'Owner',
   everyone: 'Everyone',

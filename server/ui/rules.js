@@ -58,9 +58,11 @@ export function letterLegend() {
   return PERMISSIONS.map(([, letter, title]) => `${letter} = ${title}`).join(' · ');
 }
 
-export function renderBody(tbody, own, inherited, inheritOn, editable, readError, actions, itemPath = '') {
+// fixed: rows shown but neither edited nor saved (the owning group of mode bits).
+export function renderBody(tbody, own, inherited, inheritOn, editable, readError, actions, itemPath = '', fixed = []) {
   tbody.innerHTML = '';
-  const rows = own.map((r, i) => ({ r, i, inherited: false })).concat(inherited.map((r) => ({ r, inherited: true })));
+  const rows = own.map((r, i) => ({ r, i, inherited: false }))
+    .concat(fixed.map((r) => ({ r, fixed: true })), inherited.map((r) => ({ r, inherited: true })));
   if (readError || !rows.length) {
     const tr = document.createElement('tr');
     const td = cell(tr, readError || 'No rules: nobody but the owner and administrators has access.');
@@ -69,24 +71,26 @@ export function renderBody(tbody, own, inherited, inheritOn, editable, readError
     tbody.append(tr);
     return;
   }
-  for (const { r, i, inherited: inh } of rows) {
+  for (const { r, i, inherited: inh, fixed: fix } of rows) {
     const tr = document.createElement('tr');
     if (inh) tr.className = inheritOn ? 'inherited' : 'inherited disabled';
+    if (fix) tr.className = 'mode-group';
     const who = principalLabel(r.owner_type, r.owner_name);
     const th = document.createElement('td');
     th.textContent = who;
     tr.append(th);
     cell(tr, r.permission_type === 'deny' ? 'Deny' : 'Allow', r.permission_type === 'deny' ? 'deny' : 'allow');
-    for (const [key, , title] of PERMISSIONS) {
+    for (const [key, letter, title] of PERMISSIONS) {
       const on = !!(r.permission && r.permission[key]);
-      const td = cell(tr, undefined, on ? 'on' : 'off');
+      const td = cell(tr, undefined, `right ${on ? 'on' : 'off'}`);
+      td.dataset.letter = letter;
       td.setAttribute('aria-label', `${title}: ${on ? 'yes' : 'no'}`);
     }
     cell(tr, inheritSummary(r.inherit || {}));
-    const from = cell(tr, inheritedFrom(itemPath, r.level || 0));
+    const from = cell(tr, fix ? 'mode bits' : inheritedFrom(itemPath, r.level || 0));
     from.className = 'from';
     const act = cell(tr);
-    if (!inh && editable) {
+    if (!inh && !fix && editable) {
       actionButton(act, '✎', `Edit rule for ${who}`, () => actions.edit(i));
       actionButton(act, '↑', `Move rule for ${who} up`, () => actions.move(i, -1), i === 0);
       actionButton(act, '↓', `Move rule for ${who} down`, () => actions.move(i, 1), i === own.length - 1);

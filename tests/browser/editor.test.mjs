@@ -160,6 +160,15 @@ async function effective(who, perm) {
   return (await item.getAttribute('class')) === 'yes';
 }
 
+// The item's own rules as [who, Allow/Deny, rights in letters ('-' for a
+// right not given)], from the table.
+async function ownRules() {
+  return page.locator('#rules-body tr:not(.inherited):not(.mode-group)').evaluateAll((rows) => rows.map((tr) => [
+    tr.cells[0].textContent, tr.cells[1].textContent,
+    [...tr.querySelectorAll('td.right')].map((td) => (td.classList.contains('on') ? td.dataset.letter : '-')).join(''),
+  ]));
+}
+
 async function taskText() {
   return (await page.locator('#task-text').textContent()).trim();
 }
@@ -297,6 +306,7 @@ test('add a rule for a user found by search, replace below after a confirmation,
   await finished();
   assert.equal(await page.locator('#task-progress').evaluate((p) => p.value === p.max), true, 'a finished run fills the bar');
   assert.match(await taskText(), /^Finished/);
+  assert.equal(await page.locator('#task-text').evaluate((el) => getComputedStyle(el).color), 'rgb(28, 124, 58)', 'finished is green');
   await shot('02-applied-recursively');
   assert.equal(await replace.isChecked(), false, 'a replacement below is never carried over');
   await page.locator('#rules-body tr:not(.inherited)', { hasText: 'dave (user)' }).waitFor();
@@ -312,9 +322,12 @@ test('a recursive run can be cancelled while it runs; the bar and the panel say 
   await openPath('projects', 'bulk');
   await page.getByLabel('Replace the permissions of all sub-folders and files with inherited ones').check();
   await save({ 'Replace permissions below?': 'Replace permissions below' });
+  // The box names the folder in hand as the person sees it, and counts.
+  await page.locator('#task-text').filter({ hasText: /^Working in \/projects\/bulk\/part-\d+ \(at least [\d,]+ entries done\)$/ }).waitFor(LONG);
   await page.getByRole('button', { name: 'Cancel', exact: true }).click();
   await finished('cancelled');
-  assert.match(await taskText(), /^Cancelled\./);
+  assert.match(await taskText(), /^Cancelled\. What was already applied stays applied \(at least [\d,]+ entries, up to \/projects\/bulk\//);
+  assert.equal(await page.locator('#task-text').evaluate((el) => getComputedStyle(el).color), 'rgb(168, 107, 0)', 'cancelled is amber');
   assert.equal(await page.locator('#task-progress').evaluate((p) => p.value === 0), true, 'a cancelled run does not fill the bar');
   await shot('04-cancelled');
   const bulk = (await page.locator('#perm-real').textContent()).trim();
@@ -468,6 +481,51 @@ test('a rule for a group is added and saved with the keyboard alone', async () =
   await page.locator('#rules-body tr:not(.inherited)', { hasText: 'finance (group)' }).waitFor();
 });
 
+test('layouts set exactly their rules; a deny rule is saved as deny and shown as deny', async () => {
+  await openPath('projects', 'engineering', 'project-09');
+  const sw = page.getByLabel('Inherit rules from the parent folder');
+  const FULL = 'rwxpdDaARWcCo';
+  const useLayout = async (layout, main, guests) => {
+    await page.getByRole('button', { name: 'Start from a layout…' }).click();
+    await page.locator(`#layout-dialog input[name="layout"][value="${layout}"]`).check();
+    await pick('#layout-main', main[0].slice(0, 4), main[1]);
+    if (guests) await pick('#layout-guests', guests[0].slice(0, 3), guests[1]);
+    await page.locator('#layout-ok').click();
+    await until(async () => !(await page.locator('#layout-dialog').isVisible()), 'the layout dialog to close');
+  };
+  await useLayout('private', ['carol', 'carol (user)']);
+  assert.deepEqual(await ownRules(), [['administrators (group)', 'Allow', FULL], ['carol (user)', 'Allow', FULL]]);
+  assert.equal(await sw.isChecked(), false, 'a private folder inherits nothing');
+  assert.equal(await rowCount('tr.inherited:not(.disabled)'), 0);
+  await useLayout('team', ['engineering', 'engineering (group)'], ['dave', 'dave (user)']);
+  assert.deepEqual(await ownRules(), [['administrators (group)', 'Allow', FULL],
+    ['engineering (group)', 'Allow', 'rwxpdDaARWc--'], ['dave (user)', 'Allow', 'r-x---a-R-c--']]);
+  await docShot('editor-layout');
+
+  await page.getByRole('button', { name: 'Add rule' }).click();
+  await pick('#rule-picker', 'dav', 'dave (user)');
+  await page.getByRole('radio', { name: 'Deny' }).check();
+  await page.getByRole('button', { name: 'Clear', exact: true }).click();
+  await page.locator('#rule-perms input[value="read_ext_attr"]').check();
+  await page.locator('#rule-ok').click();
+  // The new deny rule (the last row) moves up twice, past engineering's.
+  await page.getByRole('button', { name: 'Move rule for dave (user) up' }).last().click();
+  await page.getByRole('button', { name: 'Move rule for dave (user) up' }).first().click();
+  assert.equal(await save({}), 'started');
+  await finished();
+  await page.reload();
+  await page.getByRole('button', { name: 'Permissions of project-09', exact: true }).click();
+  await page.locator('#perm-path').filter({ hasText: '/projects/engineering/project-09' }).waitFor();
+  await page.locator('#perm-panel[data-state="ready"]').waitFor();
+  await until(async () => (await ownRules()).length === 4, 'the saved rules');
+  assert.deepEqual(await ownRules(), [['administrators (group)', 'Allow', FULL], ['dave (user)', 'Deny', '--------R----'],
+    ['engineering (group)', 'Allow', 'rwxpdDaARWc--'], ['dave (user)', 'Allow', 'r-x---a-R-c--']]);
+  assert.equal(await page.locator('#rules-body tr:not(.inherited) td.deny').count(), 1, 'the deny rule is marked as one');
+  assert.equal(await sw.isChecked(), false);
+  assert.equal(await effective('dave', 'read_ext_attr'), false, 'and it denies');
+  assert.equal(await effective('dave', 'read_data'), true);
+});
+
 test('a refused save names the rule it is about', async () => {
   const admin = (...args) => {
     const r = spawnSync(process.env.KOVA_ADMIN, ['--root', process.env.KOVA_ROOT_DIR, ...args], { encoding: 'utf8' });
@@ -502,6 +560,18 @@ test('share flags are shown before editing and what cannot work is disabled', as
   assert.equal(await page.getByRole('button', { name: /^Save/ }).isDisabled(), true);
   assert.equal(await page.getByRole('button', { name: 'Add rule' }).isDisabled(), true);
   await shot('06-no-acl-share');
+  // Mode bits have three entries: the owning group's is shown too, with
+  // the rights its bits give.
+  await openPath('usbcopy', 'photos', 'img-1.jpg');
+  const st = fs.statSync((await page.locator('#perm-real').textContent()).trim());
+  const group = page.locator('#rules-body tr.mode-group');
+  assert.equal((await group.locator('td').first().textContent()).trim(), st.gid === 0 ? 'root (group)' : `${st.gid} (group)`);
+  for (const [bit, title] of [[0o40, 'List folder / read data'], [0o20, 'Create files / write data'], [0o10, 'Traverse folder / execute file']]) {
+    const yes = (st.mode & bit) ? 'yes' : 'no';
+    assert.equal(await group.locator(`td[aria-label="${title}: ${yes}"]`).count(), 1, `${title} of the group`);
+  }
+  assert.match(await page.locator('#perm-mode').textContent(), /mode bits \([rwx-]{9}\)/);
+  assert.equal(await rowCount('tr'), 3, 'owner, group and everyone');
   await openPath('archive', '2019');
   await page.locator('#share-state').filter({ hasText: 'is read-only' }).waitFor();
   assert.equal(await page.getByRole('button', { name: /^Save/ }).isDisabled(), true);
