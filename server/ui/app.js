@@ -3,6 +3,7 @@
 // cancel, the self-lock-out warning, and effective permissions.
 import { acl, files, hasToken, login, logout, onSessionLost } from './api.js';
 import { createBrowser, folderFromHash } from './browser.js';
+import { explainAccess } from './explain.js';
 import { describe } from './messages.js';
 import { FIXED_PRINCIPALS, INHERIT, PERMISSIONS, PRESETS, defaultInherit, layoutRules, lostControlRights, modeGroupRule, parentPreview, permissionObject, principalLabel, toRuleObject } from './model.js';
 import { createPicker } from './picker.js';
@@ -192,6 +193,7 @@ async function loadItem(item) {
     if (listed.group && listed.mode && !all.acl.some((r) => r.owner_type === 'group' && r.owner_name === listed.group.name)) {
       state.modeGroup = modeGroupRule(listed.group, listed.mode);
     }
+    state.stored = all.acl;  // as saved, for explaining effective access
     state.own = all.acl.filter((r) => !r.level);
     state.inheritedNow = all.acl.filter((r) => r.level > 0);
     state.inheritOn = all.is_inherited;
@@ -210,6 +212,7 @@ async function loadItem(item) {
   } catch (e) {
     if (state.item !== item) return;
     state.own = [];
+    state.stored = [];
     state.inheritedNow = [];
     state.editable = false;
     state.readError = e.code === 6205
@@ -307,6 +310,12 @@ $('inherit-switch').addEventListener('change', async (ev) => {
   }
 });
 $('reload').addEventListener('click', () => state.item && loadItem(state.item));
+// Basic rights by default; the thirteen one click away.
+$('view-toggle').addEventListener('click', () => {
+  const advanced = $('rules').classList.toggle('view-advanced');
+  $('rules').classList.toggle('view-basic', !advanced);
+  $('view-toggle').setAttribute('aria-pressed', String(advanced));
+});
 $('owner-change').addEventListener('click', () => ownerPicker.focus());
 
 // ---- the rule dialog --------------------------------------------------------
@@ -576,6 +585,20 @@ $('owner-apply').addEventListener('click', async () => {
 });
 
 // ---- effective permissions -------------------------------------------------
+// Why each right is held or not, from the saved rules; null when the
+// account's groups cannot be read.
+async function explainFor(item, who) {
+  let principal = { type: who.type, name: who.name, groups: [] };
+  if (who.type === 'user') {
+    try {
+      principal = { type: 'user', ...(await files('account', { user: who.name })) };
+    } catch (e) {
+      return null;
+    }
+  }
+  return explainAccess({ who: principal, rules: state.stored || [], owner: state.owner, belowShareTop: !item.is_share, itemPath: item.path });
+}
+
 // "Owner" names whoever owns an item, not someone whose access can be shown.
 const inspectPicker = createPicker($('inspect-picker'), { label: 'For', builtin: true, exclude: ['owner'] });
 $('inspect-run').addEventListener('click', async () => {
@@ -588,6 +611,7 @@ $('inspect-run').addEventListener('click', async () => {
   }
   try {
     const data = await acl('inspect', { file_path: item.real_path, owner_type: who.type, owner_name: who.name });
+    const why = await explainFor(item, who);
     out.innerHTML = '';
     for (const [key, , title] of PERMISSIONS) {
       const li = document.createElement('li');
@@ -595,7 +619,14 @@ $('inspect-run').addEventListener('click', async () => {
       li.className = yes ? 'yes' : 'no';
       li.dataset.perm = key;
       li.textContent = title;
-      li.setAttribute('aria-label', `${title}: ${yes ? 'allowed' : 'not allowed'}`);
+      // The server's answer is the truth; a reason that does not agree
+      // with it (rules changed meanwhile) is not offered.
+      const reason = why && why[key].allowed === yes ? why[key].why : 'as the server evaluates the saved rules';
+      const small = document.createElement('small');
+      small.className = 'why';
+      small.textContent = reason;
+      li.append(small);
+      li.setAttribute('aria-label', `${title}: ${yes ? 'allowed' : 'not allowed'}, ${reason}`);
       out.append(li);
     }
   } catch (e) {
@@ -638,6 +669,6 @@ $('logout').addEventListener('click', async () => {
 });
 
 renderHead($('rules-head'));
-$('letters-legend').textContent = letterLegend();
+$('letters-legend').textContent = `Columns: ${letterLegend()}`;
 if (hasToken()) showApp(sessionStorage.getItem('kova-account'));
 else showLogin();

@@ -25,12 +25,35 @@ export const INHERIT = [
 
 const READ = ['read_data', 'exe_file', 'read_attr', 'read_ext_attr', 'read_perm'];
 const MODIFY = READ.concat(['write_data', 'append_data', 'delete', 'write_attr', 'write_ext_attr', 'delete_sub']);
+const READ_ONLY = ['read_data', 'read_attr', 'read_ext_attr', 'read_perm'];
+const WRITE = ['write_data', 'append_data', 'write_attr', 'write_ext_attr'];
 export const PRESETS = {
   full: PERMISSIONS.map((p) => p[0]),
   modify: MODIFY,
   read: READ,
+  read_only: READ_ONLY,
+  write: WRITE,
   none: [],
 };
+
+// The basic view's columns: named sets of the thirteen rights. A rule
+// shows a set when it holds all of it, and "Special" when it holds a
+// right that no set it holds covers.
+export const BASIC = [
+  ['Full control', PRESETS.full],
+  ['Modify', MODIFY],
+  ['Read & execute', READ],
+  ['Read', READ_ONLY],
+  ['Write', WRITE],
+];
+
+export function basicOf(permission) {
+  const has = (k) => !!(permission && permission[k]);
+  const held = BASIC.map(([, keys]) => keys.every(has));
+  const covered = new Set(BASIC.filter((b, i) => held[i]).flatMap(([, keys]) => keys));
+  const special = PERMISSIONS.some(([k]) => has(k) && !covered.has(k));
+  return held.concat([special]);
+}
 
 // What each mode bit grants, as the platform reads mode bits as rules.
 const MODE_BITS = [
@@ -56,7 +79,6 @@ export function modeGroupRule(group, mode) {
   };
 }
 
-const WRITE = ['write_data', 'append_data', 'write_attr', 'write_ext_attr'];
 const ADMINS = { owner_type: 'group', owner_name: 'administrators' };
 
 // Whole sets of rules for common folders. main: the private folder's user,

@@ -1,15 +1,21 @@
 // The rules table: the path's own rules (editable, in order) and the rules
 // it inherits (marked, read-only), with the thirteen permissions as columns.
-import { PERMISSIONS, inheritSummary, principalLabel } from './model.js';
+import { BASIC, PERMISSIONS, basicOf, inheritSummary, principalLabel } from './model.js';
 
+const BASIC_NAMES = BASIC.map(([name]) => name).concat(['Special']);
+
+// The basic columns (class "basic") and the thirteen one-letter ones
+// (class "adv") are both drawn; the table's view class shows one set.
 export function renderHead(tr) {
   tr.innerHTML = '';
   const cols = [['Owner', 'The user, group or built-in principal the rule is for'], ['Allow / deny']];
-  for (const [, letter, title] of PERMISSIONS) cols.push([letter, title]);
+  for (const name of BASIC_NAMES) cols.push([name, undefined, 'basic']);
+  for (const [, letter, title] of PERMISSIONS) cols.push([letter, title, 'adv']);
   cols.push(['Applies to'], ['Inherited from', 'The folder that sets an inherited rule'], ['Actions']);
-  for (const [text, title] of cols) {
+  for (const [text, title, cls] of cols) {
     const th = document.createElement('th');
     th.scope = 'col';
+    if (cls) th.className = cls;
     if (title) {
       const abbr = document.createElement('abbr');
       abbr.title = title;
@@ -67,7 +73,7 @@ export function renderBody(tbody, own, inherited, inheritOn, editable, readError
     const tr = document.createElement('tr');
     const td = cell(tr, readError || 'No rules: nobody but the owner and administrators has access.');
     if (readError) td.className = 'error';
-    td.colSpan = PERMISSIONS.length + 5;
+    td.colSpan = BASIC_NAMES.length + PERMISSIONS.length + 5;
     tbody.append(tr);
     return;
   }
@@ -80,9 +86,13 @@ export function renderBody(tbody, own, inherited, inheritOn, editable, readError
     th.textContent = who;
     tr.append(th);
     cell(tr, r.permission_type === 'deny' ? 'Deny' : 'Allow', r.permission_type === 'deny' ? 'deny' : 'allow');
+    basicOf(r.permission).forEach((on, k) => {
+      const td = cell(tr, undefined, `basic ${on ? 'on' : 'off'}`);
+      td.setAttribute('aria-label', `${BASIC_NAMES[k]}: ${on ? 'yes' : 'no'}`);
+    });
     for (const [key, letter, title] of PERMISSIONS) {
       const on = !!(r.permission && r.permission[key]);
-      const td = cell(tr, undefined, `right ${on ? 'on' : 'off'}`);
+      const td = cell(tr, undefined, `adv right ${on ? 'on' : 'off'}`);
       td.dataset.letter = letter;
       td.setAttribute('aria-label', `${title}: ${on ? 'yes' : 'no'}`);
     }

@@ -214,7 +214,24 @@ test('sign in and open a folder: own and inherited rules, the owner, the folder 
   assert.equal(await page.locator('#rules-body tr.inherited button').count(), 0, 'inherited rows cannot be edited');
   const from = await inherited.locator('td.from').allTextContents();
   assert.ok(from.includes('/projects/engineering') && from.includes('/projects'), `the folders that set them are named, got ${from}`);
+  // Basic rights first; the thirteen are one click away, their letters
+  // spelt out above the columns.
+  const heads = async () => (await page.locator('#rules thead th:visible').allTextContents()).map((t) => t.trim());
+  assert.deepEqual((await heads()).slice(2, 8), ['Full control', 'Modify', 'Read & execute', 'Read', 'Write', 'Special']);
+  const basic = (who) => inherited.filter({ hasText: who }).first().locator('td.basic')
+    .evaluateAll((tds) => tds.map((td) => td.classList.contains('on')));
+  assert.deepEqual(await basic('administrators (group)'), [true, true, true, true, true, false]);
+  assert.deepEqual(await basic('staff (group)'), [false, true, true, true, true, false]);
+  assert.deepEqual(await basic('dave (user)'), [false, false, true, true, false, false]);
+  assert.equal(await page.locator('#letters-legend').isVisible(), false);
+  await page.getByRole('button', { name: 'Advanced rights' }).click();
+  assert.equal((await heads()).slice(2, 15).join(''), 'rwxpdDaARWcCo');
   assert.match(await page.locator('#letters-legend').textContent(), /C = Change permissions/);
+  const legend = await page.locator('#letters-legend').boundingBox();
+  const columns = await page.locator('#rules thead').boundingBox();
+  assert.ok(legend.y + legend.height <= columns.y + 1, 'the letters are explained above the columns');
+  await shot('01-advanced-rights');
+  await page.getByRole('button', { name: 'Advanced rights' }).click();
   await until(async () => !/^(…|unknown|–)$/.test((await page.locator('#owner-current').textContent()).trim()), 'the owner');
   assert.match(await page.locator('#owner-current').textContent(), /\((user|group)\)/);
   assert.ok((await page.locator('#perm-real').textContent()).startsWith('/'), 'an administrator sees the absolute path');
@@ -315,7 +332,6 @@ test('add a rule for a user found by search, replace below after a confirmation,
   await openPath('projects', 'engineering', 'project-01', 'docs');
   assert.equal(await effective('dave', 'write_data'), true, 'and in its sub-folder');
   await shot('03-effective-permissions');
-  await docShot('editor-effective');
 });
 
 test('a recursive run can be cancelled while it runs; the bar and the panel say so', async () => {
@@ -522,8 +538,17 @@ test('layouts set exactly their rules; a deny rule is saved as deny and shown as
     ['engineering (group)', 'Allow', 'rwxpdDaARWc--'], ['dave (user)', 'Allow', 'r-x---a-R-c--']]);
   assert.equal(await page.locator('#rules-body tr:not(.inherited) td.deny').count(), 1, 'the deny rule is marked as one');
   assert.equal(await sw.isChecked(), false);
+  // Effective access names what decides each right.
+  const why = async (perm) => (await page.locator(`#inspect-result li[data-perm="${perm}"] .why`).textContent()).trim();
   assert.equal(await effective('dave', 'read_ext_attr'), false, 'and it denies');
-  assert.equal(await effective('dave', 'read_data'), true);
+  assert.equal(await why('read_ext_attr'), 'denied by dave (user), rule 2 of this item');
+  assert.equal(await why('read_data'), 'allowed by dave (user), rule 4 of this item');
+  assert.equal(await why('take_ownership'), 'no rule gives it');
+  assert.equal(await effective('carol', 'write_data'), true);
+  assert.equal(await why('write_data'), 'allowed by engineering (group), rule 3 of this item', 'carol is in engineering');
+  await docShot('editor-effective');
+  assert.equal(await effective('admin', 'take_ownership'), true);
+  assert.equal(await why('take_ownership'), 'administrators hold every right below a share\'s top folder');
 });
 
 test('a refused save names the rule it is about', async () => {
