@@ -17,6 +17,7 @@
 #include "kova-internal/identity.h"
 #include "text-check.h"
 #include "kova/account.h"
+#include "kova/errcode.h"
 #include "kova/acl.h"
 #include "kova/fileshare.h"
 #include "kova/share.h"
@@ -390,16 +391,71 @@ void ListDir(KOVA::APIRequest *req, KOVA::APIResponse *resp) {
     resp->SetSuccess(data);
 }
 
+// Gives an item back to its mode bits: its stored rules are removed. The
+// platform itself refuses unless the user (the worker acts as the user)
+// holds change_perm on it; the share must be writable for the user and,
+// when it is read-only, only its top folder may change, as with "set".
+void RemoveAcl(KOVA::APIRequest *req, KOVA::APIResponse *resp) {
+    const Json::Value &pathV = req->GetParamRef("path", Json::Value());
+    if (!pathV.isString()) {
+        resp->SetError(kErrFilesBadParam);
+        return;
+    }
+    std::string visible = pathV.asString();
+    while (visible.size() > 1 && visible.back() == '/') visible.pop_back();
+    if (!IsCleanText(visible) || !ValidVisiblePath(visible)) {
+        resp->SetError(kErrFilesBadPath);
+        return;
+    }
+    // A share's top folder is resolved itself; anything else through the
+    // folder that holds it.
+    const size_t cut = visible.rfind('/');
+    const std::string folder = cut == 0 ? visible : visible.substr(0, cut);
+    const std::string name = cut == 0 ? std::string() : visible.substr(cut + 1);
+    const std::string user = req->GetLoginUserName();
+    std::string realFolder, shareName, shareRoot, allowed;
+    int rc;
+    {
+        RootScope root;
+        PanoraFileShare fs;
+        rc = root.ok() ? fs.WfmFullPathGet(folder, realFolder, shareName, shareRoot, allowed, user) : -1;
+    }
+    if (rc != 0) {
+        resp->SetError(kErrFilesNoFolder);
+        return;
+    }
+    const std::string topShare = visible.substr(1, visible.find('/', 1) == std::string::npos
+                                                      ? std::string::npos
+                                                      : visible.find('/', 1) - 1);
+    if (Privilege(topShare, user, IsAdmin(user)) != KOVA_SHARE_PRIV_RW) {
+        resp->SetError(kErrFilesNoPrivilege);
+        return;
+    }
+    const std::string real = name.empty() ? realFolder : realFolder + "/" + name;
+    if (!allowed.empty() && real != allowed) {
+        resp->SetError(kErrFilesNoChange);
+        return;
+    }
+    if (KOVAACLRemove(real.c_str(), -1) != 0) {
+        const int why = KLIBCErrGet();
+        resp->SetError(why == KOVA_ERR_PERM || why == KOVA_ERR_ACL_DENIED ? kErrFilesNoChange : kErrFilesNotRemoved);
+        return;
+    }
+    resp->SetSuccess(Json::Value(Json::objectValue));
+}
+
 } // namespace
 
 std::vector<Route> FilesRoutes() {
-    std::vector<Route> r(3);
+    std::vector<Route> r(4);
     r[0].method = "list_shares";
     r[0].handler = ListShares;
     r[1].method = "list_dir";
     r[1].handler = ListDir;
     r[2].method = "account";
     r[2].handler = AccountOf;
+    r[3].method = "remove_acl";
+    r[3].handler = RemoveAcl;
     for (Route &one : r) {
         one.api = "KOVA.Server.Files";
         one.version = 1;

@@ -12,6 +12,10 @@
 //                                           "real_path", "owner", "group", "mode"}]}
 //   account {"user"}       -> {"name", "is_admin", "groups"} of any account
 //                              (605 when there is no such user)
+//   remove_acl {"path": "/share/dir/item"} -> {}: the item's stored rules
+//                              are removed and its mode bits decide again
+//                              (607 without the right to change them or on
+//                              a read-only share below its top folder)
 // Shares are those the user holds a privilege on (administrators: all).
 // A folder is listed only when the platform's evaluation of its rules gives
 // the user the list right (606 otherwise), and is read with the user's ids.

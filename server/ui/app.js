@@ -194,6 +194,7 @@ async function loadItem(item) {
       state.modeGroup = modeGroupRule(listed.group, listed.mode);
     }
     state.stored = all.acl;  // as saved, for explaining effective access
+    state.isAcl = all.is_acl;
     state.own = all.acl.filter((r) => !r.level);
     state.inheritedNow = all.acl.filter((r) => r.level > 0);
     state.inheritOn = all.is_inherited;
@@ -213,6 +214,7 @@ async function loadItem(item) {
     if (state.item !== item) return;
     state.own = [];
     state.stored = [];
+    state.isAcl = false;
     state.inheritedNow = [];
     state.editable = false;
     state.readError = e.code === 6205
@@ -235,7 +237,8 @@ function render() {
   $('inherit-switch').checked = state.inheritOn;
   $('inherit-switch').disabled = ro;
   const locked = !!shareLimit(state.item || { path: '' });
-  for (const id of ['rule-add', 'layout-open', 'save', 'acl-recur', 'owner-apply', 'owner-change', 'reload']) {
+  $('acl-remove').hidden = !state.isAcl;
+  for (const id of ['rule-add', 'layout-open', 'copy-open', 'acl-remove', 'save', 'acl-recur', 'owner-apply', 'owner-change', 'reload']) {
     const always = id === 'reload' || id === 'owner-apply' || id === 'owner-change';
     $(id).disabled = state.busy || (always ? locked && id !== 'reload' : ro);
   }
@@ -439,6 +442,63 @@ $('layout-form').addEventListener('submit', (ev) => {
   state.own = layoutRules(layout, main, layout === 'team' ? layoutGuests.value : null);
   state.inheritOn = false;
   changed();
+});
+
+// ---- copying another folder's rules, removing the ACL ----------------------------
+const copyDialog = $('copy-dialog');
+$('copy-open').addEventListener('click', () => {
+  $('copy-error').textContent = '';
+  $('copy-path').value = '';
+  copyDialog.returnValue = '';
+  copyDialog.showModal();
+  $('copy-path').focus();
+});
+
+// The rules of the folder at a share path, as read: {own, inherits}.
+async function rulesOf(path) {
+  const folder = await files('list_dir', { path, limit: 0 });
+  const all = await acl('get', { file_path: folder.real_path, type: 'all' });
+  return { own: all.acl.filter((r) => !r.level), inherits: all.is_acl ? all.is_inherited : false };
+}
+
+$('copy-form').addEventListener('submit', async (ev) => {
+  if (ev.submitter && ev.submitter.value !== 'ok') return;
+  ev.preventDefault();  // closed once the rules are read
+  const item = state.item;
+  const path = $('copy-path').value.trim().replace(/\/+$/, '');
+  if (!path.startsWith('/') || path === item.path) {
+    $('copy-error').textContent = 'Give another folder as /share/folder.';
+    return;
+  }
+  try {
+    const src = await rulesOf(path);
+    if (state.item !== item) return;
+    state.own = src.own.map((r) => ({ ...toRuleObject(r), level: 0 }));
+    state.inheritOn = src.inherits;
+    copyDialog.close();
+    changed();
+    if (state.inheritOn && !state.wasInherited) {
+      state.preview = await loadPreview(item);
+      render();
+    }
+  } catch (e) {
+    $('copy-error').textContent = `The rules of ${path} could not be read: ${describe(e)}`;
+  }
+});
+
+$('acl-remove').addEventListener('click', async () => {
+  const item = state.item;
+  if (!item || !(await mayDiscard())) return;
+  const ok = await confirmDialog(`All rules of ${item.path} are deleted, inherited ones included, and its mode bits decide who has access again.`,
+    { yes: 'Remove the ACL', no: 'Cancel', title: 'Remove the ACL?' });
+  if (!ok) return;
+  try {
+    await files('remove_acl', { path: item.path });
+    notify(`${item.path} has no ACL now: its mode bits decide.`);
+  } catch (e) {
+    notify(describe(e), true);
+  }
+  if (state.item === item) await loadItem(item);
 });
 
 // ---- confirmation -------------------------------------------------------------

@@ -551,6 +551,34 @@ test('layouts set exactly their rules; a deny rule is saved as deny and shown as
   assert.equal(await why('take_ownership'), 'administrators hold every right below a share\'s top folder');
 });
 
+test('the rules of another folder are copied; the ACL is removed from the page, after a confirmation', async () => {
+  await openPath('projects', 'engineering', 'project-10');
+  await page.getByRole('button', { name: 'Copy from another folder…' }).click();
+  await page.locator('#copy-path').fill('/projects/engineering/project-09/');
+  await page.locator('#copy-ok').click();
+  await until(async () => (await ownRules()).length === 4, 'the copied rules');
+  assert.deepEqual(await ownRules(), [['administrators (group)', 'Allow', 'rwxpdDaARWcCo'], ['dave (user)', 'Deny', '--------R----'],
+    ['engineering (group)', 'Allow', 'rwxpdDaARWc--'], ['dave (user)', 'Allow', 'r-x---a-R-c--']]);
+  assert.equal(await page.getByLabel('Inherit rules from the parent folder').isChecked(), false, 'as project-09, it does not inherit');
+  await page.locator('#reload').click();
+  await until(async () => (await ownRules()).length === 0, 'the copy to be discarded');
+
+  const real = (await page.locator('#perm-real').textContent()).trim();
+  const stored = () => spawnSync('getfattr', ['--absolute-names', '-n', 'trusted.kova.acl', real], { encoding: 'utf8' })
+    .stdout.includes('trusted.kova.acl=');
+  assert.equal(stored(), true);
+  const remove = page.getByRole('button', { name: 'Remove the ACL…' });
+  await remove.click();
+  await page.locator('#confirm-dialog').getByRole('button', { name: 'Cancel', exact: true }).click();
+  assert.equal(stored(), true, 'cancel keeps the ACL');
+  await remove.click();
+  await page.getByRole('button', { name: 'Remove the ACL', exact: true }).click();
+  await page.locator('#perm-mode').filter({ hasText: 'no ACL yet' }).waitFor();
+  assert.equal(stored(), false, 'the item is back to its mode bits');
+  assert.equal(await page.locator('#rules-body tr.mode-group').count(), 1);
+  assert.equal(await remove.isVisible(), false, 'nothing left to remove');
+});
+
 test('a refused save names the rule it is about', async () => {
   const admin = (...args) => {
     const r = spawnSync(process.env.KOVA_ADMIN, ['--root', process.env.KOVA_ROOT_DIR, ...args], { encoding: 'utf8' });
