@@ -103,7 +103,7 @@ void ListShares(KOVA::APIRequest *req, KOVA::APIResponse *resp) {
         Json::Value s(Json::objectValue);
         s["name"] = name;
         s["path"] = std::string("/") + name;
-        s["real_path"] = share->szPath;
+        if (admin) s["real_path"] = share->szPath;
         s["comment"] = share->szComment;
         s["privilege"] = priv == KOVA_SHARE_PRIV_RW ? "rw" : "ro";
         s["read_only"] = share->isReadOnly != 0;
@@ -360,7 +360,8 @@ void ListDir(KOVA::APIRequest *req, KOVA::APIResponse *resp) {
     const size_t offset = offV.asUInt();
     const size_t limit = std::min<size_t>(limV.asUInt(), kMaxLimit);
     // Share-relative paths are what a person sees; the absolute path is only
-    // shown to administrators (the rules calls still take it).
+    // sent to administrators (the editor names items to the rules calls by
+    // share path, see SharePathsIn).
     Json::Value list(Json::arrayValue);
     OwnerNames owners;
     for (size_t i = offset; i < entries.size() && i - offset < limit; ++i) {
@@ -370,7 +371,7 @@ void ListDir(KOVA::APIRequest *req, KOVA::APIResponse *resp) {
         item["is_dir"] = entries[i].isDir;
         item["is_link"] = entries[i].isLink;
         item["path"] = WellFormedUtf8(visible + "/" + entries[i].name);
-        item["real_path"] = real;
+        if (admin) item["real_path"] = real;
         item["owner"] = entries[i].isLink ? Json::Value() : OwnerOf(real, owners);
         item["group"] = GroupOf(entries[i].gid, owners);
         item["mode"] = ModeText(entries[i].mode);
@@ -378,7 +379,7 @@ void ListDir(KOVA::APIRequest *req, KOVA::APIResponse *resp) {
     }
     Json::Value data(Json::objectValue);
     data["path"] = visible;
-    data["real_path"] = realPath;
+    if (admin) data["real_path"] = realPath;
     data["share"] = shareName;
     data["read_only"] = !allowed.empty();
     data["owner"] = OwnerOf(realPath, owners);
@@ -391,6 +392,28 @@ void ListDir(KOVA::APIRequest *req, KOVA::APIResponse *resp) {
     resp->SetSuccess(data);
 }
 
+// The absolute path of the item at a share path ("/share/dir/item"), as
+// the user reaches it: a share's top folder resolves itself, anything else
+// through the folder that holds it. allowed: on a read-only share, the one
+// path that may change (empty otherwise). 0 or a files error code.
+int ResolveItem(std::string visible, const std::string &user, std::string &real, std::string &allowed) {
+    while (visible.size() > 1 && visible.back() == '/') visible.pop_back();
+    if (!IsCleanText(visible) || !ValidVisiblePath(visible)) return kErrFilesBadPath;
+    const size_t cut = visible.rfind('/');
+    const std::string folder = cut == 0 ? visible : visible.substr(0, cut);
+    const std::string name = cut == 0 ? std::string() : visible.substr(cut + 1);
+    std::string realFolder, shareName, shareRoot;
+    int rc;
+    {
+        RootScope root;
+        PanoraFileShare fs;
+        rc = root.ok() ? fs.WfmFullPathGet(folder, realFolder, shareName, shareRoot, allowed, user) : -1;
+    }
+    if (rc != 0) return kErrFilesNoFolder;
+    real = name.empty() ? realFolder : realFolder + "/" + name;
+    return 0;
+}
+
 // Gives an item back to its mode bits: its stored rules are removed. The
 // platform itself refuses unless the user (the worker acts as the user)
 // holds change_perm on it; the share must be writable for the user and,
@@ -401,27 +424,11 @@ void RemoveAcl(KOVA::APIRequest *req, KOVA::APIResponse *resp) {
         resp->SetError(kErrFilesBadParam);
         return;
     }
-    std::string visible = pathV.asString();
-    while (visible.size() > 1 && visible.back() == '/') visible.pop_back();
-    if (!IsCleanText(visible) || !ValidVisiblePath(visible)) {
-        resp->SetError(kErrFilesBadPath);
-        return;
-    }
-    // A share's top folder is resolved itself; anything else through the
-    // folder that holds it.
-    const size_t cut = visible.rfind('/');
-    const std::string folder = cut == 0 ? visible : visible.substr(0, cut);
-    const std::string name = cut == 0 ? std::string() : visible.substr(cut + 1);
+    const std::string visible = pathV.asString();
     const std::string user = req->GetLoginUserName();
-    std::string realFolder, shareName, shareRoot, allowed;
-    int rc;
-    {
-        RootScope root;
-        PanoraFileShare fs;
-        rc = root.ok() ? fs.WfmFullPathGet(folder, realFolder, shareName, shareRoot, allowed, user) : -1;
-    }
-    if (rc != 0) {
-        resp->SetError(kErrFilesNoFolder);
+    std::string real, allowed;
+    if (const int bad = ResolveItem(visible, user, real, allowed)) {
+        resp->SetError(bad);
         return;
     }
     const std::string topShare = visible.substr(1, visible.find('/', 1) == std::string::npos
@@ -431,7 +438,6 @@ void RemoveAcl(KOVA::APIRequest *req, KOVA::APIResponse *resp) {
         resp->SetError(kErrFilesNoPrivilege);
         return;
     }
-    const std::string real = name.empty() ? realFolder : realFolder + "/" + name;
     if (!allowed.empty() && real != allowed) {
         resp->SetError(kErrFilesNoChange);
         return;
@@ -444,7 +450,60 @@ void RemoveAcl(KOVA::APIRequest *req, KOVA::APIResponse *resp) {
     resp->SetSuccess(Json::Value(Json::objectValue));
 }
 
+// Every share's absolute root and name, longest root first so a share
+// inside another maps to its own name.
+std::vector<std::pair<std::string, std::string>> ShareRoots() {
+    std::vector<std::pair<std::string, std::string>> roots;
+    RootScope root;
+    PKLIBC_SZLIST names = root.ok() ? KLIBCSzListAlloc(1024) : nullptr;
+    if (!names) return roots;
+    if (KOVAShareEnum(&names) >= 0) {
+        for (int i = 0; i < names->nItem; ++i) {
+            const char *name = KLIBCSzListGet(names, i);
+            PKOVA_SHARE share = nullptr;
+            if (!name || KOVAShareGet(name, &share) < 0 || !share) continue;
+            roots.emplace_back(share->szPath, name);
+            KOVAShareFree(share);
+        }
+    }
+    KLIBCSzListFree(names);
+    std::sort(roots.begin(), roots.end(), [](const auto &a, const auto &b) { return a.first.size() > b.first.size(); });
+    return roots;
+}
+
+void ToSharePaths(Json::Value &v, const std::vector<std::pair<std::string, std::string>> &roots) {
+    if (v.isString()) {
+        const std::string text = v.asString();
+        for (const auto &r : roots) {
+            if (text.compare(0, r.first.size(), r.first) == 0 &&
+                (text.size() == r.first.size() || text[r.first.size()] == '/')) {
+                v = "/" + r.second + text.substr(r.first.size());
+                return;
+            }
+        }
+    } else if (v.isArray() || v.isObject()) {
+        for (Json::Value &child : v) ToSharePaths(child, roots);
+    }
+}
+
 } // namespace
+
+int SharePathsIn(const std::string &api, Json::Value &params, const std::string &user, bool &wanted) {
+    wanted = false;
+    if (api != "KOVA.Core.ACL" || !params.isObject() || !params.isMember(kSharePaths)) return 0;
+    wanted = params[kSharePaths].isBool() && params[kSharePaths].asBool();
+    params.removeMember(kSharePaths);
+    if (!wanted || !params.isMember("file_path")) return 0;
+    if (!params["file_path"].isString()) return kErrFilesBadParam;
+    std::string real, allowed;
+    if (const int bad = ResolveItem(params["file_path"].asString(), user, real, allowed)) return bad;
+    params["file_path"] = real;
+    return 0;
+}
+
+void SharePathsOut(Json::Value &reply) {
+    ToSharePaths(reply, ShareRoots());
+}
 
 std::vector<Route> FilesRoutes() {
     std::vector<Route> r(4);

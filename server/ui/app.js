@@ -82,7 +82,7 @@ const browser = createBrowser({
   filter: $('entry-filter'),
   count: $('entry-count'),
   onSelect: async (item) => {
-    if (state.item && item.real_path !== state.item.real_path && !(await mayDiscard())) return false;
+    if (state.item && item.path !== state.item.path && !(await mayDiscard())) return false;
     loadItem(item);
     return true;
   },
@@ -184,7 +184,7 @@ async function loadItem(item) {
   state.readError = '';
   state.modeGroup = null;
   try {
-    const all = await acl('get', { file_path: item.real_path, type: 'all' });
+    const all = await acl('get', { file_path: item.path, type: 'all' });
     if (state.item !== item) return;  // another item was chosen meanwhile
     // The rules of mode bits name the owning group only when it is an
     // account of this server; its bits still apply, so they are shown.
@@ -272,9 +272,9 @@ function changed() {
 // The rules the item would inherit from its parent folder, for the preview
 // shown when inheritance is switched back on.
 async function loadPreview(item) {
-  const cut = item.real_path.lastIndexOf('/');
+  const cut = item.path.lastIndexOf('/');
   if (item.is_share || cut <= 0) return [];
-  const parent = await acl('get', { file_path: item.real_path.slice(0, cut), type: 'all' });
+  const parent = await acl('get', { file_path: item.path.slice(0, cut), type: 'all' });
   return parentPreview(parent.acl, item.is_dir);
 }
 
@@ -456,8 +456,7 @@ $('copy-open').addEventListener('click', () => {
 
 // The rules of the folder at a share path, as read: {own, inherits}.
 async function rulesOf(path) {
-  const folder = await files('list_dir', { path, limit: 0 });
-  const all = await acl('get', { file_path: folder.real_path, type: 'all' });
+  const all = await acl('get', { file_path: path, type: 'all' });
   return { own: all.acl.filter((r) => !r.level), inherits: all.is_acl ? all.is_inherited : false };
 }
 
@@ -521,11 +520,8 @@ async function startAndFollow(params) {
   render();
   try {
     const started = await acl('set', params);
-    const item = state.item;
     const result = await runTask(started.task_id, {
       box: $('task'), progress: $('task-progress'), text: $('task-text'), stopButton: $('task-stop'),
-      // Paths as the person sees them: below the item, by its share path.
-      showPath: (p) => (p.startsWith(item.real_path) ? item.path + p.slice(item.real_path.length) : p),
     });
     return result;
   } catch (e) {
@@ -542,7 +538,7 @@ async function explainRuleError(item, rules, err) {
   if (err.code !== 6211 && err.code !== 403) return describe(err);
   for (let i = 0; i < rules.length; ++i) {
     try {
-      await acl('check_self_denied', { file_path: item.real_path, change_acl: true, rules: [rules[i]], inherited: false });
+      await acl('check_self_denied', { file_path: item.path, change_acl: true, rules: [rules[i]], inherited: false });
     } catch (e) {
       if (e.code === err.code) return `Rule ${i + 1} (${principalLabel(rules[i].owner_type, rules[i].owner_name)}): ${describe(e)}`;
     }
@@ -559,7 +555,7 @@ async function selfCheck(item, rules) {
   // The server reads what is inherited from the item's stored state; while
   // inheritance is only being switched back on, the preview stands for it.
   const check = await acl('check_self_denied', {
-    file_path: item.real_path,
+    file_path: item.path,
     change_acl: true,
     rules: reenabling ? rules.concat(state.preview.map(toRuleObject)) : rules,
     inherited: state.inheritOn && !reenabling,
@@ -596,7 +592,7 @@ $('save').addEventListener('click', async () => {
   // A replacement below is asked for once, never carried to the next save.
   $('acl-recur').checked = false;
   const result = await startAndFollow({
-    file_path: item.real_path,
+    file_path: item.path,
     dirPaths: dirPathOf(item),
     change_acl: true,
     inherited: state.inheritOn,
@@ -628,7 +624,7 @@ $('owner-apply').addEventListener('click', async () => {
     return;
   }
   const result = await startAndFollow({
-    file_path: item.real_path,
+    file_path: item.path,
     dirPaths: dirPathOf(item),
     change_acl: false,
     change_acl_owner: true,
@@ -670,7 +666,7 @@ $('inspect-run').addEventListener('click', async () => {
     return;
   }
   try {
-    const data = await acl('inspect', { file_path: item.real_path, owner_type: who.type, owner_name: who.name });
+    const data = await acl('inspect', { file_path: item.path, owner_type: who.type, owner_name: who.name });
     const why = await explainFor(item, who);
     out.innerHTML = '';
     for (const [key, , title] of PERMISSIONS) {

@@ -7,11 +7,11 @@ const POLL_MS = 400;
 
 // The task reports the entry in hand, a new one every 500 entries of the
 // walk, so each new path seen is at least 500 more entries done (polls may
-// miss some: the count is a lower bound). showPath turns the server's path
-// into the one the person sees.
+// miss some: the count is a lower bound). Paths are share paths (see
+// api.js).
 const REPORT_EVERY = 500;
 
-export function runTask(taskId, { box, progress, text, stopButton, showPath = (p) => p }) {
+export function runTask(taskId, { box, progress, text, stopButton }) {
   return new Promise((resolve) => {
     let stopping = false;
     let done = false;
@@ -60,11 +60,11 @@ export function runTask(taskId, { box, progress, text, stopButton, showPath = (p
           if (lastPath !== null) ++reports;
           lastPath = data.applypath;
         }
-        if (!stopping) text.textContent = lastPath === null ? 'Working…' : progressText(showPath(lastPath), reports);
+        if (!stopping) text.textContent = lastPath === null ? 'Working…' : progressText(lastPath, reports);
       } catch (e) {
         // A stopped task ends with the generic failure code.
         const cancelled = stopping && e.code === 6200;
-        const upTo = reports ? ` (at least ${(reports * REPORT_EVERY).toLocaleString('en')} entries, up to ${showPath(lastPath)})` : '';
+        const upTo = reports ? ` (at least ${(reports * REPORT_EVERY).toLocaleString('en')} entries, up to ${lastPath})` : '';
         text.textContent = cancelled ? `Cancelled. What was already applied stays applied${upTo}.` : `Failed: ${describe(e)}`;
         finish({ ok: false, cancelled, code: e.code }, cancelled ? 'cancelled' : 'failed');
         return;

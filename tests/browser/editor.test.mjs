@@ -698,6 +698,19 @@ test('an ordinary user sees only their shares, share-relative paths, and cannot 
   assert.equal(await page.getByRole('button', { name: 'Add rule' }).isDisabled(), true);
   assert.equal((await page.locator('#perm-real').textContent()).trim(), '', 'no absolute path for a plain user');
   assert.equal(await page.locator('body').filter({ hasText: process.env.KOVA_ROOT_DIR }).count(), 0);
+  // Nor do the replies the page gets: it names items by share path.
+  const replies = await page.evaluate(async () => {
+    const call = async (method, params) => (await fetch('/webapi', {
+      method: 'POST',
+      headers: { 'Content-Type': 'application/json', 'X-Kova-Token': sessionStorage.getItem('kova-token') },
+      body: JSON.stringify({ api: 'KOVA.Server.Files', version: 1, method, params }),
+    })).text();
+    return [await call('list_shares', {}), await call('list_dir', { path: '/projects/engineering' })];
+  });
+  for (const text of replies) {
+    assert.match(text, /"success":true/);
+    assert.equal(text.includes(process.env.KOVA_ROOT_DIR), false, `an absolute path in ${text.slice(0, 300)}`);
+  }
   await shot('07-read-only-user');
 });
 
