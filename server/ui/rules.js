@@ -96,7 +96,7 @@ export function renderBody(tbody, own, inherited, inheritOn, editable, readError
       td.dataset.letter = letter;
       td.setAttribute('aria-label', `${title}: ${on ? 'yes' : 'no'}`);
     }
-    cell(tr, inheritSummary(r.inherit || {}));
+    cell(tr, inheritSummary(r.inherit || {}), 'applies');
     const from = cell(tr, fix ? 'mode bits' : inheritedFrom(itemPath, r.level || 0));
     from.className = 'from';
     const act = cell(tr);

@@ -231,6 +231,7 @@ test('sign in and open a folder: own and inherited rules, the owner, the folder 
   const columns = await page.locator('#rules thead').boundingBox();
   assert.ok(legend.y + legend.height <= columns.y + 1, 'the letters are explained above the columns');
   await shot('01-advanced-rights');
+  await docShot('editor-advanced');
   await page.getByRole('button', { name: 'Advanced rights' }).click();
   await until(async () => !/^(…|unknown|–)$/.test((await page.locator('#owner-current').textContent()).trim()), 'the owner');
   assert.match(await page.locator('#owner-current').textContent(), /\((user|group)\)/);
