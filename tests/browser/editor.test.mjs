@@ -514,6 +514,10 @@ test('layouts set exactly their rules; a deny rule is saved as deny and shown as
   assert.deepEqual(await ownRules(), [['administrators (group)', 'Allow', FULL], ['carol (user)', 'Allow', FULL]]);
   assert.equal(await sw.isChecked(), false, 'a private folder inherits nothing');
   assert.equal(await rowCount('tr.inherited:not(.disabled)'), 0);
+  await useLayout('team', ['engineering', 'engineering (group)'], ['Everyone', 'Everyone']);
+  assert.deepEqual((await ownRules())[2], ['Everyone', 'Allow', 'r-x---a-R-c--'], 'a built-in principal as the guests');
+  assert.equal(await save({}), 'started');
+  await finished();  // the server takes the rule for the built-in principal
   await useLayout('team', ['engineering', 'engineering (group)'], ['dave', 'dave (user)']);
   assert.deepEqual(await ownRules(), [['administrators (group)', 'Allow', FULL],
     ['engineering (group)', 'Allow', 'rwxpdDaARWc--'], ['dave (user)', 'Allow', 'r-x---a-R-c--']]);
