@@ -169,6 +169,11 @@ async function ownRules() {
   ]));
 }
 
+// The reason given for a right in the effective permissions.
+async function why(perm) {
+  return (await page.locator(`#inspect-result li[data-perm="${perm}"] .why`).textContent()).trim();
+}
+
 async function taskText() {
   return (await page.locator('#task-text').textContent()).trim();
 }
@@ -544,7 +549,6 @@ test('layouts set exactly their rules; a deny rule is saved as deny and shown as
   assert.equal(await page.locator('#rules-body tr:not(.inherited) td.deny').count(), 1, 'the deny rule is marked as one');
   assert.equal(await sw.isChecked(), false);
   // Effective access names what decides each right.
-  const why = async (perm) => (await page.locator(`#inspect-result li[data-perm="${perm}"] .why`).textContent()).trim();
   assert.equal(await effective('dave', 'read_ext_attr'), false, 'and it denies');
   assert.equal(await why('read_ext_attr'), 'denied by dave (user), rule 2 of this item');
   assert.equal(await why('read_data'), 'allowed by dave (user), rule 4 of this item');
@@ -610,6 +614,8 @@ test('the owner is shown and changed from the top of the panel', async () => {
   await page.getByRole('button', { name: 'Change owner' }).click();
   await finished();
   await page.locator('#owner-current').filter({ hasText: 'carol (user)' }).waitFor();
+  assert.equal(await effective('carol', 'change_perm'), true);
+  assert.equal(await why('change_perm'), 'the owner always holds it');
 });
 
 test('share flags are shown before editing and what cannot work is disabled', async () => {
