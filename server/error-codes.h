@@ -35,6 +35,8 @@ enum ErrorCode {
     kErrFilesNotFolder   = 604,
     kErrFilesBadParam    = 605,  // a parameter is missing or of the wrong type
     kErrFilesNoListRight = 606,  // the folder's rules do not let the user list it
+    kErrFilesNoChange    = 607,  // remove_acl: no right to change the item's rules, or a read-only share
+    kErrFilesNotRemoved  = 608,  // remove_acl: the rules could not be removed
 };
 
 } // namespace webd

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cstdio>
 #include <cstdlib>
 #include <map>
 #include <utility>
@@ -16,6 +17,7 @@
 #include "kova-internal/identity.h"
 #include "text-check.h"
 #include "kova/account.h"
+#include "kova/errcode.h"
 #include "kova/acl.h"
 #include "kova/fileshare.h"
 #include "kova/share.h"
@@ -101,7 +103,7 @@ void ListShares(KOVA::APIRequest *req, KOVA::APIResponse *resp) {
         Json::Value s(Json::objectValue);
         s["name"] = name;
         s["path"] = std::string("/") + name;
-        s["real_path"] = share->szPath;
+        if (admin) s["real_path"] = share->szPath;
         s["comment"] = share->szComment;
         s["privilege"] = priv == KOVA_SHARE_PRIV_RW ? "rw" : "ro";
         s["read_only"] = share->isReadOnly != 0;
@@ -115,6 +117,28 @@ void ListShares(KOVA::APIRequest *req, KOVA::APIResponse *resp) {
     data["shares"] = shares;
     data["account"] = Account(user, admin);
     resp->SetSuccess(data);
+}
+
+// The groups of any account, for the editor's explanation of effective
+// access (which group rule applies to whom). Group membership is no secret
+// from a signed-in user: the principal search shows the same accounts.
+void AccountOf(KOVA::APIRequest *req, KOVA::APIResponse *resp) {
+    const Json::Value &nameV = req->GetParamRef("user", Json::Value());
+    if (!nameV.isString() || nameV.asString().empty() || !IsCleanText(nameV.asString()) ||
+        nameV.asString().size() > kMaxFilter) {
+        resp->SetError(kErrFilesBadParam);
+        return;
+    }
+    const std::string name = nameV.asString();
+    int uid = -1, gid = -1;
+    {
+        RootScope root;
+        if (!root.ok() || KOVAUserGetUGID(name.c_str(), &uid, &gid) < 0 || uid < 0) {
+            resp->SetError(kErrFilesBadParam);
+            return;
+        }
+    }
+    resp->SetSuccess(Account(name, IsAdmin(name)));
 }
 
 bool ValidVisiblePath(const std::string &p) {
@@ -135,6 +159,8 @@ struct Entry {
     std::string name;
     bool isDir;
     bool isLink;
+    mode_t mode;
+    gid_t gid;
 };
 
 // Names as a person sorts them: runs of digits by their value, so img-2
@@ -217,6 +243,36 @@ Json::Value OwnerOf(const std::string &path, OwnerNames &known) {
     return o;
 }
 
+// {"type": "group", "id", "name"} of a group id, for the group entry of
+// mode bits ("root" for gid 0, the number when it has no name).
+Json::Value GroupOf(gid_t gid, OwnerNames &known) {
+    const auto key = std::make_pair(true, static_cast<int>(gid));
+    auto hit = known.find(key);
+    std::string name = hit == known.end() ? std::string() : hit->second;
+    if (hit == known.end()) {
+        RootScope root;
+        PKOVA_GROUP g = nullptr;
+        if (root.ok() && KOVAGroupGetByGID(static_cast<unsigned>(gid), &g) >= 0 && g) {
+            name = g->szName ? g->szName : "";
+            KOVAGroupFree(g);
+        }
+        if (name.empty()) name = gid == 0 ? "root" : std::to_string(gid);
+        known[key] = name;
+    }
+    Json::Value o(Json::objectValue);
+    o["type"] = "group";
+    o["id"] = static_cast<Json::UInt>(gid);
+    o["name"] = WellFormedUtf8(name);
+    return o;
+}
+
+// The permission bits as three octal digits ("644").
+std::string ModeText(mode_t mode) {
+    char buf[8];
+    snprintf(buf, sizeof buf, "%03o", static_cast<unsigned>(mode & 0777));
+    return buf;
+}
+
 struct DirCloser {
     void operator()(DIR *d) const { closedir(d); }
 };
@@ -268,6 +324,12 @@ void ListDir(KOVA::APIRequest *req, KOVA::APIResponse *resp) {
         resp->SetError(isDir ? kErrFilesNoFolder : kErrFilesNotFolder);
         return;
     }
+    struct stat self;
+    if (fstat(fd, &self) != 0) {
+        close(fd);
+        resp->SetError(kErrFilesNoFolder);
+        return;
+    }
     std::unique_ptr<DIR, DirCloser> d(fdopendir(fd));
     if (!d) {
         close(fd);
@@ -288,7 +350,7 @@ void ListDir(KOVA::APIRequest *req, KOVA::APIResponse *resp) {
         if (fstatat(dirfd(d.get()), n.c_str(), &es, AT_SYMLINK_NOFOLLOW) != 0) continue;
         ++seen;
         if (!Matches(n, filter)) continue;
-        entries.push_back({n, S_ISDIR(es.st_mode), S_ISLNK(es.st_mode)});
+        entries.push_back({n, S_ISDIR(es.st_mode), S_ISLNK(es.st_mode), es.st_mode, es.st_gid});
     }
     d.reset();
     std::sort(entries.begin(), entries.end(), [](const Entry &a, const Entry &b) {
@@ -298,7 +360,8 @@ void ListDir(KOVA::APIRequest *req, KOVA::APIResponse *resp) {
     const size_t offset = offV.asUInt();
     const size_t limit = std::min<size_t>(limV.asUInt(), kMaxLimit);
     // Share-relative paths are what a person sees; the absolute path is only
-    // shown to administrators (the rules calls still take it).
+    // sent to administrators (the editor names items to the rules calls by
+    // share path, see SharePathsIn).
     Json::Value list(Json::arrayValue);
     OwnerNames owners;
     for (size_t i = offset; i < entries.size() && i - offset < limit; ++i) {
@@ -308,16 +371,20 @@ void ListDir(KOVA::APIRequest *req, KOVA::APIResponse *resp) {
         item["is_dir"] = entries[i].isDir;
         item["is_link"] = entries[i].isLink;
         item["path"] = WellFormedUtf8(visible + "/" + entries[i].name);
-        item["real_path"] = real;
+        if (admin) item["real_path"] = real;
         item["owner"] = entries[i].isLink ? Json::Value() : OwnerOf(real, owners);
+        item["group"] = GroupOf(entries[i].gid, owners);
+        item["mode"] = ModeText(entries[i].mode);
         list.append(item);
     }
     Json::Value data(Json::objectValue);
     data["path"] = visible;
-    data["real_path"] = realPath;
+    if (admin) data["real_path"] = realPath;
     data["share"] = shareName;
     data["read_only"] = !allowed.empty();
     data["owner"] = OwnerOf(realPath, owners);
+    data["group"] = GroupOf(self.st_gid, owners);
+    data["mode"] = ModeText(self.st_mode);
     data["show_real_path"] = admin;
     data["total"] = static_cast<Json::UInt64>(entries.size());
     data["unfiltered_total"] = static_cast<Json::UInt64>(seen);
@@ -325,17 +392,134 @@ void ListDir(KOVA::APIRequest *req, KOVA::APIResponse *resp) {
     resp->SetSuccess(data);
 }
 
+// The absolute path of the item at a share path ("/share/dir/item"), as
+// the user reaches it: a share's top folder resolves itself, anything else
+// through the folder that holds it. allowed: on a read-only share, the one
+// path that may change (empty otherwise). 0 or a files error code.
+int ResolveItem(std::string visible, const std::string &user, std::string &real, std::string &allowed) {
+    while (visible.size() > 1 && visible.back() == '/') visible.pop_back();
+    if (!IsCleanText(visible) || !ValidVisiblePath(visible)) return kErrFilesBadPath;
+    const size_t cut = visible.rfind('/');
+    const std::string folder = cut == 0 ? visible : visible.substr(0, cut);
+    const std::string name = cut == 0 ? std::string() : visible.substr(cut + 1);
+    std::string realFolder, shareName, shareRoot;
+    int rc;
+    {
+        RootScope root;
+        PanoraFileShare fs;
+        rc = root.ok() ? fs.WfmFullPathGet(folder, realFolder, shareName, shareRoot, allowed, user) : -1;
+    }
+    if (rc != 0) return kErrFilesNoFolder;
+    real = name.empty() ? realFolder : realFolder + "/" + name;
+    return 0;
+}
+
+// Gives an item back to its mode bits: its stored rules are removed. The
+// platform itself refuses unless the user (the worker acts as the user)
+// holds change_perm on it; the share must be writable for the user and,
+// when it is read-only, only its top folder may change, as with "set".
+void RemoveAcl(KOVA::APIRequest *req, KOVA::APIResponse *resp) {
+    const Json::Value &pathV = req->GetParamRef("path", Json::Value());
+    if (!pathV.isString()) {
+        resp->SetError(kErrFilesBadParam);
+        return;
+    }
+    const std::string visible = pathV.asString();
+    const std::string user = req->GetLoginUserName();
+    std::string real, allowed;
+    if (const int bad = ResolveItem(visible, user, real, allowed)) {
+        resp->SetError(bad);
+        return;
+    }
+    const std::string topShare = visible.substr(1, visible.find('/', 1) == std::string::npos
+                                                      ? std::string::npos
+                                                      : visible.find('/', 1) - 1);
+    if (Privilege(topShare, user, IsAdmin(user)) != KOVA_SHARE_PRIV_RW) {
+        resp->SetError(kErrFilesNoPrivilege);
+        return;
+    }
+    if (!allowed.empty() && real != allowed) {
+        resp->SetError(kErrFilesNoChange);
+        return;
+    }
+    if (KOVAACLRemove(real.c_str(), -1) != 0) {
+        const int why = KLIBCErrGet();
+        resp->SetError(why == KOVA_ERR_PERM || why == KOVA_ERR_ACL_DENIED ? kErrFilesNoChange : kErrFilesNotRemoved);
+        return;
+    }
+    resp->SetSuccess(Json::Value(Json::objectValue));
+}
+
+// Every share's absolute root and name, longest root first so a share
+// inside another maps to its own name.
+std::vector<std::pair<std::string, std::string>> ShareRoots() {
+    std::vector<std::pair<std::string, std::string>> roots;
+    RootScope root;
+    PKLIBC_SZLIST names = root.ok() ? KLIBCSzListAlloc(1024) : nullptr;
+    if (!names) return roots;
+    if (KOVAShareEnum(&names) >= 0) {
+        for (int i = 0; i < names->nItem; ++i) {
+            const char *name = KLIBCSzListGet(names, i);
+            PKOVA_SHARE share = nullptr;
+            if (!name || KOVAShareGet(name, &share) < 0 || !share) continue;
+            roots.emplace_back(share->szPath, name);
+            KOVAShareFree(share);
+        }
+    }
+    KLIBCSzListFree(names);
+    std::sort(roots.begin(), roots.end(), [](const auto &a, const auto &b) { return a.first.size() > b.first.size(); });
+    return roots;
+}
+
+void ToSharePaths(Json::Value &v, const std::vector<std::pair<std::string, std::string>> &roots) {
+    if (v.isString()) {
+        const std::string text = v.asString();
+        for (const auto &r : roots) {
+            if (text.compare(0, r.first.size(), r.first) == 0 &&
+                (text.size() == r.first.size() || text[r.first.size()] == '/')) {
+                v = "/" + r.second + text.substr(r.first.size());
+                return;
+            }
+        }
+    } else if (v.isArray() || v.isObject()) {
+        for (Json::Value &child : v) ToSharePaths(child, roots);
+    }
+}
+
 } // namespace
 
+int SharePathsIn(const std::string &api, Json::Value &params, const std::string &user, bool &wanted) {
+    wanted = false;
+    if (api != "KOVA.Core.ACL" || !params.isObject() || !params.isMember(kSharePaths)) return 0;
+    wanted = params[kSharePaths].isBool() && params[kSharePaths].asBool();
+    params.removeMember(kSharePaths);
+    if (!wanted || !params.isMember("file_path")) return 0;
+    if (!params["file_path"].isString()) return kErrFilesBadParam;
+    std::string real, allowed;
+    if (const int bad = ResolveItem(params["file_path"].asString(), user, real, allowed)) return bad;
+    params["file_path"] = real;
+    return 0;
+}
+
+void SharePathsOut(Json::Value &reply) {
+    ToSharePaths(reply, ShareRoots());
+}
+
 std::vector<Route> FilesRoutes() {
-    std::vector<Route> r(2);
-    r[0].api = r[1].api = "KOVA.Server.Files";
-    r[0].version = r[1].version = 1;
+    std::vector<Route> r(4);
     r[0].method = "list_shares";
     r[0].handler = ListShares;
     r[1].method = "list_dir";
     r[1].handler = ListDir;
-    r[0].origin = r[1].origin = "built-in";
+    r[2].method = "account";
+    r[2].handler = AccountOf;
+    r[3].method = "remove_acl";
+    r[3].handler = RemoveAcl;
+    for (Route &one : r) {
+        one.api = "KOVA.Server.Files";
+        one.version = 1;
+        one.origin = "built-in";
+    }
     return r;
 }
 

@@ -79,7 +79,8 @@ Front::Front(ModuleRegistry &registry, SessionStore &sessions, WorkerPool &pool,
     if (!uiDir.empty() && !ui_.ok()) logs_.Error("UI folder " + uiDir + " cannot be served");
 }
 
-Json::Value Front::Login(const ApiCall &call, const std::string &remote, HttpReply &res, std::string &user) {
+Json::Value Front::Login(const ApiCall &call, const std::string &remote, const std::string &cookie, HttpReply &res,
+                         std::string &user) {
     const Json::Value &account = call.params["account"];
     const Json::Value &passwd = call.params["passwd"];
     // Checked before anything else: the password check reads both as C
@@ -155,8 +156,8 @@ Json::Value Front::Login(const ApiCall &call, const std::string &remote, HttpRep
         KLIBCSzListFree(groups);
         s.admin = KLIBGroupIsAdminGroupMem(user.c_str(), 0) == 1;
     }
-    if (!sessions_.Create(s)) return Error(kErrUnknown);
-    res.Set("Set-Cookie", SessionCookie(s.id, false));
+    if (!sessions_.Create(s, cookie)) return Error(kErrUnknown);
+    res.Set("Set-Cookie", SessionCookie(s.cookie, false));
     Json::Value data(Json::objectValue);
     data["account"] = user;
     data["token"] = s.token;
@@ -168,8 +169,8 @@ Json::Value Front::Dispatch(const ApiCall &call, const Session &s, const std::st
     if (call.api == "KOVA.Server.Session") {
         if (call.version != 1) return Error(kErrBadVersion);
         if (call.method != "logout") return Error(kErrNoSuchMethod);
-        sessions_.Remove(s.id);
-        res.Set("Set-Cookie", SessionCookie("", true));
+        // Other tabs of this browser may still be signed in on the cookie.
+        if (sessions_.Remove(s.id)) res.Set("Set-Cookie", SessionCookie("", true));
         return Success(Json::Value());
     }
     if (call.api == "KOVA.Server.Info") {
@@ -265,17 +266,16 @@ HttpReply Front::HandleApi(const HttpRequest &req) {
         reply = Error(badCode);
         reply["error"]["data"]["reason"] = bad;
     } else if (call.api == "KOVA.Server.Session" && call.version == 1 && call.method == "login") {
-        reply = Login(call, req.remote, res, user);
-        // A new sign-in replaces whatever session this browser held.
-        const std::string old = CookieValue(req.Header("Cookie"), kSessionCookie);
-        if (reply["success"].asBool() && !old.empty()) sessions_.Remove(old);
+        // A sign-in in another tab adds a session beside this browser's others.
+        reply = Login(call, req.remote, CookieValue(req.Header("Cookie"), kSessionCookie), res, user);
     } else {
         Session s;
-        const std::string sid = CookieValue(req.Header("Cookie"), kSessionCookie);
-        if (sid.empty() || !sessions_.Get(sid, s)) {
+        const SessionStore::Found found =
+            sessions_.Find(CookieValue(req.Header("Cookie"), kSessionCookie), req.Header(kTokenHeader), s);
+        if (found == SessionStore::Found::kNone) {
             res.status = 401;
             reply = Error(kErrNotAuthenticated);
-        } else if (!SameSecret(req.Header(kTokenHeader), s.token)) {
+        } else if (found == SessionStore::Found::kWrongToken) {
             user = s.user;
             res.status = 403;
             reply = Error(kErrBadToken);

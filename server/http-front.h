@@ -63,7 +63,8 @@ public:
 private:
     HttpReply HandleApi(const HttpRequest &req);
     // Each returns the response object and may set HTTP status and headers.
-    Json::Value Login(const ApiCall &call, const std::string &remote, HttpReply &res, std::string &user);
+    Json::Value Login(const ApiCall &call, const std::string &remote, const std::string &cookie, HttpReply &res,
+                      std::string &user);
     Json::Value Dispatch(const ApiCall &call, const Session &s, const std::string &remote, HttpReply &res);
     void Finish(HttpReply &res, Json::Value &reply) const;
 

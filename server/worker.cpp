@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "error-codes.h"
+#include "files-api.h"
 #include "frame.h"
 #include "identity-switch.h"
 #include "kova/errcode.h"
@@ -57,6 +58,8 @@ Json::Value RunRequest(const ModuleRegistry &registry, const Json::Value &reques
     setenv("REMOTE_ADDR", remote.c_str(), 1);
 
     Json::Value params = request["params"].isObject() ? request["params"] : Json::Value(Json::objectValue);
+    bool sharePaths = false;
+    if (const int bad = SharePathsIn(api, params, request["user"].asString(), sharePaths)) return ErrorResponse(bad);
     KOVA::APIRequest req(params, request["user"].asString(), request["session"].asString());
     req.SetMethod(api, version, method);
     KOVA::APIResponse resp;
@@ -81,7 +84,9 @@ Json::Value RunRequest(const ModuleRegistry &registry, const Json::Value &reques
         logs.Error("handler " + api + "." + method + " returned without a response");
         resp.SetError(kErrUnknown);
     }
-    return resp.ToJson();
+    Json::Value reply = resp.ToJson();
+    if (sharePaths) SharePathsOut(reply);
+    return reply;
 }
 
 int WorkerMain(int fd, const ModuleRegistry &registry, Logs &logs) {

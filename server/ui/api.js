@@ -51,5 +51,8 @@ export async function logout() {
   try { await call('KOVA.Server.Session', 1, 'logout'); } finally { sessionStorage.removeItem(TOKEN_KEY); }
 }
 
-export const acl = (method, params = {}, version = 1) => call('KOVA.Core.ACL', version, method, params);
+// Items are named by share path ("/share/dir/item") both ways: the server
+// resolves them for the rules calls, so the page never needs the server's
+// absolute paths.
+export const acl = (method, params = {}, version = 1) => call('KOVA.Core.ACL', version, method, { ...params, share_paths: true });
 export const files = (method, params = {}) => call('KOVA.Server.Files', 1, method, params);

@@ -3,8 +3,9 @@
 // cancel, the self-lock-out warning, and effective permissions.
 import { acl, files, hasToken, login, logout, onSessionLost } from './api.js';
 import { createBrowser, folderFromHash } from './browser.js';
+import { explainAccess } from './explain.js';
 import { describe } from './messages.js';
-import { FIXED_PRINCIPALS, INHERIT, PERMISSIONS, PRESETS, defaultInherit, lostControlRights, parentPreview, permissionObject, principalLabel, toRuleObject } from './model.js';
+import { FIXED_PRINCIPALS, INHERIT, PERMISSIONS, PRESETS, defaultInherit, layoutRules, lostControlRights, modeGroupRule, parentPreview, permissionObject, principalLabel, toRuleObject } from './model.js';
 import { createPicker } from './picker.js';
 import { letterLegend, renderBody, renderHead } from './rules.js';
 import { runTask } from './task.js';
@@ -55,7 +56,7 @@ async function showApp(account) {
   // A folder in the address that is gone, or not this account's, leaves
   // the list of shares in view rather than nothing.
   if (start !== null && browser.path !== start) await browser.open(null, { history: 'replace' });
-  for (const p of [rulePicker, ownerPicker, inspectPicker]) p.prepare();
+  for (const p of [rulePicker, ownerPicker, inspectPicker, layoutMain, layoutGuests]) p.prepare();
 }
 
 // Asks before unsaved edits are thrown away; true when there are none or
@@ -81,7 +82,7 @@ const browser = createBrowser({
   filter: $('entry-filter'),
   count: $('entry-count'),
   onSelect: async (item) => {
-    if (state.item && item.real_path !== state.item.real_path && !(await mayDiscard())) return false;
+    if (state.item && item.path !== state.item.path && !(await mayDiscard())) return false;
     loadItem(item);
     return true;
   },
@@ -123,24 +124,27 @@ function shareLimit(item) {
   return '';
 }
 
-// The owner as the server lists it now (not as it was listed before).
-async function fetchOwner(item) {
-  if (item.is_share) return (await files('list_dir', { path: item.path, limit: 0 })).owner;
+// The owner, owning group and mode bits as the server lists them now (not
+// as they were listed before).
+async function fetchStat(item) {
+  if (item.is_share) return files('list_dir', { path: item.path, limit: 0 });
   const parent = item.path.slice(0, item.path.lastIndexOf('/'));
   const data = await files('list_dir', { path: parent, filter: item.name, limit: 5000 });
-  const entry = data.entries.find((e) => e.name === item.name);
-  return entry ? entry.owner : null;
+  return data.entries.find((e) => e.name === item.name) || {};
 }
 
+// Shows the owner; resolves to the item's listing ({} when unknown).
 async function showOwner(item) {
   const out = $('owner-current');
   try {
-    const owner = await fetchOwner(item);
-    if (state.item !== item) return;
-    out.textContent = owner ? principalLabel(owner.type, owner.name) : 'unknown';
-    state.owner = owner;
+    const stat = await fetchStat(item);
+    if (state.item !== item) return stat;
+    out.textContent = stat.owner ? principalLabel(stat.owner.type, stat.owner.name) : 'unknown';
+    state.owner = stat.owner || null;
+    return stat;
   } catch (e) {
     if (state.item === item) out.textContent = 'unknown';
+    return {};
   }
 }
 
@@ -175,27 +179,42 @@ async function loadItem(item) {
   const limit = shareLimit(item);
   $('share-state').hidden = !limit;
   $('share-state').textContent = limit;
-  showOwner(item);
+  const stat = showOwner(item);
   state.preview = [];
   state.readError = '';
+  state.modeGroup = null;
   try {
-    const all = await acl('get', { file_path: item.real_path, type: 'all' });
+    const all = await acl('get', { file_path: item.path, type: 'all' });
     if (state.item !== item) return;  // another item was chosen meanwhile
+    // The rules of mode bits name the owning group only when it is an
+    // account of this server; its bits still apply, so they are shown.
+    const listed = all.is_acl ? {} : await stat;
+    if (state.item !== item) return;
+    if (listed.group && listed.mode && !all.acl.some((r) => r.owner_type === 'group' && r.owner_name === listed.group.name)) {
+      state.modeGroup = modeGroupRule(listed.group, listed.mode);
+    }
+    state.stored = all.acl;  // as saved, for explaining effective access
+    state.isAcl = all.is_acl;
     state.own = all.acl.filter((r) => !r.level);
     state.inheritedNow = all.acl.filter((r) => r.level > 0);
     state.inheritOn = all.is_inherited;
     state.wasInherited = all.is_inherited;
     state.editable = !limit && (all.is_acl ? all.change_permission : all.acl_editable);
     const mode = $('perm-mode');
-    mode.hidden = !!limit || (all.is_acl && state.editable);
+    mode.hidden = all.is_acl && (state.editable || !!limit);
+    const bits = state.modeGroup ? ` (${state.modeGroup.bits})` : '';
+    const dropped = state.modeGroup
+      ? ` The group ${state.modeGroup.owner_name} is no account of this server, so its entry is not carried into the ACL.` : '';
     if (all.is_acl) mode.textContent = 'You may read these rules but not change them.';
-    else if (all.acl_editable) mode.textContent = 'This item has no ACL yet: the rules below come from its mode bits. Saving gives it an ACL.';
-    else mode.textContent = 'This item has no ACL and its file system cannot hold one.';
+    else if (all.acl_editable && !limit) mode.textContent = `This item has no ACL yet: the rules below come from its mode bits${bits}. Saving gives it an ACL.${dropped}`;
+    else mode.textContent = `This item has no ACL: the rules below come from its mode bits${bits}.`;
     render();
     $('perm-panel').dataset.state = 'ready';
   } catch (e) {
     if (state.item !== item) return;
     state.own = [];
+    state.stored = [];
+    state.isAcl = false;
     state.inheritedNow = [];
     state.editable = false;
     state.readError = e.code === 6205
@@ -218,7 +237,8 @@ function render() {
   $('inherit-switch').checked = state.inheritOn;
   $('inherit-switch').disabled = ro;
   const locked = !!shareLimit(state.item || { path: '' });
-  for (const id of ['rule-add', 'save', 'acl-recur', 'owner-apply', 'owner-change', 'reload']) {
+  $('acl-remove').hidden = !state.isAcl;
+  for (const id of ['rule-add', 'layout-open', 'copy-open', 'acl-remove', 'save', 'acl-recur', 'owner-apply', 'owner-change', 'reload']) {
     const always = id === 'reload' || id === 'owner-apply' || id === 'owner-change';
     $(id).disabled = state.busy || (always ? locked && id !== 'reload' : ro);
   }
@@ -237,7 +257,7 @@ function render() {
       [state.own[i], state.own[j]] = [state.own[j], state.own[i]];
       changed();
     },
-  }, state.item ? state.item.path : '');
+  }, state.item ? state.item.path : '', state.modeGroup ? [state.modeGroup] : []);
   if (focusLabel) {
     const again = [...$('rules-body').querySelectorAll('button')].find((b) => b.getAttribute('aria-label') === focusLabel && !b.disabled);
     (again || $('rule-add')).focus();
@@ -252,9 +272,9 @@ function changed() {
 // The rules the item would inherit from its parent folder, for the preview
 // shown when inheritance is switched back on.
 async function loadPreview(item) {
-  const cut = item.real_path.lastIndexOf('/');
+  const cut = item.path.lastIndexOf('/');
   if (item.is_share || cut <= 0) return [];
-  const parent = await acl('get', { file_path: item.real_path.slice(0, cut), type: 'all' });
+  const parent = await acl('get', { file_path: item.path.slice(0, cut), type: 'all' });
   return parentPreview(parent.acl, item.is_dir);
 }
 
@@ -293,6 +313,12 @@ $('inherit-switch').addEventListener('change', async (ev) => {
   }
 });
 $('reload').addEventListener('click', () => state.item && loadItem(state.item));
+// Basic rights by default; the thirteen one click away.
+$('view-toggle').addEventListener('click', () => {
+  const advanced = $('rules').classList.toggle('view-advanced');
+  $('rules').classList.toggle('view-basic', !advanced);
+  $('view-toggle').setAttribute('aria-pressed', String(advanced));
+});
 $('owner-change').addEventListener('click', () => ownerPicker.focus());
 
 // ---- the rule dialog --------------------------------------------------------
@@ -379,6 +405,101 @@ $('rule-form').addEventListener('submit', (ev) => {
   changed();
 });
 
+// ---- layouts ------------------------------------------------------------------
+const layoutDialog = $('layout-dialog');
+const layoutMain = createPicker($('layout-main'), { label: 'User' });
+const layoutGuests = createPicker($('layout-guests'), { label: 'Guests (read only)', builtin: true, exclude: ['owner'] });
+
+function layoutChoice() {
+  return document.querySelector('input[name="layout"]:checked').value;
+}
+function showLayoutFields() {
+  const team = layoutChoice() === 'team';
+  $('layout-main').querySelector('label').textContent = team ? 'Team (may modify)' : 'User (full control)';
+  $('layout-guests').hidden = !team;
+}
+document.querySelectorAll('input[name="layout"]').forEach((r) => r.addEventListener('change', showLayoutFields));
+
+$('layout-open').addEventListener('click', () => {
+  layoutMain.set(null, null);
+  layoutGuests.set(null, null);
+  $('layout-error').textContent = '';
+  showLayoutFields();
+  layoutDialog.returnValue = '';
+  layoutDialog.showModal();
+  layoutMain.focus();
+});
+
+$('layout-form').addEventListener('submit', (ev) => {
+  if (ev.submitter && ev.submitter.value !== 'ok') return;
+  const layout = layoutChoice();
+  const main = layoutMain.value;
+  if (!main || (layout === 'private' ? main.type !== 'user' : main.type !== 'group')) {
+    ev.preventDefault();
+    $('layout-error').textContent = layout === 'private' ? 'Choose the user the folder belongs to.' : 'Choose the team\'s group.';
+    return;
+  }
+  state.own = layoutRules(layout, main, layout === 'team' ? layoutGuests.value : null);
+  state.inheritOn = false;
+  changed();
+});
+
+// ---- copying another folder's rules, removing the ACL ----------------------------
+const copyDialog = $('copy-dialog');
+$('copy-open').addEventListener('click', () => {
+  $('copy-error').textContent = '';
+  $('copy-path').value = '';
+  copyDialog.returnValue = '';
+  copyDialog.showModal();
+  $('copy-path').focus();
+});
+
+// The rules of the folder at a share path, as read: {own, inherits}.
+async function rulesOf(path) {
+  const all = await acl('get', { file_path: path, type: 'all' });
+  return { own: all.acl.filter((r) => !r.level), inherits: all.is_acl ? all.is_inherited : false };
+}
+
+$('copy-form').addEventListener('submit', async (ev) => {
+  if (ev.submitter && ev.submitter.value !== 'ok') return;
+  ev.preventDefault();  // closed once the rules are read
+  const item = state.item;
+  const path = $('copy-path').value.trim().replace(/\/+$/, '');
+  if (!path.startsWith('/') || path === item.path) {
+    $('copy-error').textContent = 'Give another folder as /share/folder.';
+    return;
+  }
+  try {
+    const src = await rulesOf(path);
+    if (state.item !== item) return;
+    state.own = src.own.map((r) => ({ ...toRuleObject(r), level: 0 }));
+    state.inheritOn = src.inherits;
+    copyDialog.close();
+    changed();
+    if (state.inheritOn && !state.wasInherited) {
+      state.preview = await loadPreview(item);
+      render();
+    }
+  } catch (e) {
+    $('copy-error').textContent = `The rules of ${path} could not be read: ${describe(e)}`;
+  }
+});
+
+$('acl-remove').addEventListener('click', async () => {
+  const item = state.item;
+  if (!item || !(await mayDiscard())) return;
+  const ok = await confirmDialog(`All rules of ${item.path} are deleted, inherited ones included, and its mode bits decide who has access again.`,
+    { yes: 'Remove the ACL', no: 'Cancel', title: 'Remove the ACL?' });
+  if (!ok) return;
+  try {
+    await files('remove_acl', { path: item.path });
+    notify(`${item.path} has no ACL now: its mode bits decide.`);
+  } catch (e) {
+    notify(describe(e), true);
+  }
+  if (state.item === item) await loadItem(item);
+});
+
 // ---- confirmation -------------------------------------------------------------
 function confirmDialog(text, { yes = 'Save anyway', no = 'Go back', title = 'Please confirm' } = {}) {
   const d = $('confirm-dialog');
@@ -417,7 +538,7 @@ async function explainRuleError(item, rules, err) {
   if (err.code !== 6211 && err.code !== 403) return describe(err);
   for (let i = 0; i < rules.length; ++i) {
     try {
-      await acl('check_self_denied', { file_path: item.real_path, change_acl: true, rules: [rules[i]], inherited: false });
+      await acl('check_self_denied', { file_path: item.path, change_acl: true, rules: [rules[i]], inherited: false });
     } catch (e) {
       if (e.code === err.code) return `Rule ${i + 1} (${principalLabel(rules[i].owner_type, rules[i].owner_name)}): ${describe(e)}`;
     }
@@ -434,7 +555,7 @@ async function selfCheck(item, rules) {
   // The server reads what is inherited from the item's stored state; while
   // inheritance is only being switched back on, the preview stands for it.
   const check = await acl('check_self_denied', {
-    file_path: item.real_path,
+    file_path: item.path,
     change_acl: true,
     rules: reenabling ? rules.concat(state.preview.map(toRuleObject)) : rules,
     inherited: state.inheritOn && !reenabling,
@@ -471,7 +592,7 @@ $('save').addEventListener('click', async () => {
   // A replacement below is asked for once, never carried to the next save.
   $('acl-recur').checked = false;
   const result = await startAndFollow({
-    file_path: item.real_path,
+    file_path: item.path,
     dirPaths: dirPathOf(item),
     change_acl: true,
     inherited: state.inheritOn,
@@ -503,7 +624,7 @@ $('owner-apply').addEventListener('click', async () => {
     return;
   }
   const result = await startAndFollow({
-    file_path: item.real_path,
+    file_path: item.path,
     dirPaths: dirPathOf(item),
     change_acl: false,
     change_acl_owner: true,
@@ -520,6 +641,20 @@ $('owner-apply').addEventListener('click', async () => {
 });
 
 // ---- effective permissions -------------------------------------------------
+// Why each right is held or not, from the saved rules; null when the
+// account's groups cannot be read.
+async function explainFor(item, who) {
+  let principal = { type: who.type, name: who.name, groups: [] };
+  if (who.type === 'user') {
+    try {
+      principal = { type: 'user', ...(await files('account', { user: who.name })) };
+    } catch (e) {
+      return null;
+    }
+  }
+  return explainAccess({ who: principal, rules: state.stored || [], owner: state.owner, belowShareTop: !item.is_share, itemPath: item.path });
+}
+
 // "Owner" names whoever owns an item, not someone whose access can be shown.
 const inspectPicker = createPicker($('inspect-picker'), { label: 'For', builtin: true, exclude: ['owner'] });
 $('inspect-run').addEventListener('click', async () => {
@@ -531,7 +666,8 @@ $('inspect-run').addEventListener('click', async () => {
     return;
   }
   try {
-    const data = await acl('inspect', { file_path: item.real_path, owner_type: who.type, owner_name: who.name });
+    const data = await acl('inspect', { file_path: item.path, owner_type: who.type, owner_name: who.name });
+    const why = await explainFor(item, who);
     out.innerHTML = '';
     for (const [key, , title] of PERMISSIONS) {
       const li = document.createElement('li');
@@ -539,7 +675,14 @@ $('inspect-run').addEventListener('click', async () => {
       li.className = yes ? 'yes' : 'no';
       li.dataset.perm = key;
       li.textContent = title;
-      li.setAttribute('aria-label', `${title}: ${yes ? 'allowed' : 'not allowed'}`);
+      // The server's answer is the truth; a reason that does not agree
+      // with it (rules changed meanwhile) is not offered.
+      const reason = why && why[key].allowed === yes ? why[key].why : 'as the server evaluates the saved rules';
+      const small = document.createElement('small');
+      small.className = 'why';
+      small.textContent = reason;
+      li.append(small);
+      li.setAttribute('aria-label', `${title}: ${yes ? 'allowed' : 'not allowed'}, ${reason}`);
       out.append(li);
     }
   } catch (e) {
@@ -582,6 +725,6 @@ $('logout').addEventListener('click', async () => {
 });
 
 renderHead($('rules-head'));
-$('letters-legend').textContent = letterLegend();
+$('letters-legend').textContent = `Columns: ${letterLegend()}`;
 if (hasToken()) showApp(sessionStorage.getItem('kova-account'));
 else showLogin();

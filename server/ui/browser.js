@@ -50,7 +50,7 @@ export function createBrowser({ crumbs, entries, more, filter, count, onSelect, 
 
   function row(item) {
     const li = document.createElement('li');
-    if (selected && selected.real_path === item.real_path) li.className = 'selected';
+    if (selected && selected.path === item.path) li.className = 'selected';
     const icon = document.createElement('span');
     icon.className = item.is_dir ? 'icon dir' : 'icon file';
     icon.setAttribute('aria-hidden', 'true');

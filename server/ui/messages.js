@@ -29,6 +29,8 @@ const MESSAGES = {
   604: 'This is not a folder.',
   605: 'The folder listing was asked for with a missing or wrong value.',
   606: 'The permissions of this folder do not let you list its contents.',
+  607: 'You may not change the permissions of this item.',
+  608: 'The permission rules could not be removed.',
   // permissions
   117: 'The progress of the task cannot be read.',
   402: 'The shared folder does not exist.',

@@ -25,12 +25,81 @@ export const INHERIT = [
 
 const READ = ['read_data', 'exe_file', 'read_attr', 'read_ext_attr', 'read_perm'];
 const MODIFY = READ.concat(['write_data', 'append_data', 'delete', 'write_attr', 'write_ext_attr', 'delete_sub']);
+const READ_ONLY = ['read_data', 'read_attr', 'read_ext_attr', 'read_perm'];
+const WRITE = ['write_data', 'append_data', 'write_attr', 'write_ext_attr'];
 export const PRESETS = {
   full: PERMISSIONS.map((p) => p[0]),
   modify: MODIFY,
   read: READ,
+  read_only: READ_ONLY,
+  write: WRITE,
   none: [],
 };
+
+// The basic view's columns: named sets of the thirteen rights. A rule
+// shows a set when it holds all of it, and "Special" when it holds a
+// right that no set it holds covers.
+export const BASIC = [
+  ['Full control', PRESETS.full],
+  ['Modify', MODIFY],
+  ['Read & execute', READ],
+  ['Read', READ_ONLY],
+  ['Write', WRITE],
+];
+
+export function basicOf(permission) {
+  const has = (k) => !!(permission && permission[k]);
+  const held = BASIC.map(([, keys]) => keys.every(has));
+  const covered = new Set(BASIC.filter((b, i) => held[i]).flatMap(([, keys]) => keys));
+  const special = PERMISSIONS.some(([k]) => has(k) && !covered.has(k));
+  return held.concat([special]);
+}
+
+// What each mode bit grants, as the platform reads mode bits as rules.
+const MODE_BITS = [
+  [4, 'r', ['read_data', 'read_attr', 'read_ext_attr', 'read_perm']],
+  [2, 'w', ['write_data', 'append_data', 'delete', 'delete_sub', 'write_attr', 'write_ext_attr']],
+  [1, 'x', ['exe_file']],
+];
+
+// The owning group's entry of an item without an ACL, from its listing
+// (group {name}, mode "644"): shown beside the rules, never saved.
+export function modeGroupRule(group, mode) {
+  const digit = parseInt(mode[mode.length - 2], 8);
+  const keys = MODE_BITS.filter(([bit]) => digit & bit).flatMap(([, , k]) => k);
+  const rwx = (d) => MODE_BITS.map(([bit, letter]) => (d & bit ? letter : '-')).join('');
+  return {
+    owner_type: 'group',
+    owner_name: group.name,
+    permission_type: 'allow',
+    permission: permissionObject(keys),
+    inherit: { this_folder: true },
+    level: 0,
+    bits: [...mode.slice(-3)].map((c) => rwx(parseInt(c, 8))).join(''),
+  };
+}
+
+const ADMINS = { owner_type: 'group', owner_name: 'administrators' };
+
+// Whole sets of rules for common folders. main: the private folder's user,
+// or the team (a group); guests: who may only read a team folder.
+export function layoutRules(layout, main, guests) {
+  const rule = (who, keys) => ({
+    owner_type: who.type || who.owner_type,
+    owner_name: who.name || who.owner_name,
+    permission_type: 'allow',
+    permission: permissionObject(keys),
+    inherit: defaultInherit(),
+    level: 0,
+  });
+  const rules = [rule(ADMINS, PRESETS.full)];
+  if (layout === 'private') rules.push(rule(main, PRESETS.full));
+  else {
+    rules.push(rule(main, PRESETS.modify));
+    if (guests) rules.push(rule(guests, PRESETS.read));
+  }
+  return rules;
+}
 
 export const FIXED_PRINCIPALS = {
   owner: 'Owner',

@@ -63,16 +63,21 @@ async function until(fn, what) {
   throw new Error(`timed out waiting for ${what}`);
 }
 
-async function signIn(account, passwd) {
-  await page.getByLabel('Account').fill(account);
-  await page.getByLabel('Password').fill(passwd);
-  await page.getByRole('button', { name: 'Sign in' }).click();
-  await page.getByRole('button', { name: 'Sign out' }).waitFor();
+async function signIn(account, passwd, tab = page) {
+  await tab.getByLabel('Account').fill(account);
+  await tab.getByLabel('Password').fill(passwd);
+  await tab.getByRole('button', { name: 'Sign in' }).click();
+  await tab.getByRole('button', { name: 'Sign out' }).waitFor();
 }
 
-async function signOut() {
-  await page.getByRole('button', { name: 'Sign out' }).click();
-  await page.getByLabel('Account').waitFor();
+async function signOut(tab = page) {
+  await tab.getByRole('button', { name: 'Sign out' }).click();
+  await tab.getByLabel('Account').waitFor();
+}
+
+function watchErrors(tab) {
+  tab.on('pageerror', (e) => pageErrors.push(e.message));
+  tab.on('console', (m) => { if (m.type() === 'error') pageErrors.push(m.text()); });
 }
 
 // Presses Save and answers each confirmation that comes up (by its title)
@@ -155,6 +160,20 @@ async function effective(who, perm) {
   return (await item.getAttribute('class')) === 'yes';
 }
 
+// The item's own rules as [who, Allow/Deny, rights in letters ('-' for a
+// right not given)], from the table.
+async function ownRules() {
+  return page.locator('#rules-body tr:not(.inherited):not(.mode-group)').evaluateAll((rows) => rows.map((tr) => [
+    tr.cells[0].textContent, tr.cells[1].textContent,
+    [...tr.querySelectorAll('td.right')].map((td) => (td.classList.contains('on') ? td.dataset.letter : '-')).join(''),
+  ]));
+}
+
+// The reason given for a right in the effective permissions.
+async function why(perm) {
+  return (await page.locator(`#inspect-result li[data-perm="${perm}"] .why`).textContent()).trim();
+}
+
 async function taskText() {
   return (await page.locator('#task-text').textContent()).trim();
 }
@@ -171,8 +190,7 @@ before(async () => {
   });
   page = await context.newPage();
   page.setDefaultTimeout(20000);
-  page.on('pageerror', (e) => pageErrors.push(e.message));
-  page.on('console', (m) => { if (m.type() === 'error') pageErrors.push(m.text()); });
+  watchErrors(page);
 });
 
 after(async () => {
@@ -201,7 +219,25 @@ test('sign in and open a folder: own and inherited rules, the owner, the folder 
   assert.equal(await page.locator('#rules-body tr.inherited button').count(), 0, 'inherited rows cannot be edited');
   const from = await inherited.locator('td.from').allTextContents();
   assert.ok(from.includes('/projects/engineering') && from.includes('/projects'), `the folders that set them are named, got ${from}`);
+  // Basic rights first; the thirteen are one click away, their letters
+  // spelt out above the columns.
+  const heads = async () => (await page.locator('#rules thead th:visible').allTextContents()).map((t) => t.trim());
+  assert.deepEqual((await heads()).slice(2, 8), ['Full control', 'Modify', 'Read & execute', 'Read', 'Write', 'Special']);
+  const basic = (who) => inherited.filter({ hasText: who }).first().locator('td.basic')
+    .evaluateAll((tds) => tds.map((td) => td.classList.contains('on')));
+  assert.deepEqual(await basic('administrators (group)'), [true, true, true, true, true, false]);
+  assert.deepEqual(await basic('staff (group)'), [false, true, true, true, true, false]);
+  assert.deepEqual(await basic('dave (user)'), [false, false, true, true, false, false]);
+  assert.equal(await page.locator('#letters-legend').isVisible(), false);
+  await page.getByRole('button', { name: 'Advanced rights' }).click();
+  assert.equal((await heads()).slice(2, 15).join(''), 'rwxpdDaARWcCo');
   assert.match(await page.locator('#letters-legend').textContent(), /C = Change permissions/);
+  const legend = await page.locator('#letters-legend').boundingBox();
+  const columns = await page.locator('#rules thead').boundingBox();
+  assert.ok(legend.y + legend.height <= columns.y + 1, 'the letters are explained above the columns');
+  await shot('01-advanced-rights');
+  await docShot('editor-advanced');
+  await page.getByRole('button', { name: 'Advanced rights' }).click();
   await until(async () => !/^(…|unknown|–)$/.test((await page.locator('#owner-current').textContent()).trim()), 'the owner');
   assert.match(await page.locator('#owner-current').textContent(), /\((user|group)\)/);
   assert.ok((await page.locator('#perm-real').textContent()).startsWith('/'), 'an administrator sees the absolute path');
@@ -216,6 +252,25 @@ test('sign in and open a folder: own and inherited rules, the owner, the folder 
   await inFolder(['projects']);
   await page.goForward();
   await inFolder(['projects', 'engineering']);
+});
+
+test('signing in in a second tab of the same browser leaves the first tab signed in', async () => {
+  const tab2 = await context.newPage();
+  watchErrors(tab2);
+  try {
+    await tab2.goto(URL);
+    await signIn('dave', 'Dave-2024', tab2);
+    await tab2.getByRole('button', { name: 'projects', exact: true }).waitFor();
+    assert.equal(await tab2.getByRole('button', { name: 'archive', exact: true }).count(), 0, 'the second tab is dave\'s');
+    for (const step of ['after the second sign-in', 'after the second tab signed out']) {
+      await openPath('projects', 'engineering', 'project-02');
+      assert.equal(await page.locator('#login-view').isVisible(), false, step);
+      assert.equal((await page.locator('#who').textContent()).trim(), 'Signed in as admin', step);
+      if (step.startsWith('after the second sign-in')) await signOut(tab2);
+    }
+  } finally {
+    await tab2.close();
+  }
 });
 
 test('folders list in natural order, with a count and a filter', async () => {
@@ -274,6 +329,7 @@ test('add a rule for a user found by search, replace below after a confirmation,
   await finished();
   assert.equal(await page.locator('#task-progress').evaluate((p) => p.value === p.max), true, 'a finished run fills the bar');
   assert.match(await taskText(), /^Finished/);
+  assert.equal(await page.locator('#task-text').evaluate((el) => getComputedStyle(el).color), 'rgb(28, 124, 58)', 'finished is green');
   await shot('02-applied-recursively');
   assert.equal(await replace.isChecked(), false, 'a replacement below is never carried over');
   await page.locator('#rules-body tr:not(.inherited)', { hasText: 'dave (user)' }).waitFor();
@@ -282,16 +338,18 @@ test('add a rule for a user found by search, replace below after a confirmation,
   await openPath('projects', 'engineering', 'project-01', 'docs');
   assert.equal(await effective('dave', 'write_data'), true, 'and in its sub-folder');
   await shot('03-effective-permissions');
-  await docShot('editor-effective');
 });
 
 test('a recursive run can be cancelled while it runs; the bar and the panel say so', async () => {
   await openPath('projects', 'bulk');
   await page.getByLabel('Replace the permissions of all sub-folders and files with inherited ones').check();
   await save({ 'Replace permissions below?': 'Replace permissions below' });
+  // The box names the folder in hand as the person sees it, and counts.
+  await page.locator('#task-text').filter({ hasText: /^Working in \/projects\/bulk\/part-\d+ \(at least [\d,]+ entries done\)$/ }).waitFor(LONG);
   await page.getByRole('button', { name: 'Cancel', exact: true }).click();
   await finished('cancelled');
-  assert.match(await taskText(), /^Cancelled\./);
+  assert.match(await taskText(), /^Cancelled\. What was already applied stays applied \(at least [\d,]+ entries, up to \/projects\/bulk\//);
+  assert.equal(await page.locator('#task-text').evaluate((el) => getComputedStyle(el).color), 'rgb(168, 107, 0)', 'cancelled is amber');
   assert.equal(await page.locator('#task-progress').evaluate((p) => p.value === 0), true, 'a cancelled run does not fill the bar');
   await shot('04-cancelled');
   const bulk = (await page.locator('#perm-real').textContent()).trim();
@@ -445,6 +503,91 @@ test('a rule for a group is added and saved with the keyboard alone', async () =
   await page.locator('#rules-body tr:not(.inherited)', { hasText: 'finance (group)' }).waitFor();
 });
 
+test('layouts set exactly their rules; a deny rule is saved as deny and shown as deny', async () => {
+  await openPath('projects', 'engineering', 'project-09');
+  const sw = page.getByLabel('Inherit rules from the parent folder');
+  const FULL = 'rwxpdDaARWcCo';
+  const useLayout = async (layout, main, guests) => {
+    await page.getByRole('button', { name: 'Start from a layout…' }).click();
+    await page.locator(`#layout-dialog input[name="layout"][value="${layout}"]`).check();
+    await pick('#layout-main', main[0].slice(0, 4), main[1]);
+    if (guests) await pick('#layout-guests', guests[0].slice(0, 3), guests[1]);
+    await page.locator('#layout-ok').click();
+    await until(async () => !(await page.locator('#layout-dialog').isVisible()), 'the layout dialog to close');
+  };
+  await useLayout('private', ['carol', 'carol (user)']);
+  assert.deepEqual(await ownRules(), [['administrators (group)', 'Allow', FULL], ['carol (user)', 'Allow', FULL]]);
+  assert.equal(await sw.isChecked(), false, 'a private folder inherits nothing');
+  assert.equal(await rowCount('tr.inherited:not(.disabled)'), 0);
+  await useLayout('team', ['engineering', 'engineering (group)'], ['Everyone', 'Everyone']);
+  assert.deepEqual((await ownRules())[2], ['Everyone', 'Allow', 'r-x---a-R-c--'], 'a built-in principal as the guests');
+  assert.equal(await save({}), 'started');
+  await finished();  // the server takes the rule for the built-in principal
+  await useLayout('team', ['engineering', 'engineering (group)'], ['dave', 'dave (user)']);
+  assert.deepEqual(await ownRules(), [['administrators (group)', 'Allow', FULL],
+    ['engineering (group)', 'Allow', 'rwxpdDaARWc--'], ['dave (user)', 'Allow', 'r-x---a-R-c--']]);
+  await docShot('editor-layout');
+
+  await page.getByRole('button', { name: 'Add rule' }).click();
+  await pick('#rule-picker', 'dav', 'dave (user)');
+  await page.getByRole('radio', { name: 'Deny' }).check();
+  await page.getByRole('button', { name: 'Clear', exact: true }).click();
+  await page.locator('#rule-perms input[value="read_ext_attr"]').check();
+  await page.locator('#rule-ok').click();
+  // The new deny rule (the last row) moves up twice, past engineering's.
+  await page.getByRole('button', { name: 'Move rule for dave (user) up' }).last().click();
+  await page.getByRole('button', { name: 'Move rule for dave (user) up' }).first().click();
+  assert.equal(await save({}), 'started');
+  await finished();
+  await page.reload();
+  await page.getByRole('button', { name: 'Permissions of project-09', exact: true }).click();
+  await page.locator('#perm-path').filter({ hasText: '/projects/engineering/project-09' }).waitFor();
+  await page.locator('#perm-panel[data-state="ready"]').waitFor();
+  await until(async () => (await ownRules()).length === 4, 'the saved rules');
+  assert.deepEqual(await ownRules(), [['administrators (group)', 'Allow', FULL], ['dave (user)', 'Deny', '--------R----'],
+    ['engineering (group)', 'Allow', 'rwxpdDaARWc--'], ['dave (user)', 'Allow', 'r-x---a-R-c--']]);
+  assert.equal(await page.locator('#rules-body tr:not(.inherited) td.deny').count(), 1, 'the deny rule is marked as one');
+  assert.equal(await sw.isChecked(), false);
+  // Effective access names what decides each right.
+  assert.equal(await effective('dave', 'read_ext_attr'), false, 'and it denies');
+  assert.equal(await why('read_ext_attr'), 'denied by dave (user), rule 2 of this item');
+  assert.equal(await why('read_data'), 'allowed by dave (user), rule 4 of this item');
+  assert.equal(await why('take_ownership'), 'no rule gives it');
+  assert.equal(await effective('carol', 'write_data'), true);
+  assert.equal(await why('write_data'), 'allowed by engineering (group), rule 3 of this item', 'carol is in engineering');
+  await docShot('editor-effective');
+  assert.equal(await effective('admin', 'take_ownership'), true);
+  assert.equal(await why('take_ownership'), 'administrators hold every right below a share\'s top folder');
+});
+
+test('the rules of another folder are copied; the ACL is removed from the page, after a confirmation', async () => {
+  await openPath('projects', 'engineering', 'project-10');
+  await page.getByRole('button', { name: 'Copy from another folder…' }).click();
+  await page.locator('#copy-path').fill('/projects/engineering/project-09/');
+  await page.locator('#copy-ok').click();
+  await until(async () => (await ownRules()).length === 4, 'the copied rules');
+  assert.deepEqual(await ownRules(), [['administrators (group)', 'Allow', 'rwxpdDaARWcCo'], ['dave (user)', 'Deny', '--------R----'],
+    ['engineering (group)', 'Allow', 'rwxpdDaARWc--'], ['dave (user)', 'Allow', 'r-x---a-R-c--']]);
+  assert.equal(await page.getByLabel('Inherit rules from the parent folder').isChecked(), false, 'as project-09, it does not inherit');
+  await page.locator('#reload').click();
+  await until(async () => (await ownRules()).length === 0, 'the copy to be discarded');
+
+  const real = (await page.locator('#perm-real').textContent()).trim();
+  const stored = () => spawnSync('getfattr', ['--absolute-names', '-n', 'trusted.kova.acl', real], { encoding: 'utf8' })
+    .stdout.includes('trusted.kova.acl=');
+  assert.equal(stored(), true);
+  const remove = page.getByRole('button', { name: 'Remove the ACL…' });
+  await remove.click();
+  await page.locator('#confirm-dialog').getByRole('button', { name: 'Cancel', exact: true }).click();
+  assert.equal(stored(), true, 'cancel keeps the ACL');
+  await remove.click();
+  await page.getByRole('button', { name: 'Remove the ACL', exact: true }).click();
+  await page.locator('#perm-mode').filter({ hasText: 'no ACL yet' }).waitFor();
+  assert.equal(stored(), false, 'the item is back to its mode bits');
+  assert.equal(await page.locator('#rules-body tr.mode-group').count(), 1);
+  assert.equal(await remove.isVisible(), false, 'nothing left to remove');
+});
+
 test('a refused save names the rule it is about', async () => {
   const admin = (...args) => {
     const r = spawnSync(process.env.KOVA_ADMIN, ['--root', process.env.KOVA_ROOT_DIR, ...args], { encoding: 'utf8' });
@@ -471,6 +614,8 @@ test('the owner is shown and changed from the top of the panel', async () => {
   await page.getByRole('button', { name: 'Change owner' }).click();
   await finished();
   await page.locator('#owner-current').filter({ hasText: 'carol (user)' }).waitFor();
+  assert.equal(await effective('carol', 'change_perm'), true);
+  assert.equal(await why('change_perm'), 'the owner always holds it');
 });
 
 test('share flags are shown before editing and what cannot work is disabled', async () => {
@@ -479,6 +624,18 @@ test('share flags are shown before editing and what cannot work is disabled', as
   assert.equal(await page.getByRole('button', { name: /^Save/ }).isDisabled(), true);
   assert.equal(await page.getByRole('button', { name: 'Add rule' }).isDisabled(), true);
   await shot('06-no-acl-share');
+  // Mode bits have three entries: the owning group's is shown too, with
+  // the rights its bits give.
+  await openPath('usbcopy', 'photos', 'img-1.jpg');
+  const st = fs.statSync((await page.locator('#perm-real').textContent()).trim());
+  const group = page.locator('#rules-body tr.mode-group');
+  assert.equal((await group.locator('td').first().textContent()).trim(), st.gid === 0 ? 'root (group)' : `${st.gid} (group)`);
+  for (const [bit, title] of [[0o40, 'List folder / read data'], [0o20, 'Create files / write data'], [0o10, 'Traverse folder / execute file']]) {
+    const yes = (st.mode & bit) ? 'yes' : 'no';
+    assert.equal(await group.locator(`td[aria-label="${title}: ${yes}"]`).count(), 1, `${title} of the group`);
+  }
+  assert.match(await page.locator('#perm-mode').textContent(), /mode bits \([rwx-]{9}\)/);
+  assert.equal(await rowCount('tr'), 3, 'owner, group and everyone');
   await openPath('archive', '2019');
   await page.locator('#share-state').filter({ hasText: 'is read-only' }).waitFor();
   assert.equal(await page.getByRole('button', { name: /^Save/ }).isDisabled(), true);
@@ -552,6 +709,19 @@ test('an ordinary user sees only their shares, share-relative paths, and cannot 
   assert.equal(await page.getByRole('button', { name: 'Add rule' }).isDisabled(), true);
   assert.equal((await page.locator('#perm-real').textContent()).trim(), '', 'no absolute path for a plain user');
   assert.equal(await page.locator('body').filter({ hasText: process.env.KOVA_ROOT_DIR }).count(), 0);
+  // Nor do the replies the page gets: it names items by share path.
+  const replies = await page.evaluate(async () => {
+    const call = async (method, params) => (await fetch('/webapi', {
+      method: 'POST',
+      headers: { 'Content-Type': 'application/json', 'X-Kova-Token': sessionStorage.getItem('kova-token') },
+      body: JSON.stringify({ api: 'KOVA.Server.Files', version: 1, method, params }),
+    })).text();
+    return [await call('list_shares', {}), await call('list_dir', { path: '/projects/engineering' })];
+  });
+  for (const text of replies) {
+    assert.match(text, /"success":true/);
+    assert.equal(text.includes(process.env.KOVA_ROOT_DIR), false, `an absolute path in ${text.slice(0, 300)}`);
+  }
   await shot('07-read-only-user');
 });
 

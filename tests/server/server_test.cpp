@@ -245,7 +245,7 @@ TEST_F(Server, InfoListsLoadedApisAndTheMalformedModuleIsRefused) {
     EXPECT_EQ((std::set<std::string>{"whoami", "touch", "crash", "noreply", "throw", "drop_root", "hang", "fork_probe"}),
               seen["Test.Probe/1"]);
     EXPECT_EQ(std::set<std::string>{"whoami"}, seen["Test.Probe/2"]);
-    EXPECT_EQ((std::set<std::string>{"list_shares", "list_dir"}), seen["KOVA.Server.Files/1"]);
+    EXPECT_EQ((std::set<std::string>{"list_shares", "list_dir", "account", "remove_acl"}), seen["KOVA.Server.Files/1"]);
     EXPECT_EQ((std::set<std::string>{"login", "logout"}), seen["KOVA.Server.Session/1"]);
     EXPECT_EQ(0u, seen.count("Test.Bad/1"));
 
@@ -400,16 +400,24 @@ TEST_F(Server, ProcessesForkedByAHandlerDoNotHoldTheWorkersChannel) {
     EXPECT_EQ("closed", state);
 }
 
-TEST_F(Server, SigningInAgainEndsTheBrowsersPreviousSession) {
+// Tabs of one browser share the cookie but each keeps its own token: a
+// sign-in in the second tab leaves the first one signed in as it was, and
+// signing out of one leaves the other.
+TEST_F(Server, SigningInInASecondTabKeepsTheFirstTabsSession) {
     WebClient c(webd->port());
     ASSERT_TRUE(c.Login(alice.name, alice.passwd).body["success"].asBool());
-    WebClient old(webd->port());
-    old.cookie = c.cookie;
-    old.token = c.token;
+    WebClient first(webd->port());
+    first.cookie = c.cookie;
+    first.token = c.token;
     ASSERT_TRUE(c.Login(bob.name, bob.passwd).body["success"].asBool());
-    EXPECT_NE(old.cookie, c.cookie);
-    EXPECT_EQ(119, Code(old.Call("Test.Probe", 1, "whoami")));
+    EXPECT_EQ(first.cookie, c.cookie);
+    EXPECT_NE(first.token, c.token);
+    EXPECT_EQ(alice.uid, first.Call("Test.Probe", 1, "whoami").body["data"]["euid"].asInt());
     EXPECT_EQ(bob.uid, c.Call("Test.Probe", 1, "whoami").body["data"]["euid"].asInt());
+    EXPECT_TRUE(c.Call("KOVA.Server.Session", 1, "logout").body["success"].asBool());
+    EXPECT_EQ(alice.uid, first.Call("Test.Probe", 1, "whoami").body["data"]["euid"].asInt());
+    c.cookie = first.cookie;  // the browser kept it for the other tab
+    EXPECT_EQ(120, Code(c.Call("Test.Probe", 1, "whoami")));
 }
 
 TEST_F(Server, AWorkerThatLostRootIsRetiredNotReused) {
@@ -467,9 +475,18 @@ TEST_F(Server, FilesApiHonoursSharePrivilegesAndFolderRights) {
     EXPECT_EQ("a.txt", e[2]["name"].asString());
     EXPECT_FALSE(e[2]["is_dir"].asBool());
     EXPECT_EQ("/docs/a.txt", e[2]["path"].asString());
-    char real[PATH_MAX];
-    ASSERT_NE(nullptr, realpath(docs.c_str(), real));
-    EXPECT_EQ(std::string(real) + "/a.txt", e[2]["real_path"].asString());
+    // A plain user is never sent the server's absolute paths; the owning
+    // group and mode bits are listed for items without rules.
+    EXPECT_FALSE(e[2].isMember("real_path"));
+    EXPECT_FALSE(dir.body["data"].isMember("real_path"));
+    EXPECT_FALSE(shares.body["data"]["shares"][0].isMember("real_path"));
+    struct stat st;
+    ASSERT_EQ(0, stat((docs + "/a.txt").c_str(), &st));
+    char mode[8];
+    snprintf(mode, sizeof mode, "%03o", static_cast<unsigned>(st.st_mode & 0777));
+    EXPECT_EQ(mode, e[2]["mode"].asString());
+    EXPECT_EQ(static_cast<int>(st.st_gid), e[2]["group"]["id"].asInt());
+    EXPECT_EQ("group", e[2]["group"]["type"].asString());
 
     p["offset"] = 1;
     p["limit"] = 2;
@@ -531,6 +548,30 @@ TEST_F(Server, FilesApiHonoursSharePrivilegesAndFolderRights) {
     }
     q["path"] = "/docs/closed";
     EXPECT_EQ(606, Code(a.Call("KOVA.Server.Files", 1, "list_dir", q)));
+
+    // Removing rules takes the right to change them (the platform judges it
+    // as the user), and a privilege on the share; the owner holds the right.
+    EXPECT_EQ(607, Code(a.Call("KOVA.Server.Files", 1, "remove_acl", q)));
+    EXPECT_EQ(1, KOVAACLIsSupport((docs + "/closed").c_str(), -1, KOVA_ACL_SUPPORT_MODE));
+    EXPECT_EQ(602, Code(b.Call("KOVA.Server.Files", 1, "remove_acl", q)));
+    ASSERT_EQ(0, chown((docs + "/closed").c_str(), alice.uid, alice.gid));
+    q["path"] = "/docs/../closed";
+    EXPECT_EQ(600, Code(a.Call("KOVA.Server.Files", 1, "remove_acl", q)));
+    q["path"] = "/docs/closed";
+    Reply removed = a.Call("KOVA.Server.Files", 1, "remove_acl", q);
+    EXPECT_TRUE(removed.body["success"].asBool()) << removed.raw;
+    EXPECT_EQ(0, KOVAACLIsSupport((docs + "/closed").c_str(), -1, KOVA_ACL_SUPPORT_MODE));
+
+    // An account's groups, for explaining effective access.
+    Json::Value who(Json::objectValue);
+    who["user"] = bob.name;
+    Reply account = a.Call("KOVA.Server.Files", 1, "account", who);
+    ASSERT_TRUE(account.body["success"].asBool()) << account.raw;
+    EXPECT_EQ(bob.name, account.body["data"]["name"].asString());
+    EXPECT_FALSE(account.body["data"]["is_admin"].asBool());
+    EXPECT_TRUE(account.body["data"]["groups"].isArray());
+    who["user"] = "nobody-of-that-name";
+    EXPECT_EQ(605, Code(a.Call("KOVA.Server.Files", 1, "account", who)));
 }
 
 // Many connections that send a header line now and then, as a slow or

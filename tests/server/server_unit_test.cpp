@@ -238,6 +238,29 @@ TEST(Sessions, IdsAndTokensAreFreshAndChecked) {
     EXPECT_TRUE(store.Get(b.id, got));
     EXPECT_FALSE(store.Get("", got));
 
+    // Tabs of one browser share the cookie: a sign-in from it is a session
+    // of its own beside the others, each found by its own token; logging
+    // out of one leaves the cookie to the rest. A browser cannot pile up
+    // sessions, and a cookie the server never gave out is not adopted.
+    webd::Session tab2, tab3, stranger;
+    ASSERT_TRUE(store.Create(tab2, b.cookie));
+    EXPECT_EQ(b.cookie, tab2.cookie);
+    EXPECT_NE(b.id, tab2.id);
+    EXPECT_EQ(webd::SessionStore::Found::kLive, store.Find(b.cookie, b.token, got));
+    EXPECT_EQ(b.id, got.id);
+    EXPECT_EQ(webd::SessionStore::Found::kLive, store.Find(b.cookie, tab2.token, got));
+    EXPECT_EQ(tab2.id, got.id);
+    EXPECT_EQ(webd::SessionStore::Found::kWrongToken, store.Find(b.cookie, a.token, got));
+    EXPECT_EQ(webd::SessionStore::Found::kNone, store.Find(a.cookie, a.token, got));  // a logged out
+    ASSERT_TRUE(store.Create(stranger, "made-up-cookie"));
+    EXPECT_NE("made-up-cookie", stranger.cookie);
+    EXPECT_FALSE(store.Remove(tab2.id));
+    EXPECT_EQ(webd::SessionStore::Found::kLive, store.Find(b.cookie, b.token, got));
+    for (size_t i = 0; i < webd::SessionStore::kMaxPerBrowser; ++i) ASSERT_TRUE(store.Create(tab3, b.cookie));
+    EXPECT_EQ(webd::SessionStore::Found::kWrongToken, store.Find(b.cookie, b.token, got)) << "the oldest went";
+    EXPECT_EQ(webd::SessionStore::kMaxPerBrowser + 1, store.Count());  // and stranger
+    EXPECT_TRUE(store.Remove(stranger.id));
+
     EXPECT_TRUE(webd::SameSecret("abc", "abc"));
     EXPECT_FALSE(webd::SameSecret("abc", "abd"));
     EXPECT_FALSE(webd::SameSecret("abc", "ab"));
