@@ -6,6 +6,7 @@
 #include "error-codes.h"
 #include "frame.h"
 #include "http-message.h"
+#include "identity-switch.h"
 #include "text-check.h"
 #include "kova/account.h"
 #include "kova/errcode.h"
@@ -162,21 +163,15 @@ Json::Value Front::Login(FrontCall &c) {
             return Error(kErrLoginFailed);
         }
         throttle_.Succeeded(remote, user);
-        int uid = -1, gid = -1;
-        PKLIBC_SZLIST groups = KLIBGroupInfoListGet(user.c_str(), 0);
-        if (KOVAUserGetUGID(user.c_str(), &uid, &gid) < 0 || uid < 0 || gid < 0 || !groups) {
-            KLIBCSzListFree(groups);
+        UserIds ids;
+        if (!LookupUserIds(user, ids)) {
             logs_.Error("login of " + LogSafe(user) + ": identity lookup failed, last error " +
                         std::to_string(KLIBCErrGet()));
             return Error(kErrLoginFailed);
         }
-        s.uid = static_cast<uid_t>(uid);
-        s.gid = static_cast<gid_t>(gid);
-        for (int i = 0; i < groups->nItem; ++i) {
-            const char *g = KLIBCSzListGet(groups, i);
-            if (g) s.groups.push_back(static_cast<gid_t>(strtoul(g, nullptr, 10)));
-        }
-        KLIBCSzListFree(groups);
+        s.uid = ids.uid;
+        s.gid = ids.gid;
+        s.groups = std::move(ids.groups);
         s.admin = KLIBGroupIsAdminGroupMem(user.c_str(), 0) == 1;
     }
     if (!sessions_.Create(s)) return Error(kErrUnknown);
