@@ -9,7 +9,7 @@
 #include "kova-internal/text.h"
 
 #include "identity-switch.h"
-#include "real-path.h"
+#include "kova-internal/real-path.h"
 #include "user-path.h"
 
 #include <errno.h>
@@ -61,7 +61,7 @@ int PanoraFileShare::WfmCheckPath(const std::string &realPath) {
         // The entry is judged and looked at through its folder's descriptor.
         std::string folder;
         int raw = -1;
-        const int err = kova_share::RealPathOf(parent, folder, &raw);
+        const int err = kova_internal::RealPathOf(parent, folder, &raw);
         if (err) {
             if (err == EACCES) return WFM_FAIL(KOVA_WFM_ERR_PERM, KOVA_ERR_PERM);
             return WFM_FAIL(KOVA_WFM_ERR_NOENT, KOVA_ERR_NOENT);

@@ -9,7 +9,7 @@
 #include "kova-internal/fault-point.h"
 #include "kova-internal/path-parts.h"
 #include "kova-internal/text.h"
-#include "real-path.h"
+#include "kova-internal/real-path.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -46,10 +46,10 @@ int FromErrno(int err) {
 // `rel` below baseFd: its descriptor and the kernel's name for it.
 int OpenBelow(int baseFd, const std::string &rel, int flags, OwnedFd &fd, std::string &name) {
     int raw = -1;
-    int err = kova_share::OpenBeneath(baseFd, rel, flags, &raw);
+    int err = kova_internal::OpenBeneath(baseFd, rel, flags, &raw);
     if (err) return FromErrno(err);
     OwnedFd opened(raw);
-    err = kova_share::NameOfFd(opened.get(), name);
+    err = kova_internal::NameOfFd(opened.get(), name);
     if (err) return FromErrno(err);
     fd = std::move(opened);
     return KOVA_WFM_ERR_NONE;
@@ -99,7 +99,7 @@ int Resolve(const std::string &userPath, const std::string &user, Resolved &out)
 
     // The table names the real root: nothing at its path may be a link.
     int raw = -1;
-    int err = kova_share::OpenWithoutLinks(storedRoot, O_DIRECTORY, &raw);
+    int err = kova_internal::OpenWithoutLinks(storedRoot, O_DIRECTORY, &raw);
     if (err) return err == ELOOP || err == EINVAL ? FAIL_WITH(KOVA_WFM_ERR_BADPATH, KOVA_ERR_BADPATH) : FromErrno(err);
     OwnedFd shareFd(raw);
 
@@ -109,7 +109,7 @@ int Resolve(const std::string &userPath, const std::string &user, Resolved &out)
         rc = OpenBelow(shareFd.get(), user, O_DIRECTORY, r.rootFd, r.shareRoot);
         if (rc != KOVA_WFM_ERR_NONE) return rc;
     } else {
-        err = kova_share::NameOfFd(shareFd.get(), r.shareRoot);
+        err = kova_internal::NameOfFd(shareFd.get(), r.shareRoot);
         if (err) return FromErrno(err);
         r.rootFd = std::move(shareFd);
     }

@@ -1,7 +1,7 @@
 // The per-thread share table (rules in share-cache.h).
 #include "share-cache.h"
 
-#include "real-path.h"
+#include "kova-internal/real-path.h"
 #include "share-db.h"
 
 #include "kova/errcode.h"
@@ -118,7 +118,7 @@ std::string StripTrailingSlashes(std::string p) {
 // nothing; nor does a root that is missing.
 bool OpenRoot(const ShareRoot &r, struct stat &st) {
     int fd = -1;
-    if (OpenWithoutLinks(r.stored, O_DIRECTORY, &fd) != 0) return false;
+    if (kova_internal::OpenWithoutLinks(r.stored, O_DIRECTORY, &fd) != 0) return false;
     OwnedFd root(fd);
     return Sys().fstat(root.get(), &st) == 0;
 }

@@ -10,7 +10,7 @@
 #include "kova-internal/fault-point.h"
 #include "kova-internal/owned-fd.h"
 #include "kova-internal/sys-calls.h"
-#include "real-path.h"
+#include "kova-internal/real-path.h"
 #include "share-cache.h"
 #include "share-db.h"
 #include "share-lookup.h"
@@ -44,7 +44,7 @@ struct Reached {
 
 bool RealPath(const std::string &p, std::string &out, kova_internal::OwnedFd &fd, int &err) {
     int raw = -1;
-    err = kova_share::RealPathOf(p, out, &raw);
+    err = kova_internal::RealPathOf(p, out, &raw);
     fd = kova_internal::OwnedFd(raw);
     return err == 0;
 }
@@ -84,11 +84,11 @@ bool Canonicalise(const std::string &raw, Reached &out) {
 // link since it was named fails here.
 bool ReachedBeneath(const kova_share::ShareRoot &root, const Reached &r) {
     int raw = -1;
-    if (kova_share::OpenWithoutLinks(root.real, O_DIRECTORY, &raw) != 0) return false;
+    if (kova_internal::OpenWithoutLinks(root.real, O_DIRECTORY, &raw) != 0) return false;
     kova_internal::OwnedFd rootFd(raw);
     std::string rel = r.named.size() > root.real.size() ? r.named.substr(root.real.size()) : std::string();
     while (!rel.empty() && rel[0] == '/') rel.erase(0, 1);
-    if (kova_share::OpenBeneath(rootFd.get(), rel, 0, &raw) != 0) return false;
+    if (kova_internal::OpenBeneath(rootFd.get(), rel, 0, &raw) != 0) return false;
     kova_internal::OwnedFd below(raw);
     struct stat now, named;
     return kova_internal::Sys().fstat(below.get(), &now) == 0 && kova_internal::Sys().fstat(r.fd.get(), &named) == 0 &&
@@ -142,25 +142,26 @@ bool Table(std::shared_ptr<const kova_share::ShareRoots> &table) {
 
 } // namespace
 
-int kova_share::ShareOfRealPath(const std::string &real, std::string &name, std::string &root) {
+extern "C" int KOVAShareOfRealPath(const char *szRealPath, char *szName, int cbName, char *szSharePath,
+                                   int cbSharePath) {
+    // Same fault point as KOVAShareNamePathGet: it is that call's lookup.
     KOVA_FAULT_POINT("KOVAShareNamePathGet", int);
-    if (real.find('\0') != std::string::npos) {
+    if (!szRealPath || (szName && cbName <= 0) || (szSharePath && cbSharePath <= 0)) {
         KOVA_FAIL(KOVA_ERR_BADARG);
         return -1;
     }
-    std::shared_ptr<const ShareRoots> table;
+    const std::string real = szRealPath;
+    std::shared_ptr<const kova_share::ShareRoots> table;
     if (!Table(table)) return -1;
     const int found = LongestMatch(*table, real);
     if (found < 0) {
         KOVA_FAIL(KOVA_ERR_NOSHARE);
         return -1;
     }
-    const ShareRoot &s = (*table)[static_cast<size_t>(found)];
-    try {
-        name = s.name;
-        root = s.real;
-    } catch (const std::bad_alloc &) {
-        KOVA_FAIL(KOVA_ERR_NOMEM);
+    const kova_share::ShareRoot &s = (*table)[static_cast<size_t>(found)];
+    if ((szName && !kova_share::CopyText(szName, static_cast<size_t>(cbName), s.name)) ||
+        (szSharePath && !kova_share::CopyText(szSharePath, static_cast<size_t>(cbSharePath), s.real))) {
+        KOVA_FAIL(KOVA_ERR_RANGE);
         return -1;
     }
     return 0;

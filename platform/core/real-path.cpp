@@ -1,5 +1,5 @@
 // Paths to descriptors through the system-call table (see real-path.h).
-#include "real-path.h"
+#include "kova-internal/real-path.h"
 
 #include "kova-internal/owned-fd.h"
 #include "kova-internal/path-parts.h"
@@ -16,7 +16,7 @@
 #include <cstring>
 #include <vector>
 
-namespace kova_share {
+namespace kova_internal {
 
 namespace {
 
@@ -172,4 +172,4 @@ int OpenBeneath(int baseFd, const std::string &rel, int flags, int *fd) {
     return WalkWithoutLinks(baseFd, kova_internal::PathComponents(rel), true, flags, fd);
 }
 
-} // namespace kova_share
+} // namespace kova_internal
