@@ -155,6 +155,14 @@ int RealPathOf(const std::string &path, std::string &out, int *keepFd) {
     return 0;
 }
 
+int RealPathOf(const std::string &path, std::string &out, OwnedFd &fd) {
+    int raw = -1;
+    fd.Reset();
+    const int err = RealPathOf(path, out, &raw);
+    if (err == 0) fd = OwnedFd(raw);
+    return err;
+}
+
 int OpenWithoutLinks(const std::string &path, int flags, int *fd) {
     if (!LooksCanonical(path)) return EINVAL;
     const int err = Openat2(AT_FDCWD, path, flags, RESOLVE_NO_SYMLINKS | RESOLVE_NO_MAGICLINKS, fd);

@@ -6,6 +6,7 @@
 #include "kova/fileshare.h"
 #include "kova/klibc.h"
 #include "kova/share.h"
+#include "kova-internal/paths.h"
 #include "kova-internal/fault-point.h"
 #include "kova-internal/path-parts.h"
 #include "kova-internal/text.h"
@@ -56,11 +57,6 @@ int OpenBelow(int baseFd, const std::string &rel, int flags, OwnedFd &fd, std::s
 }
 
 } // namespace
-
-bool UnderRoot(const std::string &path, const std::string &root) {
-    if (root == "/") return !path.empty() && path[0] == '/';
-    return path.compare(0, root.size(), root) == 0 && (path.size() == root.size() || path[root.size()] == '/');
-}
 
 int Resolve(const std::string &userPath, const std::string &user, Resolved &out) {
     // A NUL would end the text that C calls see before the text we judged.
@@ -120,7 +116,7 @@ int Resolve(const std::string &userPath, const std::string &user, Resolved &out)
     if (rc != KOVA_WFM_ERR_NONE) return rc;
     // The kernel kept the lookup below the root; its names must agree (a
     // root renamed meanwhile is not named by the table any more).
-    if (!UnderRoot(r.realPath, r.shareRoot)) return FAIL_WITH(KOVA_WFM_ERR_BADPATH, KOVA_ERR_BADPATH);
+    if (!kova_internal::UnderRoot(r.realPath, r.shareRoot)) return FAIL_WITH(KOVA_WFM_ERR_BADPATH, KOVA_ERR_BADPATH);
     out = std::move(r);
     return KOVA_WFM_ERR_NONE;
 }

@@ -7,6 +7,7 @@
 #include "kova/share.h"
 #include "kova/errcode.h"
 #include "kova/klibc.h"
+#include "kova-internal/paths.h"
 #include "kova-internal/fault-point.h"
 #include "kova-internal/owned-fd.h"
 #include "kova-internal/sys-calls.h"
@@ -28,11 +29,6 @@
 
 namespace {
 
-std::string StripTrailingSlashes(std::string p) {
-    while (p.size() > 1 && p.back() == '/') p.pop_back();
-    return p;
-}
-
 // What canonicalisation reached: the real path, and a descriptor of the
 // object it names (of its folder when only the final component is missing,
 // `named` then being that folder's real path).
@@ -42,19 +38,12 @@ struct Reached {
     kova_internal::OwnedFd fd;
 };
 
-bool RealPath(const std::string &p, std::string &out, kova_internal::OwnedFd &fd, int &err) {
-    int raw = -1;
-    err = kova_internal::RealPathOf(p, out, &raw);
-    fd = kova_internal::OwnedFd(raw);
-    return err == 0;
-}
-
 // The real path of the whole path; when only the final component is
 // missing, the real parent plus that name. False with the last error set.
 bool Canonicalise(const std::string &raw, Reached &out) {
-    std::string p = StripTrailingSlashes(raw);
-    int err = 0;
-    if (RealPath(p, out.canonical, out.fd, err)) {
+    std::string p = kova_internal::StripTrailingSlashes(raw);
+    int err = kova_internal::RealPathOf(p, out.canonical, out.fd);
+    if (err == 0) {
         out.named = out.canonical;
         return true;
     }
@@ -69,7 +58,8 @@ bool Canonicalise(const std::string &raw, Reached &out) {
         KOVA_FAIL(KOVA_ERR_BADPATH);
         return false;
     }
-    if (!RealPath(parent, out.named, out.fd, err)) {
+    err = kova_internal::RealPathOf(parent, out.named, out.fd);
+    if (err != 0) {
         KOVA_FAIL(err == ENOENT ? KOVA_ERR_NOENT : err == EACCES ? KOVA_ERR_PERM : KOVA_ERR_BADPATH);
         return false;
     }
@@ -109,11 +99,6 @@ std::string CollapseDots(const std::string &p) {
     return out.empty() ? "/" : out;
 }
 
-bool UnderRoot(const std::string &path, const std::string &root) {
-    if (root == "/") return true;
-    return path.compare(0, root.size(), root) == 0 && (path.size() == root.size() || path[root.size()] == '/');
-}
-
 // Index of the share whose real root is the longest prefix of path, or -1.
 // Roots are compared as they are on disk now (stored paths are real when
 // written, but a root may be recorded by another tool).
@@ -122,7 +107,7 @@ int LongestMatch(const kova_share::ShareRoots &shares, const std::string &path) 
     size_t bestLen = 0;
     for (size_t i = 0; i < shares.size(); ++i) {
         const std::string &root = shares[i].real;
-        if (!shares[i].exists || !UnderRoot(path, root)) continue;
+        if (!shares[i].exists || !kova_internal::UnderRoot(path, root)) continue;
         if (best < 0 || root.size() > bestLen) {
             best = static_cast<int>(i);
             bestLen = root.size();
@@ -188,7 +173,7 @@ extern "C" int KOVAShareNamePathGet(const char *szPath, char *szName, int cbName
 
     int lexical = LongestMatch(shares, CollapseDots(raw));
     int real = LongestMatch(shares, canonical);
-    if (lexical >= 0 && !UnderRoot(canonical, shares[static_cast<size_t>(lexical)].real)) {
+    if (lexical >= 0 && !kova_internal::UnderRoot(canonical, shares[static_cast<size_t>(lexical)].real)) {
         // Written inside a share but resolving elsewhere: an escape.
         KOVA_FAIL(KOVA_ERR_BADPATH);
         return -1;

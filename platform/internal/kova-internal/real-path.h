@@ -18,6 +18,8 @@
 
 #include <string>
 
+#include "kova-internal/owned-fd.h"
+
 namespace kova_internal {
 
 // 0 with out set, else the errno of the failed resolution (ENOENT, ENOTDIR,
@@ -26,6 +28,8 @@ namespace kova_internal {
 // resolved is handed to the caller, who closes it; it names the same object
 // as out, so lookups relative to it need not walk the path again.
 int RealPathOf(const std::string &path, std::string &out, int *keepFd = nullptr);
+// The same, the descriptor of what was resolved held by fd (reset first).
+int RealPathOf(const std::string &path, std::string &out, OwnedFd &fd);
 
 // Opens a canonical absolute path (O_PATH, plus `flags`, e.g. O_DIRECTORY)
 // only when no component of it, the last included, is a symbolic link: how
