@@ -29,7 +29,7 @@ struct KovaCacheEntry {
     bool group = false;
     std::string name, desc, mail, fullname, dn;
     long long id = -1, gid = -1;
-    std::vector<std::string> members;
+    std::vector<std::string> members{};  // initialised, so rows written without it are whole
 };
 
 class KovaAccountCacheBuilder {
