@@ -15,6 +15,7 @@
 
 #include "error-codes.h"
 #include "kova-internal/identity.h"
+#include "kova-internal/paths.h"
 #include "text-check.h"
 #include "kova/account.h"
 #include "kova/errcode.h"
@@ -287,8 +288,7 @@ void ListDir(KOVA::APIRequest *req, KOVA::APIResponse *resp) {
         resp->SetError(kErrFilesBadParam);
         return;
     }
-    std::string visible = pathV.asString();
-    while (visible.size() > 1 && visible.back() == '/') visible.pop_back();
+    const std::string visible = kova_internal::StripTrailingSlashes(pathV.asString());
     if (!IsCleanText(visible) || !ValidVisiblePath(visible)) {
         resp->SetError(kErrFilesBadPath);
         return;

@@ -6,6 +6,7 @@
 #include "error-codes.h"
 #include "frame.h"
 #include "http-message.h"
+#include "identity-switch.h"
 #include "text-check.h"
 #include "kova/account.h"
 #include "kova/errcode.h"
@@ -77,10 +78,33 @@ std::string CookieValue(const std::string &header, const std::string &name) {
 Front::Front(ModuleRegistry &registry, SessionStore &sessions, WorkerPool &pool, Logs &logs, const std::string &uiDir)
     : registry_(registry), sessions_(sessions), pool_(pool), logs_(logs), ui_(uiDir) {
     if (!uiDir.empty() && !ui_.ok()) logs_.Error("UI folder " + uiDir + " cannot be served");
+    auto row = [this](const char *api, const char *method, bool needsSession, Json::Value (Front::*fn)(FrontCall &)) {
+        Route r;
+        r.api = api;
+        r.version = 1;
+        r.method = method;
+        r.origin = "built-in";
+        r.front = [this, fn](FrontCall &c) { return (this->*fn)(c); };
+        r.needsSession = needsSession;
+        return r;
+    };
+    std::vector<Route> rows = {row("KOVA.Server.Session", "login", false, &Front::Login),
+                               row("KOVA.Server.Session", "logout", true, &Front::Logout),
+                               row("KOVA.Server.Info", "query", true, &Front::Query)};
+    std::string why;
+    if (registry_.Add(rows, &why))
+        ownRows_ = std::move(rows);
+    else
+        logs_.Error("the server's own APIs cannot be served: " + why);
 }
 
-Json::Value Front::Login(const ApiCall &call, const std::string &remote, const std::string &cookie, HttpReply &res,
-                         std::string &user) {
+Front::~Front() { registry_.Drop(ownRows_); }
+
+Json::Value Front::Login(FrontCall &c) {
+    const ApiCall &call = c.call;
+    const std::string &remote = c.req.remote;
+    HttpReply &res = c.res;
+    std::string &user = c.user;
     const Json::Value &account = call.params["account"];
     const Json::Value &passwd = call.params["passwd"];
     // Checked before anything else: the password check reads both as C
@@ -139,24 +163,19 @@ Json::Value Front::Login(const ApiCall &call, const std::string &remote, const s
             return Error(kErrLoginFailed);
         }
         throttle_.Succeeded(remote, user);
-        int uid = -1, gid = -1;
-        PKLIBC_SZLIST groups = KLIBGroupInfoListGet(user.c_str(), 0);
-        if (KOVAUserGetUGID(user.c_str(), &uid, &gid) < 0 || uid < 0 || gid < 0 || !groups) {
-            KLIBCSzListFree(groups);
+        UserIds ids;
+        if (!LookupUserIds(user, ids)) {
             logs_.Error("login of " + LogSafe(user) + ": identity lookup failed, last error " +
                         std::to_string(KLIBCErrGet()));
             return Error(kErrLoginFailed);
         }
-        s.uid = static_cast<uid_t>(uid);
-        s.gid = static_cast<gid_t>(gid);
-        for (int i = 0; i < groups->nItem; ++i) {
-            const char *g = KLIBCSzListGet(groups, i);
-            if (g) s.groups.push_back(static_cast<gid_t>(strtoul(g, nullptr, 10)));
-        }
-        KLIBCSzListFree(groups);
+        s.uid = ids.uid;
+        s.gid = ids.gid;
+        s.groups = std::move(ids.groups);
         s.admin = KLIBGroupIsAdminGroupMem(user.c_str(), 0) == 1;
     }
-    if (!sessions_.Create(s, cookie)) return Error(kErrUnknown);
+    // A sign-in in another tab adds a session beside this browser's others.
+    if (!sessions_.Create(s, CookieValue(c.req.Header("Cookie"), kSessionCookie))) return Error(kErrUnknown);
     res.Set("Set-Cookie", SessionCookie(s.cookie, false));
     Json::Value data(Json::objectValue);
     data["account"] = user;
@@ -165,43 +184,53 @@ Json::Value Front::Login(const ApiCall &call, const std::string &remote, const s
     return Success(data);
 }
 
-Json::Value Front::Dispatch(const ApiCall &call, const Session &s, const std::string &remote, HttpReply &res) {
-    if (call.api == "KOVA.Server.Session") {
-        if (call.version != 1) return Error(kErrBadVersion);
-        if (call.method != "logout") return Error(kErrNoSuchMethod);
-        // Other tabs of this browser may still be signed in on the cookie.
-        if (sessions_.Remove(s.id)) res.Set("Set-Cookie", SessionCookie("", true));
-        return Success(Json::Value());
-    }
-    if (call.api == "KOVA.Server.Info") {
-        if (call.version != 1) return Error(kErrBadVersion);
-        if (call.method != "query") return Error(kErrNoSuchMethod);
-        Json::Value data(Json::objectValue);
-        data["apis"] = registry_.Describe();
-        Json::Value session(Json::arrayValue);
-        session.append("login");
-        session.append("logout");
-        Json::Value own(Json::objectValue);
-        own["api"] = "KOVA.Server.Session";
-        own["version"] = 1;
-        own["methods"] = session;
-        own["origin"] = "built-in";
-        data["apis"].append(own);
-        Json::Value info(Json::objectValue);
-        info["api"] = "KOVA.Server.Info";
-        info["version"] = 1;
-        info["methods"].append("query");
-        info["origin"] = "built-in";
-        data["apis"].append(info);
-        return Success(data);
-    }
+Json::Value Front::Logout(FrontCall &c) {
+    // Other tabs of this browser may still be signed in on the cookie.
+    if (sessions_.Remove(c.session->id)) c.res.Set("Set-Cookie", SessionCookie("", true));
+    return Success(Json::Value());
+}
+
+Json::Value Front::Query(FrontCall &) {
+    Json::Value data(Json::objectValue);
+    data["apis"] = registry_.Describe();
+    return Success(data);
+}
+
+Json::Value Front::Call(const ApiCall &call, const HttpRequest &req, HttpReply &res, std::string &user) {
     const Route *route = nullptr;
-    switch (registry_.Find(call.api, call.version, call.method, &route)) {
+    const ModuleRegistry::Lookup found = registry_.Find(call.api, call.version, call.method, &route);
+    if (found == ModuleRegistry::Lookup::kFound && !route->needsSession) {
+        FrontCall c{call, req, nullptr, res, user};
+        return route->front(c);
+    }
+    // Without a session nothing is told about the call, not even whether
+    // it names an API that exists.
+    Session s;
+    const SessionStore::Found live =
+        sessions_.Find(CookieValue(req.Header("Cookie"), kSessionCookie), req.Header(kTokenHeader), s);
+    if (live == SessionStore::Found::kNone) {
+        res.status = 401;
+        return Error(kErrNotAuthenticated);
+    }
+    user = s.user;
+    if (live == SessionStore::Found::kWrongToken) {
+        res.status = 403;
+        return Error(kErrBadToken);
+    }
+    switch (found) {
     case ModuleRegistry::Lookup::kNoAPI: return Error(kErrNoSuchAPI);
     case ModuleRegistry::Lookup::kNoVersion: return Error(kErrBadVersion);
     case ModuleRegistry::Lookup::kNoMethod: return Error(kErrNoSuchMethod);
     case ModuleRegistry::Lookup::kFound: break;
     }
+    if (route->RunsInFront()) {
+        FrontCall c{call, req, &s, res, user};
+        return route->front(c);
+    }
+    return RunInWorker(call, s, req.remote, res);
+}
+
+Json::Value Front::RunInWorker(const ApiCall &call, const Session &s, const std::string &remote, HttpReply &res) {
     Json::Value request(Json::objectValue);
     request["api"] = call.api;
     request["version"] = call.version;
@@ -265,24 +294,8 @@ HttpReply Front::HandleApi(const HttpRequest &req) {
         if (res.status == 200) res.status = 400;
         reply = Error(badCode);
         reply["error"]["data"]["reason"] = bad;
-    } else if (call.api == "KOVA.Server.Session" && call.version == 1 && call.method == "login") {
-        // A sign-in in another tab adds a session beside this browser's others.
-        reply = Login(call, req.remote, CookieValue(req.Header("Cookie"), kSessionCookie), res, user);
     } else {
-        Session s;
-        const SessionStore::Found found =
-            sessions_.Find(CookieValue(req.Header("Cookie"), kSessionCookie), req.Header(kTokenHeader), s);
-        if (found == SessionStore::Found::kNone) {
-            res.status = 401;
-            reply = Error(kErrNotAuthenticated);
-        } else if (found == SessionStore::Found::kWrongToken) {
-            user = s.user;
-            res.status = 403;
-            reply = Error(kErrBadToken);
-        } else {
-            user = s.user;
-            reply = Dispatch(call, s, req.remote, res);
-        }
+        reply = Call(call, req, res, user);
     }
     Finish(res, reply);
 

@@ -1,8 +1,9 @@
 // The request handling of kova-webd, with no socket behind it: the endpoint
 // /webapi (POST, and GET for reads), sessions and their request-forgery
 // token, the built-in APIs answered in this process (KOVA.Server.Session,
-// KOVA.Server.Info), the hand-off of every other call to the worker pool,
-// the access log, and the browser UI as static files. The listener
+// KOVA.Server.Info: rows of the registry that run in the front), the
+// hand-off of every other row to the worker pool, the access log, and the
+// browser UI as static files. The listener
 // (http-listener.h) feeds it whole requests; tests and fuzzers may call
 // Handle directly with any request.
 //
@@ -23,6 +24,7 @@
 
 #include <atomic>
 #include <string>
+#include <vector>
 
 #include "api-call.h"
 #include "http-message.h"
@@ -44,10 +46,23 @@ constexpr const char *kTokenHeader = "X-Kova-Token";
 // concurrent hashes.
 constexpr int kMaxSignIns = 8;
 
+// One call to a row that runs in the front, with what it may answer through.
+struct FrontCall {
+    const ApiCall &call;
+    const HttpRequest &req;
+    const Session *session;  // nullptr for a row that needs none (the sign-in)
+    HttpReply &res;          // status and headers the row sets
+    std::string &user;       // the account the access log names
+};
+
 class Front {
 public:
-    // uiDir "" serves no static files.
+    // uiDir "" serves no static files. Adds the front's own rows to
+    // registry (before it is shared) and drops them again when destroyed.
     Front(ModuleRegistry &registry, SessionStore &sessions, WorkerPool &pool, Logs &logs, const std::string &uiDir);
+    ~Front();
+    Front(const Front &) = delete;
+    Front &operator=(const Front &) = delete;
 
     // One whole request in, its whole reply out, with the access-log line
     // written. Thread-safe; blocks while a sign-in checks its password or a
@@ -63,9 +78,11 @@ public:
 private:
     HttpReply HandleApi(const HttpRequest &req);
     // Each returns the response object and may set HTTP status and headers.
-    Json::Value Login(const ApiCall &call, const std::string &remote, const std::string &cookie, HttpReply &res,
-                      std::string &user);
-    Json::Value Dispatch(const ApiCall &call, const Session &s, const std::string &remote, HttpReply &res);
+    Json::Value Call(const ApiCall &call, const HttpRequest &req, HttpReply &res, std::string &user);
+    Json::Value Login(FrontCall &c);
+    Json::Value Logout(FrontCall &c);
+    Json::Value Query(FrontCall &c);
+    Json::Value RunInWorker(const ApiCall &call, const Session &s, const std::string &remote, HttpReply &res);
     void Finish(HttpReply &res, Json::Value &reply) const;
 
     ModuleRegistry &registry_;
@@ -75,6 +92,7 @@ private:
     StaticFiles ui_;
     LoginThrottle throttle_;
     std::atomic<int> signInsInFlight_{0};
+    std::vector<Route> ownRows_;
 };
 
 // The value of one cookie in a Cookie header, "" when absent.

@@ -17,6 +17,7 @@
 #include <sstream>
 #include <memory>
 
+#include "kova-internal/paths.h"
 #include "files-api.h"
 #include "http-front.h"
 #include "http-listener.h"
@@ -46,16 +47,6 @@ void RaiseDescriptorLimit() {
         rl.rlim_cur = rl.rlim_max;
         setrlimit(RLIMIT_NOFILE, &rl);
     }
-}
-
-bool MakeDirs(const std::string &path) {
-    for (size_t i = 1; i <= path.size(); ++i) {
-        if (i == path.size() || path[i] == '/') {
-            std::string part = path.substr(0, i);
-            if (mkdir(part.c_str(), 0755) != 0 && errno != EEXIST) return false;
-        }
-    }
-    return true;
 }
 
 std::string SelfPath() {
@@ -143,7 +134,7 @@ int main(int argc, char **argv) {
 
     const std::string logDir = o.root + "/var/log";
     webd::Logs logs;
-    if (!MakeDirs(logDir) || !logs.Open(logDir)) {
+    if (!kova_internal::MakeDirs(logDir) || !logs.Open(logDir)) {
         fprintf(stderr, "kova-webd: cannot open the logs in %s\n", logDir.c_str());
         return 1;
     }
@@ -183,7 +174,7 @@ int main(int argc, char **argv) {
     int httpsPort = 0;
     if (o.httpsPort != webd::kPortOff) {
         webd::CertFiles cert{o.certFile, o.keyFile};
-        if (cert.cert.empty()) MakeDirs(o.root + "/etc");  // a failure is told by the next step
+        if (cert.cert.empty()) kova_internal::MakeDirs(o.root + "/etc");  // a failure is told by the next step
         if (cert.cert.empty() && !webd::EnsureSelfSigned(o.root + "/etc/tls", &cert, &why)) {
             logs.Error("no TLS certificate: " + why);
             return 1;

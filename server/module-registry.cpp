@@ -65,6 +65,10 @@ bool ModuleRegistry::Add(const std::vector<Route> &rows, std::string *why) {
     return true;
 }
 
+void ModuleRegistry::Drop(const std::vector<Route> &rows) {
+    for (const Route &r : rows) routes_.erase(Key(r.api, r.version, r.method));
+}
+
 bool ModuleRegistry::LoadModule(const std::string &file, const LogFn &log) {
     std::string base = file.substr(file.find_last_of('/') + 1);
     void *h = dlopen(file.c_str(), RTLD_NOW | RTLD_LOCAL);

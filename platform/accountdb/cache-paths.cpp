@@ -1,5 +1,6 @@
 #include "cache-paths.h"
 
+#include "kova-internal/paths.h"
 #include "kova-internal/fault-point.h"
 #include "kova/accountdb.h"
 #include "kova/errcode.h"
@@ -51,14 +52,9 @@ bool CachePath(int selector, int dbType, const std::string &domain, std::string 
 }
 
 bool MakeDirs(const std::string &dir) {
-    for (size_t pos = dir.find('/', 1);; pos = dir.find('/', pos + 1)) {
-        std::string cur = dir.substr(0, pos);
-        if (mkdir(cur.c_str(), 0755) != 0 && errno != EEXIST) {
-            KOVA_FAIL(KOVA_ERR_IO);
-            return false;
-        }
-        if (pos == std::string::npos) return true;
-    }
+    if (kova_internal::MakeDirs(dir)) return true;
+    KOVA_FAIL(KOVA_ERR_IO);
+    return false;
 }
 
 } // namespace kova_accountdb

@@ -2,6 +2,7 @@
 // ("#" comments), read from the platform root.
 #include "kova/klibc.h"
 #include "kova/errcode.h"
+#include "kova-internal/paths.h"
 #include "kova-internal/fault-point.h"
 #include "kova-internal/sys-calls.h"
 
@@ -158,8 +159,7 @@ extern "C" int KLIBCRootPath(const char *platformPath, char *out, size_t cbOut) 
         KOVA_FAIL(KOVA_ERR_BADARG);
         return -1;
     }
-    std::string root = KLIBCRootGet();
-    while (root.size() > 1 && root.back() == '/') root.pop_back();
+    const std::string root = kova_internal::StripTrailingSlashes(KLIBCRootGet());
     std::string p = platformPath;
     std::string full = (p.empty() || p[0] != '/') ? root + "/" + p : root + p;
     if (full.size() >= cbOut) {

@@ -9,7 +9,7 @@
 #include "kova-internal/text.h"
 
 #include "identity-switch.h"
-#include "real-path.h"
+#include "kova-internal/real-path.h"
 #include "user-path.h"
 
 #include <errno.h>
@@ -60,13 +60,12 @@ int PanoraFileShare::WfmCheckPath(const std::string &realPath) {
         const std::string parent = slash == 0 ? "/" : realPath.substr(0, slash);
         // The entry is judged and looked at through its folder's descriptor.
         std::string folder;
-        int raw = -1;
-        const int err = kova_share::RealPathOf(parent, folder, &raw);
+        kova_internal::OwnedFd folderFd;
+        const int err = kova_internal::RealPathOf(parent, folder, folderFd);
         if (err) {
             if (err == EACCES) return WFM_FAIL(KOVA_WFM_ERR_PERM, KOVA_ERR_PERM);
             return WFM_FAIL(KOVA_WFM_ERR_NOENT, KOVA_ERR_NOENT);
         }
-        kova_internal::OwnedFd folderFd(raw);
         struct stat st;
         if (Sys().fstatat(folderFd.get(), name.empty() ? "." : name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
             if (errno == EACCES) return WFM_FAIL(KOVA_WFM_ERR_PERM, KOVA_ERR_PERM);

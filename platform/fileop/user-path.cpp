@@ -6,10 +6,11 @@
 #include "kova/fileshare.h"
 #include "kova/klibc.h"
 #include "kova/share.h"
+#include "kova-internal/paths.h"
 #include "kova-internal/fault-point.h"
 #include "kova-internal/path-parts.h"
 #include "kova-internal/text.h"
-#include "real-path.h"
+#include "kova-internal/real-path.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -46,21 +47,16 @@ int FromErrno(int err) {
 // `rel` below baseFd: its descriptor and the kernel's name for it.
 int OpenBelow(int baseFd, const std::string &rel, int flags, OwnedFd &fd, std::string &name) {
     int raw = -1;
-    int err = kova_share::OpenBeneath(baseFd, rel, flags, &raw);
+    int err = kova_internal::OpenBeneath(baseFd, rel, flags, &raw);
     if (err) return FromErrno(err);
     OwnedFd opened(raw);
-    err = kova_share::NameOfFd(opened.get(), name);
+    err = kova_internal::NameOfFd(opened.get(), name);
     if (err) return FromErrno(err);
     fd = std::move(opened);
     return KOVA_WFM_ERR_NONE;
 }
 
 } // namespace
-
-bool UnderRoot(const std::string &path, const std::string &root) {
-    if (root == "/") return !path.empty() && path[0] == '/';
-    return path.compare(0, root.size(), root) == 0 && (path.size() == root.size() || path[root.size()] == '/');
-}
 
 int Resolve(const std::string &userPath, const std::string &user, Resolved &out) {
     // A NUL would end the text that C calls see before the text we judged.
@@ -99,7 +95,7 @@ int Resolve(const std::string &userPath, const std::string &user, Resolved &out)
 
     // The table names the real root: nothing at its path may be a link.
     int raw = -1;
-    int err = kova_share::OpenWithoutLinks(storedRoot, O_DIRECTORY, &raw);
+    int err = kova_internal::OpenWithoutLinks(storedRoot, O_DIRECTORY, &raw);
     if (err) return err == ELOOP || err == EINVAL ? FAIL_WITH(KOVA_WFM_ERR_BADPATH, KOVA_ERR_BADPATH) : FromErrno(err);
     OwnedFd shareFd(raw);
 
@@ -109,7 +105,7 @@ int Resolve(const std::string &userPath, const std::string &user, Resolved &out)
         rc = OpenBelow(shareFd.get(), user, O_DIRECTORY, r.rootFd, r.shareRoot);
         if (rc != KOVA_WFM_ERR_NONE) return rc;
     } else {
-        err = kova_share::NameOfFd(shareFd.get(), r.shareRoot);
+        err = kova_internal::NameOfFd(shareFd.get(), r.shareRoot);
         if (err) return FromErrno(err);
         r.rootFd = std::move(shareFd);
     }
@@ -120,7 +116,7 @@ int Resolve(const std::string &userPath, const std::string &user, Resolved &out)
     if (rc != KOVA_WFM_ERR_NONE) return rc;
     // The kernel kept the lookup below the root; its names must agree (a
     // root renamed meanwhile is not named by the table any more).
-    if (!UnderRoot(r.realPath, r.shareRoot)) return FAIL_WITH(KOVA_WFM_ERR_BADPATH, KOVA_ERR_BADPATH);
+    if (!kova_internal::UnderRoot(r.realPath, r.shareRoot)) return FAIL_WITH(KOVA_WFM_ERR_BADPATH, KOVA_ERR_BADPATH);
     out = std::move(r);
     return KOVA_WFM_ERR_NONE;
 }

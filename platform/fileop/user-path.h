@@ -35,9 +35,6 @@ struct Resolved {
 // 0 on success; otherwise a KOVA_WFM_ERR_* class, the last error set and
 // `out` untouched. userPath and user must be NUL-free UTF-8.
 int Resolve(const std::string &userPath, const std::string &user, Resolved &out);
-// True when path equals root or lies below it, on a component boundary
-// (both canonical): "/vol/pub2/x" is not below "/vol/pub".
-bool UnderRoot(const std::string &path, const std::string &root);
 
 } // namespace kova_fileop
 

@@ -1,7 +1,8 @@
 // The per-thread share table (rules in share-cache.h).
 #include "share-cache.h"
 
-#include "real-path.h"
+#include "kova-internal/paths.h"
+#include "kova-internal/real-path.h"
 #include "share-db.h"
 
 #include "kova/errcode.h"
@@ -108,17 +109,12 @@ struct Cache {
 
 thread_local Cache tCache;
 
-std::string StripTrailingSlashes(std::string p) {
-    while (p.size() > 1 && p.back() == '/') p.pop_back();
-    return p;
-}
-
 // The root directory at the stored path now: a real folder, no link on the
 // way. A link put at the root's path, or at a folder above it, holds
 // nothing; nor does a root that is missing.
 bool OpenRoot(const ShareRoot &r, struct stat &st) {
     int fd = -1;
-    if (OpenWithoutLinks(r.stored, O_DIRECTORY, &fd) != 0) return false;
+    if (kova_internal::OpenWithoutLinks(r.stored, O_DIRECTORY, &fd) != 0) return false;
     OwnedFd root(fd);
     return Sys().fstat(root.get(), &st) == 0;
 }
@@ -149,7 +145,7 @@ bool ReadTable(ShareRoots &out) {
     for (const KOVA_SHARE &s : shares) {
         ShareRoot r;
         r.name = s.szName;
-        r.stored = StripTrailingSlashes(s.szPath);
+        r.stored = kova_internal::StripTrailingSlashes(s.szPath);
         Locate(r);
         out.push_back(std::move(r));
     }

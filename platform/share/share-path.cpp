@@ -7,10 +7,11 @@
 #include "kova/share.h"
 #include "kova/errcode.h"
 #include "kova/klibc.h"
+#include "kova-internal/paths.h"
 #include "kova-internal/fault-point.h"
 #include "kova-internal/owned-fd.h"
 #include "kova-internal/sys-calls.h"
-#include "real-path.h"
+#include "kova-internal/real-path.h"
 #include "share-cache.h"
 #include "share-db.h"
 #include "share-lookup.h"
@@ -28,11 +29,6 @@
 
 namespace {
 
-std::string StripTrailingSlashes(std::string p) {
-    while (p.size() > 1 && p.back() == '/') p.pop_back();
-    return p;
-}
-
 // What canonicalisation reached: the real path, and a descriptor of the
 // object it names (of its folder when only the final component is missing,
 // `named` then being that folder's real path).
@@ -42,19 +38,12 @@ struct Reached {
     kova_internal::OwnedFd fd;
 };
 
-bool RealPath(const std::string &p, std::string &out, kova_internal::OwnedFd &fd, int &err) {
-    int raw = -1;
-    err = kova_share::RealPathOf(p, out, &raw);
-    fd = kova_internal::OwnedFd(raw);
-    return err == 0;
-}
-
 // The real path of the whole path; when only the final component is
 // missing, the real parent plus that name. False with the last error set.
 bool Canonicalise(const std::string &raw, Reached &out) {
-    std::string p = StripTrailingSlashes(raw);
-    int err = 0;
-    if (RealPath(p, out.canonical, out.fd, err)) {
+    std::string p = kova_internal::StripTrailingSlashes(raw);
+    int err = kova_internal::RealPathOf(p, out.canonical, out.fd);
+    if (err == 0) {
         out.named = out.canonical;
         return true;
     }
@@ -69,7 +58,8 @@ bool Canonicalise(const std::string &raw, Reached &out) {
         KOVA_FAIL(KOVA_ERR_BADPATH);
         return false;
     }
-    if (!RealPath(parent, out.named, out.fd, err)) {
+    err = kova_internal::RealPathOf(parent, out.named, out.fd);
+    if (err != 0) {
         KOVA_FAIL(err == ENOENT ? KOVA_ERR_NOENT : err == EACCES ? KOVA_ERR_PERM : KOVA_ERR_BADPATH);
         return false;
     }
@@ -84,11 +74,11 @@ bool Canonicalise(const std::string &raw, Reached &out) {
 // link since it was named fails here.
 bool ReachedBeneath(const kova_share::ShareRoot &root, const Reached &r) {
     int raw = -1;
-    if (kova_share::OpenWithoutLinks(root.real, O_DIRECTORY, &raw) != 0) return false;
+    if (kova_internal::OpenWithoutLinks(root.real, O_DIRECTORY, &raw) != 0) return false;
     kova_internal::OwnedFd rootFd(raw);
     std::string rel = r.named.size() > root.real.size() ? r.named.substr(root.real.size()) : std::string();
     while (!rel.empty() && rel[0] == '/') rel.erase(0, 1);
-    if (kova_share::OpenBeneath(rootFd.get(), rel, 0, &raw) != 0) return false;
+    if (kova_internal::OpenBeneath(rootFd.get(), rel, 0, &raw) != 0) return false;
     kova_internal::OwnedFd below(raw);
     struct stat now, named;
     return kova_internal::Sys().fstat(below.get(), &now) == 0 && kova_internal::Sys().fstat(r.fd.get(), &named) == 0 &&
@@ -109,11 +99,6 @@ std::string CollapseDots(const std::string &p) {
     return out.empty() ? "/" : out;
 }
 
-bool UnderRoot(const std::string &path, const std::string &root) {
-    if (root == "/") return true;
-    return path.compare(0, root.size(), root) == 0 && (path.size() == root.size() || path[root.size()] == '/');
-}
-
 // Index of the share whose real root is the longest prefix of path, or -1.
 // Roots are compared as they are on disk now (stored paths are real when
 // written, but a root may be recorded by another tool).
@@ -122,7 +107,7 @@ int LongestMatch(const kova_share::ShareRoots &shares, const std::string &path) 
     size_t bestLen = 0;
     for (size_t i = 0; i < shares.size(); ++i) {
         const std::string &root = shares[i].real;
-        if (!shares[i].exists || !UnderRoot(path, root)) continue;
+        if (!shares[i].exists || !kova_internal::UnderRoot(path, root)) continue;
         if (best < 0 || root.size() > bestLen) {
             best = static_cast<int>(i);
             bestLen = root.size();
@@ -142,25 +127,26 @@ bool Table(std::shared_ptr<const kova_share::ShareRoots> &table) {
 
 } // namespace
 
-int kova_share::ShareOfRealPath(const std::string &real, std::string &name, std::string &root) {
+extern "C" int KOVAShareOfRealPath(const char *szRealPath, char *szName, int cbName, char *szSharePath,
+                                   int cbSharePath) {
+    // Same fault point as KOVAShareNamePathGet: it is that call's lookup.
     KOVA_FAULT_POINT("KOVAShareNamePathGet", int);
-    if (real.find('\0') != std::string::npos) {
+    if (!szRealPath || (szName && cbName <= 0) || (szSharePath && cbSharePath <= 0)) {
         KOVA_FAIL(KOVA_ERR_BADARG);
         return -1;
     }
-    std::shared_ptr<const ShareRoots> table;
+    const std::string real = szRealPath;
+    std::shared_ptr<const kova_share::ShareRoots> table;
     if (!Table(table)) return -1;
     const int found = LongestMatch(*table, real);
     if (found < 0) {
         KOVA_FAIL(KOVA_ERR_NOSHARE);
         return -1;
     }
-    const ShareRoot &s = (*table)[static_cast<size_t>(found)];
-    try {
-        name = s.name;
-        root = s.real;
-    } catch (const std::bad_alloc &) {
-        KOVA_FAIL(KOVA_ERR_NOMEM);
+    const kova_share::ShareRoot &s = (*table)[static_cast<size_t>(found)];
+    if ((szName && !kova_share::CopyText(szName, static_cast<size_t>(cbName), s.name)) ||
+        (szSharePath && !kova_share::CopyText(szSharePath, static_cast<size_t>(cbSharePath), s.real))) {
+        KOVA_FAIL(KOVA_ERR_RANGE);
         return -1;
     }
     return 0;
@@ -187,7 +173,7 @@ extern "C" int KOVAShareNamePathGet(const char *szPath, char *szName, int cbName
 
     int lexical = LongestMatch(shares, CollapseDots(raw));
     int real = LongestMatch(shares, canonical);
-    if (lexical >= 0 && !UnderRoot(canonical, shares[static_cast<size_t>(lexical)].real)) {
+    if (lexical >= 0 && !kova_internal::UnderRoot(canonical, shares[static_cast<size_t>(lexical)].real)) {
         // Written inside a share but resolving elsewhere: an escape.
         KOVA_FAIL(KOVA_ERR_BADPATH);
         return -1;

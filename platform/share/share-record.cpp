@@ -2,8 +2,9 @@
 #include "kova/share.h"
 #include "kova/errcode.h"
 #include "kova/klibc.h"
+#include "kova-internal/paths.h"
 #include "kova-internal/fault-point.h"
-#include "real-path.h"
+#include "kova-internal/real-path.h"
 #include "share-cache.h"
 #include "share-db.h"
 
@@ -36,10 +37,9 @@ bool ValidName(const char *name) {
 // later put at that path holds nothing), else as given without trailing
 // slashes.
 std::string RootToRecord(const char *given) {
-    std::string root = given;
-    while (root.size() > 1 && root.back() == '/') root.pop_back();
+    const std::string root = kova_internal::StripTrailingSlashes(given);
     std::string real;
-    return kova_share::RealPathOf(root, real) == 0 ? real : root;
+    return kova_internal::RealPathOf(root, real) == 0 ? real : root;
 }
 
 bool ValidPriv(int p) { return p == KOVA_SHARE_PRIV_NONE || p == KOVA_SHARE_PRIV_RO || p == KOVA_SHARE_PRIV_RW; }

@@ -31,9 +31,12 @@
 
 #include "kova/klibc.h"
 
+#include "kova/export.h"
+
 #ifdef __cplusplus
 extern "C" {
 #endif
+KOVA_API_BEGIN
 
 #define KOVA_UID_FIRST_USER   1024
 #define KOVA_UID_GUEST        1025
@@ -148,6 +151,7 @@ int KOVAGroupDelete(const char *szName);
 int KOVAGroupMemberAdd(const char *szGroup, const char *szUser);
 int KOVAGroupMemberRemove(const char *szGroup, const char *szUser);
 
+KOVA_API_END
 #ifdef __cplusplus
 }
 #endif

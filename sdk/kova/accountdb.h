@@ -24,9 +24,12 @@
 
 #include <stdint.h>
 
+#include "kova/export.h"
+
 #ifdef __cplusplus
 extern "C" {
 #endif
+KOVA_API_BEGIN
 
 /* Database selectors (first argument of Open and GetPath) */
 #define KOVA_ACCOUNTDB_DOMAIN   2
@@ -67,6 +70,7 @@ const char *KOVAACCOUNTDBGetResult(PKOVA_ACCOUNTDB_ROW pRow, const char *szField
  * success. */
 int      KOVAACCOUNTDBGetPath(int selector, int kind, int dbType, const char *szDomain, char *szBuf, int cbBuf);
 
+KOVA_API_END
 #ifdef __cplusplus
 }
 #endif

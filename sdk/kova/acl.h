@@ -24,9 +24,12 @@
 
 #include <stddef.h>
 
+#include "kova/export.h"
+
 #ifdef __cplusplus
 extern "C" {
 #endif
+KOVA_API_BEGIN
 
 /* ID types of an entry */
 #define KOVA_ACL_ID_USER        1
@@ -163,6 +166,7 @@ int KOVAACLOwnerIdSet(const char *szPath, const KOVA_ACL_ID *pOwner);
 /* Non-zero for the names of the platform's hidden attribute directories. */
 int KOVAEAIsHiddenDir(const char *szName);
 
+KOVA_API_END
 #ifdef __cplusplus
 }
 #endif

@@ -12,9 +12,12 @@
 
 #include "kova/klibc.h"
 
+#include "kova/export.h"
+
 #ifdef __cplusplus
 extern "C" {
 #endif
+KOVA_API_BEGIN
 
 int KOVALDAPIsBinded(void);
 /* The login suffix (for example "example.com") into szBuf. Negative when not
@@ -31,6 +34,7 @@ int KOVAWinsEnumOU(PKLIBC_SZLIST *ppNames, PKLIBC_SZLIST *ppDetails);
 /* Non-zero when the domain controller is the platform's own directory server. */
 int KOVAWinsIsKovaADS(void);
 
+KOVA_API_END
 #ifdef __cplusplus
 }
 #endif

@@ -20,9 +20,12 @@
 #ifndef KOVA_FAULT_H
 #define KOVA_FAULT_H
 
+#include "kova/export.h"
+
 #ifdef __cplusplus
 extern "C" {
 #endif
+KOVA_API_BEGIN
 
 int  KLIBCFaultSet(const char *szCall, int nth, long result, int error);
 void KLIBCFaultClearAll(void);
@@ -33,6 +36,7 @@ long KLIBCFaultCallCount(void);
  * when a fault fires, 0 otherwise. Used by the platform at each call. */
 int  KLIBCFaultHit(const char *szCall, long *pResult);
 
+KOVA_API_END
 #ifdef __cplusplus
 }
 #endif

@@ -15,6 +15,10 @@
 
 #include <string>
 
+#include "kova/export.h"
+
+KOVA_API_BEGIN
+
 /* WfmLibGetErr() values */
 #define KOVA_WFM_ERR_NONE        0
 #define KOVA_WFM_ERR_BADARG      1
@@ -70,5 +74,7 @@ public:
 private:
     int err_;
 };
+
+KOVA_API_END
 
 #endif

@@ -19,9 +19,12 @@
 
 #include <stddef.h>
 
+#include "kova/export.h"
+
 #ifdef __cplusplus
 extern "C" {
 #endif
+KOVA_API_BEGIN
 
 /* ---- last error ------------------------------------------------------ */
 int         KLIBCErrGet(void);
@@ -75,6 +78,7 @@ const char *KLIBCRootGet(void);
  * the length written, negative when the buffer is too small. */
 int KLIBCRootPath(const char *szPlatformPath, char *szOut, size_t cbOut);
 
+KOVA_API_END
 #ifdef __cplusplus
 }
 #endif

@@ -15,6 +15,10 @@
 
 #include <json/json.h>
 
+#include "kova/export.h"
+
+KOVA_API_BEGIN
+
 namespace KOVA { class APIRequest; }
 
 #define KOVA_PARAM_TYPE_INT     1
@@ -28,5 +32,7 @@ public:
     static bool check(KOVA::APIRequest *request, const Json::Value &schema);
     static bool check(const Json::Value &value, const Json::Value &schema);
 };
+
+KOVA_API_END
 
 #endif

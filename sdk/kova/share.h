@@ -14,9 +14,12 @@
 
 #include "kova/klibc.h"
 
+#include "kova/export.h"
+
 #ifdef __cplusplus
 extern "C" {
 #endif
+KOVA_API_BEGIN
 
 typedef enum _tag_FSTYPE {
     FSTYPE_UNKNOWN   = 0,   /* refused outright */
@@ -69,6 +72,10 @@ typedef struct _tag_KOVA_SHARE {
 /* The share holding a path: its name and real root path. The path need
  * not exist beyond its parent. Negative when no share holds it. */
 int  KOVAShareNamePathGet(const char *szPath, char *szName, int cbName, char *szSharePath, int cbSharePath);
+/* The same lookup for a path the caller has already made real (links and
+ * ".." resolved): only the share table is consulted, the path is not
+ * resolved again. Negative when no share holds it (KOVA_ERR_NOSHARE). */
+int  KOVAShareOfRealPath(const char *szRealPath, char *szName, int cbName, char *szSharePath, int cbSharePath);
 int  KOVAShareGet(const char *szName, PKOVA_SHARE *ppShare);
 void KOVAShareFree(PKOVA_SHARE pShare);
 /* Stores a share record (creates or replaces by name). */
@@ -89,6 +96,7 @@ int  KOVASharePrivSet(const char *szShare, int principalType, const char *szPrin
  * of the user or any of its groups denies. */
 int  KOVASharePrivGet(const char *szShare, const char *szUser, int *pPriv);
 
+KOVA_API_END
 #ifdef __cplusplus
 }
 #endif

@@ -10,6 +10,10 @@
 
 #include <string>
 
+#include "kova/export.h"
+
+KOVA_API_BEGIN
+
 class StringBundle {
 public:
     StringBundle(int module, const std::string &section);
@@ -23,5 +27,7 @@ private:
     struct Impl;
     Impl *d_;
 };
+
+KOVA_API_END
 
 #endif

@@ -28,6 +28,10 @@
 #include <string>
 #include <json/json.h>
 
+#include "kova/export.h"
+
+KOVA_API_BEGIN
+
 #define KOVA_POLLING_ERR_NONE      0
 #define KOVA_POLLING_ERR_BADARG    1
 #define KOVA_POLLING_ERR_NOTASK    2   /* no such task, or not the caller's */
@@ -119,5 +123,7 @@ private:
 };
 
 } // namespace KOVA
+
+KOVA_API_END
 
 #endif

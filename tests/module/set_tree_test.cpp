@@ -425,11 +425,11 @@ TEST_F(SetTreeTest, DeepTreeFinishesWithFewDescriptors) {
         path += "/" + name;
         if (path.size() + 2 < PATH_MAX) nameable.push_back(path);
         if (!withFiles.count(level)) continue;
-        for (const char *name : {"a", "z"}) {
-            const int file = openat(fd, name, O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+        for (const char *fileName : {"a", "z"}) {
+            const int file = openat(fd, fileName, O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
             ASSERT_GE(file, 0);
             close(file);
-            if (path.size() + 2 < PATH_MAX) nameable.push_back(path + "/" + name);
+            if (path.size() + 2 < PATH_MAX) nameable.push_back(path + "/" + fileName);
         }
     }
     close(fd);

@@ -149,8 +149,8 @@ TEST_F(Server, ATextWithANulOrBadUtf8NeverSignsInNorSlipsPastTheThrottle) {
 // Each sign-in hashes with a buffer of many MiB, in whichever handler
 // thread took it; none may keep its buffer afterwards.
 TEST_F(Server, SignInsFromManyThreadsLeaveTheFrontsMemoryBounded) {
-#if defined(__SANITIZE_ADDRESS__)
-    GTEST_SKIP() << "the sanitizer's allocator keeps freed memory in quarantine by design";
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "the sanitizer's allocator keeps freed memory and shadow memory by design";
 #endif
     std::vector<std::thread> threads;
     std::atomic<int> ok{0};

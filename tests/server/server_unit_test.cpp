@@ -5,6 +5,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <set>
+
 #include "api-call.h"
 #include "files-api.h"
 #include "frame.h"
@@ -462,6 +464,53 @@ TEST(Front, HandlesWholeRequestsInProcess) {
     EXPECT_EQ(414, refused.status);
     EXPECT_EQ(106, code(refused));
     EXPECT_EQ("close", refused.Header("Connection"));
+}
+
+// The front's own APIs are rows of the registry it serves, looked up like
+// any module's, and leave with it: a later front on the same registry
+// answers them itself instead of calling into one that is gone.
+TEST(Front, OwnApisAreRegistryRowsForItsLifetime) {
+    kova_test::TempRoot root;
+    webd::Logs logs;
+    webd::ModuleRegistry reg;
+    ASSERT_TRUE(reg.Add({{"T", 1, "m", H, "t.so"}}));
+    webd::SessionStore sessions(3600);
+    webd::WorkerPool pool({root.At("no-such-program")}, 1, 5, logs);
+    const webd::Route *r = nullptr;
+    webd::HttpRequest login;
+    login.method = "GET";
+    login.target = "/webapi?api=KOVA.Server.Session&version=1&method=login&account=x";  // no passwd
+    for (int round = 0; round < 2; ++round) {
+        webd::Front front(reg, sessions, pool, logs, "");
+        ASSERT_EQ(webd::ModuleRegistry::Lookup::kFound, reg.Find("KOVA.Server.Session", 1, "login", &r));
+        EXPECT_TRUE(r->RunsInFront());
+        EXPECT_FALSE(r->needsSession);
+        ASSERT_EQ(webd::ModuleRegistry::Lookup::kFound, reg.Find("KOVA.Server.Info", 1, "query", &r));
+        EXPECT_TRUE(r->RunsInFront());
+        EXPECT_TRUE(r->needsSession);
+        ASSERT_EQ(webd::ModuleRegistry::Lookup::kFound, reg.Find("T", 1, "m", &r));
+        EXPECT_FALSE(r->RunsInFront());
+        // The sign-in needs no session; its checks ran in this front.
+        webd::HttpReply res = front.Handle(login);
+        EXPECT_EQ(400, res.status) << round;
+        EXPECT_NE(std::string::npos, res.body.find("passwd")) << res.body;
+
+        webd::Session s;
+        s.user = "someone";
+        ASSERT_TRUE(sessions.Create(s));
+        webd::HttpRequest query;
+        query.method = "GET";
+        query.target = "/webapi?api=KOVA.Server.Info&version=1&method=query";
+        query.headers = {{"cookie", "kova_sid=" + s.id}, {"x-kova-token", s.token}};
+        Json::Value v;
+        ASSERT_TRUE(webd::ParseJsonText(front.Handle(query).body, v));
+        std::set<std::string> apis;
+        for (const Json::Value &a : v["data"]["apis"]) apis.insert(a["api"].asString() + " " + a["origin"].asString());
+        EXPECT_EQ((std::set<std::string>{"T t.so", "KOVA.Server.Info built-in", "KOVA.Server.Session built-in"}), apis);
+    }
+    EXPECT_EQ(webd::ModuleRegistry::Lookup::kNoAPI, reg.Find("KOVA.Server.Session", 1, "login", &r));
+    EXPECT_EQ(webd::ModuleRegistry::Lookup::kNoAPI, reg.Find("KOVA.Server.Info", 1, "query", &r));
+    EXPECT_EQ(webd::ModuleRegistry::Lookup::kFound, reg.Find("T", 1, "m", &r));
 }
 
 } // namespace

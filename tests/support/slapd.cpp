@@ -150,9 +150,9 @@ bool Slapd::Start(std::string *error) {
     pid_t pid = fork();
     if (pid < 0) return fail("fork failed");
     if (pid == 0) {
-        std::string conf = dir_ + "/slapd.conf", url = uri();
+        std::string confFile = dir_ + "/slapd.conf", url = uri();
         // -d 0 keeps slapd in the foreground, so this pid is the server's.
-        execl(kSlapd, "slapd", "-f", conf.c_str(), "-h", url.c_str(), "-d", "0", static_cast<char *>(nullptr));
+        execl(kSlapd, "slapd", "-f", confFile.c_str(), "-h", url.c_str(), "-d", "0", static_cast<char *>(nullptr));
         _exit(127);
     }
     pid_ = pid;

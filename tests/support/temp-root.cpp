@@ -1,5 +1,7 @@
 #include "temp-root.h"
 
+#include "kova-internal/paths.h"
+
 #include <dirent.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -32,17 +34,7 @@ TempRoot::~TempRoot() {
 
 std::string TempRoot::At(const std::string &rel) const { return path_ + "/" + rel; }
 
-bool MakeDirs(const std::string &path) {
-    std::string cur;
-    size_t pos = 0;
-    while (pos != std::string::npos) {
-        pos = path.find('/', pos + 1);
-        cur = path.substr(0, pos);
-        if (cur.empty()) continue;
-        if (mkdir(cur.c_str(), 0755) != 0 && errno != EEXIST) return false;
-    }
-    return true;
-}
+bool MakeDirs(const std::string &path) { return kova_internal::MakeDirs(path); }
 
 bool WriteFile(const std::string &path, const std::string &content) {
     size_t slash = path.rfind('/');

@@ -1,6 +1,7 @@
 // kova-admin init: lays out a platform root. Running it again adds what is
 // missing and keeps what is there (settings already made stay as they are).
 #include "command.h"
+#include "kova-internal/paths.h"
 
 #include "kova/account.h"
 #include "kova/klibc.h"
@@ -14,16 +15,6 @@
 #include <string>
 
 namespace {
-
-bool MakeDirs(const std::string &path, mode_t mode) {
-    for (size_t pos = 1; pos != std::string::npos;) {
-        pos = path.find('/', pos + 1);
-        std::string cur = path.substr(0, pos);
-        if (mkdir(cur.c_str(), mode) != 0 && errno != EEXIST) return false;
-    }
-    struct stat st;
-    return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
-}
 
 bool WriteIfMissing(const std::string &path, const std::string &content) {
     struct stat st;
@@ -48,7 +39,7 @@ int RunInit(const std::vector<std::string> &args) {
     if (empty && lstat((root + "/etc/accounts.db").c_str(), &accounts) == 0)
         return kova_admin::FailPlain("init --empty: " + root + " already has accounts; remove unwanted ones with user del");
     for (const char *dir : {"etc", "usr/share/strings/enu", "var/run/tasks", "var/log", "volumes/volume1"})
-        if (!MakeDirs(root + "/" + dir, 0755)) return kova_admin::Fail(std::string("cannot create ") + root + "/" + dir);
+        if (!kova_internal::MakeDirs(root + "/" + dir, 0755)) return kova_admin::Fail(std::string("cannot create ") + root + "/" + dir);
     // Task records hold other users' results: only root reads them.
     chmod((root + "/var/run/tasks").c_str(), 0700);
 

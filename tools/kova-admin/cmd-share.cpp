@@ -2,6 +2,8 @@
 #include "command.h"
 
 #include "kova/account.h"
+#include "kova-internal/paths.h"
+#include "kova-internal/real-path.h"
 #include "kova/klibc.h"
 #include "kova/share.h"
 
@@ -46,15 +48,6 @@ const char *PrivText(int p) {
     }
 }
 
-bool MakeDirs(const std::string &path) {
-    for (size_t pos = 1; pos != std::string::npos;) {
-        pos = path.find('/', pos + 1);
-        std::string cur = path.substr(0, pos);
-        if (mkdir(cur.c_str(), 0755) != 0 && errno != EEXIST) return false;
-    }
-    return true;
-}
-
 int RunAdd(const std::vector<std::string> &args) {
     auto pos = kova_admin::Positionals(args, {"--path", "--acl-status", "--default-priv", "--comment", "--mode", "--owner"});
     if (pos.size() != 1) return FailPlain("usage: share add NAME [--path P] [options]");
@@ -94,7 +87,7 @@ int RunAdd(const std::vector<std::string> &args) {
     share.aclStatus = aclStatus == "1" ? 1 : 0;
     share.defaultPriv = defaultPriv;
 
-    if (!MakeDirs(path)) return FailPlain("cannot create " + path + ": " + std::strerror(errno));
+    if (!kova_internal::MakeDirs(path)) return FailPlain("cannot create " + path + ": " + std::strerror(errno));
     if (created || !modeText.empty() || !ownerText.empty()) {
         int fd = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
         bool ok = fd >= 0 && (!(created || !modeText.empty()) || fchmod(fd, static_cast<mode_t>(mode)) == 0) &&
@@ -102,9 +95,11 @@ int RunAdd(const std::vector<std::string> &args) {
         if (fd >= 0) close(fd);
         if (!ok) return FailPlain("cannot set the mode or owner of " + path + ": " + std::strerror(errno));
     }
-    char real[PATH_MAX];
-    if (!realpath(path.c_str(), real)) return Fail("cannot resolve " + path);
-    std::snprintf(share.szPath, sizeof share.szPath, "%s", real);
+    std::string real;
+    if (const int err = kova_internal::RealPathOf(path, real); err != 0)
+        return FailPlain("cannot resolve " + path + ": " + std::strerror(err));
+    if (real.size() >= sizeof share.szPath) return FailPlain("the share path is too long: " + real);
+    std::snprintf(share.szPath, sizeof share.szPath, "%s", real.c_str());
     if (KOVAShareSet(&share) < 0) return Fail("cannot store share " + name);
     std::printf("share %s at %s\n", share.szName, share.szPath);
     return 0;

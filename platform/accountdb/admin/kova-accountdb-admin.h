@@ -16,6 +16,11 @@
 #include <string>
 #include <vector>
 
+#include "kova/export.h"
+
+// The administration interface beside the public one: exported like it.
+KOVA_API_BEGIN
+
 // id and gid are -1 when the entry has none: LDAP caches keep uidNumber /
 // gidNumber (and a user's primary gidNumber), domain caches the RID (and a
 // user's primary group RID); members are the group's memberUid values and
@@ -24,7 +29,7 @@ struct KovaCacheEntry {
     bool group = false;
     std::string name, desc, mail, fullname, dn;
     long long id = -1, gid = -1;
-    std::vector<std::string> members;
+    std::vector<std::string> members{};  // initialised, so rows written without it are whole
 };
 
 class KovaAccountCacheBuilder {
@@ -59,5 +64,7 @@ public:
     // Removes both caches of a domain and its catalogue entries.
     static int RemoveDomain(const std::string &domain) noexcept;
 };
+
+KOVA_API_END
 
 #endif

@@ -16,6 +16,11 @@
 #include <string>
 #include <vector>
 
+#include "kova/export.h"
+
+// The administration interface beside the public one: exported like it.
+KOVA_API_BEGIN
+
 struct KovaCachedAccount {
     std::string name, dn, desc, mail;
     long long id = -1, gid = -1;
@@ -34,5 +39,7 @@ public:
     static int GroupIdsOf(int selector, const std::string &domain, const KovaCachedAccount &user,
                           std::vector<long long> &ids) noexcept;
 };
+
+KOVA_API_END
 
 #endif

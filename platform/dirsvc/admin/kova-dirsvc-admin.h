@@ -14,6 +14,11 @@
 #include <string>
 #include <vector>
 
+#include "kova/export.h"
+
+// The administration interface beside the public one: exported like it.
+KOVA_API_BEGIN
+
 struct KovaLdapConfig {
     bool bound = false;
     std::string uri, base, bindDn, password, suffix;
@@ -106,5 +111,7 @@ public:
     // True for valid domain names (as DomainAdd takes them).
     static bool ValidDomainName(const std::string &name) noexcept;
 };
+
+KOVA_API_END
 
 #endif

@@ -1,22 +1,22 @@
 #include "module-host.h"
 
+#include "frame.h"
+#include "identity-switch.h"
+
 #include "kova/account.h"
 #include "kova/fault.h"
 #include "kova/klibc.h"
 #include "kova/webapi.h"
 
 #include <dlfcn.h>
-#include <grp.h>
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdint>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 #include <sstream>
 
 namespace kova_host {
@@ -41,43 +41,6 @@ extern "C" int __lsan_do_recoverable_leak_check(void) __attribute__((weak));
 namespace kova_host {
 namespace {
 
-bool WriteAll(int fd, const char *data, size_t size) {
-    while (size > 0) {
-        ssize_t n = write(fd, data, size);
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            return false;
-        }
-        data += n;
-        size -= static_cast<size_t>(n);
-    }
-    return true;
-}
-
-// Reads exactly size bytes; false on EOF or error.
-bool ReadAll(int fd, char *data, size_t size) {
-    while (size > 0) {
-        ssize_t n = read(fd, data, size);
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            return false;
-        }
-        if (n == 0) return false;
-        data += n;
-        size -= static_cast<size_t>(n);
-    }
-    return true;
-}
-
-// The framed report a child sends: 4-byte length, then JSON text. The length
-// lets the parent stop reading before EOF, which matters because background
-// tasks started by a handler inherit the pipe.
-void SendReport(int fd, const Json::Value &report) {
-    std::string text = ToJsonText(report);
-    uint32_t size = static_cast<uint32_t>(text.size());
-    if (WriteAll(fd, reinterpret_cast<const char *>(&size), sizeof size)) WriteAll(fd, text.data(), text.size());
-}
-
 Json::Value LogsToJson(const std::vector<LogLine> &logs) {
     Json::Value out(Json::arrayValue);
     for (const auto &line : logs) {
@@ -89,45 +52,11 @@ Json::Value LogsToJson(const std::vector<LogLine> &logs) {
     return out;
 }
 
-// Ids of a login user from the platform accounts, as the server resolves them.
-bool ResolveUser(const std::string &name, uid_t &uid, gid_t &gid, std::vector<gid_t> &groups, std::string &error) {
-    PKOVA_USER user = nullptr;
-    if (KOVAUserGet(name.c_str(), &user) != 0 || !user) {
-        KOVAUserFree(user);
-        error = "login user '" + name + "' not found in the platform accounts";
-        return false;
-    }
-    uid = user->uid;
-    gid = user->gid;
-    KOVAUserFree(user);
-    PKLIBC_SZLIST list = KLIBGroupInfoListGet(name.c_str(), 0);
-    if (!list) {
-        error = "group list of '" + name + "' unavailable";
-        return false;
-    }
-    groups.clear();
-    for (int i = 0; i < list->nItem; ++i) {
-        const char *item = KLIBCSzListGet(list, i);
-        if (item && *item) groups.push_back(static_cast<gid_t>(std::strtoul(item, nullptr, 10)));
-    }
-    KLIBCSzListFree(list);
-    return true;
-}
-
+// The ids as the server's worker takes them on; false with error set.
 bool SwitchIds(uid_t uid, gid_t gid, const std::vector<gid_t> &groups, std::string &error) {
-    if (setgroups(groups.size(), groups.empty() ? nullptr : groups.data()) != 0) {
-        error = std::string("setgroups: ") + std::strerror(errno);
-        return false;
-    }
-    if (setresgid(static_cast<gid_t>(-1), gid, static_cast<gid_t>(-1)) != 0) {
-        error = std::string("setresgid: ") + std::strerror(errno);
-        return false;
-    }
-    if (setresuid(static_cast<uid_t>(-1), uid, static_cast<uid_t>(-1)) != 0) {
-        error = std::string("setresuid: ") + std::strerror(errno);
-        return false;
-    }
-    return true;
+    if (webd::BecomeUser(uid, gid, groups)) return true;
+    error = "cannot switch to uid " + std::to_string(uid) + " gid " + std::to_string(gid);
+    return false;
 }
 
 // The child's side of one call; returns the report.
@@ -140,10 +69,13 @@ Json::Value RunInChild(KOVA_API_HANDLER handler, const std::string &api, int ver
     std::string error;
     switch (options.ids) {
     case Ids::LoginUser: {
-        uid_t uid = 0;
-        gid_t gid = 0;
-        std::vector<gid_t> groups;
-        if (!ResolveUser(options.user, uid, gid, groups, error) || !SwitchIds(uid, gid, groups, error)) {
+        webd::UserIds ids;
+        if (!webd::LookupUserIds(options.user, ids)) {
+            report["hostError"] = "ids of login user '" + options.user + "' unavailable, last error " +
+                                  std::to_string(KLIBCErrGet());
+            return report;
+        }
+        if (!SwitchIds(ids.uid, ids.gid, ids.groups, error)) {
             report["hostError"] = error;
             return report;
         }
@@ -233,7 +165,7 @@ std::string CallResult::LogDump() const {
 std::string CallResult::Dump() const {
     std::ostringstream out;
     if (!delivered) out << "not delivered: " << hostError << '\n';
-    out << "response: " << ToJsonText(response) << '\n' << "logs:\n" << LogDump();
+    out << "response: " << webd::ToJsonText(response) << '\n' << "logs:\n" << LogDump();
     return out.str();
 }
 
@@ -271,26 +203,22 @@ void ModuleHost::Load(const std::string &libraryPath) {
         error_ = "no GetAPITable in " + libraryPath;
         return;
     }
-    KOVA_GET_API_TABLE get = reinterpret_cast<KOVA_GET_API_TABLE>(sym);
-    const KOVA_API_ENTRY *table = get();
-    if (!table) {
-        error_ = "GetAPITable returned NULL";
+    const KOVA_API_ENTRY *table = reinterpret_cast<KOVA_GET_API_TABLE>(sym)();
+    // The server's own check and lookup: a table it would refuse is refused here.
+    std::vector<webd::Route> rows;
+    std::string why = webd::ValidateTable(table, rows);
+    if (why.empty()) registry_.Add(rows, &why);
+    if (!why.empty()) {
+        error_ = "malformed API table: " + why;
         return;
-    }
-    for (const KOVA_API_ENTRY *row = table; row->szAPI || row->szMethod || row->handler || row->version; ++row) {
-        if (!row->szAPI || !row->szMethod || !row->handler || row->version < 1) {
-            error_ = "malformed row " + std::to_string(row - table) + " in the method table";
-            return;
-        }
     }
     table_ = table;
 }
 
 KOVA_API_HANDLER ModuleHost::Find(const std::string &api, int version, const std::string &method) const {
-    if (!table_) return nullptr;
-    for (const KOVA_API_ENTRY *row = table_; row->szAPI; ++row)
-        if (api == row->szAPI && version == row->version && method == row->szMethod) return row->handler;
-    return nullptr;
+    const webd::Route *route = nullptr;
+    if (registry_.Find(api, version, method, &route) != webd::ModuleRegistry::Lookup::kFound) return nullptr;
+    return route->handler;
 }
 
 CallResult ModuleHost::Call(const std::string &method, const Json::Value &params, const CallOptions &options) const {
@@ -332,18 +260,16 @@ CallResult ModuleHost::Call(const std::string &api, int version, const std::stri
             report["delivered"] = false;
             report["hostError"] = "memory leaked during the call (see the leak report on stderr)";
         }
-        SendReport(fds[1], report);
+        // Framed: the parent stops reading at the report's end, not at EOF,
+        // which matters because background tasks a handler starts inherit
+        // the pipe.
+        webd::WriteFrame(fds[1], report);
         close(fds[1]);
         _exit(0);
     }
     close(fds[1]);
-    uint32_t size = 0;
-    std::string text;
-    bool got = ReadAll(fds[0], reinterpret_cast<char *>(&size), sizeof size);
-    if (got) {
-        text.resize(size);
-        got = ReadAll(fds[0], &text[0], size);
-    }
+    Json::Value report;
+    bool got = webd::ReadFrame(fds[0], report);
     close(fds[0]);
     int status = 0;
     while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
@@ -352,13 +278,7 @@ CallResult ModuleHost::Call(const std::string &api, int version, const std::stri
         if (WIFSIGNALED(status))
             result.hostError = "the call's process died by signal " + std::to_string(WTERMSIG(status));
         else
-            result.hostError = "the call's process ended without a report";
-        return result;
-    }
-    Json::Value report;
-    std::string parseError;
-    if (!ParseJson(text, report, &parseError)) {
-        result.hostError = "unreadable report: " + parseError;
+            result.hostError = "the call's process ended without a readable report";
         return result;
     }
     result.delivered = report["delivered"].asBool();
@@ -375,20 +295,9 @@ CallResult ModuleHost::Call(const std::string &api, int version, const std::stri
 // ---- JSON ---------------------------------------------------------------
 
 bool ParseJson(const std::string &text, Json::Value &out, std::string *error) {
-    Json::CharReaderBuilder builder;
-    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-    std::string errs;
-    if (!reader->parse(text.data(), text.data() + text.size(), &out, &errs)) {
-        if (error) *error = errs;
-        return false;
-    }
-    return true;
-}
-
-std::string ToJsonText(const Json::Value &value) {
-    Json::StreamWriterBuilder builder;
-    builder["indentation"] = "";
-    return Json::writeString(builder, value);
+    if (webd::ParseJsonText(text, out)) return true;
+    if (error) *error = "not JSON text, or nested deeper than " + std::to_string(webd::kMaxFrameDepth);
+    return false;
 }
 
 } // namespace kova_host

@@ -3,13 +3,14 @@
 // what ships.
 //
 // - ModuleHost dlopen()s $KOVA_BUILD_DIR/modules/libwebapi-KOVA.Core.ACL.so
-//   once, calls GetAPITable and checks the table (rows before the all-zero
-//   end row need an API, a method, a handler and a version >= 1).
-// - Call() dispatches by (api, version, method). Every call runs in a forked
-//   child: as root it resolves the login user's ids from the platform
-//   accounts (KOVAUserGet + KLIBGroupInfoListGet), then sets supplementary
-//   groups, effective gid and effective uid (real and saved ids stay 0), or
-//   uses the ids the options give. It builds KOVA::APIRequest/APIResponse,
+//   once, calls GetAPITable and checks the table with the server's own
+//   validation (server/module-registry.h).
+// - Call() dispatches by (api, version, method) through the server's
+//   registry. Every call runs in a forked child: as root it takes the login
+//   user's ids from the platform accounts and switches to them the way the
+//   server's worker does (server/identity-switch.h: supplementary groups,
+//   effective gid, effective uid; real and saved ids stay 0), or uses the
+//   ids the options give. The report comes back as a worker frame. It builds KOVA::APIRequest/APIResponse,
 //   arms the requested faults, calls the handler, and sends back the
 //   response JSON and the system-log lines the handler wrote.
 // - System-log capture: this library defines syslog/vsyslog for the test
@@ -21,6 +22,7 @@
 #define KOVA_TEST_MODULE_HOST_H
 
 #include "kova/module.h"
+#include "module-registry.h"
 
 #include <json/json.h>
 #include <sys/types.h>
@@ -113,6 +115,7 @@ private:
 
     void *handle_ = nullptr;
     const KOVA_API_ENTRY *table_ = nullptr;
+    webd::ModuleRegistry registry_;
     std::string error_;
 };
 
@@ -127,9 +130,9 @@ std::string DefaultModulePath();
 void StartLogCapture();
 std::vector<LogLine> StopLogCapture();
 
-// Parses JSON text; false (and a message) on malformed input.
+// Parses JSON text as the server's frames do; false (and a message) on
+// malformed input.
 bool ParseJson(const std::string &text, Json::Value &out, std::string *error = nullptr);
-std::string ToJsonText(const Json::Value &value);
 
 } // namespace kova_host
 

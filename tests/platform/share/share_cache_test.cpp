@@ -14,6 +14,8 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+
+#include <climits>
 #include <time.h>
 #include <unistd.h>
 
@@ -211,6 +213,15 @@ TEST_F(ShareCache, ARealPathWithANulIsRefused) {
     EXPECT_EQ(name, "untouched");
     ASSERT_EQ(kova_share::ShareOfRealPath(vol_ + "/data/x", name, root), 0);
     EXPECT_EQ(name, "data");
+    // The C call behind it: a buffer too small for the answer is an error,
+    // never a cut name; a path in no share is told apart.
+    char small[4] = "abc", full[PATH_MAX];
+    EXPECT_LT(KOVAShareOfRealPath((vol_ + "/data/x").c_str(), small, sizeof small, nullptr, 0), 0);
+    EXPECT_EQ(KLIBCErrGet(), KOVA_ERR_RANGE);
+    EXPECT_EQ(0, KOVAShareOfRealPath((vol_ + "/data/x").c_str(), nullptr, 0, full, sizeof full));
+    EXPECT_EQ(root, full);
+    EXPECT_LT(KOVAShareOfRealPath("/nowhere/at/all", small, sizeof small, nullptr, 0), 0);
+    EXPECT_EQ(KLIBCErrGet(), KOVA_ERR_NOSHARE);
 }
 
 } // namespace

@@ -1,5 +1,5 @@
 // Paths to descriptors through the system-call table (see real-path.h).
-#include "real-path.h"
+#include "kova-internal/real-path.h"
 
 #include "kova-internal/owned-fd.h"
 #include "kova-internal/path-parts.h"
@@ -16,7 +16,7 @@
 #include <cstring>
 #include <vector>
 
-namespace kova_share {
+namespace kova_internal {
 
 namespace {
 
@@ -155,6 +155,14 @@ int RealPathOf(const std::string &path, std::string &out, int *keepFd) {
     return 0;
 }
 
+int RealPathOf(const std::string &path, std::string &out, OwnedFd &fd) {
+    int raw = -1;
+    fd.Reset();
+    const int err = RealPathOf(path, out, &raw);
+    if (err == 0) fd = OwnedFd(raw);
+    return err;
+}
+
 int OpenWithoutLinks(const std::string &path, int flags, int *fd) {
     if (!LooksCanonical(path)) return EINVAL;
     const int err = Openat2(AT_FDCWD, path, flags, RESOLVE_NO_SYMLINKS | RESOLVE_NO_MAGICLINKS, fd);
@@ -172,4 +180,4 @@ int OpenBeneath(int baseFd, const std::string &rel, int flags, int *fd) {
     return WalkWithoutLinks(baseFd, kova_internal::PathComponents(rel), true, flags, fd);
 }
 
-} // namespace kova_share
+} // namespace kova_internal
