@@ -32,17 +32,12 @@ namespace net = boost::asio;
 namespace http = boost::beast::http;
 using kova_test::WebdProcess;
 
+using kova_test::ReadFile;
+
 namespace {
 
 std::string ModulesDir() { return kova_test::BuildDir() + "/tests/server/modules"; }
 std::string Webd() { return kova_test::BuildDir() + "/bin/kova-webd"; }
-
-std::string ReadFile(const std::string &path) {
-    std::ifstream in(path);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
 
 // The last fingerprint the server printed.
 std::string PrintedFingerprint(const std::string &log) {
