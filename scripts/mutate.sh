@@ -33,6 +33,8 @@ only=("$@")
 if [[ ! -f $build/CMakeCache.txt ]]; then
     cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_COMPILER_LAUNCHER=ccache \
         -DCMAKE_C_COMPILER_LAUNCHER=ccache -DKOVA_BUILD_BENCH=OFF >/dev/null
+else
+    cmake "$build" >/dev/null  # test files may have come or gone
 fi
 cmake --build "$build" -j2 >/dev/null
 out=$build/mutation
