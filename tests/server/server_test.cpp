@@ -22,11 +22,12 @@
 
 using kova_test::Reply;
 using kova_test::WebClient;
+using kova_test::LoginBody;
+using kova_test::ModulesDir;
 using kova_test::WebdProcess;
 
 namespace {
 
-std::string ModulesDir() { return kova_test::BuildDir() + "/tests/server/modules"; }
 
 struct Account {
     std::string name, passwd;
@@ -69,11 +70,6 @@ void ExpectEnvelope(const Reply &r, int status, int code, const std::string &wha
     EXPECT_TRUE(webd::IsCleanText(r.raw)) << what;
     EXPECT_FALSE(r.body["success"].asBool()) << what;
     EXPECT_EQ(code, Code(r)) << what << ": " << r.raw;
-}
-
-std::string LoginBody(const std::string &account, const std::string &passwd) {
-    return "{\"api\":\"KOVA.Server.Session\",\"version\":1,\"method\":\"login\",\"params\":{\"account\":\"" +
-           account + "\",\"passwd\":\"" + passwd + "\"}}";
 }
 
 // One request made by hand, from a chosen address; the first reply to it.

@@ -18,6 +18,13 @@
 
 namespace kova_test {
 
+std::string ModulesDir() { return BuildDir() + "/tests/server/modules"; }
+
+std::string LoginBody(const std::string &account, const std::string &passwd) {
+    return "{\"api\":\"KOVA.Server.Session\",\"version\":1,\"method\":\"login\",\"params\":{\"account\":\"" +
+           account + "\",\"passwd\":\"" + passwd + "\"}}";
+}
+
 namespace {
 
 Reply ParseReply(const std::string &bytes);
