@@ -356,7 +356,7 @@ test('a recursive run can be cancelled while it runs; the bar and the panel say 
   const dump = spawnSync('getfattr', ['-R', '--absolute-names', '-n', 'trusted.kova.acl', '-e', 'hex', bulk],
     { encoding: 'utf8', maxBuffer: 256 << 20 }).stdout;
   const stored = dump.split('\n').filter((l) => l.startsWith('trusted.kova.acl=')).length;
-  const total = 60 + 60 * 1000 + 1;  // run.sh: 60 folders of 1000 files, and the folder itself
+  const total = 200 + 200 * 1000 + 1;  // run.sh: 200 folders of 1000 files, and the folder itself
   assert.ok(stored > 0 && stored < total, `${stored} of ${total} entries have an ACL after the stop`);
 });
 

@@ -31,10 +31,10 @@ bash "$SRC/scripts/demo.sh" --skip-build --build "$BUILD" --root "$ROOT" --port 
   >"$HERE/artifacts/demo.log" 2>&1 || { cat "$HERE/artifacts/demo.log"; exit 1; }
 URL="http://127.0.0.1:$(cat "$ROOT/run/webd.port")/"
 
-# 60 000 files: enough that a recursive apply is still running when the
+# 200 000 files: enough that a recursive apply is still running when the
 # test presses Cancel.
 BULK=$("$BUILD/bin/kova-admin" --root "$ROOT" share show projects | sed -n 's/^path: //p')/bulk
-for i in $(seq -w 1 60); do
+for i in $(seq -w 1 200); do
   mkdir -p "$BULK/part-$i"
   (cd "$BULK/part-$i" && touch file-{0001..1000})
 done

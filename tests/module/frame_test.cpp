@@ -173,6 +173,35 @@ TEST_F(Entry, ParameterChecksRejectOrPassEachRequest) {
             EXPECT_TRUE(r.HasLog(LOG_ERR, kShareLog)) << c.what << ": " << r.Dump();
         }
     }
+    // Each way a rule object can be malformed refuses the whole request.
+    std::vector<std::pair<const char *, Json::Value>> badRules;
+    auto variant = [&](const char *what, const char *key, const char *sub, const Json::Value &value) {
+        Json::Value r = ValidRule();
+        Json::Value &at = sub ? r[key][sub] : r[key];
+        if (value.isNull()) sub ? r[key].removeMember(sub) : r.removeMember(key);
+        else at = value;
+        badRules.emplace_back(what, r);
+    };
+    for (const char *key : {"owner_type", "owner_name", "permission_type", "permission", "inherit"})
+        variant(key, key, nullptr, Json::Value());
+    variant("owner types are case-sensitive", "owner_type", nullptr, "Everyone");
+    variant("unknown owner type", "owner_type", nullptr, "admin");
+    variant("empty name", "owner_name", nullptr, "");
+    variant("non-string name", "owner_name", nullptr, 5);
+    variant("access is case-sensitive", "permission_type", nullptr, "Allow");
+    variant("permission as an array", "permission", nullptr, Json::Value(Json::arrayValue));
+    variant("permission without take_ownership", "permission", "take_ownership", Json::Value());
+    variant("inherit flag as a number", "inherit", "this_folder", 1);
+    variant("inherit without child_files", "inherit", "child_files", Json::Value());
+    badRules.emplace_back("a rule that is a string", Json::Value("everyone:Everyone"));
+    for (const auto &badRule : badRules) {
+        const CallResult r = host().Call(
+            "set", Params({{"file_path", outside}, {"change_acl", true}, {"inherited", false}, {"rules", kova_module_test::Array({badRule.second})}}),
+            AsRoot());
+        EXPECT_EQ(403, r.errorCode()) << badRule.first << ": " << r.Dump();
+        EXPECT_TRUE(r.logs.empty()) << badRule.first << ": " << r.Dump();
+    }
+
     CallResult v1 = host().Call("list_owners", Params({}), AsRoot());
     ASSERT_TRUE(v1.delivered) << v1.Dump();
     EXPECT_NE(403, v1.errorCode()) << "version 1 has no mandatory parameter: " << v1.Dump();

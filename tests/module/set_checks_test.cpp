@@ -113,6 +113,15 @@ TEST_F(SetChecksTest, ShareStateAndPrivilegeRefusalsChangeNothing) {
     CallResult readOnly = RunSet(AclParams("sub", "ro"), admin_);
     EXPECT_EQ(6214, readOnly.errorCode()) << readOnly.Dump();
     EXPECT_EQ(-1, StoredCount(ro + "/sub"));
+    // Its root, for a plain user with read-write privilege there: the
+    // privilege's read-only flag refuses it.
+    ASSERT_GE(KOVASharePrivSet("ro", 1, "alice", KOVA_SHARE_PRIV_RW), 0);
+    Json::Value roRoot = AclParams("sub", "ro");
+    roRoot["file_path"] = ro;
+    roRoot["dirPaths"] = "/ro";
+    CallResult rootRefused = RunSet(roRoot, alice_);
+    EXPECT_EQ(6209, rootRefused.errorCode()) << rootRefused.Dump();
+    EXPECT_EQ(-1, StoredCount(ro));
 
     // A share without ACL support, an encrypted one and one with ACLs off.
     const std::string noAcl = root_.AddShare("noacl", false, false);

@@ -100,7 +100,7 @@ protected:
         port_ = std::stoi(uri.substr(uri.rfind(':') + 1));
         slapdPid_ = ChildSlapd();
         ASSERT_GT(slapdPid_, 0);
-        webd_ = std::make_unique<kova_test::WebdProcess>(root_.path(), kova_test::BuildDir() + "/tests/server/modules");
+        webd_ = std::make_unique<kova_test::WebdProcess>(root_.path(), kova_test::ModulesDir());
         ASSERT_TRUE(webd_->ok()) << webd_->ErrorLog();
     }
 

@@ -18,16 +18,16 @@
 
 namespace kova_test {
 
+std::string ModulesDir() { return BuildDir() + "/tests/server/modules"; }
+
+std::string LoginBody(const std::string &account, const std::string &passwd) {
+    return "{\"api\":\"KOVA.Server.Session\",\"version\":1,\"method\":\"login\",\"params\":{\"account\":\"" +
+           account + "\",\"passwd\":\"" + passwd + "\"}}";
+}
+
 namespace {
 
 Reply ParseReply(const std::string &bytes);
-
-std::string ReadAll(const std::string &path) {
-    std::ifstream in(path);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
 
 void ParseBody(Reply &out) {
     Json::CharReaderBuilder b;
@@ -69,7 +69,7 @@ WebdProcess::WebdProcess(const std::string &root, const std::string &modules, in
     // Start-up is waited for by polling the port file; a server that exits
     // early ends the wait at once.
     for (int i = 0; i < 400 && pid_ > 0; ++i) {
-        std::string text = ReadAll(portFile);
+        std::string text = ReadFile(portFile);
         if (!text.empty()) {
             port_ = std::stoi(text);
             return;
@@ -105,8 +105,8 @@ long WebdProcess::ResidentKiB() const {
     return 0;
 }
 
-std::string WebdProcess::ErrorLog() const { return ReadAll(root_ + "/var/log/webd-error.log"); }
-std::string WebdProcess::AccessLog() const { return ReadAll(root_ + "/var/log/webd-access.log"); }
+std::string WebdProcess::ErrorLog() const { return ReadFile(root_ + "/var/log/webd-error.log"); }
+std::string WebdProcess::AccessLog() const { return ReadFile(root_ + "/var/log/webd-access.log"); }
 
 WebClient::WebClient(int port, int timeoutSeconds) : http_(new httplib::Client("127.0.0.1", port)) {
     http_->set_connection_timeout(timeoutSeconds, 0);

@@ -14,6 +14,11 @@
 
 namespace kova_test {
 
+// Where the build puts the server tests' modules (a probe, a malformed one).
+std::string ModulesDir();
+// The body of a sign-in call, written by hand so that any bytes go through.
+std::string LoginBody(const std::string &account, const std::string &passwd);
+
 class WebdProcess {
 public:
     // root: platform root; modules: modules folder. Waits until it listens.

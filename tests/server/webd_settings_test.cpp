@@ -30,19 +30,15 @@
 
 namespace net = boost::asio;
 namespace http = boost::beast::http;
+using kova_test::LoginBody;
+using kova_test::ModulesDir;
 using kova_test::WebdProcess;
+
+using kova_test::ReadFile;
 
 namespace {
 
-std::string ModulesDir() { return kova_test::BuildDir() + "/tests/server/modules"; }
 std::string Webd() { return kova_test::BuildDir() + "/bin/kova-webd"; }
-
-std::string ReadFile(const std::string &path) {
-    std::ifstream in(path);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
 
 // The last fingerprint the server printed.
 std::string PrintedFingerprint(const std::string &log) {
@@ -95,11 +91,6 @@ TlsReply PostTls(int port, const std::string &body) {
     out.hsts = std::string(res[http::field::strict_transport_security]);
     out.setCookie = std::string(res[http::field::set_cookie]);
     return out;
-}
-
-std::string LoginBody(const std::string &account, const std::string &passwd) {
-    return "{\"api\":\"KOVA.Server.Session\",\"version\":1,\"method\":\"login\",\"params\":{\"account\":\"" + account +
-           "\",\"passwd\":\"" + passwd + "\"}}";
 }
 
 // Runs kova-webd to its end (it is expected to refuse to start): exit

@@ -28,6 +28,8 @@ private:
 bool MakeDirs(const std::string &path);
 // Writes a file (creating parents).
 bool WriteFile(const std::string &path, const std::string &content);
+// A file's whole content ("" when it cannot be read).
+std::string ReadFile(const std::string &path);
 // Removes a tree; symbolic links are removed, never followed.
 void RemoveTree(const std::string &path);
 // Directory of the build tree and of the sources, as CTest passes them.

@@ -3,15 +3,13 @@
 #include "kova/acl.h"
 #include "kova/klibc.h"
 #include "kova/share.h"
+#include "run-admin.h"
 #include "temp-root.h"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -24,37 +22,10 @@ struct Result {
 
 // Runs kova-admin --root <root> args... with stdout and stderr captured.
 Result Admin(const std::string &root, std::vector<std::string> args) {
-    int fds[2];
-    if (pipe(fds) != 0) return {-1, ""};
-    pid_t pid = fork();
-    if (pid == 0) {
-        dup2(fds[1], 1);
-        dup2(fds[1], 2);
-        close(fds[0]);
-        close(fds[1]);
-        args.insert(args.begin(), {kova_test::BuildDir() + "/bin/kova-admin", "--root", root});
-        std::vector<char *> argv;
-        for (auto &a : args) argv.push_back(&a[0]);
-        argv.push_back(nullptr);
-        execv(argv[0], argv.data());
-        _exit(127);
-    }
-    close(fds[1]);
-    std::string out;
-    char buf[4096];
-    ssize_t n;
-    while ((n = read(fds[0], buf, sizeof buf)) > 0) out.append(buf, static_cast<size_t>(n));
-    close(fds[0]);
-    int st = 0;
-    waitpid(pid, &st, 0);
-    return {WIFEXITED(st) ? WEXITSTATUS(st) : -1, out};
-}
-
-std::string Slurp(const std::string &path) {
-    std::ifstream in(path);
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
+    args.insert(args.begin(), {"--root", root});
+    Result r;
+    r.status = kova_test::RunAdmin(args, &r.out);
+    return r;
 }
 
 class AdminTool : public ::testing::Test {
@@ -71,14 +42,14 @@ TEST_F(AdminTool, InitLaysOutTheRootAndKeepsSettingsWhenRepeated) {
         EXPECT_TRUE(S_ISDIR(st.st_mode)) << d;
     }
     EXPECT_NE(KLIBCFileCheckKeyValue("/etc/kovainfo.conf", "filebrowserxferlog", "no", 0), 0);
-    std::string ini = Slurp(root_.At("usr/share/strings/enu/module-3.ini"));
+    std::string ini = kova_test::ReadFile(root_.At("usr/share/strings/enu/module-3.ini"));
     EXPECT_NE(ini.find("[property]"), std::string::npos);
     EXPECT_NE(ini.find("privilege_recursive = \"Apply to this folder, sub-folders and files\""), std::string::npos);
 
     ASSERT_EQ(KLIBCFileSetKeyValue("/etc/kovainfo.conf", "filebrowserxferlog", "yes"), 0);
     ASSERT_EQ(Run({"init"}).status, 0);
     EXPECT_NE(KLIBCFileCheckKeyValue("/etc/kovainfo.conf", "filebrowserxferlog", "yes", 0), 0);
-    EXPECT_EQ(Slurp(root_.At("usr/share/strings/enu/module-3.ini")), ini);
+    EXPECT_EQ(kova_test::ReadFile(root_.At("usr/share/strings/enu/module-3.ini")), ini);
 }
 
 TEST_F(AdminTool, ShareAddShowListAndPrivileges) {

@@ -202,11 +202,12 @@ TEST(SignIn, OnlyOrdinaryUsersSignIn) {
     TempRoot root;
     ASSERT_EQ(KOVAUserAdd("model", -1, "right-pw", nullptr, nullptr, 0), 0);
     Tamper(root, UserRow("0", "'root-like'", "100") + UserRow("3000", "'root-group'", "0") +
-                     UserRow("300", "'system'", "100") + UserRow("3001", "'flagged'", "100", "1") +
+                     UserRow("300", "'system'", "100") + UserRow("1023", "'last-system'", "100") +
+                     UserRow("3001", "'flagged'", "100", "1") +
                      UserRow("3002", "'wheel-member'", "100") +
                      "INSERT INTO groups(gid, name) VALUES (0, 'wheel');"
                      "INSERT INTO members(gid, uid) VALUES (0, 3002);");
-    for (const char *name : {"root-like", "root-group", "system", "flagged", "wheel-member"}) {
+    for (const char *name : {"root-like", "root-group", "system", "last-system", "flagged", "wheel-member"}) {
         int rc = 0;
         EXPECT_EQ(RunsOf([&] { rc = KOVAUserPasswordCheck(name, "right-pw"); }), 1u) << name;
         EXPECT_LT(rc, 0) << name;
@@ -246,6 +247,24 @@ TEST(SignIn, HashesAgreeWithLibargon2AndStoredCostsAreBounded) {
         EXPECT_EQ(RunsOf([&] { match = kova_accounts::VerifyPassword(bad, "pw"); }), 1u) << bad;
         EXPECT_FALSE(match) << bad;
     }
+    // Real hashes of "pw" never match when their costs are past the bounds
+    // (one more pass than allowed, one more lane), when their digest differs
+    // only in its last bytes, or when the password has a NUL byte, even
+    // against a hash of those very bytes.
+    auto encoded = [&](uint32_t t, uint32_t m, uint32_t p, const std::string &pw) {
+        std::vector<char> out(argon2_encodedlen(t, m, p, 16, 32, Argon2_id));
+        EXPECT_EQ(argon2id_hash_encoded(t, m, p, pw.data(), pw.size(), salt, 16, 32, out.data(), out.size()), ARGON2_OK);
+        return std::string(out.data());
+    };
+    ASSERT_TRUE(kova_accounts::VerifyPassword(encoded(16, 64, 4, "pw"), "pw")) << "the bounds themselves are allowed";
+    EXPECT_FALSE(kova_accounts::VerifyPassword(encoded(17, 64, 4, "pw"), "pw"));
+    EXPECT_FALSE(kova_accounts::VerifyPassword(encoded(16, 64, 5, "pw"), "pw"));
+    std::string tailChanged = lib.data();
+    char &late = tailChanged[tailChanged.size() - 4];
+    late = late == 'A' ? 'B' : 'A';
+    EXPECT_FALSE(kova_accounts::VerifyPassword(tailChanged, "pw"));
+    const std::string withNul("pw\0x", 4);
+    EXPECT_FALSE(kova_accounts::VerifyPassword(encoded(2, 64, 1, withNul), withNul));
 }
 
 // Today's code kept 19 MiB per thread that ever checked a password, and ran

@@ -34,6 +34,8 @@ using KOVA::APIPolling;
 using KOVA::APIRequest;
 using KOVA::APIResponse;
 
+using kova_test::ReadFile;
+
 namespace {
 
 // Polls until cond holds; false when it never does within about 30 s.
@@ -96,13 +98,6 @@ void Rewrite(APIRequest *, APIResponse *resp, void *) {
 }
 
 void Quick(APIRequest *, APIResponse *resp, void *) { resp->SetError(6201); }
-
-std::string ReadFile(const std::string &path) {
-    std::ifstream in(path);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
 
 // Sets an environment entry for the object's lifetime.
 class ScopedEnv {
@@ -283,24 +278,6 @@ TEST_F(Polling, OnlyOwnerOrAdministratorSeesTask) {
     EXPECT_TRUE(WaitFinished("alice", id)["success"].asBool());
 }
 
-TEST_F(Polling, UnknownAndMalformedIds) {
-    Json::Value st;
-    int err = 0;
-    EXPECT_FALSE(StatusAs("alice", "setacl-1-2-abc", st, &err));
-    EXPECT_EQ(err, KOVA_POLLING_ERR_NOTASK);
-    EXPECT_FALSE(StatusAs("alice", "../../etc/accounts.db", st, &err));
-    EXPECT_EQ(err, KOVA_POLLING_ERR_NOTASK);
-    EXPECT_FALSE(StatusAs("alice", "", st, &err));
-    EXPECT_EQ(err, KOVA_POLLING_ERR_BADARG);
-
-    APIPolling noRequest;
-    EXPECT_FALSE(noRequest.Status("x", st));
-    APIResponse resp;
-    EXPECT_FALSE(noRequest.Start(&resp, Quick, nullptr));
-    EXPECT_EQ(noRequest.GetError(), KOVA_POLLING_ERR_BADARG);
-    EXPECT_FALSE(resp.IsSet());
-}
-
 TEST_F(Polling, StopDeliversSigterm) {
     std::string id = StartAs("alice", WaitForTerm, nullptr);
     ASSERT_FALSE(id.empty());
@@ -384,18 +361,6 @@ TEST_F(Polling, StatusWorksForAUserIdentity) {
         return geteuid() == 1500 ? 0 : 3;
     });
     EXPECT_EQ(rc, 0);
-}
-
-TEST_F(Polling, FaultedStartForksNothing) {
-    KLIBCFaultSet("APIPolling::Start", 1, 0, KOVA_ERR_IO);
-    APIRequest req(params_, "alice", "s");
-    APIPolling poll(&req);
-    APIResponse resp;
-    EXPECT_FALSE(poll.Start(&resp, Quick, nullptr));
-    KLIBCFaultClearAll();
-    EXPECT_EQ(KLIBCErrGet(), KOVA_ERR_IO);
-    EXPECT_FALSE(resp.IsSet());
-    EXPECT_FALSE(Exists(root_.At("var/run/tasks")));
 }
 
 // Running tasks are bounded per user and in total; a refused start sets
@@ -639,7 +604,8 @@ TEST_F(Polling, OnlyPlainNamesAreTaskIds) {
     Json::Value st;
     int err = 0;
     for (const std::string &bad : {std::string("alice.rec"), std::string("x\0y", 3), longId, std::string(".lock"),
-                                   std::string("x\n"), std::string("\xc3\xa9")}) {
+                                   std::string("x\n"), std::string("\xc3\xa9"), std::string("../../etc/accounts.db"),
+                                   std::string("setacl-1-2-abc")}) {
         SCOPED_TRACE(bad);
         EXPECT_FALSE(StatusAs("alice", bad, st, &err));
         EXPECT_EQ(err, KOVA_POLLING_ERR_NOTASK);
@@ -648,10 +614,20 @@ TEST_F(Polling, OnlyPlainNamesAreTaskIds) {
     }
     // The same record under a plain name is found.
     EXPECT_TRUE(StatusAs("alice", "x", st));
+    // No id, or no request, is a bad argument.
+    EXPECT_FALSE(StatusAs("alice", "", st, &err));
+    EXPECT_EQ(err, KOVA_POLLING_ERR_BADARG);
+    APIPolling noRequest;
+    EXPECT_FALSE(noRequest.Status("x", st));
+    APIResponse resp;
+    EXPECT_FALSE(noRequest.Start(&resp, Quick, nullptr));
+    EXPECT_EQ(noRequest.GetError(), KOVA_POLLING_ERR_BADARG);
+    EXPECT_FALSE(resp.IsSet());
 }
 
 // Records are written through the system-call table: a failing rename
-// leaves no record and no temporary file, and the start fails as a whole.
+// leaves no record and no temporary file, and the start fails as a whole;
+// a start failing earlier forks nothing and makes no folder.
 TEST_F(Polling, AFailedRecordWriteStartsNothing) {
     using kova_internal::SysCalls;
     auto failRename = [](int, const char *, int, const char *) -> int {
@@ -667,4 +643,11 @@ TEST_F(Polling, AFailedRecordWriteStartsNothing) {
     EXPECT_EQ(KLIBCErrGet(), KOVA_ERR_IO);
     // Nothing but the start lock is left in the folder.
     for (const std::string &name : Names(root_.At("var/run/tasks"))) EXPECT_EQ(name, ".lock");
+    // A start failing before the record folder is made leaves none.
+    kova_test::TempRoot fresh;
+    KLIBCFaultSet("APIPolling::Start", 1, 0, KOVA_ERR_IO);
+    EXPECT_EQ(StartAs("alice", Quick, nullptr, "setacl", &err), "");
+    KLIBCFaultClearAll();
+    EXPECT_EQ(KLIBCErrGet(), KOVA_ERR_IO);
+    EXPECT_FALSE(Exists(fresh.At("var/run/tasks")));
 }

@@ -22,6 +22,8 @@
 using KOVA::APIRequest;
 using KOVA::APIResponse;
 
+using kova_test::ReadFile;
+
 namespace {
 
 Json::Value Parse(const std::string &text) {
@@ -31,13 +33,6 @@ Json::Value Parse(const std::string &text) {
     std::string errs;
     if (!r->parse(text.data(), text.data() + text.size(), &v, &errs)) return Json::Value("<invalid>");
     return v;
-}
-
-std::string ReadFile(const std::string &path) {
-    std::ifstream in(path);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
 }
 
 std::vector<std::string> List(const std::string &dir) {
