@@ -11,6 +11,8 @@
 #include "as-identity.h"
 #include "kova/account.h"
 #include "kova/acl.h"
+#include "kova/fileshare.h"
+#include "kova/share.h"
 #include "kova-internal/identity.h"
 
 #include <dirent.h>
@@ -22,6 +24,8 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <random>
@@ -362,6 +366,43 @@ TEST_F(AclEnforce, DescendantsFollowAFoldersInheritableEntries) {
     ASSERT_EQ(afterLen, beforeLen);
     EXPECT_EQ(std::string(after, static_cast<size_t>(afterLen > 0 ? afterLen : 0)),
               std::string(before, static_cast<size_t>(beforeLen > 0 ? beforeLen : 0)));
+}
+
+// Traverse is the platform's to judge: a user who may list a folder but
+// not traverse it, and may read a file in it, reads that file's ACL and has
+// the platform find its share and resolve its path, as the user (effective
+// ids, saved uid 0, as a server worker runs); from a shell the kernel,
+// which needs search on the folder, refuses the file. A link in the share
+// that leaves it is still refused.
+TEST_F(AclEnforce, PlatformLookupsDoNotHangOnTheKernelsTraverseCheck) {
+    OpenAncestors();
+    const Identity alice{1030, 1030, {}};
+    const std::string folder = In("top/listonly");
+    Dir(folder);
+    File(folder + "/f");
+    ASSERT_EQ(SetAcl(In("top"), {"user:1030:allow:rx:-"}, false), 0);
+    ASSERT_EQ(SetAcl(folder, {"user:1030:allow:r:-"}, false), 0);
+    ASSERT_EQ(SetAcl(folder + "/f", {"user:1030:allow:rc:-"}, false), 0);
+    ASSERT_EQ(symlink(root_.At("").c_str(), (folder + "/out").c_str()), 0);
+    const std::string file = folder + "/f";
+    const int rc = kova_test::RunAs(alice, [&] {
+        char name[64] = {}, root[PATH_MAX] = {};
+        if (KOVAShareNamePathGet(file.c_str(), name, sizeof name, root, sizeof root) != 0) return 1;
+        if (std::string(name) != "data" || std::string(root) != Share()) return 2;
+        PKOVA_ACL acl = nullptr;
+        if (KOVAACLGet(file.c_str(), -1, KOVA_ACL_GET_ALL, &acl) != 0 || !acl || acl->aceCount != 1) return 3;
+        KOVAACLFree(acl);
+        PanoraFileShare fs;
+        std::string real, share, shareRoot, allowed;
+        if (fs.WfmFullPathGet("/data/top/listonly/f", real, share, shareRoot, allowed, "alice") != 0) return 4;
+        if (real != file) return 5;
+        // The raised lookup stays in the share.
+        if (KOVAShareNamePathGet((folder + "/out/etc").c_str(), name, sizeof name, root, sizeof root) == 0) return 6;
+        // The kernel's own answer for this user is unchanged.
+        return open(file.c_str(), O_RDONLY) < 0 && errno == EACCES ? 0 : 7;
+    });
+    EXPECT_EQ(rc, 0);
+    EXPECT_EQ(KernelBitsAs(alice, file, false), 0u);
 }
 
 struct AdminRun {
