@@ -4,12 +4,14 @@
 #include "entry-attr.h"
 #include "inherit.h"
 #include "mode-acl.h"
+#include "passdown-cache.h"
 
 #include "kova/errcode.h"
 #include "kova/klibc.h"
 #include "kova-internal/fault-point.h"
 
 #include <cerrno>
+#include <string>
 
 namespace kova_acl {
 
@@ -31,8 +33,7 @@ int KernelError(int err) {
     }
 }
 
-bool Set(const Target &t, const char *attr, const PosixAcl &acl) {
-    const std::string v = EncodePosixAcl(acl);
+bool SetEncoded(const Target &t, const char *attr, const std::string &v) {
     if (SetEntryAttr(t.parent.get(), t.name.c_str(), attr, v.data(), v.size(), 0) == 0) return true;
     KOVA_FAIL(KernelError(errno));
     return false;
@@ -44,30 +45,94 @@ bool Drop(const Target &t, const char *attr) {
     return false;
 }
 
-} // namespace
+bool Set(const Target &t, const char *attr, const PosixAcl &acl) { return SetEncoded(t, attr, EncodePosixAcl(acl)); }
 
-bool WriteProjection(const Target &t, const Projection &p) {
+// A projection in the kernel's binary form, ready to be written.
+struct Encoded {
+    std::string access, coarse, deflt;
+    bool hasDefault = false;
+};
+
+Encoded Encode(const Projection &p) {
+    Encoded e;
+    e.access = EncodePosixAcl(p.access);
+    e.coarse = EncodePosixAcl(p.coarse);
+    e.hasDefault = p.hasDefault;
+    if (p.hasDefault) e.deflt = EncodePosixAcl(p.deflt);
+    return e;
+}
+
+bool WriteEncoded(const Target &t, const Encoded &p) {
     if (!Projectable(t)) return true;
     // Both ACLs share the attribute space with the stored record (one 4 KiB
     // block on ext4): when they do not fit, the coarse form (mode bits, no
     // attribute) and no default ACL say less, never more.
-    if (!Set(t, kPosixAccess, p.access) &&
-        (KLIBCErrGet() != KOVA_ERR_ACL_NOSPACE || !Set(t, kPosixAccess, p.coarse)))
+    if (!SetEncoded(t, kPosixAccess, p.access) &&
+        (KLIBCErrGet() != KOVA_ERR_ACL_NOSPACE || !SetEncoded(t, kPosixAccess, p.coarse)))
         return false;
     if (!t.IsDir()) return true;
-    if (p.hasDefault && Set(t, kPosixDefault, p.deflt)) return true;
+    if (p.hasDefault && SetEncoded(t, kPosixDefault, p.deflt)) return true;
     if (p.hasDefault && KLIBCErrGet() != KOVA_ERR_ACL_NOSPACE) return false;
     return Drop(t, kPosixDefault);
 }
 
-bool ProjectStored(Target &t, const StoredAcl &own) {
+bool SameAces(const std::vector<Ace> &a, const std::vector<Ace> &b) {
+    if (a.size() != b.size()) return false;
+    for (size_t i = 0; i < a.size(); ++i) {
+        const Ace &x = a[i], &y = b[i];
+        if (x.idType != y.idType || x.id != y.id || x.permission != y.permission || x.inherit != y.inherit ||
+            x.access != y.access || x.level != y.level)
+            return false;
+    }
+    return true;
+}
+
+// The last projection computed for a file and for a folder, with all it
+// was computed from: a walk gives run after run of entries the same inputs
+// (the same entries, inherited from the same folder, and the same owner),
+// and then computes and encodes nothing.
+struct LastProjection {
+    bool valid = false;
+    std::vector<Ace> complete;
+    OwnerId owner;
+    uid_t uid = 0;
+    gid_t gid = 0;
+    bool below = false, inShare = false;
+    Encoded encoded;
+};
+
+thread_local LastProjection tLast[2];
+
+const Encoded &ProjectionFor(const Target &t, std::vector<Ace> &complete, const OwnerId &owner) {
+    LastProjection &l = tLast[t.IsDir() ? 1 : 0];
+    const bool below = t.BelowShareRoot();
+    if (l.valid && l.owner.idType == owner.idType && l.owner.id == owner.id && l.uid == t.st.st_uid &&
+        l.gid == t.st.st_gid && l.below == below && l.inShare == t.inShare && SameAces(l.complete, complete))
+        return l.encoded;
+    l.valid = false;
+    l.encoded = Encode(Project(complete, owner, t.st.st_uid, t.st.st_gid, t.IsDir(), below, t.inShare));
+    l.complete.swap(complete);
+    l.owner = owner;
+    l.uid = t.st.st_uid;
+    l.gid = t.st.st_gid;
+    l.below = below;
+    l.inShare = t.inShare;
+    l.valid = true;
+    return l.encoded;
+}
+
+} // namespace
+
+bool WriteProjection(const Target &t, const Projection &p) { return WriteEncoded(t, Encode(p)); }
+
+bool ProjectStored(Target &t, const StoredAcl &own, bool keptFolder) {
     if (!t.hasStat && !StatTarget(t)) return false;
     if (!Projectable(t)) return true;
     std::vector<Ace> complete = own.entries;
     // A damaged ancestor leaves the own entries: inherited ones come after
     // them, so what own entries surely grant stays granted whatever the
     // ancestors say, and nothing else is.
-    if (own.inherits && !CollectInherited(t, complete)) {
+    if (own.inherits && !(keptFolder ? CollectInheritedKept(t, complete) : CollectInherited(t, complete))) {
         if (KLIBCErrGet() != KOVA_ERR_CORRUPT) return false;
         complete = own.entries;
     }
@@ -78,7 +143,7 @@ bool ProjectStored(Target &t, const StoredAcl &own) {
     } else {
         owner.id = static_cast<int>(t.st.st_uid);
     }
-    return WriteProjection(t, Project(complete, owner, t.st.st_uid, t.st.st_gid, t.IsDir(), t.BelowShareRoot(), t.inShare));
+    return WriteEncoded(t, ProjectionFor(t, complete, owner));
 }
 
 bool Unproject(const Target &t) {

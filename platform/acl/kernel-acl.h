@@ -22,8 +22,11 @@ namespace kova_acl {
 bool WriteProjection(const Target &t, const Projection &p);
 
 // After a record was written: reads what the entry inherits (as root), and
-// writes the projection of own + inherited entries.
-bool ProjectStored(Target &t, const StoredAcl &own);
+// writes the projection of own + inherited entries. keptFolder: t was
+// located in the thread's kept folder (target.h), whose pass-down is then
+// kept too (passdown-cache.h). The last projection computed is kept with
+// its inputs, so a run of entries with the same inputs encodes it once.
+bool ProjectStored(Target &t, const StoredAcl &own, bool keptFolder = false);
 
 // After the record was removed: the kernel's ACLs go, and the mode keeps
 // the owner, owning-group and other bits of the projection that was there

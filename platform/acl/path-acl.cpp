@@ -85,7 +85,9 @@ bool WriteAndProject(Target &t, StoredAcl &next, bool replaceCorrupt) {
 bool SetWithoutRaising(const char *szPath, const Principal &caller, StoredAcl &next) {
     // Root never raises anyway, and only an administrator's rights can
     // ignore the entries once the path is known.
-    if (caller.isRoot || !caller.isAdmin || !kova_internal::HoldsCapability(CAP_SYS_ADMIN)) return false;
+    if (caller.isRoot || !caller.isAdmin) return false;
+    kova_internal::ThreadCapabilities caps;
+    if (!caps.Read() || !caps.Effective(CAP_SYS_ADMIN)) return false;
     Target t;
     if (!LocateTargetInKeptFolder(szPath, caller.uid, t) || !RightsIgnoreEntries(caller, t.BelowShareRoot()))
         return false;
@@ -94,10 +96,18 @@ bool SetWithoutRaising(const char *szPath, const Principal &caller, StoredAcl &n
         ForgetKeptFolder();
         return false;
     }
-    // Kernel ACLs need the owner or CAP_FOWNER, and the ancestors' records
-    // are read through "..", which the caller's ids may not search: as root.
+    // Kernel ACLs need the owner or CAP_FOWNER, which a task keeps with
+    // CAP_SYS_ADMIN (kova/fileshare.h); without it the uid is raised. The
+    // ancestors' records are read through ".." of folders strictly below
+    // the share root, which an administrator may search (the projection's
+    // administrators' entry says so); where the kernel refuses, the raised
+    // attempt follows.
+    if (caps.Effective(CAP_FOWNER) && ProjectStored(t, next, true)) {
+        FollowInheritance(t, prev, true, next);
+        return true;
+    }
     Elevation root(caller.uid);
-    if (root.ok() && ProjectStored(t, next)) {
+    if (root.ok() && ProjectStored(t, next, true)) {
         FollowInheritance(t, prev, true, next);
         return true;
     }

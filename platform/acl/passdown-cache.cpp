@@ -1,0 +1,150 @@
+// The kept copy of what a folder passes down (see passdown-cache.h).
+#include "passdown-cache.h"
+
+#include "acl-record.h"
+#include "entry-attr.h"
+#include "inherit.h"
+
+#include "kova-internal/sys-calls.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstring>
+#include <string>
+
+namespace kova_acl {
+
+namespace {
+
+using kova_internal::Sys;
+
+// A folder as it was when the copy was made.
+struct Stamp {
+    dev_t dev = 0;
+    ino_t ino = 0;
+    struct timespec ctime = {0, 0};
+
+    bool Take(int fd) {
+        struct stat st;
+        if (Sys().fstat(fd, &st) != 0) return false;
+        dev = st.st_dev;
+        ino = st.st_ino;
+        ctime = st.st_ctim;
+        return true;
+    }
+    bool Same(int fd) const {
+        Stamp now;
+        return now.Take(fd) && now.dev == dev && now.ino == ino && now.ctime.tv_sec == ctime.tv_sec &&
+               now.ctime.tv_nsec == ctime.tv_nsec;
+    }
+};
+
+// The folder's raw record; empty when it has none. False when it cannot
+// be read (the copy is then not used).
+bool RawRecord(int dirFd, std::string &out) {
+    char buf[kMaxRecordSize + 1];
+    const ssize_t n = GetEntryAttr(dirFd, "", kAttrName, buf, sizeof buf);
+    if (n < 0) {
+        out.clear();
+        return errno == ENODATA || errno == ENOTSUP;
+    }
+    out.assign(buf, static_cast<size_t>(n));
+    return true;
+}
+
+struct Kept {
+    bool valid = false;
+    std::string folder;     // the folder's path as judged (the levels depend on it)
+    std::string shareRoot;
+    bool inShare = false;
+    std::string record;     // the folder's own record, raw
+    // The folder (first) and each ancestor the walk up reads, held open so
+    // that each is checked as the object it was, wherever it is now.
+    std::vector<OwnedFd> folders;
+    std::vector<Stamp> stamps;
+    bool have[2] = {false, false};  // inherited[isDir] is filled
+    std::vector<Ace> inherited[2];
+};
+
+thread_local Kept tKept;
+
+std::string FolderOf(const Target &t) { return ParentOf(t.path); }
+
+bool StillValid(const Target &t) {
+    const Kept &k = tKept;
+    if (!k.valid || k.inShare != t.inShare || k.shareRoot != t.shareRoot || k.folder != FolderOf(t)) return false;
+    // The folder named now must be the one held.
+    if (!k.stamps[0].Same(t.parent.get())) return false;
+    for (size_t i = 1; i < k.folders.size(); ++i)
+        if (!k.stamps[i].Same(k.folders[i].get())) return false;
+    std::string now;
+    return RawRecord(t.parent.get(), now) && now == k.record;
+}
+
+// Stamps the folder and every ancestor CollectInherited reads for its
+// children (it stops after a folder without a record, one that does not
+// inherit, or the share root: `levels` steps up from the entry), before
+// anything is read from them, so a change made meanwhile shows on the next
+// check. False when one cannot be opened or read.
+bool Rebuild(const Target &t) {
+    tKept = Kept();
+    Kept k;
+    k.folder = FolderOf(t);
+    k.shareRoot = t.shareRoot;
+    k.inShare = t.inShare;
+    const size_t levels = AncestorsOf(t);
+    OwnedFd cur(Sys().openat(t.parent.get(), ".", O_PATH | O_DIRECTORY | O_CLOEXEC, 0));
+    for (size_t level = 1; level <= levels; ++level) {
+        if (cur.get() < 0) return false;
+        Stamp st;
+        std::string raw;
+        if (!st.Take(cur.get()) || !RawRecord(cur.get(), raw)) return false;
+        if (level == 1) k.record = raw;
+        StoredAcl acl;
+        const bool goesOn = !raw.empty() && DecodeRecord(raw.data(), raw.size(), acl) && acl.inherits;
+        const int fd = cur.get();
+        k.folders.push_back(std::move(cur));
+        k.stamps.push_back(st);
+        if (!goesOn) break;
+        cur = OwnedFd(Sys().openat(fd, "..", O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC, 0));
+    }
+    if (k.folders.empty()) {
+        // An entry right below "/" or a share root: its folder alone.
+        Stamp st;
+        if (cur.get() < 0 || !st.Take(cur.get()) || !RawRecord(cur.get(), k.record)) return false;
+        k.folders.push_back(std::move(cur));
+        k.stamps.push_back(st);
+    }
+    k.valid = true;
+    tKept = std::move(k);
+    return true;
+}
+
+} // namespace
+
+bool CollectInheritedKept(const Target &t, std::vector<Ace> &out) {
+    if (t.name.empty() || !t.hasStat) return CollectInherited(t, out);
+    const int kind = t.IsDir() ? 1 : 0;
+    if (!StillValid(t) && !Rebuild(t)) {
+        tKept = Kept();
+        return CollectInherited(t, out);
+    }
+    Kept &k = tKept;
+    if (!k.have[kind]) {
+        std::vector<Ace> found;
+        if (!CollectInherited(t, found)) {
+            tKept = Kept();
+            return false;
+        }
+        k.inherited[kind].swap(found);
+        k.have[kind] = true;
+    }
+    out.insert(out.end(), k.inherited[kind].begin(), k.inherited[kind].end());
+    return true;
+}
+
+void ForgetPassDown() { tKept = Kept(); }
+
+} // namespace kova_acl
