@@ -60,6 +60,8 @@ struct Kept {
     std::string shareRoot;
     bool inShare = false;
     std::string record;     // the folder's own record, raw
+    bool viaKept = false;   // made through the kept folder (target.h) ...
+    uint64_t generation = 0;  // ... of this generation
     // The folder (first) and each ancestor the walk up reads, held open so
     // that each is checked as the object it was, wherever it is now.
     std::vector<OwnedFd> folders;
@@ -72,13 +74,20 @@ thread_local Kept tKept;
 
 std::string FolderOf(const Target &t) { return ParentOf(t.path); }
 
+// The copy still holds when the entry is named in the same folder, judged
+// the same way, and the folder's own record is still what the copy was
+// made from. The folder is identified by its descriptor: the one the copy
+// was made through (the thread's kept folder, of one generation) names the
+// same object for as long as it is kept, so only another descriptor needs
+// a look at the object.
+// The ancestors are checked when the copy is made, not on every use (see
+// the header).
 bool StillValid(const Target &t) {
     const Kept &k = tKept;
     if (!k.valid || k.inShare != t.inShare || k.shareRoot != t.shareRoot || k.folder != FolderOf(t)) return false;
-    // The folder named now must be the one held.
-    if (!k.stamps[0].Same(t.parent.get())) return false;
-    for (size_t i = 1; i < k.folders.size(); ++i)
-        if (!k.stamps[i].Same(k.folders[i].get())) return false;
+    uint64_t generation = 0;
+    const bool viaKept = IsKeptFolder(t.parent.get(), generation);
+    if (!(viaKept && k.viaKept && generation == k.generation) && !k.stamps[0].Same(t.parent.get())) return false;
     std::string now;
     return RawRecord(t.parent.get(), now) && now == k.record;
 }
@@ -117,6 +126,7 @@ bool Rebuild(const Target &t) {
         k.folders.push_back(std::move(cur));
         k.stamps.push_back(st);
     }
+    k.viaKept = IsKeptFolder(t.parent.get(), k.generation);
     k.valid = true;
     tKept = std::move(k);
     return true;

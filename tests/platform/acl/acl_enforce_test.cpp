@@ -529,4 +529,47 @@ TEST_F(AclEnforce, RecursiveWalkAsATaskProjectsEveryEntry) {
     }
 }
 
+// A task that keeps CAP_FOWNER sets a run of entries of one folder without
+// walking the ancestors for each: what the folder passes down is kept, and
+// so is the last projection computed. Neither may outlive what it was
+// computed from: the folder's record rewritten behind the task's back (the
+// same number of bytes, the same clock tick likely) is seen at the next
+// entry, and two files with different owners in a row get their own
+// projections.
+TEST_F(AclEnforce, ARunOfEntriesInOneFolderIsProjectedFromWhatHoldsNow) {
+    OpenAncestors();
+    const Identity admin{1040, 1040, {KOVA_ADMIN_GID}};
+    const Identity alice{1030, 1030, {}}, bob{1031, 1031, {}};
+    const std::string top = In("run"), run = top + "/in";
+    Dir(run);
+    Dir(In("model"));
+    for (const char *f : {"f1", "f2", "f3"}) File(run + "/" + f);
+    ASSERT_EQ(chown((run + "/f2").c_str(), alice.uid, static_cast<gid_t>(-1)), 0);
+    ASSERT_EQ(chown((run + "/f3").c_str(), bob.uid, static_cast<gid_t>(-1)), 0);
+    // Bob may pass through both folders.
+    ASSERT_EQ(SetAcl(top, {"user:1030:allow:rx:fd", "user:1031:allow:x:-"}, false), 0);
+    ASSERT_EQ(SetAcl(run, {"user:1031:allow:r:f", "user:1031:allow:x:-"}, true), 0);
+    // The record the folder is given meanwhile: bob gets everything.
+    ASSERT_EQ(SetAcl(In("model"), {"user:1031:allow:rwxpD:f", "user:1031:allow:x:-"}, true), 0);
+    const std::string changed = RawRecord(In("model"));
+    ASSERT_EQ(changed.size(), RawRecord(run).size());
+    const int rc = kova_test::RunAs(admin, [&] {
+        const uint64_t task = (uint64_t{1} << CAP_SYS_ADMIN) | (uint64_t{1} << CAP_FOWNER);
+        if (!kova_internal::KeepOnlyCapabilities(task)) return 90;
+        if (SetAcl(run + "/f1", {}, true) != 0) return 91;
+        {
+            kova_internal::RootScope root;
+            if (!root.ok() || !kova_acl_test::WriteRawRecord(run, changed)) return 92;
+        }
+        if (SetAcl(run + "/f2", {}, true) != 0 || SetAcl(run + "/f3", {}, true) != 0) return 93;
+        return 0;
+    });
+    ASSERT_EQ(rc, 0);
+    EXPECT_EQ(KernelBitsAs(bob, run + "/f1", false), kR) << "set before the change";
+    for (const char *f : {"f2", "f3"}) {
+        EXPECT_EQ(KernelBitsAs(bob, run + "/" + f, false), kR | kW | kX) << f;
+        EXPECT_EQ(KernelBitsAs(alice, run + "/" + f, false), kR | kX) << f;
+    }
+}
+
 } // namespace
