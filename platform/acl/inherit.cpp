@@ -48,15 +48,13 @@ OwnedFd OpenParentOf(int dirFd) {
     return OwnedFd(kova_internal::Sys().openat(dirFd, "..", O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC, 0));
 }
 
-} // namespace
-
+// How many folders above t the walk may visit: up to its share root, or up
+// to "/" outside every share, as t's path was judged.
 size_t AncestorsOf(const Target &t) {
     if (t.path == "/") return 0;
     const size_t from = t.inShare && t.shareRoot != "/" ? t.shareRoot.size() : 0;
     return static_cast<size_t>(std::count(t.path.begin() + static_cast<std::ptrdiff_t>(from), t.path.end(), '/'));
 }
-
-namespace {
 
 // The share root as its device and inode, asked once per walk (from the
 // share table's real root path: only an administrator places it), and

@@ -34,10 +34,6 @@ bool PassDown(const Ace &e, bool childIsDir, Ace &copy);
 // the share root where t's path put it (the tree moved under the path).
 bool CollectInherited(const Target &t, std::vector<Ace> &out);
 
-// How many folders above t CollectInherited may visit: up to its share
-// root, or up to "/" outside every share, as t's path was judged.
-size_t AncestorsOf(const Target &t);
-
 } // namespace kova_acl
 
 #endif

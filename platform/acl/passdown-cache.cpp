@@ -60,12 +60,9 @@ struct Kept {
     std::string shareRoot;
     bool inShare = false;
     std::string record;     // the folder's own record, raw
+    Stamp stamp;            // the folder itself
     bool viaKept = false;   // made through the kept folder (target.h) ...
     uint64_t generation = 0;  // ... of this generation
-    // The folder (first) and each ancestor the walk up reads, held open so
-    // that each is checked as the object it was, wherever it is now.
-    std::vector<OwnedFd> folders;
-    std::vector<Stamp> stamps;
     bool have[2] = {false, false};  // inherited[isDir] is filled
     std::vector<Ace> inherited[2];
 };
@@ -80,52 +77,27 @@ std::string FolderOf(const Target &t) { return ParentOf(t.path); }
 // was made through (the thread's kept folder, of one generation) names the
 // same object for as long as it is kept, so only another descriptor needs
 // a look at the object.
-// The ancestors are checked when the copy is made, not on every use (see
-// the header).
 bool StillValid(const Target &t) {
     const Kept &k = tKept;
     if (!k.valid || k.inShare != t.inShare || k.shareRoot != t.shareRoot || k.folder != FolderOf(t)) return false;
     uint64_t generation = 0;
     const bool viaKept = IsKeptFolder(t.parent.get(), generation);
-    if (!(viaKept && k.viaKept && generation == k.generation) && !k.stamps[0].Same(t.parent.get())) return false;
+    if (!(viaKept && k.viaKept && generation == k.generation) && !k.stamp.Same(t.parent.get())) return false;
     std::string now;
     return RawRecord(t.parent.get(), now) && now == k.record;
 }
 
-// Stamps the folder and every ancestor CollectInherited reads for its
-// children (it stops after a folder without a record, one that does not
-// inherit, or the share root: `levels` steps up from the entry), before
-// anything is read from them, so a change made meanwhile shows on the next
-// check. False when one cannot be opened or read.
+// A new copy for t's folder: its identity and record are taken before
+// anything is read through them, so a change made meanwhile shows on the
+// next check. Holds no descriptor of its own. False when the folder
+// cannot be looked at.
 bool Rebuild(const Target &t) {
     tKept = Kept();
     Kept k;
     k.folder = FolderOf(t);
     k.shareRoot = t.shareRoot;
     k.inShare = t.inShare;
-    const size_t levels = AncestorsOf(t);
-    OwnedFd cur(Sys().openat(t.parent.get(), ".", O_PATH | O_DIRECTORY | O_CLOEXEC, 0));
-    for (size_t level = 1; level <= levels; ++level) {
-        if (cur.get() < 0) return false;
-        Stamp st;
-        std::string raw;
-        if (!st.Take(cur.get()) || !RawRecord(cur.get(), raw)) return false;
-        if (level == 1) k.record = raw;
-        StoredAcl acl;
-        const bool goesOn = !raw.empty() && DecodeRecord(raw.data(), raw.size(), acl) && acl.inherits;
-        const int fd = cur.get();
-        k.folders.push_back(std::move(cur));
-        k.stamps.push_back(st);
-        if (!goesOn) break;
-        cur = OwnedFd(Sys().openat(fd, "..", O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC, 0));
-    }
-    if (k.folders.empty()) {
-        // An entry right below "/" or a share root: its folder alone.
-        Stamp st;
-        if (cur.get() < 0 || !st.Take(cur.get()) || !RawRecord(cur.get(), k.record)) return false;
-        k.folders.push_back(std::move(cur));
-        k.stamps.push_back(st);
-    }
+    if (!k.stamp.Take(t.parent.get()) || !RawRecord(t.parent.get(), k.record)) return false;
     k.viaKept = IsKeptFolder(t.parent.get(), k.generation);
     k.valid = true;
     tKept = std::move(k);

@@ -3,15 +3,16 @@
 // the kept folder of target.h) then pays for the walk up the ancestors
 // (inherit.h) once per folder instead of once per entry.
 //
-// The kept copy can never be used stale by what it was read from: on every
-// use the folder and each ancestor the walk read are checked against what
-// they were then (device, inode and change time: a record written, a folder
-// moved in or out, changes it), and the folder's own record is read again
-// and compared byte for byte (a second change within one clock tick of the
-// first leaves the change time alone; for the folder the task has just
-// written, that is the likely case). What is left is a farther ancestor
-// changed twice within one tick with the copy made in between; the
-// propagation of that change rewrites the entry anyway. One copy per thread.
+// The copy is checked on every use: the entry must be named in the same
+// folder, reached through the same kept folder (or, through another
+// descriptor, the same object with the same change time), and the folder's
+// own record is read again and compared byte for byte (a change within one
+// clock tick of the last one leaves the change time alone; for a folder the
+// task has just written, that is the likely case). Farther ancestors are
+// read when the copy is made, not on every use: one changed while a task
+// works through a folder reaches the rest of that folder's entries through
+// the propagation that the change starts, as it reaches every entry below
+// it. One copy per thread, holding no descriptor.
 #ifndef KOVA_ACL_PASSDOWN_CACHE_H
 #define KOVA_ACL_PASSDOWN_CACHE_H
 
