@@ -319,6 +319,14 @@ void ListDir(KOVA::APIRequest *req, KOVA::APIResponse *resp) {
     // its rules (not only the mode bits) must grant listing.
     const int fd = open(realPath.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
     if (fd < 0) {
+        // The kernel enforces the projection of a folder's stored rules: when
+        // those rules refuse listing, that is the answer, as it would be had
+        // the kernel let the folder open.
+        if (errno == EACCES && KOVAACLIsSupport(realPath.c_str(), -1, KOVA_ACL_SUPPORT_MODE) == 1 &&
+            KOVAACLPermCheck(realPath.c_str(), KOVA_ACL_PERM_READ_DATA) != 1) {
+            resp->SetError(kErrFilesNoListRight);
+            return;
+        }
         struct stat st;
         const bool isDir = lstat(realPath.c_str(), &st) != 0 || S_ISDIR(st.st_mode);
         resp->SetError(isDir ? kErrFilesNoFolder : kErrFilesNotFolder);

@@ -94,7 +94,10 @@ bool Write(const Place &where, const StoredAcl &acl) {
     return true;
 }
 
-bool KeepingGroupOwner(const Place &where, StoredAcl &next, bool replaceCorrupt) {
+bool KeepingGroupOwner(const Place &where, StoredAcl &next, bool replaceCorrupt, PreviousRecord *previous) {
+    PreviousRecord ignored;
+    PreviousRecord &prev = previous ? *previous : ignored;
+    prev = PreviousRecord();
     next.hasGroupOwner = false;
     next.ownerGid = 0;
     std::string rec;
@@ -116,7 +119,9 @@ bool KeepingGroupOwner(const Place &where, StoredAcl &next, bool replaceCorrupt)
         if (!ReadRaw(where, buf, n, present)) return false;
         if (!present) continue;
         StoredAcl cur;
+        prev.had = true;
         if (DecodeRecord(buf, static_cast<size_t>(n), cur)) {
+            prev.acl = cur;
             if (cur.hasGroupOwner != next.hasGroupOwner || cur.ownerGid != next.ownerGid) {
                 next.hasGroupOwner = cur.hasGroupOwner;
                 next.ownerGid = cur.ownerGid;
@@ -125,11 +130,14 @@ bool KeepingGroupOwner(const Place &where, StoredAcl &next, bool replaceCorrupt)
             if (static_cast<size_t>(n) == rec.size() && std::memcmp(buf, rec.data(), rec.size()) == 0) return true;
         } else if (!replaceCorrupt) {
             return false;
-        } else if (next.hasGroupOwner) {
+        } else {
+            prev.damaged = true;
             // A damaged record has no group owner to keep.
-            next.hasGroupOwner = false;
-            next.ownerGid = 0;
-            if (!EncodeRecord(next, rec)) return false;
+            if (next.hasGroupOwner) {
+                next.hasGroupOwner = false;
+                next.ownerGid = 0;
+                if (!EncodeRecord(next, rec)) return false;
+            }
         }
         if (where.Set(rec.data(), rec.size(), XATTR_REPLACE) == 0) return true;
         if (errno != ENODATA) {
@@ -154,8 +162,8 @@ bool ReadStored(const Target &t, StoredAcl &out, bool &present) { return Read(Pl
 bool WriteStored(const Target &t, const StoredAcl &acl) { return Write(PlaceOf(t), acl); }
 bool RemoveStored(const Target &t) { return Remove(PlaceOf(t)); }
 bool ReadStoredOfFolder(int dirFd, StoredAcl &out, bool &present) { return Read(Place{dirFd, ""}, out, present); }
-bool WriteStoredKeepingGroupOwner(const Target &t, StoredAcl &next, bool replaceCorrupt) {
-    return KeepingGroupOwner(PlaceOf(t), next, replaceCorrupt);
+bool WriteStoredKeepingGroupOwner(const Target &t, StoredAcl &next, bool replaceCorrupt, PreviousRecord *previous) {
+    return KeepingGroupOwner(PlaceOf(t), next, replaceCorrupt, previous);
 }
 
 } // namespace kova_acl

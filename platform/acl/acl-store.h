@@ -36,7 +36,15 @@ bool RemoveStored(const Target &t);
 // already says the same is not written again. A damaged record fails
 // (KOVA_ERR_CORRUPT) unless replaceCorrupt, when it is replaced and has no
 // group owner to keep.
-bool WriteStoredKeepingGroupOwner(const Target &t, StoredAcl &next, bool replaceCorrupt);
+// previous, when given, tells what the record held before: nothing
+// (had false), a readable record, or a damaged one (damaged true).
+struct PreviousRecord {
+    bool had = false;
+    bool damaged = false;
+    StoredAcl acl;
+};
+bool WriteStoredKeepingGroupOwner(const Target &t, StoredAcl &next, bool replaceCorrupt,
+                                  PreviousRecord *previous = nullptr);
 
 } // namespace kova_acl
 

@@ -5,6 +5,8 @@
 #include "acl-store.h"
 #include "evaluate.h"
 #include "fs-type.h"
+#include "kernel-acl.h"
+#include "refresh.h"
 #include "mode-acl.h"
 #include "path-state.h"
 
@@ -55,6 +57,24 @@ bool LoadForCaller(const char *szPath, const Principal &caller, PathState &s) {
     return root.ok() && LoadPathState(szPath, s);
 }
 
+// After a folder's record changed: its descendants' kernel ACLs follow what
+// it now passes down (refresh.h). A walk that cannot start leaves them for
+// `kova-admin acl verify --repair`; the set itself has succeeded.
+void FollowInheritance(const Target &t, const PreviousRecord &prev, bool hasNew, const StoredAcl &next) {
+    if (!t.hasStat || !t.IsDir()) return;
+    if (!prev.damaged && PassesDownTheSame(prev.had, prev.acl, hasNew, next)) return;
+    size_t visited = 0;
+    (void)RefreshDescendants(t, visited);
+}
+
+// Write, project, refresh: the whole of a set once the caller may write.
+bool WriteAndProject(Target &t, StoredAcl &next, bool replaceCorrupt) {
+    PreviousRecord prev;
+    if (!WriteStoredKeepingGroupOwner(t, next, replaceCorrupt, &prev) || !ProjectStored(t, next)) return false;
+    FollowInheritance(t, prev, true, next);
+    return true;
+}
+
 // A caller that holds CAP_SYS_ADMIN (a background task keeps it, see
 // kova/fileshare.h) may write trusted attributes under its own ids. When
 // the entries do not decide its rights (RightsIgnoreEntries), the write is
@@ -65,11 +85,32 @@ bool LoadForCaller(const char *szPath, const Principal &caller, PathState &s) {
 bool SetWithoutRaising(const char *szPath, const Principal &caller, StoredAcl &next) {
     // Root never raises anyway, and only an administrator's rights can
     // ignore the entries once the path is known.
-    if (caller.isRoot || !caller.isAdmin || !kova_internal::HoldsCapability(CAP_SYS_ADMIN)) return false;
+    if (caller.isRoot || !caller.isAdmin) return false;
+    kova_internal::ThreadCapabilities caps;
+    if (!caps.Read() || !caps.Effective(CAP_SYS_ADMIN)) return false;
     Target t;
     if (!LocateTargetInKeptFolder(szPath, caller.uid, t) || !RightsIgnoreEntries(caller, t.BelowShareRoot()))
         return false;
-    if (WriteStoredKeepingGroupOwner(t, next, false)) return true;
+    PreviousRecord prev;
+    if (!WriteStoredKeepingGroupOwner(t, next, false, &prev)) {
+        ForgetKeptFolder();
+        return false;
+    }
+    // Kernel ACLs need the owner or CAP_FOWNER, which a task keeps with
+    // CAP_SYS_ADMIN (kova/fileshare.h); without it the uid is raised. The
+    // ancestors' records are read through ".." of folders strictly below
+    // the share root, which an administrator may search (the projection's
+    // administrators' entry says so); where the kernel refuses, the raised
+    // attempt follows.
+    if (caps.Effective(CAP_FOWNER) && ProjectStored(t, next, true)) {
+        FollowInheritance(t, prev, true, next);
+        return true;
+    }
+    Elevation root(caller.uid);
+    if (root.ok() && ProjectStored(t, next, true)) {
+        FollowInheritance(t, prev, true, next);
+        return true;
+    }
     ForgetKeptFolder();
     return false;
 }
@@ -126,11 +167,11 @@ extern "C" int KOVAACLSet(const char *szPath, int fd, const KOVA_ACL *pAcl) {
     // share root a link's share is its path's; a missing path fails the
     // write itself.
     if (RightsIgnoreEntries(caller, s.target.BelowShareRoot()))
-        return WriteStoredKeepingGroupOwner(s.target, next, caller.isRoot) ? 0 : -1;
+        return WriteAndProject(s.target, next, caller.isRoot) ? 0 : -1;
     // A link standing at a share root's path belongs to its folder's share.
     if (!StatTarget(s.target)) return -1;
     if (RightsIgnoreEntries(caller, s.target.BelowShareRoot()))
-        return WriteStoredKeepingGroupOwner(s.target, next, caller.isRoot) ? 0 : -1;
+        return WriteAndProject(s.target, next, caller.isRoot) ? 0 : -1;
     if (!LoadResolvedState(s, kLoadAll, &caller)) return -1;
     if (!Holds(s, caller, KOVA_ACL_PERM_WRITE_ACL)) {
         KOVA_FAIL(KOVA_ERR_ACL_DENIED);
@@ -138,7 +179,12 @@ extern "C" int KOVAACLSet(const char *szPath, int fd, const KOVA_ACL *pAcl) {
     }
     next.hasGroupOwner = s.stored && s.own.hasGroupOwner;
     next.ownerGid = next.hasGroupOwner ? s.own.ownerGid : 0;
-    return WriteStored(s.target, next) ? 0 : -1;
+    if (!WriteStored(s.target, next) || !ProjectStored(s.target, next)) return -1;
+    PreviousRecord prev;
+    prev.had = s.stored;
+    prev.acl = s.own;
+    FollowInheritance(s.target, prev, true, next);
+    return 0;
 }
 
 extern "C" int KOVAACLRemove(const char *szPath, int fd) {
@@ -157,7 +203,15 @@ extern "C" int KOVAACLRemove(const char *szPath, int fd) {
         KOVA_FAIL(KOVA_ERR_ACL_DENIED);
         return -1;
     }
-    return RemoveStored(s.target) ? 0 : -1;
+    // A path without a record keeps whatever kernel ACL it has (one a
+    // program set, or a default one it was created with).
+    if (!s.stored) return RemoveStored(s.target) ? 0 : -1;
+    if (!RemoveStored(s.target) || !Unproject(s.target)) return -1;
+    PreviousRecord prev;
+    prev.had = true;
+    prev.acl = s.own;
+    FollowInheritance(s.target, prev, false, StoredAcl());
+    return 0;
 }
 
 extern "C" int KOVAACLIsSupport(const char *szPath, int fd, int mode) {
@@ -187,11 +241,13 @@ extern "C" int KOVAACLDumpFromMode(const char *szPath, int fd, PKOVA_ACL *ppAcl)
         return -1;
     }
     Target t;
+    std::vector<Ace> entries;
     {
         Elevation root;
         if (!root.ok() || !ResolveTarget(szPath, t)) return -1;
+        entries = EntriesWithoutRecord(t);
     }
-    PKOVA_ACL acl = BuildPublicAcl(false, EntriesFromMode(t.st));
+    PKOVA_ACL acl = BuildPublicAcl(false, entries);
     if (!acl) return -1;
     *ppAcl = acl;
     return 0;

@@ -5,6 +5,7 @@
 #include "ace.h"
 #include "acl-store.h"
 #include "evaluate.h"
+#include "kernel-acl.h"
 #include "mode-acl.h"
 #include "path-state.h"
 
@@ -81,13 +82,13 @@ extern "C" int KOVAACLOwnerIdSet(const char *szPath, const KOVA_ACL_ID *pOwner) 
             return -1;
         }
     }
-    const Target &t = s.target;
+    Target &t = s.target;
     if (pOwner->idType == KOVA_ACL_ID_GROUP) {
         StoredAcl next = s.stored ? s.own : StoredAcl();
-        if (!s.stored) next.entries = EntriesFromMode(t.st);
+        if (!s.stored) next.entries = s.unstored;
         next.hasGroupOwner = true;
         next.ownerGid = static_cast<uint32_t>(pOwner->id);
-        return WriteStored(t, next) ? 0 : -1;
+        return WriteStored(t, next) && ProjectStored(t, next) ? 0 : -1;
     }
     // The owner is written through the folder that was judged: a link put
     // on the way meanwhile is never followed to another file.
@@ -105,6 +106,9 @@ extern "C" int KOVAACLOwnerIdSet(const char *szPath, const KOVA_ACL_ID *pOwner) 
             (void)ChownEntry(t, oldUid);
             return -1;
         }
+        s.own = next;
     }
-    return 0;
+    // The owner's entry of the kernel ACL is now another user's.
+    t.st.st_uid = static_cast<uid_t>(pOwner->id);
+    return !s.stored || ProjectStored(t, s.own) ? 0 : -1;
 }

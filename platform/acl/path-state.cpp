@@ -3,6 +3,7 @@
 
 #include "acl-store.h"
 #include "inherit.h"
+#include "kernel-acl.h"
 #include "mode-acl.h"
 
 #include "kova/errcode.h"
@@ -20,7 +21,7 @@ Elevation::Elevation(uid_t currentEuid) : scope_(currentEuid) {
 }
 
 std::vector<Ace> PathState::Complete() const {
-    if (!stored) return EntriesFromMode(target.st);
+    if (!stored) return unstored;
     std::vector<Ace> all = own.entries;
     all.insert(all.end(), inherited.begin(), inherited.end());
     return all;
@@ -44,6 +45,8 @@ bool LoadResolvedState(PathState &out, unsigned flags, const Principal *judged) 
     }
     out.stored = present;
     out.inherited.clear();
+    out.unstored.clear();
+    if (!present) out.unstored = EntriesWithoutRecord(out.target);
     if (present && out.own.inherits && !(flags & kSkipInherited) && !CollectInherited(out.target, out.inherited))
         return false;
     if (present && out.own.hasGroupOwner) {

@@ -22,9 +22,10 @@ struct PathState {
     bool stored = false;         // the path is in ACL mode
     StoredAcl own;               // valid when stored
     std::vector<Ace> inherited;  // levels >= 1, when stored and inheriting
+    std::vector<Ace> unstored;   // without a record: mode bits or kernel ACL
     OwnerId owner;
 
-    // Own entries then inherited ones when stored, else the mode entries.
+    // Own entries then inherited ones when stored, else `unstored`.
     std::vector<Ace> Complete() const;
     uint32_t RightsOf(const Principal &p) const;
 };

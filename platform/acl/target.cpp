@@ -128,6 +128,9 @@ struct KeptFolder {
 };
 
 thread_local KeptFolder tKept;
+// Counts the folders kept so far: a descriptor number can be reused, a
+// generation cannot.
+thread_local uint64_t tKeptGeneration = 0;
 
 } // namespace
 
@@ -139,7 +142,15 @@ bool LocateTarget(const char *szPath, Target &t) {
     return Compose(sp, base, std::move(fd), t);
 }
 
-void ForgetKeptFolder() { tKept = KeptFolder(); }
+void ForgetKeptFolder() {
+    tKept = KeptFolder();
+    ++tKeptGeneration;
+}
+
+bool IsKeptFolder(int fd, uint64_t &generation) {
+    generation = tKeptGeneration;
+    return fd >= 0 && fd == tKept.fd.get();
+}
 
 bool LocateTargetInKeptFolder(const char *szPath, uid_t uid, Target &t) {
     SplitPath sp;
@@ -149,7 +160,7 @@ bool LocateTargetInKeptFolder(const char *szPath, uid_t uid, Target &t) {
     // effective uid resolves it afresh, and never writes through a folder
     // it might not have been able to reach.
     if (tKept.fd.get() < 0 || tKept.uid != uid || tKept.named != sp.folder) {
-        tKept = KeptFolder();
+        ForgetKeptFolder();
         std::string base;
         OwnedFd fd;
         if (!Resolve(sp, base, fd)) return false;

@@ -9,6 +9,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include <cstdint>
 #include <string>
 
 namespace kova_acl {
@@ -64,6 +65,11 @@ bool LocateTargetInKeptFolder(const char *szPath, uid_t uid, Target &t);
 // Closes the kept folder, for a caller whose write in it failed (the
 // folder may be gone, with another now at its name).
 void ForgetKeptFolder();
+// Whether fd is the thread's kept folder now, and in any case the
+// generation of the kept folder (a new one each time a folder is kept or
+// forgotten), so that a caller can tell the same kept folder from a later
+// one that happens to get the same descriptor number.
+bool IsKeptFolder(int fd, uint64_t &generation);
 
 // The share root of an existing canonical directory path; empty when no
 // share holds it. False when the lookup itself failed.

@@ -66,6 +66,14 @@ bool ThreadCapabilities::KeepOnly(unsigned cap) {
     return true;
 }
 
+bool ThreadCapabilities::KeepOnlyMask(uint64_t mask) {
+    const uint64_t permitted = read_ ? (static_cast<uint64_t>(data_[1].permitted) << 32) | data_[0].permitted : 0;
+    if (!read_ || (mask & ~permitted) != 0) return false;
+    data_[0].effective = static_cast<uint32_t>(mask);
+    data_[1].effective = static_cast<uint32_t>(mask >> 32);
+    return true;
+}
+
 uint64_t ThreadCapabilities::EffectiveMask() const {
     return read_ ? (static_cast<uint64_t>(data_[1].effective) << 32) | data_[0].effective : 0;
 }
@@ -78,6 +86,11 @@ bool HoldsCapability(unsigned cap) {
 bool KeepOnlyCapability(unsigned cap) {
     ThreadCapabilities caps;
     return caps.Read() && caps.KeepOnly(cap) && caps.Apply();
+}
+
+bool KeepOnlyCapabilities(uint64_t mask) {
+    ThreadCapabilities caps;
+    return caps.Read() && caps.KeepOnlyMask(mask) && caps.Apply();
 }
 
 UidScope::UidScope() : UidScope(geteuid()) {}

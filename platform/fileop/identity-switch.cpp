@@ -62,7 +62,11 @@ int SwitchTo(uid_t uid, gid_t gid, const std::vector<gid_t> &groups) {
 }
 
 bool KeepAttributeCapability() {
-    return geteuid() == 0 || kova_internal::KeepOnlyCapability(CAP_SYS_ADMIN);
+    if (geteuid() == 0) return true;
+    constexpr uint64_t kTask = (uint64_t{1} << CAP_SYS_ADMIN) | (uint64_t{1} << CAP_FOWNER);
+    if (kova_internal::KeepOnlyCapabilities(kTask)) return true;
+    (void)kova_internal::KeepOnlyCapability(CAP_SYS_ADMIN);
+    return false;
 }
 
 } // namespace kova_fileop

@@ -14,13 +14,18 @@ namespace kova_fileop {
 // 0 on success; otherwise a KOVA_WFM_ERR_* class with the last error set,
 // and the process keeps (as far as the kernel lets it) its former ids.
 int SwitchTo(uid_t uid, gid_t gid, const std::vector<gid_t> &groups);
-// After a switch to a uid other than 0: the calling thread keeps
-// CAP_SYS_ADMIN, and only it, in its effective set. The user's own ids
-// still decide every permission check of ordinary file operations (no
-// DAC capability is kept), while the platform writes trusted attributes
-// for the user, after judging the user's rights, without raising its uid
-// for each one. False when the kernel refused; the ids are in place
-// either way, and the platform then raises its uid for those writes.
+// After a switch to a uid other than 0: the calling thread keeps two of
+// root's capabilities, and only them, in its effective set, for the writes
+// a background task makes on the platform's behalf after the platform has
+// judged the user's rights: CAP_SYS_ADMIN for the trusted ACL records and
+// CAP_FOWNER for the kernel ACLs projected from them (the kernel asks for
+// the file's owner or that capability), so neither needs a uid raise per
+// entry. With CAP_SYS_ADMIN the thread could already rewrite any record,
+// from which the projection follows, so CAP_FOWNER widens nothing the task
+// had not in reach. No DAC capability is kept: reading, listing and
+// traversing stay judged by the user's own ids. False when the kernel
+// refused both; CAP_SYS_ADMIN alone is then tried, and the platform raises
+// its uid for what is missing.
 bool KeepAttributeCapability();
 // The user's uid, primary gid and every group gid; a KOVA_WFM_ERR_* class.
 int LookupIdentity(const std::string &user, uid_t &uid, gid_t &gid, std::vector<gid_t> &groups);

@@ -93,6 +93,10 @@ int Resolve(const std::string &userPath, const std::string &user, Resolved &out)
     r.readOnly = share->isReadOnly != 0;
     KOVAShareFree(share);
 
+    // The folders are looked up raised (TraverseScope): the caller's right
+    // to search the folders on the way is the platform's evaluation to
+    // judge, not the kernel's; every lookup stays beneath the share root.
+    kova_share::TraverseScope raised;
     // The table names the real root: nothing at its path may be a link.
     int raw = -1;
     int err = kova_internal::OpenWithoutLinks(storedRoot, O_DIRECTORY, &raw);

@@ -111,8 +111,11 @@ thread_local Cache tCache;
 
 // The root directory at the stored path now: a real folder, no link on the
 // way. A link put at the root's path, or at a folder above it, holds
-// nothing; nor does a root that is missing.
+// nothing; nor does a root that is missing. Whether the caller may search
+// the folders above it does not count (TraverseScope): the table is kept
+// per thread and serves every identity that thread takes on.
 bool OpenRoot(const ShareRoot &r, struct stat &st) {
+    TraverseScope raised;
     int fd = -1;
     if (kova_internal::OpenWithoutLinks(r.stored, O_DIRECTORY, &fd) != 0) return false;
     OwnedFd root(fd);

@@ -38,12 +38,43 @@ struct Reached {
     kova_internal::OwnedFd fd;
 };
 
-// The real path of the whole path; when only the final component is
-// missing, the real parent plus that name. False with the last error set.
-bool Canonicalise(const std::string &raw, Reached &out) {
-    std::string p = kova_internal::StripTrailingSlashes(raw);
-    int err = kova_internal::RealPathOf(p, out.canonical, out.fd);
-    if (err == 0) {
+bool RealPath(const std::string &p, std::string &out, kova_internal::OwnedFd &fd, int &err) {
+    int raw = -1;
+    err = kova_internal::RealPathOf(p, out, &raw);
+    fd = kova_internal::OwnedFd(raw);
+    return err == 0;
+}
+
+// A failed lookup of the path's folder as a last error.
+void FolderLookupFailed(int err) {
+    KOVA_FAIL(err == ENOENT || err == ENOTDIR ? KOVA_ERR_NOENT : err == EACCES ? KOVA_ERR_PERM : KOVA_ERR_BADPATH);
+}
+
+// Splits off the final component, which may be missing; false (BADPATH
+// set) when it cannot be one (".", "..", nothing).
+bool SplitLast(const std::string &p, std::string &parent, std::string &name) {
+    const size_t slash = p.rfind('/');
+    name = slash == std::string::npos ? p : p.substr(slash + 1);
+    parent = slash == std::string::npos ? std::string() : slash == 0 ? "/" : p.substr(0, slash);
+    if (name.empty() || name == "." || name == "..") {
+        KOVA_FAIL(KOVA_ERR_BADPATH);
+        return false;
+    }
+    return true;
+}
+
+std::string Joined(const std::string &folder, const std::string &name) {
+    return folder == "/" ? "/" + name : folder + "/" + name;
+}
+
+// The real path of a path written outside every share, or leaving its
+// share by a link: looked up with the caller's own ids (the platform has
+// nothing to judge out there, so it looks no further than the caller may
+// search). When only the final component is missing, the real parent plus
+// that name. False with the last error set.
+bool CanonicaliseAsCaller(const std::string &p, Reached &out) {
+    int err = 0;
+    if (RealPath(p, out.canonical, out.fd, err)) {
         out.named = out.canonical;
         return true;
     }
@@ -51,20 +82,69 @@ bool Canonicalise(const std::string &raw, Reached &out) {
         KOVA_FAIL(err == EACCES ? KOVA_ERR_PERM : KOVA_ERR_BADPATH);
         return false;
     }
-    size_t slash = p.rfind('/');
-    std::string name = p.substr(slash + 1);
-    std::string parent = slash == 0 ? "/" : p.substr(0, slash);
-    if (name.empty() || name == "." || name == "..") {
-        KOVA_FAIL(KOVA_ERR_BADPATH);
+    std::string parent, name;
+    if (!SplitLast(p, parent, name)) return false;
+    if (!RealPath(parent, out.named, out.fd, err)) {
+        FolderLookupFailed(err);
         return false;
     }
-    err = kova_internal::RealPathOf(parent, out.named, out.fd);
-    if (err != 0) {
-        KOVA_FAIL(err == ENOENT ? KOVA_ERR_NOENT : err == EACCES ? KOVA_ERR_PERM : KOVA_ERR_BADPATH);
-        return false;
-    }
-    out.canonical = out.named == "/" ? "/" + name : out.named + "/" + name;
+    out.canonical = Joined(out.named, name);
     return true;
+}
+
+// The raised lookup of CanonicaliseBeneath: 0 with out filled; EXDEV when
+// the kernel would not keep the path beneath the root; else -1 with the
+// last error set as CanonicaliseAsCaller sets it.
+int LookUpBeneath(const kova_share::ShareRoot &s, const std::string &lexical, Reached &out) {
+    kova_share::TraverseScope raised;
+    int raw = -1;
+    int err = kova_share::OpenWithoutLinks(s.real, O_DIRECTORY, &raw);
+    if (err) {
+        FolderLookupFailed(err);
+        return -1;
+    }
+    kova_internal::OwnedFd rootFd(raw);
+    std::string rel = lexical.size() > s.real.size() ? lexical.substr(s.real.size()) : std::string();
+    while (!rel.empty() && rel[0] == '/') rel.erase(0, 1);
+    err = kova_share::OpenBeneath(rootFd.get(), rel, 0, &raw);
+    std::string name;
+    if (err == ENOENT) {
+        // Only the final component may be missing.
+        std::string parent;
+        if (!SplitLast(rel, parent, name)) return -1;
+        err = kova_share::OpenBeneath(rootFd.get(), parent, 0, &raw);
+        if (err && err != EXDEV) {
+            FolderLookupFailed(err);
+            return -1;
+        }
+    }
+    if (err == EXDEV) return EXDEV;
+    if (err) {
+        KOVA_FAIL(err == EACCES ? KOVA_ERR_PERM : KOVA_ERR_BADPATH);
+        return -1;
+    }
+    out.fd = kova_internal::OwnedFd(raw);
+    err = kova_share::NameOfFd(out.fd.get(), out.named);
+    if (err) {
+        FolderLookupFailed(err);
+        return -1;
+    }
+    out.canonical = name.empty() ? out.named : Joined(out.named, name);
+    return 0;
+}
+
+// The same for a path written inside a share: looked up beneath that
+// share's root (openat2 RESOLVE_BENEATH: ".." and relative links may move
+// within the share but never out of it), with the lookup raised
+// (TraverseScope), so what the caller may search does not decide it and
+// the raised lookup learns nothing outside the share. A path that the
+// kernel will not keep beneath the root that way (a link out of it, or any
+// absolute link, EXDEV) is looked up with the caller's own ids instead.
+bool CanonicaliseBeneath(const kova_share::ShareRoot &s, const std::string &written, const std::string &lexical,
+                         Reached &out) {
+    const int err = LookUpBeneath(s, lexical, out);
+    if (err == EXDEV) return CanonicaliseAsCaller(written, out);
+    return err == 0;
 }
 
 // The kernel named what it opened below the share's root; the judgement is
@@ -73,6 +153,7 @@ bool Canonicalise(const std::string &raw, Reached &out) {
 // way openat2(RESOLVE_BENEATH) walks. A folder on the way swapped for a
 // link since it was named fails here.
 bool ReachedBeneath(const kova_share::ShareRoot &root, const Reached &r) {
+    kova_share::TraverseScope raised;
     int raw = -1;
     if (kova_internal::OpenWithoutLinks(root.real, O_DIRECTORY, &raw) != 0) return false;
     kova_internal::OwnedFd rootFd(raw);
@@ -163,15 +244,18 @@ extern "C" int KOVAShareNamePathGet(const char *szPath, char *szName, int cbName
         KOVA_FAIL(KOVA_ERR_BADPATH);
         return -1;
     }
-    Reached reached;
-    if (!Canonicalise(raw, reached)) return -1;
-    const std::string &canonical = reached.canonical;
-
     std::shared_ptr<const kova_share::ShareRoots> table;
     if (!Table(table)) return -1;
     const kova_share::ShareRoots &shares = *table;
 
-    int lexical = LongestMatch(shares, CollapseDots(raw));
+    const std::string written = kova_internal::StripTrailingSlashes(raw);
+    const std::string collapsed = CollapseDots(written);
+    const int lexical = LongestMatch(shares, collapsed);
+    Reached reached;
+    if (lexical < 0 ? !CanonicaliseAsCaller(written, reached)
+                    : !CanonicaliseBeneath(shares[static_cast<size_t>(lexical)], written, collapsed, reached))
+        return -1;
+    const std::string &canonical = reached.canonical;
     int real = LongestMatch(shares, canonical);
     if (lexical >= 0 && !kova_internal::UnderRoot(canonical, shares[static_cast<size_t>(lexical)].real)) {
         // Written inside a share but resolving elsewhere: an escape.

@@ -64,10 +64,11 @@ public:
     /* Makes the process act as `user`: supplementary groups, effective gid
      * and uid of the user, real and saved ids left 0. sessionId names the
      * session the work belongs to (recorded, not checked here). For a user
-     * other than root the calling thread keeps one effective capability,
-     * CAP_SYS_ADMIN, with which the platform writes the ACL records it has
-     * judged the user may write; every other permission check is the
-     * user's. Meant for background tasks that act as one user to the end. */
+     * other than root the calling thread keeps two effective capabilities,
+     * CAP_SYS_ADMIN and CAP_FOWNER, with which the platform writes the ACL
+     * records and their kernel projection it has judged the user may write;
+     * every other permission check is the user's. Meant for background
+     * tasks that act as one user to the end. */
     int WfmLibUGIDSet(const std::string &sessionId, const std::string &user);
     int WfmLibGetErr() const;
 

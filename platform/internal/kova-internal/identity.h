@@ -49,6 +49,9 @@ public:
     // Effective set of `cap` alone, the other sets unchanged; false when
     // `cap` is not permitted.
     bool KeepOnly(unsigned cap);
+    // The same for every capability n whose bit n is set in `mask`; false
+    // when one of them is not permitted.
+    bool KeepOnlyMask(uint64_t mask);
 
 private:
     struct __user_cap_data_struct data_[_LINUX_CAPABILITY_U32S_3] = {};
@@ -61,6 +64,9 @@ bool HoldsCapability(unsigned cap);
 // set is kept, so a later raise of the uid gives the rest back); false when
 // the kernel refused or `cap` is not permitted.
 bool KeepOnlyCapability(unsigned cap);
+// The same for the capabilities whose bits are set in `mask` (bit n:
+// capability n).
+bool KeepOnlyCapabilities(uint64_t mask);
 
 // Raises the effective uid alone to 0 for its lifetime (nothing to do when
 // it is 0 already) and gives back, on destruction or Drop, the previous

@@ -225,15 +225,17 @@ TEST_F(FileShare, UGIDSetActsAsUserKeepingSavedRoot) {
         std::vector<gid_t> groups(static_cast<size_t>(getgroups(0, nullptr)));
         getgroups(static_cast<int>(groups.size()), groups.data());
         if (std::find(groups.begin(), groups.end(), static_cast<gid_t>(staffGid_)) == groups.end()) return 4;
-        // Of root's capabilities only CAP_SYS_ADMIN stays, for the ACL
-        // records; reading a file is still judged by Alice's own ids, and
-        // a platform call that raises and drops the uid gives it back.
-        if (kova_test::EffectiveCapabilities() != (uint64_t{1} << CAP_SYS_ADMIN)) return 9;
+        // Of root's capabilities only the task's two stay (the ACL records
+        // and their kernel projection); reading a file is still judged by
+        // Alice's own ids, and a platform call that raises and drops the
+        // uid gives them back.
+        const uint64_t task = (uint64_t{1} << CAP_SYS_ADMIN) | (uint64_t{1} << CAP_FOWNER);
+        if (kova_test::EffectiveCapabilities() != task) return 9;
         if (open(secret.c_str(), O_RDONLY) >= 0 || errno != EACCES) return 10;
         PKOVA_ACL acl = nullptr;
         (void)KOVAACLGet(s1_.c_str(), -1, KOVA_ACL_GET_ALL, &acl);
         KOVAACLFree(acl);
-        if (kova_test::EffectiveCapabilities() != (uint64_t{1} << CAP_SYS_ADMIN)) return 11;
+        if (kova_test::EffectiveCapabilities() != task) return 11;
         // An unknown user changes nothing.
         if (fs.WfmLibUGIDSet("sid", "nobody") == 0) return 5;
         if (fs.WfmLibGetErr() != KOVA_WFM_ERR_NOUSER || KLIBCErrGet() != KOVA_ERR_NOUSER) return 6;

@@ -1,0 +1,36 @@
+// Keeping descendants' kernel ACLs true to dynamic inheritance. A folder's
+// set (or removal) that changes what it passes down changes the complete ACL
+// of every descendant that inherits through it, so their projections are
+// written again here, synchronously, by a walk of descriptors: each folder
+// is opened relative to the one above it with O_NOFOLLOW (a link put in a
+// folder's place is never entered), other file systems are not entered, and
+// only entries that hold a record and inherit are rewritten and descended
+// into (below any other, nothing depends on the folder). The walk visits at
+// most kRefreshLimit entries and kRefreshDepth levels; what lies beyond is
+// left as it was for `kova-admin acl verify --repair`
+// (docs/platform/enforcement.md).
+#ifndef KOVA_ACL_REFRESH_H
+#define KOVA_ACL_REFRESH_H
+
+#include "ace.h"
+#include "target.h"
+
+#include <cstddef>
+
+namespace kova_acl {
+
+constexpr size_t kRefreshLimit = 100000;
+constexpr size_t kRefreshDepth = 128;
+
+// Whether children see the same thing from a folder before and after a
+// change of its record (hadOld false: it had none; hasNew false: removed).
+bool PassesDownTheSame(bool hadOld, const StoredAcl &old, bool hasNew, const StoredAcl &next);
+
+// Rewrites the projections below folder t (judged, stat filled). Needs
+// root. False only when t itself cannot be opened as a folder; entries that
+// vanish or fail meanwhile are skipped. visited counts what was looked at.
+bool RefreshDescendants(const Target &t, size_t &visited);
+
+} // namespace kova_acl
+
+#endif
