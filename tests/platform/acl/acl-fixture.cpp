@@ -5,6 +5,8 @@
 #include "kova/share.h"
 #include "kova-internal/sys-calls.h"
 
+#include "../../../platform/acl/propagation.h"
+
 #include <sys/stat.h>
 #include <sys/xattr.h>
 #include <unistd.h>
@@ -103,6 +105,18 @@ bool AclFixture::GetAcl(const std::string &path, int selector, std::vector<std::
     if (inherits) *inherits = acl->isInherited != 0;
     KOVAACLFree(acl);
     return true;
+}
+
+bool WaitForPropagations(int timeoutMs) {
+    for (int waited = 0;; waited += 20) {
+        std::vector<kova_acl::PropagationJob> jobs;
+        bool busy = !kova_acl::ListPropagations(jobs);
+        for (const auto &j : jobs)
+            busy = busy || j.state == kova_acl::JobState::kQueued || j.state == kova_acl::JobState::kRunning;
+        if (!busy) return true;
+        if (waited >= timeoutMs) return false;
+        usleep(20000);
+    }
 }
 
 std::string RawRecord(const std::string &path) {
