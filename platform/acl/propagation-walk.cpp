@@ -10,6 +10,7 @@
 
 #include "kova/errcode.h"
 #include "kova/klibc.h"
+#include "kova/share.h"
 #include "kova-internal/fault-point.h"
 #include "kova-internal/sys-calls.h"
 
@@ -55,6 +56,29 @@ PassedPtr PassedOf(const std::vector<Ace> &complete) {
     return p;
 }
 
+// Device and inode of every share root but the top's own: a share whose
+// root lies inside the tree starts its own inheritance there. False when
+// the share table cannot be read.
+bool OtherShareRoots(const Target &top, std::vector<std::pair<dev_t, ino_t>> &out) {
+    PKLIBC_SZLIST names = KLIBCSzListAlloc(256);
+    if (!names || KOVAShareEnum(&names) < 0) {
+        KLIBCSzListFree(names);
+        return false;
+    }
+    for (int i = 0; i < names->nItem; ++i) {
+        const char *name = KLIBCSzListGet(names, i);
+        PKOVA_SHARE share = nullptr;
+        if (!name || KOVAShareGet(name, &share) < 0 || !share) continue;
+        struct stat st;
+        if (top.shareRoot != share->szPath && Sys().fstatat(AT_FDCWD, share->szPath, &st, 0) == 0 &&
+            S_ISDIR(st.st_mode))
+            out.emplace_back(st.st_dev, st.st_ino);
+        KOVAShareFree(share);
+    }
+    KLIBCSzListFree(names);
+    return true;
+}
+
 bool Skipped(const char *name) {
     if (name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'))) return true;
     return std::strcmp(name, "@kova_attr") == 0;
@@ -98,6 +122,7 @@ private:
     const size_t capacity_;
     WalkProgress &progress_;
     std::atomic<bool> stop_{false};
+    std::vector<std::pair<dev_t, ino_t>> shareRoots_;
 
     std::mutex m_;
     std::condition_variable cv_;     // queue changes, units finished
@@ -139,9 +164,13 @@ void Walk::Entry(int dirFd, const char *name, const Passed &passed, int &childFd
             return;
         }
         if (!own.inherits) return;
+        // A share root inherits nothing, whatever its flag says.
+        bool shareRoot = false;
+        if (t.IsDir())
+            for (const auto &r : shareRoots_) shareRoot = shareRoot || (r.first == t.st.st_dev && r.second == t.st.st_ino);
         const std::vector<Ace> &inherited = t.IsDir() ? passed.toDir : passed.toFile;
         complete = std::move(own.entries);
-        complete.insert(complete.end(), inherited.begin(), inherited.end());
+        if (!shareRoot) complete.insert(complete.end(), inherited.begin(), inherited.end());
         OwnerId owner;
         if (own.hasGroupOwner) {
             owner.idType = KOVA_ACL_ID_GROUP;
@@ -149,8 +178,7 @@ void Walk::Entry(int dirFd, const char *name, const Passed &passed, int &childFd
         } else {
             owner.id = static_cast<int>(t.st.st_uid);
         }
-        const Projection p = Project(complete, owner, t.st.st_uid, t.st.st_gid, t.IsDir(), top_.inShare,
-                                     top_.inShare);
+        const Projection p = Project(complete, owner, t.st.st_uid, t.st.st_gid, t.IsDir(), !shareRoot, true);
         if (!WriteProjection(t, p)) {
             progress_.failed.fetch_add(1, std::memory_order_relaxed);
             return;
@@ -301,6 +329,7 @@ WalkEnd Walk::Run(int64_t resume, const std::function<bool(const WalkProgress &)
         return WalkEnd::kFailed;
     }
 
+    if (!OtherShareRoots(top_, shareRoots_)) return WalkEnd::kFailed;
     const int topFd = Sys().openat(top_.parent.get(), top_.name.empty() ? "." : top_.name.c_str(),
                                    O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC, 0);
     struct stat st;

@@ -10,6 +10,7 @@
 #include "as-identity.h"
 #include "run-admin.h"
 #include "kova/acl.h"
+#include "kova/share.h"
 #include "kova-internal/sys-calls.h"
 
 #include "../../../platform/acl/acl-record.h"
@@ -144,10 +145,11 @@ protected:
         return all;
     }
 
-    // Entries below top whose kernel ACL differs from their projection.
-    size_t Drifting() {
+    // Entries below top (or `below`) whose kernel ACL differs from their
+    // projection.
+    size_t Drifting(const std::string &below = "") {
         kova_acl::VerifyCounts counts;
-        EXPECT_TRUE(kova_acl::VerifyTree(top_.c_str(), false, [](const kova_acl::Drift &) {}, counts));
+        EXPECT_TRUE(kova_acl::VerifyTree((below.empty() ? top_ : below).c_str(), false, [](const kova_acl::Drift &) {}, counts));
         return counts.differing + counts.failed;
     }
 
@@ -197,6 +199,30 @@ TEST_F(AclPropagation, NonRecursiveChangeReachesEveryInheritingDescendant) {
     ASSERT_TRUE(WaitForPropagations());
     EXPECT_EQ(KernelBitsAs(kBob, top_ + "/d2/s1/f5"), 0u);
     EXPECT_EQ(Drifting(), 0u);
+}
+
+// A share whose root lies inside the tree starts its own inheritance there:
+// the walk gives that folder and what lies below it nothing of the top's.
+TEST_F(AclPropagation, AShareRootInsideTheTreeInheritsNothingFromAbove) {
+    Tree(2, 1, 2);
+    KOVA_SHARE inner;
+    std::memset(&inner, 0, sizeof inner);
+    std::snprintf(inner.szName, sizeof inner.szName, "inner");
+    std::snprintf(inner.szPath, sizeof inner.szPath, "%s", (top_ + "/d0").c_str());
+    inner.supportAcl = 1;
+    inner.aclStatus = 1;
+    inner.defaultPriv = KOVA_SHARE_PRIV_RW;
+    ASSERT_EQ(KOVAShareSet(&inner), 0);
+    ASSERT_EQ(SetAcl(top_, {"user:1031:allow:rwxpD:fd"}, false), 0);
+    ASSERT_TRUE(WaitForPropagations());
+    EXPECT_EQ(Drifting(top_ + "/d1"), 0u);
+    EXPECT_EQ(KernelBitsAs(kBob, top_ + "/d1/s0/f1"), kR | kW | kX);
+    // The platform gives bob nothing there (the inner share's root has an
+    // empty ACL), and neither does the kernel.
+    std::vector<std::string> acl;
+    ASSERT_TRUE(GetAcl(top_ + "/d0", KOVA_ACL_GET_ALL, acl));
+    EXPECT_TRUE(acl.empty());
+    EXPECT_EQ(KernelBitsAs(kBob, top_ + "/d0"), 0u);
 }
 
 // Progress shows while the walk runs (in the record and through kova-admin),
