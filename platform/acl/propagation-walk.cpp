@@ -36,12 +36,16 @@ namespace {
 struct Passed {
     std::vector<Ace> toDir;
     std::vector<Ace> toFile;
+    uint64_t serial = 0;  // tells two of them apart, wherever they live
 };
 using PassedPtr = std::shared_ptr<const Passed>;
 
 // complete: a folder's own entries then those it inherits (levels set).
+std::atomic<uint64_t> gSerial{0};
+
 PassedPtr PassedOf(const std::vector<Ace> &complete) {
     auto p = std::make_shared<Passed>();
+    p->serial = gSerial.fetch_add(1) + 1;
     for (const Ace &e : complete) {
         Ace copy;
         if (PassDown(e, true, copy)) {
@@ -84,6 +88,17 @@ bool Skipped(const char *name) {
     return std::strcmp(name, "@kova_attr") == 0;
 }
 
+// The last file's projection a thread wrote: the files of one folder
+// usually share their record, their owner and what they inherit, and then
+// their projection too.
+struct Memo {
+    uint64_t serial = 0;
+    std::string raw;
+    uid_t uid = 0;
+    gid_t gid = 0;
+    Projection p;
+};
+
 // A unit: one child folder of the top and everything below it.
 struct Unit {
     std::atomic<int> pending{1};
@@ -109,7 +124,7 @@ private:
     // One entry of folder dirFd. descend: it is a folder to walk, whose
     // descriptor (checked to be the folder looked at) is in childFd and
     // whose children get childPassed.
-    void Entry(int dirFd, const char *name, const Passed &passed, int &childFd, PassedPtr &childPassed);
+    void Entry(int dirFd, const char *name, const Passed &passed, Memo &memo, int &childFd, PassedPtr &childPassed);
     void Folder(Item item);
     void Worker();
     bool Push(Item &item, bool wait);
@@ -137,14 +152,13 @@ void Walk::Current(const std::string &path) {
     current_ = path;
 }
 
-void Walk::Entry(int dirFd, const char *name, const Passed &passed, int &childFd, PassedPtr &childPassed) {
+void Walk::Entry(int dirFd, const char *name, const Passed &passed, Memo &memo, int &childFd,
+                 PassedPtr &childPassed) {
     childFd = -1;
     progress_.visited.fetch_add(1, std::memory_order_relaxed);
     Target t;
     t.parent = OwnedFd::Borrowed(dirFd);
     t.name = name;
-    t.inShare = top_.inShare;
-    t.shareRoot = top_.shareRoot;
     if (Sys().fstatat(dirFd, name, &t.st, AT_SYMLINK_NOFOLLOW) != 0) return;
     t.hasStat = true;
     // Another file system mounted here is not ours to walk; links and
@@ -178,8 +192,19 @@ void Walk::Entry(int dirFd, const char *name, const Passed &passed, int &childFd
         } else {
             owner.id = static_cast<int>(t.st.st_uid);
         }
-        const Projection p = Project(complete, owner, t.st.st_uid, t.st.st_gid, t.IsDir(), !shareRoot, true);
-        if (!WriteProjection(t, p)) {
+        const bool same = !t.IsDir() && memo.serial == passed.serial && memo.uid == t.st.st_uid &&
+                          memo.gid == t.st.st_gid && memo.raw.size() == static_cast<size_t>(n) &&
+                          std::memcmp(memo.raw.data(), raw, static_cast<size_t>(n)) == 0;
+        if (!same && !t.IsDir()) {
+            memo.p = Project(complete, owner, t.st.st_uid, t.st.st_gid, false, true, true);
+            memo.serial = passed.serial;
+            memo.raw.assign(raw, static_cast<size_t>(n));
+            memo.uid = t.st.st_uid;
+            memo.gid = t.st.st_gid;
+        }
+        const Projection p =
+            t.IsDir() ? Project(complete, owner, t.st.st_uid, t.st.st_gid, true, !shareRoot, true) : Projection();
+        if (!WriteProjection(t, t.IsDir() ? p : memo.p)) {
             progress_.failed.fetch_add(1, std::memory_order_relaxed);
             return;
         }
@@ -238,6 +263,7 @@ struct Frame {
 
 void Walk::Folder(Item item) {
     Unit *unit = item.unit;
+    Memo memo;
     std::vector<Frame> stack;
     DIR *first = Sys().fdopendir(item.fd);
     if (!first) {
@@ -263,7 +289,7 @@ void Walk::Folder(Item item) {
         if (Skipped(ent->d_name)) continue;
         int childFd = -1;
         PassedPtr childPassed;
-        Entry(dirfd(here.dir), ent->d_name, *here.passed, childFd, childPassed);
+        Entry(dirfd(here.dir), ent->d_name, *here.passed, memo, childFd, childPassed);
         if (childFd < 0) continue;
         Item child{childFd, childPassed, here.path + "/" + ent->d_name, unit, here.depth + 1};
         unit->pending.fetch_add(1);
@@ -381,6 +407,7 @@ WalkEnd Walk::Run(int64_t resume, const std::function<bool(const WalkProgress &)
     };
 
     Current(top_.path);
+    Memo memo;
     while (!stop_.load()) {
         struct dirent64 *ent = Sys().readdir64(dir);
         if (!ent) break;
@@ -388,7 +415,7 @@ WalkEnd Walk::Run(int64_t resume, const std::function<bool(const WalkProgress &)
         if (!Skipped(ent->d_name)) {
             int childFd = -1;
             PassedPtr childPassed;
-            Entry(topFd, ent->d_name, *passed, childFd, childPassed);
+            Entry(topFd, ent->d_name, *passed, memo, childFd, childPassed);
             if (childFd >= 0) {
                 auto unit = std::make_unique<Unit>();
                 Item item{childFd, childPassed, top_.path + "/" + ent->d_name, unit.get(), 1};

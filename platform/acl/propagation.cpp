@@ -56,8 +56,10 @@ unsigned WorkerThreads() {
         const long n = std::strtol(env, &end, 10);
         if (end != env && *end == '\0' && n >= 1 && n <= 64) return static_cast<unsigned>(n);
     }
+    // The walk waits on the disk (attribute blocks, the journal) more than
+    // it computes: four threads a core keep the cores busy.
     const unsigned hw = std::thread::hardware_concurrency();
-    return std::min(hw ? hw : 1u, 16u);
+    return std::min(4 * (hw ? hw : 1u), 32u);
 }
 
 uint64_t NowNs() {

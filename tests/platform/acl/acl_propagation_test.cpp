@@ -117,6 +117,12 @@ protected:
         for (std::string p = Share(); p.size() > 1; p = p.substr(0, p.rfind('/'))) chmod(p.c_str(), 0755);
         chmod(Share().c_str(), 0777);
         top_ = In("top");
+        // Two workers: the tests that slow the walk down count on its pace.
+        setenv("KOVA_PROPAGATION_THREADS", "2", 1);
+    }
+    void TearDown() override {
+        AclFixture::TearDown();
+        unsetenv("KOVA_PROPAGATION_THREADS");
     }
 
     // top/dD/sS/fF: folders x subs x files, every entry inheriting; returns
@@ -160,6 +166,7 @@ protected:
 // entries, one that does not inherit keeps its own (and so does what lies
 // below it), one without a record keeps its mode.
 TEST_F(AclPropagation, NonRecursiveChangeReachesEveryInheritingDescendant) {
+    unsetenv("KOVA_PROPAGATION_THREADS");  // as many workers as by default
     const std::vector<std::string> all = Tree(3, 2, 6);
     Dir(top_ + "/d0/own");
     File(top_ + "/d0/own/g");
@@ -167,6 +174,10 @@ TEST_F(AclPropagation, NonRecursiveChangeReachesEveryInheritingDescendant) {
     ASSERT_EQ(SetAcl(top_ + "/d0/own", {"user:1031:allow:rx:fd"}, false), 0);
     File(top_ + "/d1/plain");
     chmod((top_ + "/d1/plain").c_str(), 0604);
+    // Files of one folder that differ from their siblings: another owner,
+    // an entry of their own.
+    ASSERT_EQ(chown((top_ + "/d2/s1/f2").c_str(), 1032, 1032), 0);
+    ASSERT_EQ(SetAcl(top_ + "/d2/s1/f3", {"user:1030:allow:wp:-"}, true), 0);
 
     ASSERT_EQ(SetAcl(top_, {"user:1030:allow:rx:fd"}, false), 0);
     ASSERT_TRUE(WaitForPropagations());
@@ -191,6 +202,8 @@ TEST_F(AclPropagation, NonRecursiveChangeReachesEveryInheritingDescendant) {
     }
     EXPECT_EQ(KernelBitsAs(kBob, top_ + "/d0/own/g"), kR | kX);
     EXPECT_EQ(KernelBitsAs(kAlice, top_ + "/d0/own/g"), 0u);
+    EXPECT_EQ(KernelBitsAs(kAlice, top_ + "/d2/s1/f3"), kW);
+    EXPECT_EQ(KernelBitsAs(kBob, top_ + "/d2/s1/f2"), kR | kW | kX);
     EXPECT_EQ(KernelBitsAs(kBob, top_ + "/d1/plain"), kR);
     EXPECT_EQ(KernelBitsAs(kAlice, top_ + "/d1/plain"), kR);
 
