@@ -125,6 +125,15 @@ double CpuOf(const struct rusage &ru) {
     return ru.ru_utime.tv_sec + ru.ru_stime.tv_sec + (ru.ru_utime.tv_usec + ru.ru_stime.tv_usec) / 1e6;
 }
 
+// Gone, or a zombie (this process is its subreaper and has not reaped it).
+bool Dead(pid_t pid) {
+    std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
+    std::string line;
+    if (!std::getline(in, line)) return true;
+    const size_t close = line.rfind(')');
+    return close == std::string::npos || close + 2 >= line.size() || line[close + 2] == 'Z';
+}
+
 // A non-recursive set of the top folder's entries as root, then the
 // propagation it starts, polled until done. The runner is reaped here (this
 // process is its subreaper), so its rusage tells its CPU time and memory.
@@ -156,6 +165,8 @@ RunResult Propagate(const std::string &top, int uid) {
             }
         }
         if (done) break;
+        // A runner that died leaves its job "running": nothing would end.
+        if (runner > 0 && Dead(static_cast<pid_t>(runner))) Die("the runner died");
         usleep(5000);
     }
     out.seconds = kova_bench::Seconds() - start;
