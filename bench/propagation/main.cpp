@@ -9,7 +9,7 @@
 //          set-recursive-bench; every entry below the top holds a record
 //          that inherits (what a recursive set leaves).
 //   BASE   where the temporary platform root is made (default /var/tmp).
-// KOVA_PROPAGATION_THREADS sets the runner's worker threads (default: one
+// KOVA_PROPAGATION_THREADS sets the runner's worker threads (default: four
 // per core). Must run as root.
 #include "acl-share.h"
 #include "timing.h"
@@ -247,7 +247,7 @@ int main(int argc, char **argv) {
     RunResult setfacl = RunTool({"setfacl", "-R", "-m", "u:" + std::to_string(uidB) + ":rwx", share + "/copy"});
 
     const char *threads = std::getenv("KOVA_PROPAGATION_THREADS");
-    std::printf("\nentries                      %ld (runner threads: %s)\n", entries, threads ? threads : "one per core");
+    std::printf("\nentries                      %ld (runner threads: %s)\n", entries, threads ? threads : "four per core");
     std::printf("ours, first change           %8.2f s  %9.0f entries/s\n", first.seconds, entries / first.seconds);
     std::printf("ours, propagation            %8.2f s  %9.0f entries/s\n", ours.seconds, entries / ours.seconds);
     std::printf("setfacl -R -m u:%d:rwx     %8.2f s  %9.0f entries/s\n", uidB, setfacl.seconds,

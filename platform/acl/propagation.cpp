@@ -31,6 +31,18 @@ using kova_internal::Sys;
 
 namespace {
 
+// How long a runner waits for more jobs after its last one (ns): 2 s, or
+// KOVA_PROPAGATION_LINGER_MS.
+uint64_t Linger() {
+    const char *env = std::getenv("KOVA_PROPAGATION_LINGER_MS");
+    if (env) {
+        char *end = nullptr;
+        const long ms = std::strtol(env, &end, 10);
+        if (end != env && *end == '\0' && ms >= 0 && ms <= 60000) return static_cast<uint64_t>(ms) * 1000000ull;
+    }
+    return 2000000000ull;
+}
+
 volatile sig_atomic_t gLookAgain = 0;  // SIGUSR1: the jobs changed
 volatile sig_atomic_t gEnd = 0;        // SIGTERM: leave the jobs queued and go
 
@@ -189,6 +201,32 @@ WalkEnd RunJob(const JobDir &dir, PropagationJob job) {
     return end;
 }
 
+// The caller's change is followed when its job is done: a set reports
+// finished only once every descendant's kernel ACL matches. The wait ends
+// too when the job is stopped, replaced by a newer change (whose own set
+// waits for it), gone, or left by a runner that died (resumable); a caller
+// stopped meanwhile (a task's SIGTERM) leaves the job to the runner.
+void WaitForJob(const JobDir &dir, const std::string &key, uint64_t seq) {
+    useconds_t pause = 500;
+    for (;;) {
+        PropagationJob j;
+        if (dir.Read(key, j) != 1 || j.seq != seq || !Unfinished(j) || j.state == JobState::kStopped ||
+            Orphaned(j))
+            return;
+        if (j.state == JobState::kQueued) {
+            pid_t pid = 0;
+            unsigned long long start = 0;
+            if (dir.ReadRunner(pid, start) != 1 || !RunnerAlive(pid, start)) {
+                // The runner that was to take it is gone before it did.
+                usleep(pause);
+                if (dir.ReadRunner(pid, start) != 1 || !RunnerAlive(pid, start)) return;
+            }
+        }
+        usleep(pause);
+        pause = std::min<useconds_t>(pause * 2, 20000);
+    }
+}
+
 } // namespace
 
 bool StartPropagation(const Target &t) {
@@ -197,6 +235,8 @@ bool StartPropagation(const Target &t) {
     JobDir dir;
     if (!dir.Open()) return RefreshInPlace(t);
     bool spawn = false, inPlace = false;
+    uint64_t seq = 0;
+    std::string key;
     {
         JobLock lock(dir);
         PropagationJob job;
@@ -212,11 +252,21 @@ bool StartPropagation(const Target &t) {
         // walk goes.
         inPlace = !lock.ok() || (had != 1 && !MakeRoom(dir)) || !dir.Write(job);
         spawn = !inPlace && !NudgeRunner(dir);
+        seq = job.seq;
+        key = job.Key();
     }
     // A runner that cannot be started leaves the job queued for the next
     // start or resume; until then the change is followed in place.
     if (inPlace || (spawn && !SpawnRunner())) return RefreshInPlace(t);
+    WaitForJob(dir, key, seq);
     return true;
+}
+
+bool PropagationRunnerAlive() {
+    JobDir dir;
+    pid_t pid = 0;
+    unsigned long long start = 0;
+    return dir.Open() && dir.ReadRunner(pid, start) == 1 && RunnerAlive(pid, start);
 }
 
 bool ListPropagations(std::vector<PropagationJob> &jobs) {
@@ -282,8 +332,11 @@ void RunPropagations() {
     if (!dir.Open()) return;
     const pid_t self = getpid();
     const unsigned long long selfStart = kova_webapi::ProcessStartTime(self);
+    uint64_t idleSince = 0;
+    const uint64_t linger = Linger();
     for (;;) {
         PropagationJob job;
+        bool found = false;
         {
             JobLock lock(dir);
             if (!lock.ok()) return;
@@ -297,24 +350,35 @@ void RunPropagations() {
                 return;
             }
             (void)dir.WriteRunner(self, selfStart);
-            bool found = false;
             for (const PropagationJob &j : jobs) {
                 if (j.state != JobState::kQueued && !Orphaned(j)) continue;
                 if (!found || j.seq < job.seq) job = j;
                 found = true;
             }
-            if (!found) {
-                (void)dir.RemoveRunner();
-                return;
-            }
-            job.state = JobState::kRunning;
-            job.pid = self;
-            job.startTime = selfStart;
-            if (!dir.Write(job)) {
-                (void)dir.RemoveRunner();
-                return;
-            }
             gLookAgain = 0;
+            if (!found) {
+                // A runner stays a moment after its last job: the sets of a
+                // recursive walk follow each other closely.
+                if (idleSince == 0) idleSince = NowNs();
+                if (NowNs() - idleSince >= linger) {
+                    (void)dir.RemoveRunner();
+                    return;
+                }
+            } else {
+                idleSince = 0;
+                job.state = JobState::kRunning;
+                job.pid = self;
+                job.startTime = selfStart;
+                if (!dir.Write(job)) {
+                    (void)dir.RemoveRunner();
+                    return;
+                }
+            }
+        }
+        if (!found) {
+            // A new job's SIGUSR1 cuts the pause short.
+            for (int i = 0; i < 5 && !gLookAgain && !gEnd; ++i) usleep(10000);
+            continue;
         }
         (void)RunJob(dir, job);
     }

@@ -32,6 +32,9 @@ namespace kova_acl {
 // refresh could be made.
 bool StartPropagation(const Target &t);
 
+// Whether a runner process is there (working or waiting for more jobs).
+bool PropagationRunnerAlive();
+
 // Every job record; false with the last error set.
 bool ListPropagations(std::vector<PropagationJob> &jobs);
 
@@ -44,9 +47,10 @@ bool StopPropagation(const char *path);
 // sure a runner works on them. count: how many jobs are now waiting.
 bool ResumePropagations(size_t &count);
 
-// The runner's body, for the process that StartPropagation starts (and for
-// a test that runs it in a process of its own). Returns when no job is
-// left or on SIGTERM.
+// The runner's body, for the process that StartPropagation starts. Returns
+// on SIGTERM, or when no job has come for a moment (2 s, or
+// KOVA_PROPAGATION_LINGER_MS): the sets of a recursive walk come close
+// together and find it there.
 void RunPropagations();
 
 } // namespace kova_acl

@@ -31,7 +31,8 @@ private:
 };
 
 // Waits until no background propagation is queued or running (a stopped one
-// does not count); false when some still is after timeoutMs.
+// does not count) and its runner process is gone; false when some still is
+// after timeoutMs.
 bool WaitForPropagations(int timeoutMs = 30000);
 
 // With KOVA_TEST_WITHOUT_XATTRAT set in the environment, every test of the

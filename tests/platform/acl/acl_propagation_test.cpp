@@ -25,6 +25,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <thread>
 #include <cerrno>
 #include <cstring>
 #include <string>
@@ -151,6 +152,22 @@ protected:
         return all;
     }
 
+    // A set waits for the propagation it starts; the tests that watch one
+    // under way make theirs on a thread of its own, joined at the latest
+    // when the test leaves.
+    struct BackgroundSet {
+        std::thread thread;
+        int rc = -1;
+        int Join() {
+            if (thread.joinable()) thread.join();
+            return rc;
+        }
+        ~BackgroundSet() { Join(); }
+    };
+    void SetInBackground(const std::vector<std::string> &entries, BackgroundSet &set) {
+        set.thread = std::thread([this, entries, &set] { set.rc = SetAcl(top_, entries, false); });
+    }
+
     // Entries below top (or `below`) whose kernel ACL differs from their
     // projection.
     size_t Drifting(const std::string &below = "") {
@@ -247,7 +264,8 @@ TEST_F(AclPropagation, ProgressIsVisibleAndAStopHolds) {
 
     gDelayUs = 20000;
     ScopedSysCall<decltype(SysCalls::fstatat)> slow(&SysCalls::fstatat, SlowFstatat);
-    ASSERT_EQ(SetAcl(top_, {"user:1031:allow:rx:fd"}, false), 0);
+    BackgroundSet set;
+    SetInBackground({"user:1031:allow:rx:fd"}, set);
     PropagationJob job;
     ASSERT_TRUE(WaitJob(top_, [](const PropagationJob &j) { return j.state == JobState::kRunning && j.visited > 3; },
                         job));
@@ -259,6 +277,8 @@ TEST_F(AclPropagation, ProgressIsVisibleAndAStopHolds) {
 
     ASSERT_EQ(kova_test::RunAdmin("acl propagation stop " + top_, &out), 0) << out;
     ASSERT_TRUE(WaitJob(top_, [](const PropagationJob &j) { return j.state == JobState::kStopped; }, job));
+    // The set that waited for its propagation returns once it is stopped.
+    EXPECT_EQ(set.Join(), 0);
     usleep(600000);
     PropagationJob later;
     ASSERT_TRUE(JobOf(top_, later));
@@ -290,12 +310,18 @@ TEST_F(AclPropagation, AKilledRunnerIsResumedWhereItStopped) {
     PropagationJob job;
     {
         ScopedSysCall<decltype(SysCalls::fstatat)> slow(&SysCalls::fstatat, SlowFstatat);
-        ASSERT_EQ(SetAcl(top_, {"user:1031:allow:rx:fd"}, false), 0);
-        ASSERT_TRUE(WaitJob(top_, [](const PropagationJob &j) { return j.state == JobState::kRunning && j.resume != 0; },
-                            job));
+        BackgroundSet set;
+        SetInBackground({"user:1031:allow:rx:fd"}, set);
+        const bool seen = WaitJob(
+            top_, [](const PropagationJob &j) { return j.state == JobState::kRunning && j.resume != 0; }, job);
+        if (seen) {
+            EXPECT_EQ(kill(static_cast<pid_t>(job.pid), SIGKILL), 0);
+        }
+        // The waiting set sees the runner die and returns.
+        EXPECT_EQ(set.Join(), 0);
+        ASSERT_TRUE(seen);
+        EXPECT_GT(job.pid, 0);
     }
-    ASSERT_GT(job.pid, 0);
-    ASSERT_EQ(kill(static_cast<pid_t>(job.pid), SIGKILL), 0);
     usleep(300000);
     ASSERT_TRUE(JobOf(top_, job));
     ASSERT_EQ(job.state, JobState::kRunning);
@@ -392,11 +418,16 @@ TEST_F(AclPropagation, ANewerChangeSupersedesTheRunningOne) {
     PropagationJob first;
     {
         ScopedSysCall<decltype(SysCalls::fstatat)> slow(&SysCalls::fstatat, SlowFstatat);
-        ASSERT_EQ(SetAcl(top_, {"user:1030:allow:rx:fd"}, false), 0);
-        ASSERT_TRUE(WaitJob(top_, [](const PropagationJob &j) { return j.state == JobState::kRunning && j.visited > 5; },
-                            first));
+        BackgroundSet set;
+        SetInBackground({"user:1030:allow:rx:fd"}, set);
+        const bool seen = WaitJob(
+            top_, [](const PropagationJob &j) { return j.state == JobState::kRunning && j.visited > 5; }, first);
         gDelayUs = 0;
-        ASSERT_EQ(SetAcl(top_, {"user:1031:allow:rwxpD:fd", "everyone:-1:allow:x:d"}, false), 0);
+        // The newer set waits for its own propagation; the older one's wait
+        // ends when its job is replaced.
+        EXPECT_EQ(SetAcl(top_, {"user:1031:allow:rwxpD:fd", "everyone:-1:allow:x:d"}, false), 0);
+        EXPECT_EQ(set.Join(), 0);
+        ASSERT_TRUE(seen);
     }
     ASSERT_TRUE(WaitForPropagations());
     std::vector<PropagationJob> jobs;
