@@ -229,9 +229,30 @@ void WaitForJob(const JobDir &dir, const std::string &key, uint64_t seq) {
 
 } // namespace
 
+// How many entries a change may have below it to be followed in place,
+// without a job: 2,000, or KOVA_PROPAGATION_IN_PLACE.
+static size_t InPlaceLimit() {
+    const char *env = std::getenv("KOVA_PROPAGATION_IN_PLACE");
+    if (env) {
+        char *end = nullptr;
+        const long n = std::strtol(env, &end, 10);
+        if (end != env && *end == '\0' && n >= 0 && n <= 100000) return static_cast<size_t>(n);
+    }
+    return 2000;
+}
+
 bool StartPropagation(const Target &t) {
     if (!t.hasStat || !t.IsDir()) return true;
     if (!t.inShare) return RefreshInPlace(t);
+    // A small tree (a folder the recursive walk has just reached, whose
+    // children have no record yet, looks like one) costs less to follow
+    // here than a job and its runner; a larger one is left to them.
+    const size_t limit = InPlaceLimit();
+    if (limit > 0) {
+        size_t visited = 0;
+        bool complete = false;
+        if (RefreshDescendants(t, limit, visited, complete) && complete) return true;
+    }
     JobDir dir;
     if (!dir.Open()) return RefreshInPlace(t);
     bool spawn = false, inPlace = false;

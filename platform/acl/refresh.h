@@ -32,6 +32,9 @@ bool PassesDownTheSame(bool hadOld, const StoredAcl &old, bool hasNew, const Sto
 // root. False only when t itself cannot be opened as a folder; entries that
 // vanish or fail meanwhile are skipped. visited counts what was looked at.
 bool RefreshDescendants(const Target &t, size_t &visited);
+// The same, looking at no more than `limit` entries; complete tells whether
+// the whole tree was seen (nothing left beyond the limit or the depth).
+bool RefreshDescendants(const Target &t, size_t limit, size_t &visited, bool &complete);
 
 } // namespace kova_acl
 

@@ -120,10 +120,13 @@ protected:
         top_ = In("top");
         // Two workers: the tests that slow the walk down count on its pace.
         setenv("KOVA_PROPAGATION_THREADS", "2", 1);
+        // Every change, however small its tree, goes to a job.
+        setenv("KOVA_PROPAGATION_IN_PLACE", "0", 1);
     }
     void TearDown() override {
         AclFixture::TearDown();
         unsetenv("KOVA_PROPAGATION_THREADS");
+        unsetenv("KOVA_PROPAGATION_IN_PLACE");
     }
 
     // top/dD/sS/fF: folders x subs x files, every entry inheriting; returns
@@ -228,6 +231,28 @@ TEST_F(AclPropagation, NonRecursiveChangeReachesEveryInheritingDescendant) {
     ASSERT_EQ(KOVAACLRemove(top_.c_str(), -1), 0);
     ASSERT_TRUE(WaitForPropagations());
     EXPECT_EQ(KernelBitsAs(kBob, top_ + "/d2/s1/f5"), 0u);
+    EXPECT_EQ(Drifting(), 0u);
+}
+
+// A small tree is followed in place, without a job; one with more entries
+// than the in-place limit goes to a job, which finishes it.
+TEST_F(AclPropagation, SmallTreesAreFollowedInPlaceLargerOnesByAJob) {
+    Tree(2, 2, 3);
+    unsetenv("KOVA_PROPAGATION_IN_PLACE");
+    ASSERT_EQ(SetAcl(top_, {"user:1031:allow:rx:fd"}, false), 0);
+    std::vector<PropagationJob> jobs;
+    ASSERT_TRUE(kova_acl::ListPropagations(jobs));
+    EXPECT_TRUE(jobs.empty());
+    EXPECT_EQ(KernelBitsAs(kBob, top_ + "/d1/s1/f2"), kR | kX);
+    EXPECT_EQ(Drifting(), 0u);
+
+    setenv("KOVA_PROPAGATION_IN_PLACE", "5", 1);
+    ASSERT_EQ(SetAcl(top_, {"user:1031:allow:rwxpD:fd"}, false), 0);
+    PropagationJob job;
+    ASSERT_TRUE(JobOf(top_, job));
+    EXPECT_EQ(job.state, JobState::kDone);
+    EXPECT_EQ(job.rewritten, 2u * (1 + 2 * (1 + 3)));
+    EXPECT_EQ(KernelBitsAs(kBob, top_ + "/d1/s1/f2"), kR | kW | kX);
     EXPECT_EQ(Drifting(), 0u);
 }
 
