@@ -19,6 +19,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 
 namespace kova_acl {
 
@@ -317,6 +318,8 @@ JobLock::JobLock(const JobDir &dir) : threads_(gThreads) {
     ok_ = rc == 0;
     if (!ok_) KOVA_FAIL(KOVA_ERR_IO);
 }
+
+void JobLock::ResetAfterFork() { new (&gThreads) std::mutex(); }
 
 JobLock::~JobLock() {
     if (!ok_) return;

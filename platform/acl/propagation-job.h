@@ -82,6 +82,11 @@ public:
     JobLock &operator=(const JobLock &) = delete;
     bool ok() const { return ok_; }
 
+    // In a process just forked (it has one thread): the mutex may have been
+    // held by another thread of the parent at the fork, and nobody here
+    // would ever release it.
+    static void ResetAfterFork();
+
 private:
     std::unique_lock<std::mutex> threads_;
     kova_internal::OwnedFd file_;

@@ -83,6 +83,7 @@ uint64_t NowNs() {
 // The runner process: detached from the caller's session and descriptors,
 // all ids 0 with every permitted capability effective.
 [[noreturn]] void BecomeRunner() {
+    JobLock::ResetAfterFork();
     sigset_t none;
     sigemptyset(&none);
     sigprocmask(SIG_SETMASK, &none, nullptr);
