@@ -209,6 +209,7 @@ WalkEnd RunJob(const JobDir &dir, PropagationJob job) {
 // stopped meanwhile (a task's SIGTERM) leaves the job to the runner.
 void WaitForJob(const JobDir &dir, const std::string &key, uint64_t seq) {
     useconds_t pause = 500;
+    uint64_t noRunnerSince = 0;
     for (;;) {
         PropagationJob j;
         if (dir.Read(key, j) != 1 || j.seq != seq || !Unfinished(j) || j.state == JobState::kStopped ||
@@ -217,11 +218,11 @@ void WaitForJob(const JobDir &dir, const std::string &key, uint64_t seq) {
         if (j.state == JobState::kQueued) {
             pid_t pid = 0;
             unsigned long long start = 0;
-            if (dir.ReadRunner(pid, start) != 1 || !RunnerAlive(pid, start)) {
-                // The runner that was to take it is gone before it did.
-                usleep(pause);
-                if (dir.ReadRunner(pid, start) != 1 || !RunnerAlive(pid, start)) return;
-            }
+            // A runner just started names itself once it runs; one that is
+            // still not there after a few seconds died before it took the job.
+            if (dir.ReadRunner(pid, start) == 1 && RunnerAlive(pid, start)) noRunnerSince = 0;
+            else if (noRunnerSince == 0) noRunnerSince = NowNs();
+            else if (NowNs() - noRunnerSince > 5000000000ull) return;
         }
         usleep(pause);
         pause = std::min<useconds_t>(pause * 2, 20000);
