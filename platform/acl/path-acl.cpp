@@ -6,6 +6,7 @@
 #include "evaluate.h"
 #include "fs-type.h"
 #include "kernel-acl.h"
+#include "propagation.h"
 #include "refresh.h"
 #include "mode-acl.h"
 #include "path-state.h"
@@ -58,13 +59,13 @@ bool LoadForCaller(const char *szPath, const Principal &caller, PathState &s) {
 }
 
 // After a folder's record changed: its descendants' kernel ACLs follow what
-// it now passes down (refresh.h). A walk that cannot start leaves them for
-// `kova-admin acl verify --repair`; the set itself has succeeded.
+// it now passes down, in the background (propagation.h). A propagation that
+// cannot start leaves them for `kova-admin acl verify --repair`; the set
+// itself has succeeded.
 void FollowInheritance(const Target &t, const PreviousRecord &prev, bool hasNew, const StoredAcl &next) {
     if (!t.hasStat || !t.IsDir()) return;
     if (!prev.damaged && PassesDownTheSame(prev.had, prev.acl, hasNew, next)) return;
-    size_t visited = 0;
-    (void)RefreshDescendants(t, visited);
+    (void)StartPropagation(t);
 }
 
 // Write, project, refresh: the whole of a set once the caller may write.

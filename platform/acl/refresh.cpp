@@ -73,7 +73,13 @@ bool PassesDownTheSame(bool hadOld, const StoredAcl &old, bool hasNew, const Sto
 }
 
 bool RefreshDescendants(const Target &t, size_t &visited) {
+    bool complete = false;
+    return RefreshDescendants(t, kRefreshLimit, visited, complete);
+}
+
+bool RefreshDescendants(const Target &t, size_t limit, size_t &visited, bool &complete) {
     visited = 0;
+    complete = false;
     std::vector<Level> stack;
     DIR *top = OpenFolder(t.parent.get(), t.name.c_str());
     if (!top) {
@@ -82,7 +88,8 @@ bool RefreshDescendants(const Target &t, size_t &visited) {
     }
     stack.push_back({top, t.path});
     const dev_t dev = t.st.st_dev;
-    while (!stack.empty() && visited < kRefreshLimit) {
+    bool cut = false;
+    while (!stack.empty()) {
         Level &here = stack.back();
         struct dirent64 *ent = Sys().readdir64(here.dir);
         if (!ent) {
@@ -91,6 +98,10 @@ bool RefreshDescendants(const Target &t, size_t &visited) {
             continue;
         }
         if (Skipped(ent->d_name)) continue;
+        if (visited == limit) {
+            cut = true;
+            break;
+        }
         ++visited;
         const int dirFd = dirfd(here.dir);
         Target child;
@@ -107,11 +118,14 @@ bool RefreshDescendants(const Target &t, size_t &visited) {
         bool present = false;
         if (!ReadStored(child, own, present) || !present || !own.inherits) continue;
         (void)ProjectStored(child, own);
-        if (child.IsDir() && stack.size() < kRefreshDepth) {
-            if (DIR *d = OpenFolder(dirFd, ent->d_name)) stack.push_back({d, child.path});
+        if (child.IsDir()) {
+            DIR *d = stack.size() < kRefreshDepth ? OpenFolder(dirFd, ent->d_name) : nullptr;
+            if (d) stack.push_back({d, child.path});
+            else cut = true;
         }
     }
     for (Level &l : stack) Sys().closedir(l.dir);
+    complete = !cut;
     return true;
 }
 

@@ -1,13 +1,15 @@
-// Keeping descendants' kernel ACLs true to dynamic inheritance. A folder's
-// set (or removal) that changes what it passes down changes the complete ACL
-// of every descendant that inherits through it, so their projections are
-// written again here, synchronously, by a walk of descriptors: each folder
-// is opened relative to the one above it with O_NOFOLLOW (a link put in a
+// Keeping descendants' kernel ACLs true to dynamic inheritance, in place.
+// A folder's set (or removal) that changes what it passes down changes the
+// complete ACL of every descendant that inherits through it. Normally the
+// background propagation rewrites them (propagation.h); this synchronous
+// walk is what is left when that cannot be used: a folder outside every
+// share, or every job place taken. It walks descriptors only: each folder is
+// opened relative to the one above it with O_NOFOLLOW (a link put in a
 // folder's place is never entered), other file systems are not entered, and
 // only entries that hold a record and inherit are rewritten and descended
-// into (below any other, nothing depends on the folder). The walk visits at
-// most kRefreshLimit entries and kRefreshDepth levels; what lies beyond is
-// left as it was for `kova-admin acl verify --repair`
+// into (below any other, nothing depends on the folder). It visits at most
+// kRefreshLimit entries and kRefreshDepth levels; what lies beyond is left
+// as it was for `kova-admin acl verify --repair`
 // (docs/platform/enforcement.md).
 #ifndef KOVA_ACL_REFRESH_H
 #define KOVA_ACL_REFRESH_H
@@ -30,6 +32,9 @@ bool PassesDownTheSame(bool hadOld, const StoredAcl &old, bool hasNew, const Sto
 // root. False only when t itself cannot be opened as a folder; entries that
 // vanish or fail meanwhile are skipped. visited counts what was looked at.
 bool RefreshDescendants(const Target &t, size_t &visited);
+// The same, looking at no more than `limit` entries; complete tells whether
+// the whole tree was seen (nothing left beyond the limit or the depth).
+bool RefreshDescendants(const Target &t, size_t limit, size_t &visited, bool &complete);
 
 } // namespace kova_acl
 

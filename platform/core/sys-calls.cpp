@@ -145,6 +145,7 @@ const SysCalls kReal = {
     RealPidfdSendSignal,
     RealFcntlLock,
     ::faccessat,
+    ::lseek,
 };
 
 SysCalls gTable = kReal;

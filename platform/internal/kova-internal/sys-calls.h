@@ -85,6 +85,9 @@ struct SysCalls {
     // Whether the calling identity may reach an entry (AT_EACCESS: judged
     // with the effective ids), relative to a descriptor already judged.
     int (*faccessat)(int dirFd, const char *name, int mode, int flags);
+    // A folder's read position (a readdir cookie), for a walk that resumes
+    // where an earlier one stopped.
+    off_t (*lseek)(int fd, off_t offset, int whence);
 };
 
 // The table in force for the whole process.

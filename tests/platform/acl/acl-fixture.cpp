@@ -5,6 +5,8 @@
 #include "kova/share.h"
 #include "kova-internal/sys-calls.h"
 
+#include "../../../platform/acl/propagation.h"
+
 #include <sys/stat.h>
 #include <sys/xattr.h>
 #include <unistd.h>
@@ -46,6 +48,8 @@ WithoutXattrAt::~WithoutXattrAt() = default;
 long WithoutXattrAt::Count() { return gRefused.load(); }
 
 void AclFixture::SetUp() {
+    // Runners go as soon as their jobs are done (WaitForPropagations waits for that).
+    setenv("KOVA_PROPAGATION_LINGER_MS", "0", 1);
     const char *without = std::getenv("KOVA_TEST_WITHOUT_XATTRAT");
     if (without && *without && std::strcmp(without, "0") != 0) withoutAt_.reset(new WithoutXattrAt);
     share_ = root_.At("volumes/volume1/data");
@@ -103,6 +107,20 @@ bool AclFixture::GetAcl(const std::string &path, int selector, std::vector<std::
     if (inherits) *inherits = acl->isInherited != 0;
     KOVAACLFree(acl);
     return true;
+}
+
+bool WaitForPropagations(int timeoutMs) {
+    for (int waited = 0;; waited += 20) {
+        std::vector<kova_acl::PropagationJob> jobs;
+        bool busy = !kova_acl::ListPropagations(jobs);
+        for (const auto &j : jobs)
+            busy = busy || j.state == kova_acl::JobState::kQueued || j.state == kova_acl::JobState::kRunning;
+        // A runner waiting for more jobs has the system-call table it was
+        // started with, which a test may be about to change.
+        if (!busy && !kova_acl::PropagationRunnerAlive()) return true;
+        if (waited >= timeoutMs) return false;
+        usleep(20000);
+    }
 }
 
 std::string RawRecord(const std::string &path) {

@@ -30,11 +30,18 @@ private:
     std::unique_ptr<Saved> saved_;
 };
 
+// Waits until no background propagation is queued or running (a stopped one
+// does not count) and its runner process is gone; false when some still is
+// after timeoutMs.
+bool WaitForPropagations(int timeoutMs = 30000);
+
 // With KOVA_TEST_WITHOUT_XATTRAT set in the environment, every test of the
 // fixture runs without the *xattrat calls (CTest runs each ACL test both ways).
 class AclFixture : public ::testing::Test {
 protected:
     void SetUp() override;
+    // A propagation still running must not outlive the root it writes in.
+    void TearDown() override { WaitForPropagations(); }
 
     std::string Share() const { return share_; }
     std::string In(const std::string &rel) const { return share_ + "/" + rel; }

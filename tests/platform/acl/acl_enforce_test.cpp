@@ -350,6 +350,7 @@ TEST_F(AclEnforce, DescendantsFollowAFoldersInheritableEntries) {
     EXPECT_EQ(KernelBitsAs(bob, top + "/a/b/f", false), 0u);
 
     ASSERT_EQ(SetAcl(top, {"user:1031:allow:rwxpD:fd"}, false), 0);
+    ASSERT_TRUE(kova_acl_test::WaitForPropagations());
     EXPECT_EQ(KernelBitsAs(alice, top + "/a/b/f", false), 0u);
     EXPECT_EQ(KernelBitsAs(bob, top + "/a/b/f", false), kR | kW | kX);
     EXPECT_EQ(KernelBitsAs(bob, top + "/a/b", true), kR | kW | kX);
@@ -357,6 +358,7 @@ TEST_F(AclEnforce, DescendantsFollowAFoldersInheritableEntries) {
     EXPECT_EQ(KernelBitsAs(bob, top + "/a/own", false), kR);
 
     ASSERT_EQ(KOVAACLRemove(top.c_str(), -1), 0);
+    ASSERT_TRUE(kova_acl_test::WaitForPropagations());
     EXPECT_EQ(KernelBitsAs(bob, top + "/a/b/f", false), 0u);
     EXPECT_EQ(KernelBitsAs(bob, top + "/a/b", true), 0u);
 

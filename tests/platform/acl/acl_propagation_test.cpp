@@ -1,0 +1,476 @@
+// Background propagation: a non-recursive change of a folder's inheritable
+// entries reaches every inheriting descendant's kernel ACL once the
+// propagation ends (checked by a child with a user's real ids and by the
+// drift check), progress is visible, a stop holds, a runner killed mid-way
+// is resumed from its resume point, a link or foreign folder swapped in
+// during the walk changes nothing outside the share, and a newer change of
+// the same folder supersedes the running one.
+#include "acl-fixture.h"
+
+#include "as-identity.h"
+#include "run-admin.h"
+#include "kova/acl.h"
+#include "kova/share.h"
+#include "kova-internal/sys-calls.h"
+
+#include "../../../platform/acl/acl-record.h"
+#include "../../../platform/acl/propagation.h"
+#include "../../../platform/acl/verify.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <thread>
+#include <cerrno>
+#include <cstring>
+#include <string>
+#include <vector>
+
+namespace {
+
+using kova_acl::JobState;
+using kova_acl::PropagationJob;
+using kova_acl_test::AclFixture;
+using kova_acl_test::RawRecord;
+using kova_acl_test::WaitForPropagations;
+using kova_acl_test::WriteRawRecord;
+using kova_internal::ScopedSysCall;
+using kova_internal::SysCalls;
+using kova_test::Identity;
+
+constexpr unsigned kR = 4, kW = 2, kX = 1;
+const Identity kAlice{1030, 1030, {}}, kBob{1031, 1031, {}};
+
+// What the kernel lets a child with the user's real ids do.
+unsigned KernelBitsAs(const Identity &who, const std::string &path) {
+    return static_cast<unsigned>(kova_test::RunAs(who, [&] {
+        if (setresgid(who.gid, who.gid, who.gid) != 0 || setresuid(who.uid, who.uid, who.uid) != 0) return 100;
+        struct stat st;
+        // A folder above it that may not be searched: nothing is reachable.
+        if (lstat(path.c_str(), &st) != 0) return errno == EACCES ? 0 : 101;
+        unsigned b = 0;
+        if (S_ISDIR(st.st_mode)) {
+            if (DIR *d = opendir(path.c_str())) {
+                closedir(d);
+                b |= kR;
+            }
+            if (faccessat(AT_FDCWD, path.c_str(), W_OK, AT_EACCESS) == 0) b |= kW;
+        } else {
+            for (int flags : {O_RDONLY, O_WRONLY}) {
+                const int fd = open(path.c_str(), flags | O_NOFOLLOW);
+                if (fd >= 0) b |= flags == O_RDONLY ? kR : kW;
+                if (fd >= 0) close(fd);
+            }
+        }
+        if (faccessat(AT_FDCWD, path.c_str(), X_OK, AT_EACCESS) == 0) b |= kX;
+        return static_cast<int>(b);
+    }));
+}
+
+// A record that inherits and has no entries of its own, written directly so
+// that building a tree starts no propagation of its own.
+void Inheriting(const std::string &path) {
+    kova_acl::StoredAcl acl;
+    acl.inherits = true;
+    std::string bytes;
+    ASSERT_TRUE(kova_acl::EncodeRecord(acl, bytes));
+    ASSERT_TRUE(WriteRawRecord(path, bytes)) << path;
+}
+
+// Folders slowed down for the runner, which a set forks from this process
+// and which inherits the system-call table: each look at an entry waits.
+std::atomic<int> gDelayUs{0};
+int SlowFstatat(int dirFd, const char *name, struct stat *st, int flags) {
+    if (const int us = gDelayUs.load()) usleep(static_cast<useconds_t>(us));
+    return kova_internal::RealSysCalls().fstatat(dirFd, name, st, flags);
+}
+
+bool JobOf(const std::string &path, PropagationJob &out) {
+    std::vector<PropagationJob> jobs;
+    if (!kova_acl::ListPropagations(jobs)) return false;
+    for (const auto &j : jobs)
+        if (j.path == path) {
+            out = j;
+            return true;
+        }
+    return false;
+}
+
+// Polls the job of path until pred holds (false after ~20 s).
+template <typename Pred>
+bool WaitJob(const std::string &path, Pred pred, PropagationJob &out) {
+    for (int i = 0; i < 1000; ++i) {
+        if (JobOf(path, out) && pred(out)) return true;
+        usleep(20000);
+    }
+    return false;
+}
+
+class AclPropagation : public AclFixture {
+protected:
+    void SetUp() override {
+        AclFixture::SetUp();
+        for (std::string p = Share(); p.size() > 1; p = p.substr(0, p.rfind('/'))) chmod(p.c_str(), 0755);
+        chmod(Share().c_str(), 0777);
+        top_ = In("top");
+        // Two workers: the tests that slow the walk down count on its pace.
+        setenv("KOVA_PROPAGATION_THREADS", "2", 1);
+        // Every change, however small its tree, goes to a job.
+        setenv("KOVA_PROPAGATION_IN_PLACE", "0", 1);
+    }
+    void TearDown() override {
+        AclFixture::TearDown();
+        unsetenv("KOVA_PROPAGATION_THREADS");
+        unsetenv("KOVA_PROPAGATION_IN_PLACE");
+    }
+
+    // top/dD/sS/fF: folders x subs x files, every entry inheriting; returns
+    // the entries below top.
+    std::vector<std::string> Tree(int folders, int subs, int files) {
+        std::vector<std::string> all;
+        Dir(top_);
+        for (int d = 0; d < folders; ++d) {
+            const std::string dir = top_ + "/d" + std::to_string(d);
+            Dir(dir);
+            Inheriting(dir);
+            all.push_back(dir);
+            for (int s = 0; s < subs; ++s) {
+                const std::string sub = dir + "/s" + std::to_string(s);
+                Dir(sub);
+                Inheriting(sub);
+                all.push_back(sub);
+                for (int f = 0; f < files; ++f) {
+                    const std::string file = sub + "/f" + std::to_string(f);
+                    File(file);
+                    Inheriting(file);
+                    all.push_back(file);
+                }
+            }
+        }
+        return all;
+    }
+
+    // A set waits for the propagation it starts; the tests that watch one
+    // under way make theirs on a thread of its own, joined at the latest
+    // when the test leaves.
+    struct BackgroundSet {
+        std::thread thread;
+        int rc = -1;
+        int Join() {
+            if (thread.joinable()) thread.join();
+            return rc;
+        }
+        ~BackgroundSet() { Join(); }
+    };
+    void SetInBackground(const std::vector<std::string> &entries, BackgroundSet &set) {
+        set.thread = std::thread([this, entries, &set] { set.rc = SetAcl(top_, entries, false); });
+    }
+
+    // Entries below top (or `below`) whose kernel ACL differs from their
+    // projection.
+    size_t Drifting(const std::string &below = "") {
+        kova_acl::VerifyCounts counts;
+        EXPECT_TRUE(kova_acl::VerifyTree((below.empty() ? top_ : below).c_str(), false, [](const kova_acl::Drift &) {}, counts));
+        return counts.differing + counts.failed;
+    }
+
+    std::string top_;
+};
+
+// The plain case, down three levels: every inheriting entry follows the new
+// entries, one that does not inherit keeps its own (and so does what lies
+// below it), one without a record keeps its mode.
+TEST_F(AclPropagation, NonRecursiveChangeReachesEveryInheritingDescendant) {
+    unsetenv("KOVA_PROPAGATION_THREADS");  // as many workers as by default
+    const std::vector<std::string> all = Tree(3, 2, 6);
+    Dir(top_ + "/d0/own");
+    File(top_ + "/d0/own/g");
+    Inheriting(top_ + "/d0/own/g");
+    ASSERT_EQ(SetAcl(top_ + "/d0/own", {"user:1031:allow:rx:fd"}, false), 0);
+    File(top_ + "/d1/plain");
+    chmod((top_ + "/d1/plain").c_str(), 0604);
+    // Files of one folder that differ from their siblings: another owner,
+    // an entry of their own.
+    ASSERT_EQ(chown((top_ + "/d2/s1/f2").c_str(), 1032, 1032), 0);
+    ASSERT_EQ(SetAcl(top_ + "/d2/s1/f3", {"user:1030:allow:wp:-"}, true), 0);
+
+    ASSERT_EQ(SetAcl(top_, {"user:1030:allow:rx:fd"}, false), 0);
+    ASSERT_TRUE(WaitForPropagations());
+    EXPECT_EQ(KernelBitsAs(kAlice, top_ + "/d2/s1/f5"), kR | kX);
+
+    // Bob gets everything; everyone may only traverse the folders, so
+    // alice still reaches each entry but no longer reads the files.
+    ASSERT_EQ(SetAcl(top_, {"user:1031:allow:rwxpD:fd", "everyone:-1:allow:x:d"}, false), 0);
+    ASSERT_TRUE(WaitForPropagations());
+    PropagationJob job;
+    ASSERT_TRUE(JobOf(top_, job));
+    EXPECT_EQ(job.state, JobState::kDone);
+    // Each inheriting entry once; own and plain looked at, not rewritten.
+    EXPECT_EQ(job.rewritten, all.size());
+    EXPECT_EQ(job.visited, all.size() + 2);
+    EXPECT_EQ(job.failed, 0u);
+    EXPECT_EQ(Drifting(), 0u);
+    for (const std::string &p : {top_ + "/d0", top_ + "/d1/s0", top_ + "/d2/s1/f5", top_ + "/d0/s0/f0"}) {
+        const bool isDir = p.find("/f") == std::string::npos;
+        EXPECT_EQ(KernelBitsAs(kAlice, p), isDir ? kX : 0u) << p;
+        EXPECT_EQ(KernelBitsAs(kBob, p), kR | kW | kX) << p;
+    }
+    EXPECT_EQ(KernelBitsAs(kBob, top_ + "/d0/own/g"), kR | kX);
+    EXPECT_EQ(KernelBitsAs(kAlice, top_ + "/d0/own/g"), 0u);
+    EXPECT_EQ(KernelBitsAs(kAlice, top_ + "/d2/s1/f3"), kW);
+    EXPECT_EQ(KernelBitsAs(kBob, top_ + "/d2/s1/f2"), kR | kW | kX);
+    EXPECT_EQ(KernelBitsAs(kBob, top_ + "/d1/plain"), kR);
+    EXPECT_EQ(KernelBitsAs(kAlice, top_ + "/d1/plain"), kR);
+
+    // A removal passes nothing down any more.
+    ASSERT_EQ(KOVAACLRemove(top_.c_str(), -1), 0);
+    ASSERT_TRUE(WaitForPropagations());
+    EXPECT_EQ(KernelBitsAs(kBob, top_ + "/d2/s1/f5"), 0u);
+    EXPECT_EQ(Drifting(), 0u);
+}
+
+// A small tree is followed in place, without a job; one with more entries
+// than the in-place limit goes to a job, which finishes it.
+TEST_F(AclPropagation, SmallTreesAreFollowedInPlaceLargerOnesByAJob) {
+    Tree(2, 2, 3);
+    unsetenv("KOVA_PROPAGATION_IN_PLACE");
+    ASSERT_EQ(SetAcl(top_, {"user:1031:allow:rx:fd"}, false), 0);
+    std::vector<PropagationJob> jobs;
+    ASSERT_TRUE(kova_acl::ListPropagations(jobs));
+    EXPECT_TRUE(jobs.empty());
+    EXPECT_EQ(KernelBitsAs(kBob, top_ + "/d1/s1/f2"), kR | kX);
+    EXPECT_EQ(Drifting(), 0u);
+
+    setenv("KOVA_PROPAGATION_IN_PLACE", "5", 1);
+    ASSERT_EQ(SetAcl(top_, {"user:1031:allow:rwxpD:fd"}, false), 0);
+    PropagationJob job;
+    ASSERT_TRUE(JobOf(top_, job));
+    EXPECT_EQ(job.state, JobState::kDone);
+    EXPECT_EQ(job.rewritten, 2u * (1 + 2 * (1 + 3)));
+    EXPECT_EQ(KernelBitsAs(kBob, top_ + "/d1/s1/f2"), kR | kW | kX);
+    EXPECT_EQ(Drifting(), 0u);
+}
+
+// A share whose root lies inside the tree starts its own inheritance there:
+// the walk gives that folder and what lies below it nothing of the top's.
+TEST_F(AclPropagation, AShareRootInsideTheTreeInheritsNothingFromAbove) {
+    Tree(2, 1, 2);
+    KOVA_SHARE inner;
+    std::memset(&inner, 0, sizeof inner);
+    std::snprintf(inner.szName, sizeof inner.szName, "inner");
+    std::snprintf(inner.szPath, sizeof inner.szPath, "%s", (top_ + "/d0").c_str());
+    inner.supportAcl = 1;
+    inner.aclStatus = 1;
+    inner.defaultPriv = KOVA_SHARE_PRIV_RW;
+    ASSERT_EQ(KOVAShareSet(&inner), 0);
+    ASSERT_EQ(SetAcl(top_, {"user:1031:allow:rwxpD:fd"}, false), 0);
+    ASSERT_TRUE(WaitForPropagations());
+    EXPECT_EQ(Drifting(top_ + "/d1"), 0u);
+    EXPECT_EQ(KernelBitsAs(kBob, top_ + "/d1/s0/f1"), kR | kW | kX);
+    // The platform gives bob nothing there (the inner share's root has an
+    // empty ACL), and neither does the kernel.
+    std::vector<std::string> acl;
+    ASSERT_TRUE(GetAcl(top_ + "/d0", KOVA_ACL_GET_ALL, acl));
+    EXPECT_TRUE(acl.empty());
+    EXPECT_EQ(KernelBitsAs(kBob, top_ + "/d0"), 0u);
+}
+
+// Progress shows while the walk runs (in the record and through kova-admin),
+// a stop holds the job where it is, and a resume finishes it.
+TEST_F(AclPropagation, ProgressIsVisibleAndAStopHolds) {
+    const std::vector<std::string> all = Tree(6, 2, 10);
+    ASSERT_EQ(SetAcl(top_, {"user:1030:allow:rx:fd"}, false), 0);
+    ASSERT_TRUE(WaitForPropagations());
+
+    gDelayUs = 20000;
+    ScopedSysCall<decltype(SysCalls::fstatat)> slow(&SysCalls::fstatat, SlowFstatat);
+    BackgroundSet set;
+    SetInBackground({"user:1031:allow:rx:fd"}, set);
+    PropagationJob job;
+    ASSERT_TRUE(WaitJob(top_, [](const PropagationJob &j) { return j.state == JobState::kRunning && j.visited > 3; },
+                        job));
+    EXPECT_EQ(job.current.compare(0, top_.size(), top_), 0) << job.current;
+    std::string out;
+    ASSERT_EQ(kova_test::RunAdmin("acl propagation", &out), 0) << out;
+    EXPECT_NE(out.find("running " + top_ + " visited "), std::string::npos) << out;
+    EXPECT_NE(out.find(" at " + top_), std::string::npos) << out;
+
+    ASSERT_EQ(kova_test::RunAdmin("acl propagation stop " + top_, &out), 0) << out;
+    ASSERT_TRUE(WaitJob(top_, [](const PropagationJob &j) { return j.state == JobState::kStopped; }, job));
+    // The set that waited for its propagation returns once it is stopped.
+    EXPECT_EQ(set.Join(), 0);
+    usleep(600000);
+    PropagationJob later;
+    ASSERT_TRUE(JobOf(top_, later));
+    EXPECT_EQ(later.state, JobState::kStopped);
+    EXPECT_EQ(later.visited, job.visited);
+    EXPECT_LT(later.visited, all.size());
+    EXPECT_GT(Drifting(), 0u);
+
+    gDelayUs = 0;
+    ASSERT_EQ(kova_test::RunAdmin("acl propagation resume", &out), 0) << out;
+    ASSERT_TRUE(WaitForPropagations());
+    ASSERT_TRUE(JobOf(top_, job));
+    EXPECT_EQ(job.state, JobState::kDone);
+    EXPECT_EQ(Drifting(), 0u);
+    EXPECT_EQ(KernelBitsAs(kBob, top_ + "/d5/s1/f9"), kR | kX);
+    EXPECT_EQ(KernelBitsAs(kAlice, top_ + "/d5/s1/f9"), 0u);
+    EXPECT_NE(kova_test::RunAdmin("acl propagation stop " + top_, &out), 0) << "nothing left to stop";
+}
+
+// A runner killed outright: the job reads as running under a dead process,
+// a resume takes it up at its resume point (what lies before it is not
+// looked at again) and finishes it.
+TEST_F(AclPropagation, AKilledRunnerIsResumedWhereItStopped) {
+    const std::vector<std::string> all = Tree(8, 2, 8);
+    ASSERT_EQ(SetAcl(top_, {"user:1030:allow:rx:fd"}, false), 0);
+    ASSERT_TRUE(WaitForPropagations());
+
+    gDelayUs = 15000;
+    PropagationJob job;
+    {
+        ScopedSysCall<decltype(SysCalls::fstatat)> slow(&SysCalls::fstatat, SlowFstatat);
+        BackgroundSet set;
+        SetInBackground({"user:1031:allow:rx:fd"}, set);
+        const bool seen = WaitJob(
+            top_, [](const PropagationJob &j) { return j.state == JobState::kRunning && j.resume != 0; }, job);
+        if (seen) {
+            EXPECT_EQ(kill(static_cast<pid_t>(job.pid), SIGKILL), 0);
+        }
+        // The waiting set sees the runner die and returns.
+        EXPECT_EQ(set.Join(), 0);
+        ASSERT_TRUE(seen);
+        EXPECT_GT(job.pid, 0);
+    }
+    usleep(300000);
+    ASSERT_TRUE(JobOf(top_, job));
+    ASSERT_EQ(job.state, JobState::kRunning);
+    ASSERT_LT(job.visited, all.size());
+    ASSERT_NE(job.resume, 0);
+    const PropagationJob killed = job;
+    EXPECT_GT(Drifting(), 0u);
+
+    gDelayUs = 0;
+    size_t waiting = 0;
+    ASSERT_TRUE(kova_acl::ResumePropagations(waiting));
+    EXPECT_EQ(waiting, 1u);
+    ASSERT_TRUE(WaitForPropagations());
+    ASSERT_TRUE(JobOf(top_, job));
+    EXPECT_EQ(job.state, JobState::kDone);
+    EXPECT_EQ(Drifting(), 0u);
+    EXPECT_EQ(KernelBitsAs(kBob, top_ + "/d7/s1/f7"), kR | kX);
+    // Only what lay from the resume point on was looked at again: the whole
+    // tree once more would add every entry to the count.
+    EXPECT_LT(job.visited, killed.visited + all.size());
+}
+
+// Folders swapped during the walk, between the look at them and their
+// opening: one for a link to a folder outside the share, one for that very
+// folder moved in. Neither is entered; outside the share nothing changes.
+std::string gOutside;
+int SwappingOpenat(int dirFd, const char *name, int flags, mode_t mode) {
+    if ((flags & O_DIRECTORY) && (std::strcmp(name, "s0") == 0 || std::strcmp(name, "s1") == 0)) {
+        const std::string moved = std::string(".") + name + "-moved";
+        if (renameat(dirFd, name, dirFd, moved.c_str()) == 0) {
+            if (std::strcmp(name, "s0") == 0)
+                (void)symlinkat(gOutside.c_str(), dirFd, name);
+            else
+                (void)renameat(AT_FDCWD, (gOutside + "-dir").c_str(), dirFd, name);
+        }
+    }
+    return kova_internal::RealSysCalls().openat(dirFd, name, flags, mode);
+}
+
+TEST_F(AclPropagation, FoldersSwappedDuringTheWalkChangeNothingOutside) {
+    Tree(1, 2, 2);
+    File(top_ + "/d0/f");
+    Inheriting(top_ + "/d0/f");
+    gOutside = root_.At("outside");
+    for (const std::string &o : {gOutside, gOutside + "-dir"}) {
+        Dir(o);
+        File(o + "/g");
+        ASSERT_EQ(SetAcl(o + "/g", {}, true), 0);
+        ASSERT_EQ(SetAcl(o, {"user:1030:allow:r:fd"}, false), 0);
+    }
+    ASSERT_TRUE(WaitForPropagations());
+    // What the kernel and the platform hold for the outside folders, by
+    // where they are: the second one is moved into the tree by the swap.
+    auto snapshot = [](const std::vector<std::string> &paths) {
+        std::vector<std::string> out;
+        for (const std::string &p : paths) {
+            char buf[512];
+            const ssize_t n = lgetxattr(p.c_str(), "system.posix_acl_access", buf, sizeof buf);
+            out.push_back(RawRecord(p) + "|" + std::string(buf, static_cast<size_t>(n > 0 ? n : 0)));
+        }
+        return out;
+    };
+    const std::vector<std::string> before =
+        snapshot({gOutside, gOutside + "/g", gOutside + "-dir", gOutside + "-dir/g"});
+
+    {
+        ScopedSysCall<decltype(SysCalls::openat)> swap(&SysCalls::openat, SwappingOpenat);
+        ASSERT_EQ(SetAcl(top_, {"user:1031:allow:rwxpD:fd"}, false), 0);
+        ASSERT_TRUE(WaitForPropagations());
+    }
+    PropagationJob job;
+    ASSERT_TRUE(JobOf(top_, job));
+    EXPECT_EQ(job.state, JobState::kDone);
+    struct stat st;
+    ASSERT_EQ(lstat((top_ + "/d0/s0").c_str(), &st), 0);
+    EXPECT_TRUE(S_ISLNK(st.st_mode)) << "the link was swapped in";
+    ASSERT_NE(lstat((gOutside + "-dir").c_str(), &st), 0) << "the folder was moved in";
+    EXPECT_EQ(snapshot({gOutside, gOutside + "/g", top_ + "/d0/s1", top_ + "/d0/s1/g"}), before);
+    EXPECT_EQ(KernelBitsAs(kBob, top_ + "/d0/s1/g"), 0u);
+    // The rest of the tree followed.
+    EXPECT_EQ(KernelBitsAs(kBob, top_ + "/d0/f"), kR | kW | kX);
+    EXPECT_EQ(KernelBitsAs(kBob, top_ + "/d0"), kR | kW | kX);
+}
+
+// A newer change of the folder while its propagation runs replaces the job
+// (one record per folder): the running walk stops, the newer one runs from
+// the start, and the newer entries are what every descendant ends with.
+TEST_F(AclPropagation, ANewerChangeSupersedesTheRunningOne) {
+    const std::vector<std::string> all = Tree(6, 2, 8);
+    ASSERT_EQ(SetAcl(top_, {"user:1030:allow:r:fd"}, false), 0);
+    ASSERT_TRUE(WaitForPropagations());
+
+    gDelayUs = 5000;
+    PropagationJob first;
+    {
+        ScopedSysCall<decltype(SysCalls::fstatat)> slow(&SysCalls::fstatat, SlowFstatat);
+        BackgroundSet set;
+        SetInBackground({"user:1030:allow:rx:fd"}, set);
+        const bool seen = WaitJob(
+            top_, [](const PropagationJob &j) { return j.state == JobState::kRunning && j.visited > 5; }, first);
+        gDelayUs = 0;
+        // The newer set waits for its own propagation; the older one's wait
+        // ends when its job is replaced.
+        EXPECT_EQ(SetAcl(top_, {"user:1031:allow:rwxpD:fd", "everyone:-1:allow:x:d"}, false), 0);
+        EXPECT_EQ(set.Join(), 0);
+        ASSERT_TRUE(seen);
+    }
+    ASSERT_TRUE(WaitForPropagations());
+    std::vector<PropagationJob> jobs;
+    ASSERT_TRUE(kova_acl::ListPropagations(jobs));
+    size_t forTop = 0;
+    for (const auto &j : jobs) forTop += j.path == top_;
+    EXPECT_EQ(forTop, 1u);
+    PropagationJob last;
+    ASSERT_TRUE(JobOf(top_, last));
+    EXPECT_EQ(last.state, JobState::kDone);
+    EXPECT_GT(last.seq, first.seq);
+    // One whole walk of the newer change, not the older one's count added.
+    EXPECT_EQ(last.rewritten, all.size());
+    EXPECT_EQ(Drifting(), 0u);
+    for (const std::string &p : {top_ + "/d5/s1/f7", top_ + "/d0/s0/f0", top_ + "/d3"}) {
+        EXPECT_EQ(KernelBitsAs(kAlice, p), p.find("/f") == std::string::npos ? kX : 0u) << p;
+        EXPECT_EQ(KernelBitsAs(kBob, p), kR | kW | kX) << p;
+    }
+}
+
+} // namespace
