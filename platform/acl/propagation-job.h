@@ -13,6 +13,8 @@
 #ifndef KOVA_ACL_PROPAGATION_JOB_H
 #define KOVA_ACL_PROPAGATION_JOB_H
 
+#include "kova/export.h"
+
 #include "kova-internal/owned-fd.h"
 
 #include <sys/types.h>
@@ -28,7 +30,9 @@ namespace kova_acl {
 constexpr size_t kMaxPropagationJobs = 256;
 
 enum class JobState { kQueued, kRunning, kStopped, kDone, kGone };
+KOVA_API_BEGIN
 const char *JobStateName(JobState s);
+KOVA_API_END
 
 struct PropagationJob {
     uint64_t dev = 0;

@@ -20,6 +20,8 @@
 #ifndef KOVA_ACL_PROPAGATION_H
 #define KOVA_ACL_PROPAGATION_H
 
+#include "kova/export.h"
+
 #include "propagation-job.h"
 #include "target.h"
 
@@ -33,19 +35,27 @@ namespace kova_acl {
 bool StartPropagation(const Target &t);
 
 // Whether a runner process is there (working or waiting for more jobs).
+KOVA_API_BEGIN
 bool PropagationRunnerAlive();
+KOVA_API_END
 
 // Every job record; false with the last error set.
+KOVA_API_BEGIN
 bool ListPropagations(std::vector<PropagationJob> &jobs);
+KOVA_API_END
 
 // Marks the job of the folder at path (resolved as the set resolves it)
 // stopped; the runner leaves it at its resume point. False with
 // KOVA_ERR_NOENT when that folder has no unfinished job.
+KOVA_API_BEGIN
 bool StopPropagation(const char *path);
+KOVA_API_END
 
 // Queues every stopped job and every job whose runner died again and makes
 // sure a runner works on them. count: how many jobs are now waiting.
+KOVA_API_BEGIN
 bool ResumePropagations(size_t &count);
+KOVA_API_END
 
 // The runner's body, for the process that StartPropagation starts. Returns
 // on SIGTERM, or when no job has come for a moment (2 s, or

@@ -11,6 +11,8 @@
 #ifndef KOVA_ACL_VERIFY_H
 #define KOVA_ACL_VERIFY_H
 
+#include "kova/export.h"
+
 #include <cstddef>
 #include <functional>
 #include <string>
@@ -33,8 +35,10 @@ struct VerifyCounts {
 
 // False with the last error set when the path cannot be resolved; each
 // drift found is handed to report.
+KOVA_API_BEGIN
 bool VerifyTree(const char *szPath, bool repair, const std::function<void(const Drift &)> &report,
                 VerifyCounts &counts);
+KOVA_API_END
 
 } // namespace kova_acl
 

@@ -11,6 +11,7 @@
 #include "kova-internal/path-parts.h"
 #include "kova-internal/text.h"
 #include "kova-internal/real-path.h"
+#include "kova-internal/traverse-scope.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -96,7 +97,7 @@ int Resolve(const std::string &userPath, const std::string &user, Resolved &out)
     // The folders are looked up raised (TraverseScope): the caller's right
     // to search the folders on the way is the platform's evaluation to
     // judge, not the kernel's; every lookup stays beneath the share root.
-    kova_share::TraverseScope raised;
+    kova_internal::TraverseScope raised;
     // The table names the real root: nothing at its path may be a link.
     int raw = -1;
     int err = kova_internal::OpenWithoutLinks(storedRoot, O_DIRECTORY, &raw);

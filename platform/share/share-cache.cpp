@@ -3,6 +3,7 @@
 
 #include "kova-internal/paths.h"
 #include "kova-internal/real-path.h"
+#include "real-path.h"
 #include "share-db.h"
 
 #include "kova/errcode.h"

@@ -12,6 +12,7 @@
 #include "kova-internal/owned-fd.h"
 #include "kova-internal/sys-calls.h"
 #include "kova-internal/real-path.h"
+#include "real-path.h"
 #include "share-cache.h"
 #include "share-db.h"
 #include "share-lookup.h"
