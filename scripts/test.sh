@@ -6,7 +6,7 @@
 # With CI=true in the environment every build treats warnings as errors.
 # In between, the fuzz stage: the libFuzzer harnesses are built with clang
 # (build-fuzz, only the harnesses and what they drive), run once over their
-# checked-in corpora, then each for KOVA_FUZZ_SECONDS (default 20) from
+# checked-in corpora, then each for KOVA_FUZZ_SECONDS (default 12) from
 # those seeds (scripts/fuzz.sh). The release build's CTest summary comes
 # last; the exit status is that of every stage.
 # Must run as root: the tests switch effective ids and write trusted.
@@ -50,7 +50,7 @@ echo "== fuzz harnesses =="
 fuzz_start=$SECONDS
 # fuzz.sh configures build-fuzz and builds the harnesses (the test programs
 # of that tree are never built); CTest then replays every checked-in input.
-bash scripts/fuzz.sh "${KOVA_FUZZ_SECONDS:-20}" || status=1
+bash scripts/fuzz.sh "${KOVA_FUZZ_SECONDS:-12}" || status=1
 (cd build-fuzz && ctest --output-on-failure -R '^fuzz_' --timeout 600) || status=1
 echo "fuzz stage: $((SECONDS - fuzz_start)) s"
 
