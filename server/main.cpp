@@ -59,12 +59,8 @@ std::string SelfPath() {
 
 void WritePortFile(const std::string &path, int port) {
     if (path.empty()) return;
-    std::string tmp = path + ".tmp";
-    {
-        std::ofstream f(tmp);
-        f << port << "\n";
-    }
-    rename(tmp.c_str(), path.c_str());
+    std::string why;
+    kova_internal::WriteAtomically(path, std::to_string(port) + "\n", 0644, &why);
 }
 
 // The configuration file, then the command line over it. "" or the message.

@@ -1,5 +1,7 @@
 #include "tls-cert.h"
 
+#include "kova-internal/paths.h"
+
 #include <errno.h>
 #include <fcntl.h>
 #include <string.h>
@@ -82,23 +84,6 @@ Cert MakeCert(EVP_PKEY *key, std::string *why) {
     return cert;
 }
 
-// Writes text to path through path.tmp (mode), renamed into place.
-bool WriteAtomically(const std::string &path, const std::string &text, mode_t mode, std::string *why) {
-    const std::string tmp = path + ".tmp";
-    unlink(tmp.c_str());
-    int fd = open(tmp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, mode);
-    if (fd < 0) return *why = "cannot write " + tmp + ": " + strerror(errno), false;
-    bool ok = fchmod(fd, mode) == 0 && write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size()) &&
-              fsync(fd) == 0;
-    ok = close(fd) == 0 && ok;
-    if (!ok || rename(tmp.c_str(), path.c_str()) != 0) {
-        *why = "cannot write " + path + ": " + strerror(errno);
-        unlink(tmp.c_str());
-        return false;
-    }
-    return true;
-}
-
 std::string Pem(int (*write)(BIO *, void *), void *obj) {
     Bio bio(BIO_new(BIO_s_mem()));
     if (!bio || write(bio.get(), obj) != 1) return "";
@@ -141,7 +126,8 @@ bool EnsureSelfSigned(const std::string &dir, CertFiles *out, std::string *why) 
     const std::string keyPem = Pem(WriteKey, key.get()), certPem = Pem(WriteCert, cert.get());
     if (keyPem.empty() || certPem.empty()) return *why = SslError("cannot encode the certificate"), false;
     // The key first: a certificate is never there without its key.
-    if (!WriteAtomically(out->key, keyPem, 0600, why) || !WriteAtomically(out->cert, certPem, 0644, why)) return false;
+    if (!kova_internal::WriteAtomically(out->key, keyPem, 0600, why) ||
+        !kova_internal::WriteAtomically(out->cert, certPem, 0644, why)) return false;
     out->generated = true;
     return true;
 }

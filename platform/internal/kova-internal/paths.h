@@ -1,7 +1,8 @@
 // The path helpers the platform libraries, the server and kova-admin share:
 // where a path lies against a root, one spelling of a folder without
-// trailing slashes, and creating a folder with the folders above it.
-// Pure string work except MakeDirs; resolving a path is real-path.h's job.
+// trailing slashes, creating a folder with the folders above it, and
+// replacing one of the caller's own files whole. Pure string work except
+// MakeDirs and WriteAtomically; resolving a path is real-path.h's job.
 #ifndef KOVA_INTERNAL_PATHS_H
 #define KOVA_INTERNAL_PATHS_H
 
@@ -23,6 +24,12 @@ std::string StripTrailingSlashes(std::string path);
 // `mode` (less the umask); folders that exist are left as they are. false
 // with errno of the refused mkdir.
 bool MakeDirs(const std::string &dir, mode_t mode = 0755);
+
+// Writes `text` to `path` through `path`.tmp (created afresh with `mode`,
+// never through a link, synced) renamed into place, so a reader sees the
+// old file or the new one, never a part. For the process's own files, not
+// for entries reachable by users. false with *why set.
+bool WriteAtomically(const std::string &path, const std::string &text, mode_t mode, std::string *why);
 
 } // namespace kova_internal
 
