@@ -17,6 +17,7 @@ enum class Match { No, Maybe, Yes };
 struct Who {
     bool uidKnown = false;
     uint32_t uid = 0;
+    const std::set<uint32_t> *notUids = nullptr;  // uids it is surely not (uid unknown)
     bool hasGid = false;      // members of this group, for a group entry
     uint32_t gid = 0;
     bool namedUsersOut = false;   // the entry never applies to a named user
@@ -30,6 +31,7 @@ Match MatchOf(const Ace &e, const Who &w) {
     case KOVA_ACL_ID_OWNER: return w.owner;
     case KOVA_ACL_ID_USER:
         if (w.uidKnown) return static_cast<uint32_t>(e.id) == w.uid ? Match::Yes : Match::No;
+        if (w.notUids && w.notUids->count(static_cast<uint32_t>(e.id))) return Match::No;
         return w.namedUsersOut ? Match::No : Match::Maybe;
     case KOVA_ACL_ID_GROUP:
         if (w.hasGid && static_cast<uint32_t>(e.id) == w.gid) return Match::Yes;
@@ -70,6 +72,7 @@ uint32_t SureRights(const std::vector<Ace> &ordered, const Who &w) {
 // Who the access ACL's or the default ACL's entries stand for.
 struct Subject {
     bool forDefault = false;  // the owner is whoever creates the child
+    std::set<uint32_t> nonCreators;  // forDefault: uids the folder lets create nothing
     bool adminsHoldAll = false;  // strictly below a share root
     uid_t fileUid = 0;
     gid_t fileGid = 0;
@@ -114,6 +117,8 @@ PosixAcl Build(const std::vector<Ace> &ordered, const Subject &s, bool isDir, co
     if (!s.forDefault) {
         w.uidKnown = true;
         w.uid = s.fileUid;
+    } else {
+        w.notUids = &s.nonCreators;
     }
     w.owner = OwnerMatch(s, kUserObj, kNoId);
     acl.entries.push_back({kUserObj, BitsFor(ordered, w, isDir), kNoId});
@@ -224,6 +229,12 @@ Projection Project(const std::vector<Ace> &complete, const OwnerId &owner, uid_t
     Names(toDir, du, dg);
     Subject child;
     child.forDefault = true;
+    // Creating a child takes the kernel's w and x on the folder: a named
+    // user whose own entry lacks them never owns a child made here, so his
+    // entries do not cut what the creator's user:: gets. (The folder's uid
+    // is left in: he may change its mode behind the platform's back.)
+    for (const PosixEntry &e : p.access.entries)
+        if (e.tag == kUser && (e.perm & 3) != 3) child.nonCreators.insert(e.id);
     child.adminsHoldAll = inShare;  // a folder's children lie below its share's root
     if (inShare) dg.insert(KOVA_ADMIN_GID);
     PosixAcl f = Build(toFile, child, false, du, dg);
