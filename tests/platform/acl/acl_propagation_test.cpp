@@ -4,7 +4,8 @@
 // drift check), progress is visible, a stop holds, a runner killed mid-way
 // is resumed from its resume point, a link or foreign folder swapped in
 // during the walk changes nothing outside the share, and a newer change of
-// the same folder supersedes the running one.
+// the same folder supersedes the running one. With every job place held by
+// an unfinished job, a change is followed in place.
 #include "acl-fixture.h"
 
 #include "as-identity.h"
@@ -24,8 +25,12 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
-#include <thread>
+#include <future>
+#include <map>
+#include <memory>
+#include <utility>
 #include <cerrno>
 #include <cstring>
 #include <string>
@@ -55,15 +60,13 @@ unsigned KernelBitsAs(const Identity &who, const std::string &path) {
         if (lstat(path.c_str(), &st) != 0) return errno == EACCES ? 0 : 101;
         unsigned b = 0;
         if (S_ISDIR(st.st_mode)) {
-            if (DIR *d = opendir(path.c_str())) {
-                closedir(d);
-                b |= kR;
-            }
-            if (faccessat(AT_FDCWD, path.c_str(), W_OK, AT_EACCESS) == 0) b |= kW;
+            DIR *d = opendir(path.c_str());
+            if (d) closedir(d);
+            b |= (d ? kR : 0) | (faccessat(AT_FDCWD, path.c_str(), W_OK, AT_EACCESS) == 0 ? kW : 0);
         } else {
             for (int flags : {O_RDONLY, O_WRONLY}) {
                 const int fd = open(path.c_str(), flags | O_NOFOLLOW);
-                if (fd >= 0) b |= flags == O_RDONLY ? kR : kW;
+                b |= fd < 0 ? 0 : flags == O_RDONLY ? kR : kW;
                 if (fd >= 0) close(fd);
             }
         }
@@ -93,12 +96,9 @@ int SlowFstatat(int dirFd, const char *name, struct stat *st, int flags) {
 bool JobOf(const std::string &path, PropagationJob &out) {
     std::vector<PropagationJob> jobs;
     if (!kova_acl::ListPropagations(jobs)) return false;
-    for (const auto &j : jobs)
-        if (j.path == path) {
-            out = j;
-            return true;
-        }
-    return false;
+    const auto it = std::find_if(jobs.begin(), jobs.end(), [&](const PropagationJob &j) { return j.path == path; });
+    if (it != jobs.end()) out = *it;
+    return it != jobs.end();
 }
 
 // Polls the job of path until pred holds (false after ~20 s).
@@ -122,53 +122,56 @@ protected:
         setenv("KOVA_PROPAGATION_THREADS", "2", 1);
         // Every change, however small its tree, goes to a job.
         setenv("KOVA_PROPAGATION_IN_PLACE", "0", 1);
+        // Looks at entries wait gDelayUs (0 unless a test slows the walk).
+        slow_.reset(new ScopedSysCall<decltype(SysCalls::fstatat)>(&SysCalls::fstatat, SlowFstatat));
     }
     void TearDown() override {
+        gDelayUs = 0;
         AclFixture::TearDown();
+        slow_.reset();
         unsetenv("KOVA_PROPAGATION_THREADS");
         unsetenv("KOVA_PROPAGATION_IN_PLACE");
     }
 
+    // A folder or file with an inheriting record; returns its path.
+    std::string Make(const std::string &path, bool isDir) {
+        isDir ? Dir(path) : File(path);
+        Inheriting(path);
+        return path;
+    }
+
     // top/dD/sS/fF: folders x subs x files, every entry inheriting; returns
-    // the entries below top.
-    std::vector<std::string> Tree(int folders, int subs, int files) {
+    // the entries below top. With `followed`, top already passes
+    // user:1030:allow:rx down and every entry follows it.
+    std::vector<std::string> Tree(int folders, int subs, int files, bool followed = false) {
         std::vector<std::string> all;
         Dir(top_);
         for (int d = 0; d < folders; ++d) {
-            const std::string dir = top_ + "/d" + std::to_string(d);
-            Dir(dir);
-            Inheriting(dir);
+            const std::string dir = Make(top_ + "/d" + std::to_string(d), true);
             all.push_back(dir);
             for (int s = 0; s < subs; ++s) {
-                const std::string sub = dir + "/s" + std::to_string(s);
-                Dir(sub);
-                Inheriting(sub);
+                const std::string sub = Make(dir + "/s" + std::to_string(s), true);
                 all.push_back(sub);
-                for (int f = 0; f < files; ++f) {
-                    const std::string file = sub + "/f" + std::to_string(f);
-                    File(file);
-                    Inheriting(file);
-                    all.push_back(file);
-                }
+                for (int f = 0; f < files; ++f) all.push_back(Make(sub + "/f" + std::to_string(f), false));
             }
+        }
+        if (followed) {
+            EXPECT_EQ(SetAcl(top_, {"user:1030:allow:rx:fd"}, false), 0);
+            EXPECT_TRUE(WaitForPropagations());
         }
         return all;
     }
 
     // A set waits for the propagation it starts; the tests that watch one
-    // under way make theirs on a thread of its own, joined at the latest
-    // when the test leaves.
-    struct BackgroundSet {
-        std::thread thread;
-        int rc = -1;
-        int Join() {
-            if (thread.joinable()) thread.join();
-            return rc;
-        }
-        ~BackgroundSet() { Join(); }
-    };
-    void SetInBackground(const std::vector<std::string> &entries, BackgroundSet &set) {
-        set.thread = std::thread([this, entries, &set] { set.rc = SetAcl(top_, entries, false); });
+    // under way start a set of top on a thread of its own (joined at the
+    // latest when the future goes), with every look at an entry delayed by
+    // delayUs, and wait until its job runs and `until` holds.
+    template <typename Pred>
+    bool SlowSet(int delayUs, const std::vector<std::string> &entries, std::future<int> &set, Pred until,
+                 PropagationJob &job) {
+        gDelayUs = delayUs;
+        set = std::async(std::launch::async, [this, entries] { return SetAcl(top_, entries, false); });
+        return WaitJob(top_, [&](const PropagationJob &j) { return j.state == JobState::kRunning && until(j); }, job);
     }
 
     // Entries below top (or `below`) whose kernel ACL differs from their
@@ -179,7 +182,53 @@ protected:
         return counts.differing + counts.failed;
     }
 
+    // What the kernel lets each user do with each path, as a table.
+    struct Access {
+        const Identity &who;
+        std::string path;
+        unsigned bits;
+    };
+    void ExpectKernel(const std::vector<Access> &table) {
+        for (const Access &a : table)
+            EXPECT_EQ(KernelBitsAs(a.who, a.path), a.bits) << (&a.who == &kAlice ? "alice " : "bob ") << a.path;
+    }
+    // After "user:1031:allow:rwxpD:fd everyone:-1:allow:x:d": bob may do
+    // everything, alice only traverse the folders.
+    static std::vector<Access> BobAllAliceTraverse(const std::vector<std::string> &paths) {
+        std::vector<Access> table;
+        for (const std::string &p : paths) {
+            table.push_back({kAlice, p, p.find("/f") == std::string::npos ? kX : 0u});
+            table.push_back({kBob, p, kR | kW | kX});
+        }
+        return table;
+    }
+
+    // Once every propagation has ended, top's job is done, nothing below top
+    // drifts and the kernel answers as `table` says; returns the job.
+    PropagationJob Done(const std::vector<Access> &table = {}) {
+        EXPECT_TRUE(WaitForPropagations());
+        PropagationJob job;
+        EXPECT_TRUE(JobOf(top_, job));
+        EXPECT_EQ(job.state, JobState::kDone);
+        EXPECT_EQ(Drifting(), 0u);
+        ExpectKernel(table);
+        return job;
+    }
+
+    // A job left unfinished part-way (stopped, or under a killed runner)
+    // stays so: in `state`, short of the `total` entries, and entries below
+    // top still drift.
+    PropagationJob Held(JobState state, size_t total) {
+        PropagationJob job;
+        EXPECT_TRUE(JobOf(top_, job));
+        EXPECT_EQ(job.state, state);
+        EXPECT_LT(job.visited, total);
+        EXPECT_GT(Drifting(), 0u);
+        return job;
+    }
+
     std::string top_;
+    std::unique_ptr<ScopedSysCall<decltype(SysCalls::fstatat)>> slow_;
 };
 
 // The plain case, down three levels: every inheriting entry follows the new
@@ -189,8 +238,7 @@ TEST_F(AclPropagation, NonRecursiveChangeReachesEveryInheritingDescendant) {
     unsetenv("KOVA_PROPAGATION_THREADS");  // as many workers as by default
     const std::vector<std::string> all = Tree(3, 2, 6);
     Dir(top_ + "/d0/own");
-    File(top_ + "/d0/own/g");
-    Inheriting(top_ + "/d0/own/g");
+    Make(top_ + "/d0/own/g", false);
     ASSERT_EQ(SetAcl(top_ + "/d0/own", {"user:1031:allow:rx:fd"}, false), 0);
     File(top_ + "/d1/plain");
     chmod((top_ + "/d1/plain").c_str(), 0604);
@@ -206,26 +254,15 @@ TEST_F(AclPropagation, NonRecursiveChangeReachesEveryInheritingDescendant) {
     // Bob gets everything; everyone may only traverse the folders, so
     // alice still reaches each entry but no longer reads the files.
     ASSERT_EQ(SetAcl(top_, {"user:1031:allow:rwxpD:fd", "everyone:-1:allow:x:d"}, false), 0);
-    ASSERT_TRUE(WaitForPropagations());
-    PropagationJob job;
-    ASSERT_TRUE(JobOf(top_, job));
-    EXPECT_EQ(job.state, JobState::kDone);
+    const PropagationJob job =
+        Done(BobAllAliceTraverse({top_ + "/d0", top_ + "/d1/s0", top_ + "/d2/s1/f5", top_ + "/d0/s0/f0"}));
     // Each inheriting entry once; own and plain looked at, not rewritten.
     EXPECT_EQ(job.rewritten, all.size());
     EXPECT_EQ(job.visited, all.size() + 2);
     EXPECT_EQ(job.failed, 0u);
-    EXPECT_EQ(Drifting(), 0u);
-    for (const std::string &p : {top_ + "/d0", top_ + "/d1/s0", top_ + "/d2/s1/f5", top_ + "/d0/s0/f0"}) {
-        const bool isDir = p.find("/f") == std::string::npos;
-        EXPECT_EQ(KernelBitsAs(kAlice, p), isDir ? kX : 0u) << p;
-        EXPECT_EQ(KernelBitsAs(kBob, p), kR | kW | kX) << p;
-    }
-    EXPECT_EQ(KernelBitsAs(kBob, top_ + "/d0/own/g"), kR | kX);
-    EXPECT_EQ(KernelBitsAs(kAlice, top_ + "/d0/own/g"), 0u);
-    EXPECT_EQ(KernelBitsAs(kAlice, top_ + "/d2/s1/f3"), kW);
-    EXPECT_EQ(KernelBitsAs(kBob, top_ + "/d2/s1/f2"), kR | kW | kX);
-    EXPECT_EQ(KernelBitsAs(kBob, top_ + "/d1/plain"), kR);
-    EXPECT_EQ(KernelBitsAs(kAlice, top_ + "/d1/plain"), kR);
+    ExpectKernel({{kBob, top_ + "/d0/own/g", kR | kX}, {kAlice, top_ + "/d0/own/g", 0},
+                  {kAlice, top_ + "/d2/s1/f3", kW}, {kBob, top_ + "/d2/s1/f2", kR | kW | kX},
+                  {kBob, top_ + "/d1/plain", kR}, {kAlice, top_ + "/d1/plain", kR}});
 
     // A removal passes nothing down any more.
     ASSERT_EQ(KOVAACLRemove(top_.c_str(), -1), 0);
@@ -234,9 +271,11 @@ TEST_F(AclPropagation, NonRecursiveChangeReachesEveryInheritingDescendant) {
     EXPECT_EQ(Drifting(), 0u);
 }
 
-// A small tree is followed in place, without a job; one with more entries
-// than the in-place limit goes to a job, which finishes it.
-TEST_F(AclPropagation, SmallTreesAreFollowedInPlaceLargerOnesByAJob) {
+// A small tree is followed in place, without a job, and so is a larger one
+// while every place of the job directory is held by an unfinished job: no
+// record is added and none of the held ones is lost. Once one of them has
+// finished, it is forgotten and the change goes to a job, which finishes it.
+TEST_F(AclPropagation, SmallTreesAndChangesBeyondTheJobPlacesAreFollowedInPlace) {
     Tree(2, 2, 3);
     unsetenv("KOVA_PROPAGATION_IN_PLACE");
     ASSERT_EQ(SetAcl(top_, {"user:1031:allow:rx:fd"}, false), 0);
@@ -246,22 +285,50 @@ TEST_F(AclPropagation, SmallTreesAreFollowedInPlaceLargerOnesByAJob) {
     EXPECT_EQ(KernelBitsAs(kBob, top_ + "/d1/s1/f2"), kR | kX);
     EXPECT_EQ(Drifting(), 0u);
 
-    setenv("KOVA_PROPAGATION_IN_PLACE", "5", 1);
+    setenv("KOVA_PROPAGATION_IN_PLACE", "5", 1);  // fewer than the tree's 18
+    kova_acl::JobDir dir;
+    ASSERT_TRUE(dir.Open());
+    PropagationJob held;
+    held.dev = 0xfff0;
+    held.state = JobState::kStopped;
+    for (size_t i = 1; i <= kova_acl::kMaxPropagationJobs; ++i) {
+        held.ino = held.seq = held.visited = i;
+        held.path = In("held/" + std::to_string(i));
+        ASSERT_TRUE(dir.Write(held));
+    }
+    // Every record by key, as "path seq state visited".
+    auto records = [] {
+        std::map<std::string, std::string> out;
+        std::vector<PropagationJob> list;
+        EXPECT_TRUE(kova_acl::ListPropagations(list));
+        for (const PropagationJob &j : list)
+            out[j.Key()] = j.path + " " + std::to_string(j.seq) + " " + kova_acl::JobStateName(j.state) + " " +
+                           std::to_string(j.visited);
+        return out;
+    };
+    const auto before = records();
+    ASSERT_EQ(before.size(), kova_acl::kMaxPropagationJobs);
     ASSERT_EQ(SetAcl(top_, {"user:1031:allow:rwxpD:fd"}, false), 0);
-    PropagationJob job;
-    ASSERT_TRUE(JobOf(top_, job));
-    EXPECT_EQ(job.state, JobState::kDone);
-    EXPECT_EQ(job.rewritten, 2u * (1 + 2 * (1 + 3)));
     EXPECT_EQ(KernelBitsAs(kBob, top_ + "/d1/s1/f2"), kR | kW | kX);
     EXPECT_EQ(Drifting(), 0u);
+    EXPECT_EQ(records(), before);
+
+    held.state = JobState::kDone;  // the last one
+    ASSERT_TRUE(dir.Write(held));
+    ASSERT_EQ(SetAcl(top_, {"user:1031:allow:rx:fd"}, false), 0);
+    const PropagationJob job = Done({{kBob, top_ + "/d1/s1/f2", kR | kX}});
+    EXPECT_EQ(job.rewritten, 2u * (1 + 2 * (1 + 3)));
+    auto after = records(), expected = before;
+    after.erase(job.Key());
+    expected.erase(held.Key());
+    EXPECT_EQ(after, expected);
 }
 
 // A share whose root lies inside the tree starts its own inheritance there:
 // the walk gives that folder and what lies below it nothing of the top's.
 TEST_F(AclPropagation, AShareRootInsideTheTreeInheritsNothingFromAbove) {
     Tree(2, 1, 2);
-    KOVA_SHARE inner;
-    std::memset(&inner, 0, sizeof inner);
+    KOVA_SHARE inner = {};
     std::snprintf(inner.szName, sizeof inner.szName, "inner");
     std::snprintf(inner.szPath, sizeof inner.szPath, "%s", (top_ + "/d0").c_str());
     inner.supportAcl = 1;
@@ -283,16 +350,10 @@ TEST_F(AclPropagation, AShareRootInsideTheTreeInheritsNothingFromAbove) {
 // Progress shows while the walk runs (in the record and through kova-admin),
 // a stop holds the job where it is, and a resume finishes it.
 TEST_F(AclPropagation, ProgressIsVisibleAndAStopHolds) {
-    const std::vector<std::string> all = Tree(6, 2, 10);
-    ASSERT_EQ(SetAcl(top_, {"user:1030:allow:rx:fd"}, false), 0);
-    ASSERT_TRUE(WaitForPropagations());
-
-    gDelayUs = 20000;
-    ScopedSysCall<decltype(SysCalls::fstatat)> slow(&SysCalls::fstatat, SlowFstatat);
-    BackgroundSet set;
-    SetInBackground({"user:1031:allow:rx:fd"}, set);
+    const std::vector<std::string> all = Tree(6, 2, 10, true);
+    std::future<int> set;
     PropagationJob job;
-    ASSERT_TRUE(WaitJob(top_, [](const PropagationJob &j) { return j.state == JobState::kRunning && j.visited > 3; },
+    ASSERT_TRUE(SlowSet(20000, {"user:1031:allow:rx:fd"}, set, [](const PropagationJob &j) { return j.visited > 3; },
                         job));
     EXPECT_EQ(job.current.compare(0, top_.size(), top_), 0) << job.current;
     std::string out;
@@ -303,23 +364,13 @@ TEST_F(AclPropagation, ProgressIsVisibleAndAStopHolds) {
     ASSERT_EQ(kova_test::RunAdmin("acl propagation stop " + top_, &out), 0) << out;
     ASSERT_TRUE(WaitJob(top_, [](const PropagationJob &j) { return j.state == JobState::kStopped; }, job));
     // The set that waited for its propagation returns once it is stopped.
-    EXPECT_EQ(set.Join(), 0);
+    EXPECT_EQ(set.get(), 0);
     usleep(600000);
-    PropagationJob later;
-    ASSERT_TRUE(JobOf(top_, later));
-    EXPECT_EQ(later.state, JobState::kStopped);
-    EXPECT_EQ(later.visited, job.visited);
-    EXPECT_LT(later.visited, all.size());
-    EXPECT_GT(Drifting(), 0u);
+    EXPECT_EQ(Held(JobState::kStopped, all.size()).visited, job.visited);
 
     gDelayUs = 0;
     ASSERT_EQ(kova_test::RunAdmin("acl propagation resume", &out), 0) << out;
-    ASSERT_TRUE(WaitForPropagations());
-    ASSERT_TRUE(JobOf(top_, job));
-    EXPECT_EQ(job.state, JobState::kDone);
-    EXPECT_EQ(Drifting(), 0u);
-    EXPECT_EQ(KernelBitsAs(kBob, top_ + "/d5/s1/f9"), kR | kX);
-    EXPECT_EQ(KernelBitsAs(kAlice, top_ + "/d5/s1/f9"), 0u);
+    Done({{kBob, top_ + "/d5/s1/f9", kR | kX}, {kAlice, top_ + "/d5/s1/f9", 0}});
     EXPECT_NE(kova_test::RunAdmin("acl propagation stop " + top_, &out), 0) << "nothing left to stop";
 }
 
@@ -327,43 +378,27 @@ TEST_F(AclPropagation, ProgressIsVisibleAndAStopHolds) {
 // a resume takes it up at its resume point (what lies before it is not
 // looked at again) and finishes it.
 TEST_F(AclPropagation, AKilledRunnerIsResumedWhereItStopped) {
-    const std::vector<std::string> all = Tree(8, 2, 8);
-    ASSERT_EQ(SetAcl(top_, {"user:1030:allow:rx:fd"}, false), 0);
-    ASSERT_TRUE(WaitForPropagations());
-
-    gDelayUs = 15000;
+    const std::vector<std::string> all = Tree(8, 2, 8, true);
     PropagationJob job;
-    {
-        ScopedSysCall<decltype(SysCalls::fstatat)> slow(&SysCalls::fstatat, SlowFstatat);
-        BackgroundSet set;
-        SetInBackground({"user:1031:allow:rx:fd"}, set);
-        const bool seen = WaitJob(
-            top_, [](const PropagationJob &j) { return j.state == JobState::kRunning && j.resume != 0; }, job);
-        if (seen) {
-            EXPECT_EQ(kill(static_cast<pid_t>(job.pid), SIGKILL), 0);
-        }
-        // The waiting set sees the runner die and returns.
-        EXPECT_EQ(set.Join(), 0);
-        ASSERT_TRUE(seen);
-        EXPECT_GT(job.pid, 0);
+    std::future<int> set;
+    const bool seen =
+        SlowSet(15000, {"user:1031:allow:rx:fd"}, set, [](const PropagationJob &j) { return j.resume != 0; }, job);
+    if (seen) {
+        EXPECT_EQ(kill(static_cast<pid_t>(job.pid), SIGKILL), 0);
     }
+    // The waiting set sees the runner die and returns.
+    EXPECT_EQ(set.get(), 0);
+    ASSERT_TRUE(seen);
+    EXPECT_GT(job.pid, 0);
     usleep(300000);
-    ASSERT_TRUE(JobOf(top_, job));
-    ASSERT_EQ(job.state, JobState::kRunning);
-    ASSERT_LT(job.visited, all.size());
-    ASSERT_NE(job.resume, 0);
-    const PropagationJob killed = job;
-    EXPECT_GT(Drifting(), 0u);
+    const PropagationJob killed = Held(JobState::kRunning, all.size());
+    ASSERT_NE(killed.resume, 0);
 
     gDelayUs = 0;
     size_t waiting = 0;
     ASSERT_TRUE(kova_acl::ResumePropagations(waiting));
     EXPECT_EQ(waiting, 1u);
-    ASSERT_TRUE(WaitForPropagations());
-    ASSERT_TRUE(JobOf(top_, job));
-    EXPECT_EQ(job.state, JobState::kDone);
-    EXPECT_EQ(Drifting(), 0u);
-    EXPECT_EQ(KernelBitsAs(kBob, top_ + "/d7/s1/f7"), kR | kX);
+    job = Done({{kBob, top_ + "/d7/s1/f7", kR | kX}});
     // Only what lay from the resume point on was looked at again: the whole
     // tree once more would add every entry to the count.
     EXPECT_LT(job.visited, killed.visited + all.size());
@@ -388,8 +423,7 @@ int SwappingOpenat(int dirFd, const char *name, int flags, mode_t mode) {
 
 TEST_F(AclPropagation, FoldersSwappedDuringTheWalkChangeNothingOutside) {
     Tree(1, 2, 2);
-    File(top_ + "/d0/f");
-    Inheriting(top_ + "/d0/f");
+    Make(top_ + "/d0/f", false);
     gOutside = root_.At("outside");
     for (const std::string &o : {gOutside, gOutside + "-dir"}) {
         Dir(o);
@@ -425,52 +459,32 @@ TEST_F(AclPropagation, FoldersSwappedDuringTheWalkChangeNothingOutside) {
     EXPECT_TRUE(S_ISLNK(st.st_mode)) << "the link was swapped in";
     ASSERT_NE(lstat((gOutside + "-dir").c_str(), &st), 0) << "the folder was moved in";
     EXPECT_EQ(snapshot({gOutside, gOutside + "/g", top_ + "/d0/s1", top_ + "/d0/s1/g"}), before);
-    EXPECT_EQ(KernelBitsAs(kBob, top_ + "/d0/s1/g"), 0u);
     // The rest of the tree followed.
-    EXPECT_EQ(KernelBitsAs(kBob, top_ + "/d0/f"), kR | kW | kX);
-    EXPECT_EQ(KernelBitsAs(kBob, top_ + "/d0"), kR | kW | kX);
+    ExpectKernel({{kBob, top_ + "/d0/s1/g", 0}, {kBob, top_ + "/d0/f", kR | kW | kX}, {kBob, top_ + "/d0", kR | kW | kX}});
 }
 
 // A newer change of the folder while its propagation runs replaces the job
 // (one record per folder): the running walk stops, the newer one runs from
 // the start, and the newer entries are what every descendant ends with.
 TEST_F(AclPropagation, ANewerChangeSupersedesTheRunningOne) {
-    const std::vector<std::string> all = Tree(6, 2, 8);
-    ASSERT_EQ(SetAcl(top_, {"user:1030:allow:r:fd"}, false), 0);
-    ASSERT_TRUE(WaitForPropagations());
-
-    gDelayUs = 5000;
+    const std::vector<std::string> all = Tree(6, 2, 8, true);
     PropagationJob first;
-    {
-        ScopedSysCall<decltype(SysCalls::fstatat)> slow(&SysCalls::fstatat, SlowFstatat);
-        BackgroundSet set;
-        SetInBackground({"user:1030:allow:rx:fd"}, set);
-        const bool seen = WaitJob(
-            top_, [](const PropagationJob &j) { return j.state == JobState::kRunning && j.visited > 5; }, first);
-        gDelayUs = 0;
-        // The newer set waits for its own propagation; the older one's wait
-        // ends when its job is replaced.
-        EXPECT_EQ(SetAcl(top_, {"user:1031:allow:rwxpD:fd", "everyone:-1:allow:x:d"}, false), 0);
-        EXPECT_EQ(set.Join(), 0);
-        ASSERT_TRUE(seen);
-    }
-    ASSERT_TRUE(WaitForPropagations());
+    std::future<int> set;
+    const bool seen =
+        SlowSet(5000, {"user:1030:allow:r:fd"}, set, [](const PropagationJob &j) { return j.visited > 5; }, first);
+    gDelayUs = 0;
+    // The newer set waits for its own propagation; the older one's wait
+    // ends when its job is replaced.
+    EXPECT_EQ(SetAcl(top_, {"user:1031:allow:rwxpD:fd", "everyone:-1:allow:x:d"}, false), 0);
+    EXPECT_EQ(set.get(), 0);
+    ASSERT_TRUE(seen);
+    const PropagationJob last = Done(BobAllAliceTraverse({top_ + "/d5/s1/f7", top_ + "/d0/s0/f0", top_ + "/d3"}));
     std::vector<PropagationJob> jobs;
     ASSERT_TRUE(kova_acl::ListPropagations(jobs));
-    size_t forTop = 0;
-    for (const auto &j : jobs) forTop += j.path == top_;
-    EXPECT_EQ(forTop, 1u);
-    PropagationJob last;
-    ASSERT_TRUE(JobOf(top_, last));
-    EXPECT_EQ(last.state, JobState::kDone);
+    EXPECT_EQ(std::count_if(jobs.begin(), jobs.end(), [&](const PropagationJob &j) { return j.path == top_; }), 1);
     EXPECT_GT(last.seq, first.seq);
     // One whole walk of the newer change, not the older one's count added.
     EXPECT_EQ(last.rewritten, all.size());
-    EXPECT_EQ(Drifting(), 0u);
-    for (const std::string &p : {top_ + "/d5/s1/f7", top_ + "/d0/s0/f0", top_ + "/d3"}) {
-        EXPECT_EQ(KernelBitsAs(kAlice, p), p.find("/f") == std::string::npos ? kX : 0u) << p;
-        EXPECT_EQ(KernelBitsAs(kBob, p), kR | kW | kX) << p;
-    }
 }
 
 } // namespace
