@@ -93,22 +93,21 @@ int SlowFstatat(int dirFd, const char *name, struct stat *st, int flags) {
     return kova_internal::RealSysCalls().fstatat(dirFd, name, st, flags);
 }
 
-bool JobOf(const std::string &path, PropagationJob &out) {
-    std::vector<PropagationJob> jobs;
-    if (!kova_acl::ListPropagations(jobs)) return false;
-    const auto it = std::find_if(jobs.begin(), jobs.end(), [&](const PropagationJob &j) { return j.path == path; });
-    if (it != jobs.end()) out = *it;
-    return it != jobs.end();
-}
-
-// Polls the job of path until pred holds (false after ~20 s).
+// Polls the job of path until pred holds (false after `tries` looks, 20 ms
+// apart); JobOf looks once.
 template <typename Pred>
-bool WaitJob(const std::string &path, Pred pred, PropagationJob &out) {
-    for (int i = 0; i < 1000; ++i) {
-        if (JobOf(path, out) && pred(out)) return true;
-        usleep(20000);
+bool WaitJob(const std::string &path, Pred pred, PropagationJob &out, int tries = 1000) {
+    for (int i = 0; i < tries; ++i) {
+        if (i > 0) usleep(20000);
+        std::vector<PropagationJob> jobs;
+        if (!kova_acl::ListPropagations(jobs)) continue;
+        const auto it = std::find_if(jobs.begin(), jobs.end(), [&](const PropagationJob &j) { return j.path == path; });
+        if (it != jobs.end() && pred(out = *it)) return true;
     }
     return false;
+}
+bool JobOf(const std::string &path, PropagationJob &out) {
+    return WaitJob(path, [](const PropagationJob &) { return true; }, out, 1);
 }
 
 class AclPropagation : public AclFixture {
@@ -118,9 +117,9 @@ protected:
         for (std::string p = Share(); p.size() > 1; p = p.substr(0, p.rfind('/'))) chmod(p.c_str(), 0755);
         chmod(Share().c_str(), 0777);
         top_ = In("top");
-        // Two workers: the tests that slow the walk down count on its pace.
+        // Two workers (the tests that slow the walk down count on its pace),
+        // and every change, however small its tree, goes to a job.
         setenv("KOVA_PROPAGATION_THREADS", "2", 1);
-        // Every change, however small its tree, goes to a job.
         setenv("KOVA_PROPAGATION_IN_PLACE", "0", 1);
         // Looks at entries wait gDelayUs (0 unless a test slows the walk).
         slow_.reset(new ScopedSysCall<decltype(SysCalls::fstatat)>(&SysCalls::fstatat, SlowFstatat));
@@ -203,15 +202,19 @@ protected:
         return table;
     }
 
-    // Once every propagation has ended, top's job is done, nothing below top
-    // drifts and the kernel answers as `table` says; returns the job.
+    // Nothing below top (or `below`) drifts and the kernel answers as
+    // `table` says.
+    void Followed(const std::vector<Access> &table, const std::string &below = "") {
+        EXPECT_EQ(Drifting(below), 0u);
+        ExpectKernel(table);
+    }
+    // Once every propagation has ended, top's job is done and followed.
     PropagationJob Done(const std::vector<Access> &table = {}) {
         EXPECT_TRUE(WaitForPropagations());
         PropagationJob job;
         EXPECT_TRUE(JobOf(top_, job));
         EXPECT_EQ(job.state, JobState::kDone);
-        EXPECT_EQ(Drifting(), 0u);
-        ExpectKernel(table);
+        Followed(table);
         return job;
     }
 
@@ -267,8 +270,7 @@ TEST_F(AclPropagation, NonRecursiveChangeReachesEveryInheritingDescendant) {
     // A removal passes nothing down any more.
     ASSERT_EQ(KOVAACLRemove(top_.c_str(), -1), 0);
     ASSERT_TRUE(WaitForPropagations());
-    EXPECT_EQ(KernelBitsAs(kBob, top_ + "/d2/s1/f5"), 0u);
-    EXPECT_EQ(Drifting(), 0u);
+    Followed({{kBob, top_ + "/d2/s1/f5", 0}});
 }
 
 // A small tree is followed in place, without a job, and so is a larger one
@@ -282,8 +284,7 @@ TEST_F(AclPropagation, SmallTreesAndChangesBeyondTheJobPlacesAreFollowedInPlace)
     std::vector<PropagationJob> jobs;
     ASSERT_TRUE(kova_acl::ListPropagations(jobs));
     EXPECT_TRUE(jobs.empty());
-    EXPECT_EQ(KernelBitsAs(kBob, top_ + "/d1/s1/f2"), kR | kX);
-    EXPECT_EQ(Drifting(), 0u);
+    Followed({{kBob, top_ + "/d1/s1/f2", kR | kX}});
 
     setenv("KOVA_PROPAGATION_IN_PLACE", "5", 1);  // fewer than the tree's 18
     kova_acl::JobDir dir;
@@ -309,8 +310,7 @@ TEST_F(AclPropagation, SmallTreesAndChangesBeyondTheJobPlacesAreFollowedInPlace)
     const auto before = records();
     ASSERT_EQ(before.size(), kova_acl::kMaxPropagationJobs);
     ASSERT_EQ(SetAcl(top_, {"user:1031:allow:rwxpD:fd"}, false), 0);
-    EXPECT_EQ(KernelBitsAs(kBob, top_ + "/d1/s1/f2"), kR | kW | kX);
-    EXPECT_EQ(Drifting(), 0u);
+    Followed({{kBob, top_ + "/d1/s1/f2", kR | kW | kX}});
     EXPECT_EQ(records(), before);
 
     held.state = JobState::kDone;  // the last one
@@ -337,8 +337,7 @@ TEST_F(AclPropagation, AShareRootInsideTheTreeInheritsNothingFromAbove) {
     ASSERT_EQ(KOVAShareSet(&inner), 0);
     ASSERT_EQ(SetAcl(top_, {"user:1031:allow:rwxpD:fd"}, false), 0);
     ASSERT_TRUE(WaitForPropagations());
-    EXPECT_EQ(Drifting(top_ + "/d1"), 0u);
-    EXPECT_EQ(KernelBitsAs(kBob, top_ + "/d1/s0/f1"), kR | kW | kX);
+    Followed({{kBob, top_ + "/d1/s0/f1", kR | kW | kX}}, top_ + "/d1");
     // The platform gives bob nothing there (the inner share's root has an
     // empty ACL), and neither does the kernel.
     std::vector<std::string> acl;
