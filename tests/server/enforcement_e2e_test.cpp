@@ -56,30 +56,19 @@ const char *const kOpNames[] = {"read", "write", "list", "create", "delete", "st
 int Try(const Identity &who, Op op, const std::string &path) {
     return kova_test::RunAs(who, [&] {
         if (setresgid(who.gid, who.gid, who.gid) != 0 || setresuid(who.uid, who.uid, who.uid) != 0) return 200;
-        int fd = -1;
-        switch (op) {
-        case Op::kRead:
-        case Op::kWrite:
-            fd = open(path.c_str(), (op == Op::kRead ? O_RDONLY : O_WRONLY) | O_NOFOLLOW);
-            break;
-        case Op::kCreate:
-            // Readable by everybody as far as the mode goes: only the
-            // folder's default ACL can keep bob out.
-            fd = open(path.c_str(), O_CREAT | O_EXCL | O_WRONLY, 0666);
-            break;
-        case Op::kList: {
+        struct stat st;
+        if (op == Op::kStat) return lstat(path.c_str(), &st) == 0 ? 0 : errno;
+        if (op == Op::kDelete) return unlink(path.c_str()) == 0 ? 0 : errno;
+        if (op == Op::kList) {
             DIR *d = opendir(path.c_str());
             if (!d) return errno;
             closedir(d);
             return 0;
         }
-        case Op::kDelete:
-            return unlink(path.c_str()) == 0 ? 0 : errno;
-        case Op::kStat: {
-            struct stat st;
-            return lstat(path.c_str(), &st) == 0 ? 0 : errno;
-        }
-        }
+        // A new file is readable by everybody as far as its mode goes: only
+        // the folder's default ACL can keep bob out.
+        const int fd = op == Op::kCreate ? open(path.c_str(), O_CREAT | O_EXCL | O_WRONLY, 0666)
+                                         : open(path.c_str(), (op == Op::kRead ? O_RDONLY : O_WRONLY) | O_NOFOLLOW);
         if (fd < 0) return errno;
         char c;
         const bool ok = op == Op::kRead ? read(fd, &c, 1) >= 0 : write(fd, "x", 1) == 1;
@@ -216,13 +205,9 @@ TEST_F(EnforcementE2E, ADeniedFolderIsClosedToTheKernelToNewFilesAndToTheListing
     for (const Json::Value &r : got.body["data"]["acl"])
         reads[r["owner_type"].asString() + ":" + r["owner_name"].asString()] =
             r["permission_type"].asString() == "allow" && r["permission"]["read_data"].asBool();
-    EXPECT_EQ((std::map<std::string, bool>{{"owner:Owner", true},
-                                           {"user:bob", false},
-                                           {"group:users", true},
-                                           {"group:administrators", true},
-                                           {"everyone:Everyone", true}}),
-              reads)
-        << got.raw;
+    const std::map<std::string, bool> expected = {{"owner:Owner", true}, {"user:bob", false}, {"group:users", true},
+                                                  {"group:administrators", true}, {"everyone:Everyone", true}};
+    EXPECT_EQ(expected, reads) << got.raw;
 
     // The server's own listing judges the folder by its rules for each user.
     WebClient a(webd_->port()), b(webd_->port());
