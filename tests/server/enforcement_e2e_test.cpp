@@ -10,6 +10,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <map>
 #include <memory>
@@ -19,6 +20,7 @@
 #include "as-identity.h"
 #include "kova/account.h"
 #include "kova/share.h"
+#include "../../platform/acl/propagation.h"
 #include "temp-root.h"
 #include "webd-process.h"
 
@@ -113,7 +115,14 @@ protected:
         s.defaultPriv = KOVA_SHARE_PRIV_RW;
         ASSERT_EQ(0, KOVAShareSet(&s));
 
+        // However small the tree, a change of what a folder passes down goes
+        // to the platform's background propagation, which the server's set
+        // task starts and waits for; its runner leaves when it is done.
+        setenv("KOVA_PROPAGATION_IN_PLACE", "0", 1);
+        setenv("KOVA_PROPAGATION_LINGER_MS", "0", 1);
         webd_.reset(new kova_test::WebdProcess(root_.path(), kova_test::BuildDir() + "/modules", 2));
+        unsetenv("KOVA_PROPAGATION_IN_PLACE");
+        unsetenv("KOVA_PROPAGATION_LINGER_MS");
         ASSERT_TRUE(webd_->ok()) << webd_->ErrorLog();
         admin_.reset(new WebClient(webd_->port()));
         ASSERT_TRUE(admin_->Login("boss", "boss-Secret1").body["success"].asBool());
@@ -233,6 +242,12 @@ TEST_F(EnforcementE2E, AParentsInheritableChangeReachesEveryDescendantsKernelAcl
             {&alice_, Op::kCreate, folder_ + "/sub/before", 0}});
     ASSERT_NO_FATAL_FAILURE(
         Set("parent", {Rule("everyone", "everyone", "allow", "rxaRc"), Rule("group", "lab", "allow", kAll)}, false));
+    std::vector<kova_acl::PropagationJob> jobs;
+    ASSERT_TRUE(kova_acl::ListPropagations(jobs));
+    const auto job = std::find_if(jobs.begin(), jobs.end(),
+                                  [&](const kova_acl::PropagationJob &j) { return j.path == share_ + "/parent"; });
+    ASSERT_NE(job, jobs.end()) << "the change went to a job";
+    EXPECT_EQ(kova_acl::JobState::kDone, job->state);
     Expect({{&alice_, Op::kRead, deep, 0},
             {&alice_, Op::kWrite, deep, EACCES},
             {&alice_, Op::kWrite, folder_ + "/secret.txt", EACCES},
