@@ -42,6 +42,7 @@ Reply ToReply(const httplib::Result &r) {
     out.status = r->status;
     out.setCookie = r->get_header_value("Set-Cookie");
     out.contentType = r->get_header_value("Content-Type");
+    out.retryAfter = r->get_header_value("Retry-After");
     out.raw = r->body;
     ParseBody(out);
     return out;

@@ -46,6 +46,7 @@ struct Reply {
     std::string raw;           // the body as sent
     std::string contentType;
     std::string setCookie;     // Set-Cookie header, if any
+    std::string retryAfter;    // Retry-After header, if any
 };
 
 // A connection made by hand, from a chosen loopback address (the peer's
