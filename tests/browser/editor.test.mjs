@@ -1,11 +1,7 @@
-// Drives the permissions editor as a person would: sign in, open a folder,
-// add a rule for a user found by searching, save it recursively and follow
-// the progress to the end, cancel another recursive run, and see the
-// effective permissions change; and the guards an administrator relies on
-// (unsaved edits, inheritance choices, share flags, self-lock-out, address
-// state). Screenshots of failures go to artifacts/; those of the main views
-// go to artifacts/ too, or to docs/img/ for docs/editor.md when
-// KOVA_DOC_SCREENSHOTS=1, so a test run leaves the source tree as it was.
+// Drives the permissions editor in chromium as a person would. Screenshots
+// go to artifacts/; those of the main views go to docs/img/ for
+// docs/editor.md only when KOVA_DOC_SCREENSHOTS=1, so a run leaves the
+// source tree as it was.
 import assert from 'node:assert/strict';
 import { spawnSync } from 'node:child_process';
 import fs from 'node:fs';
@@ -54,7 +50,8 @@ async function docShot(name) {
   await page.screenshot({ path: path.join(dir, `${name}.png`) });
 }
 
-// Waits until fn() is true (the page's policy forbids waitForFunction).
+// Waits until fn() is true (the page's Content-Security-Policy forbids the
+// eval that waitForFunction needs, as it should).
 async function until(fn, what) {
   for (let i = 0; i < 400; ++i) {
     if (await fn()) return;
@@ -80,9 +77,8 @@ function watchErrors(tab) {
   tab.on('console', (m) => { if (m.type() === 'error') pageErrors.push(m.text()); });
 }
 
-// Presses Save and answers each confirmation that comes up (by its title)
-// with the button named in answers; any other confirmation fails the test.
-// Returns when the task has started, or when an answer stopped the save.
+// Presses Save and answers each confirmation by its title from `answers`
+// (any other fails the test); 'started' once the task runs, or 'stopped'.
 const STOPS = ['Go back', 'Cancel', 'Keep editing'];
 async function save(answers = {}) {
   const box = page.locator('#task');
@@ -114,8 +110,6 @@ async function rowCount(selector) {
 }
 
 // Waits until the browser pane shows the folder given by its names.
-// (Polled from here: the page's Content-Security-Policy forbids the eval
-// that waitForFunction needs, as it should.)
 async function inFolder(names) {
   const want = JSON.stringify(['Shares', ...names]);
   let got = '';
@@ -167,7 +161,8 @@ async function addRule(typed, who, { deny = false, perms = null, basic = null } 
 
 // Reloads the item, dropping the edits made to it.
 async function discard() {
-  await discard();
+  await page.locator('#reload').click();
+  await until(async () => (await rowCount('tr:not(.inherited)')) === 0, 'the edits to be discarded');
 }
 
 // Picks a principal in one of the pickers by typing part of its name.
