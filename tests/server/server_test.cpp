@@ -177,6 +177,8 @@ TEST_F(Server, OnlyASessionWithItsOwnTokenRunsAnything) {
     const std::string realToken = c.token;
     c.token = std::string(64, '0');
     ExpectEnvelope(Touch(c, "guessed"), 403, 120, "a guessed token");
+    c.token = realToken + "0";
+    ExpectEnvelope(Touch(c, "longer"), 403, 120, "the token with more after it");
     c.token = SignedIn(bob).token;
     ExpectEnvelope(Touch(c, "mixed"), 403, 120, "another user's token");
     c.token = realToken;
@@ -194,7 +196,7 @@ TEST_F(Server, OnlyASessionWithItsOwnTokenRunsAnything) {
     EXPECT_TRUE(Ok(out));
     EXPECT_NE(std::string::npos, out.setCookie.find("Max-Age=0"));
     ExpectEnvelope(Touch(c, "after-logout"), 401, 119, "after logout");
-    for (const char *name : {"forged", "guessed", "mixed", "anon", "made-up", "after-logout"})
+    for (const char *name : {"forged", "guessed", "longer", "mixed", "anon", "made-up", "after-logout"})
         EXPECT_FALSE(Exists(name)) << name;
     EXPECT_TRUE(Exists("real"));
 }
