@@ -358,13 +358,8 @@ TEST(Worker, EveryRequestStartsWithoutTheLastErrorOfTheOneBefore) {
     ASSERT_TRUE(reg.Add({{"T", 1, "err", ReadsLastError, "t.so"}}));
     webd::Logs logs;
     const std::vector<gid_t> rootGroups = webd::CurrentGroups();
-    Json::Value req(Json::objectValue);
-    req["api"] = "T";
-    req["version"] = 1;
-    req["method"] = "err";
-    req["uid"] = 0;
-    req["gid"] = 0;
-    req["groups"].append(0);
+    Json::Value req;
+    ASSERT_TRUE(webd::ParseJsonText(R"({"api":"T","version":1,"method":"err","uid":0,"gid":0,"groups":[0]})", req));
     KLIBCErrSet(KOVA_ERR_NOMEM);  // left by whatever the thread ran before
     for (int i = 0; i < 2; ++i) {
         gSeenError = -1;
@@ -375,25 +370,13 @@ TEST(Worker, EveryRequestStartsWithoutTheLastErrorOfTheOneBefore) {
     ASSERT_TRUE(webd::RestoreRoot(rootGroups));
 }
 
-// The request handling is a plain function of the request: no socket, no
-// listener. Every /webapi answer is the envelope; static files stay inside
-// the UI folder.
-TEST(Front, HandlesWholeRequestsInProcess) {
-    kova_test::TempRoot root;
-    const std::string ui = root.At("ui");
-    ASSERT_TRUE(kova_test::WriteFile(ui + "/index.html", "<p>hi</p>"));
-    ASSERT_TRUE(kova_test::WriteFile(ui + "/js/app.js", "export {};"));
-    ASSERT_TRUE(kova_test::WriteFile(root.At("secret.txt"), "no"));
-    ASSERT_EQ(0, symlink(root.At("secret.txt").c_str(), (ui + "/link.txt").c_str()));
-    webd::Logs logs;
-    webd::ModuleRegistry reg;
-    ASSERT_TRUE(reg.Add({{"T", 1, "m", H, "t.so"}}));
-    webd::SessionStore sessions(3600);
-    webd::WorkerPool pool({root.At("no-such-program")}, 1, 5, logs);  // never starts a worker
-    webd::Front front(reg, sessions, pool, logs, ui);
-
-    auto call = [&front](const std::string &method, const std::string &target, const webd::HeaderList &headers = {},
-                         const std::string &body = "") {
+// The request handling as a plain function of the request: no socket, no
+// listener, and a worker pool that can never start a worker.
+class Front : public ::testing::Test {
+protected:
+    void SetUp() override { ASSERT_TRUE(reg.Add({{"T", 1, "m", H, "t.so"}})); }
+    webd::HttpReply Call(webd::Front &front, const std::string &method, const std::string &target,
+                         const webd::HeaderList &headers = {}, const std::string &body = "") {
         webd::HttpRequest r;
         r.method = method;
         r.target = target;
@@ -401,7 +384,30 @@ TEST(Front, HandlesWholeRequestsInProcess) {
         r.body = body;
         r.remote = "10.0.0.1";
         return front.Handle(r);
-    };
+    }
+    // The headers of a signed-in session's call.
+    webd::HeaderList Session() {
+        webd::Session s;
+        s.user = "someone";
+        EXPECT_TRUE(sessions.Create(s));
+        return {{"cookie", "kova_sid=" + s.id}, {"x-kova-token", s.token}};
+    }
+
+    kova_test::TempRoot root;
+    webd::Logs logs;
+    webd::ModuleRegistry reg;
+    webd::SessionStore sessions{3600};
+    webd::WorkerPool pool{{root.At("no-such-program")}, 1, 5, logs};
+};
+
+// Every /webapi answer is the envelope; static files stay inside the UI folder.
+TEST_F(Front, HandlesWholeRequestsInProcess) {
+    const std::string ui = root.At("ui");
+    ASSERT_TRUE(kova_test::WriteFile(ui + "/index.html", "<p>hi</p>"));
+    ASSERT_TRUE(kova_test::WriteFile(ui + "/js/app.js", "export {};"));
+    ASSERT_TRUE(kova_test::WriteFile(root.At("secret.txt"), "no"));
+    ASSERT_EQ(0, symlink(root.At("secret.txt").c_str(), (ui + "/link.txt").c_str()));
+    webd::Front front(reg, sessions, pool, logs, ui);
     auto code = [](const webd::HttpReply &r) {
         Json::Value v;
         EXPECT_TRUE(webd::ParseJsonText(r.body, v)) << r.body;
@@ -409,22 +415,20 @@ TEST(Front, HandlesWholeRequestsInProcess) {
         EXPECT_EQ("DENY", r.Header("X-Frame-Options"));
         return v["error"]["code"].asInt();
     };
-    webd::Session s;
-    s.user = "someone";
-    ASSERT_TRUE(sessions.Create(s));
-    webd::HttpReply form = call("POST", "/webapi?api=T", {{"cookie", "kova_sid=" + s.id}, {"x-kova-token", s.token},
-                                {"Content-Type", "application/x-www-form-urlencoded"}}, "version=1&method=m");
-    EXPECT_EQ(503, form.status);  // found, but no worker can run it
-    EXPECT_EQ(161, code(form));
+    webd::HeaderList form = Session();
+    form.emplace_back("Content-Type", "application/x-www-form-urlencoded");
+    webd::HttpReply busy = Call(front, "POST", "/webapi?api=T", form, "version=1&method=m");
+    EXPECT_EQ(503, busy.status);  // found, but no worker can run it
+    EXPECT_EQ(161, code(busy));
 
-    webd::HttpReply index = call("GET", "/");
+    webd::HttpReply index = Call(front, "GET", "/");
     EXPECT_EQ(200, index.status);
     EXPECT_EQ("<p>hi</p>", index.body);
     EXPECT_EQ("text/html; charset=utf-8", index.Header("Content-Type"));
-    EXPECT_EQ("text/javascript; charset=utf-8", call("HEAD", "/js/app.js").Header("Content-Type"));
+    EXPECT_EQ("text/javascript; charset=utf-8", Call(front, "HEAD", "/js/app.js").Header("Content-Type"));
     for (const char *outside : {"/../secret.txt", "/js/%2e%2e/../secret.txt", "/link.txt", "/js//app.js", "/js"})
-        EXPECT_EQ(404, call("GET", outside).status) << outside;
-    EXPECT_EQ(405, call("POST", "/").status);
+        EXPECT_EQ(404, Call(front, "GET", outside).status) << outside;
+    EXPECT_EQ(405, Call(front, "POST", "/").status);
 
     webd::HttpRequest partial;
     webd::HttpReply refused = front.Refuse(webd::Refusal::kRequestLineTooLong, partial);
@@ -436,17 +440,8 @@ TEST(Front, HandlesWholeRequestsInProcess) {
 // The front's own APIs are rows of the registry it serves, looked up like
 // any module's, and leave with it: a later front on the same registry
 // answers them itself instead of calling into one that is gone.
-TEST(Front, OwnApisAreRegistryRowsForItsLifetime) {
-    kova_test::TempRoot root;
-    webd::Logs logs;
-    webd::ModuleRegistry reg;
-    ASSERT_TRUE(reg.Add({{"T", 1, "m", H, "t.so"}}));
-    webd::SessionStore sessions(3600);
-    webd::WorkerPool pool({root.At("no-such-program")}, 1, 5, logs);
+TEST_F(Front, OwnApisAreRegistryRowsForItsLifetime) {
     const webd::Route *r = nullptr;
-    webd::HttpRequest login;
-    login.method = "GET";
-    login.target = "/webapi?api=KOVA.Server.Session&version=1&method=login&account=x";  // no passwd
     for (int round = 0; round < 2; ++round) {
         webd::Front front(reg, sessions, pool, logs, "");
         ASSERT_EQ(webd::ModuleRegistry::Lookup::kFound, reg.Find("KOVA.Server.Session", 1, "login", &r));
@@ -457,20 +452,14 @@ TEST(Front, OwnApisAreRegistryRowsForItsLifetime) {
         EXPECT_TRUE(r->needsSession);
         ASSERT_EQ(webd::ModuleRegistry::Lookup::kFound, reg.Find("T", 1, "m", &r));
         EXPECT_FALSE(r->RunsInFront());
-        // The sign-in needs no session; its checks ran in this front.
-        webd::HttpReply res = front.Handle(login);
+        // The sign-in needs no session; its checks (no passwd) ran in this front.
+        webd::HttpReply res = Call(front, "GET", "/webapi?api=KOVA.Server.Session&version=1&method=login&account=x");
         EXPECT_EQ(400, res.status) << round;
         EXPECT_NE(std::string::npos, res.body.find("passwd")) << res.body;
 
-        webd::Session s;
-        s.user = "someone";
-        ASSERT_TRUE(sessions.Create(s));
-        webd::HttpRequest query;
-        query.method = "GET";
-        query.target = "/webapi?api=KOVA.Server.Info&version=1&method=query";
-        query.headers = {{"cookie", "kova_sid=" + s.id}, {"x-kova-token", s.token}};
         Json::Value v;
-        ASSERT_TRUE(webd::ParseJsonText(front.Handle(query).body, v));
+        ASSERT_TRUE(webd::ParseJsonText(Call(front, "GET", "/webapi?api=KOVA.Server.Info&version=1&method=query",
+                                             Session()).body, v));
         std::set<std::string> apis;
         for (const Json::Value &a : v["data"]["apis"]) apis.insert(a["api"].asString() + " " + a["origin"].asString());
         EXPECT_EQ((std::set<std::string>{"T t.so", "KOVA.Server.Info built-in", "KOVA.Server.Session built-in"}), apis);
