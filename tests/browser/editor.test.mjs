@@ -1,11 +1,7 @@
-// Drives the permissions editor as a person would: sign in, open a folder,
-// add a rule for a user found by searching, save it recursively and follow
-// the progress to the end, cancel another recursive run, and see the
-// effective permissions change; and the guards an administrator relies on
-// (unsaved edits, inheritance choices, share flags, self-lock-out, address
-// state). Screenshots of failures go to artifacts/; those of the main views
-// go to artifacts/ too, or to docs/img/ for docs/editor.md when
-// KOVA_DOC_SCREENSHOTS=1, so a test run leaves the source tree as it was.
+// Drives the permissions editor in chromium as a person would. Screenshots
+// go to artifacts/; those of the main views go to docs/img/ for
+// docs/editor.md only when KOVA_DOC_SCREENSHOTS=1, so a run leaves the
+// source tree as it was.
 import assert from 'node:assert/strict';
 import { spawnSync } from 'node:child_process';
 import fs from 'node:fs';
@@ -54,7 +50,8 @@ async function docShot(name) {
   await page.screenshot({ path: path.join(dir, `${name}.png`) });
 }
 
-// Waits until fn() is true (the page's policy forbids waitForFunction).
+// Waits until fn() is true (the page's Content-Security-Policy forbids the
+// eval that waitForFunction needs, as it should).
 async function until(fn, what) {
   for (let i = 0; i < 400; ++i) {
     if (await fn()) return;
@@ -80,9 +77,8 @@ function watchErrors(tab) {
   tab.on('console', (m) => { if (m.type() === 'error') pageErrors.push(m.text()); });
 }
 
-// Presses Save and answers each confirmation that comes up (by its title)
-// with the button named in answers; any other confirmation fails the test.
-// Returns when the task has started, or when an answer stopped the save.
+// Presses Save and answers each confirmation by its title from `answers`
+// (any other fails the test); 'started' once the task runs, or 'stopped'.
 const STOPS = ['Go back', 'Cancel', 'Keep editing'];
 async function save(answers = {}) {
   const box = page.locator('#task');
@@ -114,8 +110,6 @@ async function rowCount(selector) {
 }
 
 // Waits until the browser pane shows the folder given by its names.
-// (Polled from here: the page's Content-Security-Policy forbids the eval
-// that waitForFunction needs, as it should.)
 async function inFolder(names) {
   const want = JSON.stringify(['Shares', ...names]);
   let got = '';
@@ -127,18 +121,48 @@ async function inFolder(names) {
   throw new Error(`the browser pane shows ${got}, not ${want}`);
 }
 
-async function openPath(...names) {
+// Opens the folders from the list of shares down, one click each.
+async function browse(...folders) {
   await page.getByRole('button', { name: 'Shares', exact: true }).click();
   await inFolder([]);
-  const folders = names.slice(0, -1);
   for (let i = 0; i < folders.length; ++i) {
     await page.locator('#entries').getByRole('button', { name: folders[i], exact: true }).click();
     await inFolder(folders.slice(0, i + 1));
   }
-  await page.getByRole('button', { name: `Permissions of ${names[names.length - 1]}`, exact: true }).click();
-  await page.locator('#perm-path').filter({ hasText: `/${names.join('/')}` }).waitFor();
-  await page.locator('#rules-body tr').first().waitFor();
+}
+
+async function panelShows(path) {
+  await page.locator('#perm-path').filter({ hasText: path }).waitFor();
   await page.locator('#perm-panel[data-state="ready"]').waitFor();
+}
+
+async function openPath(...names) {
+  await browse(...names.slice(0, -1));
+  await page.getByRole('button', { name: `Permissions of ${names[names.length - 1]}`, exact: true }).click();
+  await page.locator('#rules-body tr').first().waitFor();
+  await panelShows(`/${names.join('/')}`);
+}
+
+const REPLACE = 'Replace the permissions of all sub-folders and files with inherited ones';
+const ownRow = (who) => page.locator('#rules-body tr:not(.inherited)', { hasText: who });
+
+// Adds a rule for `who` found by typing `typed`; `deny` makes it a deny
+// rule, `perms` replaces its rights by those, `basic` presses that button.
+async function addRule(typed, who, { deny = false, perms = null, basic = null } = {}) {
+  await page.getByRole('button', { name: 'Add rule' }).click();
+  await pick('#rule-picker', typed, who);
+  if (deny) await page.getByRole('radio', { name: 'Deny' }).check();
+  if (perms) await page.getByRole('button', { name: 'Clear', exact: true }).click();
+  for (const perm of perms ?? []) await page.locator(`#rule-perms input[value="${perm}"]`).check();
+  if (basic) await page.getByRole('button', { name: basic, exact: true }).click();
+  await page.locator('#rule-ok').click();
+  await ownRow(who).last().waitFor();
+}
+
+// Reloads the item, dropping the edits made to it.
+async function discard() {
+  await page.locator('#reload').click();
+  await until(async () => (await rowCount('tr:not(.inherited)')) === 0, 'the edits to be discarded');
 }
 
 // Picks a principal in one of the pickers by typing part of its name.
@@ -274,12 +298,7 @@ test('signing in in a second tab of the same browser leaves the first tab signed
 });
 
 test('folders list in natural order, with a count and a filter', async () => {
-  await page.getByRole('button', { name: 'Shares', exact: true }).click();
-  await inFolder([]);
-  await page.locator('#entries').getByRole('button', { name: 'usbcopy', exact: true }).click();
-  await inFolder(['usbcopy']);
-  await page.locator('#entries').getByRole('button', { name: 'photos', exact: true }).click();
-  await inFolder(['usbcopy', 'photos']);
+  await browse('usbcopy', 'photos');
   const names = await page.locator('#entries .name').allTextContents();
   assert.deepEqual(names.slice(0, 3), ['img-1.jpg', 'img-2.jpg', 'img-3.jpg']);
   assert.equal(names[names.length - 1], 'img-20.jpg');
@@ -307,15 +326,11 @@ test('add a rule for a user found by search, replace below after a confirmation,
   await openPath('projects', 'engineering', 'project-01');
   assert.equal(await effective('dave', 'write_data'), false, 'dave starts read-only');
 
-  await page.getByRole('button', { name: 'Add rule' }).click();
-  await pick('#rule-picker', 'dav', 'dave (user)');
-  await page.getByRole('button', { name: 'Modify', exact: true }).click();
-  await page.locator('#rule-ok').click();
-  const row = page.locator('#rules-body tr:not(.inherited)', { hasText: 'dave (user)' });
-  await row.waitFor();
+  await addRule('dav', 'dave (user)', { basic: 'Modify' });
+  const row = ownRow('dave (user)');
   assert.equal(await row.getByRole('button', { name: 'Edit rule for dave (user)' }).count(), 1);
 
-  const replace = page.getByLabel('Replace the permissions of all sub-folders and files with inherited ones');
+  const replace = page.getByLabel(REPLACE);
   await replace.check();
   // The confirmation names what is replaced; its cancel changes nothing.
   assert.equal(await save({ 'Replace permissions below?': 'Cancel' }), 'stopped');
@@ -332,7 +347,7 @@ test('add a rule for a user found by search, replace below after a confirmation,
   assert.equal(await page.locator('#task-text').evaluate((el) => getComputedStyle(el).color), 'rgb(28, 124, 58)', 'finished is green');
   await shot('02-applied-recursively');
   assert.equal(await replace.isChecked(), false, 'a replacement below is never carried over');
-  await page.locator('#rules-body tr:not(.inherited)', { hasText: 'dave (user)' }).waitFor();
+  await row.waitFor();
 
   assert.equal(await effective('dave', 'write_data'), true, 'dave may write in the folder now');
   await openPath('projects', 'engineering', 'project-01', 'docs');
@@ -342,7 +357,7 @@ test('add a rule for a user found by search, replace below after a confirmation,
 
 test('a recursive run can be cancelled while it runs; the bar and the panel say so', async () => {
   await openPath('projects', 'bulk');
-  await page.getByLabel('Replace the permissions of all sub-folders and files with inherited ones').check();
+  await page.getByLabel(REPLACE).check();
   await save({ 'Replace permissions below?': 'Replace permissions below' });
   // The box names the folder in hand as the person sees it, and counts.
   await page.locator('#task-text').filter({ hasText: /^Working in \/projects\/bulk\/part-\d+ \(at least [\d,]+ entries done\)$/ }).waitFor(LONG);
@@ -362,20 +377,16 @@ test('a recursive run can be cancelled while it runs; the bar and the panel say 
 
 test('every item starts clean, and unsaved edits are not lost without asking', async () => {
   await openPath('projects', 'engineering', 'project-04');
-  await page.getByLabel('Replace the permissions of all sub-folders and files with inherited ones').check();
+  await page.getByLabel(REPLACE).check();
   await page.getByLabel('Also for sub-folders and files').check();
   await pick('#owner-picker', 'car', 'carol (user)');
   await page.getByRole('button', { name: 'Permissions of project-05', exact: true }).click();
-  await page.locator('#perm-path').filter({ hasText: '/projects/engineering/project-05' }).waitFor();
-  await page.locator('#perm-panel[data-state="ready"]').waitFor();
-  assert.equal(await page.getByLabel('Replace the permissions of all sub-folders and files with inherited ones').isChecked(), false);
+  await panelShows('/projects/engineering/project-05');
+  assert.equal(await page.getByLabel(REPLACE).isChecked(), false);
   assert.equal(await page.getByLabel('Also for sub-folders and files').isChecked(), false);
   assert.equal((await page.locator('#owner-picker .chosen').textContent()).trim(), '');
 
-  await page.getByRole('button', { name: 'Add rule' }).click();
-  await pick('#rule-picker', 'car', 'carol (user)');
-  await page.locator('#rule-ok').click();
-  await page.locator('#rules-body tr:not(.inherited)', { hasText: 'carol (user)' }).waitFor();
+  await addRule('car', 'carol (user)');
   const leaving = await page.evaluate(() => {
     const ev = new Event('beforeunload', { cancelable: true });
     window.dispatchEvent(ev);
@@ -386,18 +397,17 @@ test('every item starts clean, and unsaved edits are not lost without asking', a
   await page.locator('#confirm-dialog[open]').filter({ hasText: 'unsaved changes' }).waitFor();
   await page.getByRole('button', { name: 'Keep editing', exact: true }).click();
   assert.equal((await page.locator('#perm-path').textContent()).trim(), '/projects/engineering/project-05');
-  assert.equal(await page.locator('#rules-body tr:not(.inherited)', { hasText: 'carol (user)' }).count(), 1);
+  assert.equal(await ownRow('carol (user)').count(), 1);
   await page.goBack();
   await page.locator('#confirm-dialog[open]').filter({ hasText: 'unsaved changes' }).waitFor();
   await page.getByRole('button', { name: 'Keep editing', exact: true }).click();
   await inFolder(['projects', 'engineering']);
-  assert.equal(await page.locator('#rules-body tr:not(.inherited)', { hasText: 'carol (user)' }).count(), 1);
+  assert.equal(await ownRow('carol (user)').count(), 1);
   await page.getByRole('button', { name: 'Permissions of project-06', exact: true }).click();
   await page.locator('#confirm-dialog[open]').waitFor();
   await page.locator('#confirm-dialog').getByRole('button', { name: 'Discard changes', exact: true }).click();
-  await page.locator('#perm-path').filter({ hasText: '/projects/engineering/project-06' }).waitFor();
-  await page.locator('#perm-panel[data-state="ready"]').waitFor();
-  assert.equal(await page.locator('#rules-body tr:not(.inherited)', { hasText: 'carol (user)' }).count(), 0);
+  await panelShows('/projects/engineering/project-06');
+  assert.equal(await ownRow('carol (user)').count(), 0);
 });
 
 test('stopping inheritance offers convert or remove; switching it back previews the parent, no false warning', async () => {
@@ -454,22 +464,16 @@ test('the rule dialog: "applies to" required, Escape closes only the list, files
   assert.equal(await rowCount('tr:not(.inherited)'), 0, 'nothing was added');
 
   // A deny listed below an allow is pointed out until it is moved up.
-  for (const [who, type] of [['carol', 'allow'], ['dave', 'deny']]) {
-    await page.getByRole('button', { name: 'Add rule' }).click();
-    await pick('#rule-picker', who.slice(0, 3), `${who} (user)`);
-    await page.locator(`#rule-dialog input[name="permission_type"][value="${type}"]`).check();
-    await page.locator('#rule-ok').click();
-    await page.locator('#rules-body tr:not(.inherited)', { hasText: `${who} (user)` }).waitFor();
-  }
+  await addRule('car', 'carol (user)');
+  await addRule('dav', 'dave (user)', { deny: true });
   await page.locator('#order-warning').waitFor();
   await page.getByRole('button', { name: 'Move rule for dave (user) up' }).click();
   await until(async () => !(await page.locator('#order-warning').isVisible()), 'the order warning to go');
   assert.deepEqual(await page.locator('#rules-body tr:not(.inherited) td:first-child').allTextContents(), ['dave (user)', 'carol (user)']);
-  await page.locator('#reload').click();
-  await until(async () => (await rowCount('tr:not(.inherited)')) === 0, 'the edits to be discarded');
+  await discard();
 
   await openPath('projects', 'engineering', 'project-05', 'report-001.txt');
-  assert.equal(await page.getByLabel('Replace the permissions of all sub-folders and files with inherited ones').isVisible(), false);
+  assert.equal(await page.getByLabel(REPLACE).isVisible(), false);
   await page.getByRole('button', { name: 'Add rule' }).click();
   assert.equal(await page.locator('#rule-inherit').isVisible(), false, 'a file has no children to pass rules to');
   await page.locator('#rule-dialog').getByRole('button', { name: 'Cancel', exact: true }).click();
@@ -494,13 +498,13 @@ test('a rule for a group is added and saved with the keyboard alone', async () =
   await page.keyboard.press('Enter');
   await page.locator('#rule-picker .chosen').filter({ hasText: 'finance (group)' }).waitFor();
   await page.keyboard.press('Enter');  // the dialog's OK
-  await page.locator('#rules-body tr:not(.inherited)', { hasText: 'finance (group)' }).waitFor();
+  await ownRow('finance (group)').waitFor();
   for (let i = 0; i < 60 && (await page.evaluate(() => document.activeElement.id)) !== 'save'; ++i) await page.keyboard.press('Tab');
   assert.equal(await page.evaluate(() => document.activeElement.id), 'save', 'Save is reached with Tab');
   await page.locator('#task').evaluate((el) => { el.dataset.state = 'before'; });
   await page.keyboard.press('Enter');
   await finished();
-  await page.locator('#rules-body tr:not(.inherited)', { hasText: 'finance (group)' }).waitFor();
+  await ownRow('finance (group)').waitFor();
 });
 
 test('layouts set exactly their rules; a deny rule is saved as deny and shown as deny', async () => {
@@ -528,12 +532,7 @@ test('layouts set exactly their rules; a deny rule is saved as deny and shown as
     ['engineering (group)', 'Allow', 'rwxpdDaARWc--'], ['dave (user)', 'Allow', 'r-x---a-R-c--']]);
   await docShot('editor-layout');
 
-  await page.getByRole('button', { name: 'Add rule' }).click();
-  await pick('#rule-picker', 'dav', 'dave (user)');
-  await page.getByRole('radio', { name: 'Deny' }).check();
-  await page.getByRole('button', { name: 'Clear', exact: true }).click();
-  await page.locator('#rule-perms input[value="read_ext_attr"]').check();
-  await page.locator('#rule-ok').click();
+  await addRule('dav', 'dave (user)', { deny: true, perms: ['read_ext_attr'] });
   // The new deny rule (the last row) moves up twice, past engineering's.
   await page.getByRole('button', { name: 'Move rule for dave (user) up' }).last().click();
   await page.getByRole('button', { name: 'Move rule for dave (user) up' }).first().click();
@@ -541,8 +540,7 @@ test('layouts set exactly their rules; a deny rule is saved as deny and shown as
   await finished();
   await page.reload();
   await page.getByRole('button', { name: 'Permissions of project-09', exact: true }).click();
-  await page.locator('#perm-path').filter({ hasText: '/projects/engineering/project-09' }).waitFor();
-  await page.locator('#perm-panel[data-state="ready"]').waitFor();
+  await panelShows('/projects/engineering/project-09');
   await until(async () => (await ownRules()).length === 4, 'the saved rules');
   assert.deepEqual(await ownRules(), [['administrators (group)', 'Allow', FULL], ['dave (user)', 'Deny', '--------R----'],
     ['engineering (group)', 'Allow', 'rwxpdDaARWc--'], ['dave (user)', 'Allow', 'r-x---a-R-c--']]);
@@ -569,8 +567,7 @@ test('the rules of another folder are copied; the ACL is removed from the page, 
   assert.deepEqual(await ownRules(), [['administrators (group)', 'Allow', 'rwxpdDaARWcCo'], ['dave (user)', 'Deny', '--------R----'],
     ['engineering (group)', 'Allow', 'rwxpdDaARWc--'], ['dave (user)', 'Allow', 'r-x---a-R-c--']]);
   assert.equal(await page.getByLabel('Inherit rules from the parent folder').isChecked(), false, 'as project-09, it does not inherit');
-  await page.locator('#reload').click();
-  await until(async () => (await ownRules()).length === 0, 'the copy to be discarded');
+  await discard();
 
   const real = (await page.locator('#perm-real').textContent()).trim();
   const stored = () => spawnSync('getfattr', ['--absolute-names', '-n', 'trusted.kova.acl', real], { encoding: 'utf8' })
@@ -595,15 +592,11 @@ test('a refused save names the rule it is about', async () => {
   };
   admin('user', 'add', 'ghost', '--password', 'Ghost-2024');
   await openPath('projects', 'engineering', 'project-08');
-  await page.getByRole('button', { name: 'Add rule' }).click();
-  await pick('#rule-picker', 'ghos', 'ghost (user)');
-  await page.locator('#rule-ok').click();
-  await page.locator('#rules-body tr:not(.inherited)', { hasText: 'ghost (user)' }).waitFor();
+  await addRule('ghos', 'ghost (user)');
   admin('user', 'del', 'ghost');  // gone before the save
   await page.getByRole('button', { name: /^Save/ }).click();
   await page.getByText(/Rule 1 \(ghost \(user\)\): The owner, or a user or group named in a rule, cannot be found/).first().waitFor(LONG);
-  await page.locator('#reload').click();
-  await until(async () => (await rowCount('tr:not(.inherited)')) === 0, 'the edits to be discarded');
+  await discard();
 });
 
 test('the owner is shown and changed from the top of the panel', async () => {
@@ -670,14 +663,7 @@ test('sign out ends the session', async () => {
 test('a user about to lose the right to read or change the rules is warned', async () => {
   await signIn('alice', 'Alice-2024');
   await openPath('projects', 'finance', 'project-01');
-  await page.getByRole('button', { name: 'Add rule' }).click();
-  await pick('#rule-picker', 'ali', 'alice (user)');
-  await page.getByRole('radio', { name: 'Deny' }).check();
-  await page.getByRole('button', { name: 'Clear', exact: true }).click();
-  await page.locator('#rule-perms input[value="read_perm"]').check();
-  await page.locator('#rule-perms input[value="change_perm"]').check();
-  await page.locator('#rule-ok').click();
-  await page.locator('#rules-body tr:not(.inherited)', { hasText: 'alice (user)' }).waitFor();
+  await addRule('ali', 'alice (user)', { deny: true, perms: ['read_perm', 'change_perm'] });
   await page.getByRole('button', { name: /^Save/ }).click();
   await page.locator('#confirm-dialog[open]').filter({ hasText: 'could no longer read the permissions or change the permissions' }).waitFor();
   await shot('05-self-denied-warning');
@@ -690,8 +676,7 @@ test('a user about to lose the right to read or change the rules is warned', asy
 
 test('a folder whose rules refuse listing is refused, and unreadable rules say so', async () => {
   await signIn('bob', 'Bob-2024');
-  await page.locator('#entries').getByRole('button', { name: 'projects', exact: true }).click();
-  await inFolder(['projects']);
+  await browse('projects');
   await page.locator('#entries').getByRole('button', { name: 'finance', exact: true }).click();
   await page.locator('#notice p.error').filter({ hasText: 'do not let you list' }).waitFor();
   await page.getByRole('button', { name: 'Permissions of finance', exact: true }).click();

@@ -1,36 +1,23 @@
-// The stored ACL record codec (platform/acl/acl-record.h): what the library
-// reads back from the extended attribute, which anyone with raw access to
-// the disk can change.
-//
-// The first input byte picks a mode, the rest is the payload:
-//   0  the payload is a record as stored;
-//   1  the same, with its last four bytes replaced by the payload's CRC, so
-//      the fuzzer gets past the checksum to the fields behind it;
-//   2  the payload describes a StoredAcl (flags, owner gid, then 12 bytes
-//      per entry), which is encoded.
-// Checked: a record that decodes encodes back to the very same bytes; a
-// refused one sets KOVA_ERR_CORRUPT; an ACL that encodes decodes back equal.
+// The stored ACL record codec (platform/acl/acl-record.h): anyone with raw
+// access to the disk can change the extended attribute it reads. The first
+// byte picks a mode for the rest: 0 a record as stored; 1 the same with its
+// CRC made right, to reach the fields behind it; 2 a StoredAcl (flags,
+// owner gid, 12 bytes per entry) to encode. Checked: a record that decodes
+// encodes back to the same bytes, a refused one sets KOVA_ERR_CORRUPT, and
+// an ACL that encodes decodes back equal.
 #include "acl-record.h"
+#include "fuzz-check.h"
 
 #include "kova/errcode.h"
 #include "kova/klibc.h"
 
 #include <zlib.h>
 
-#include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <string>
 
 namespace {
 
-void Check(bool ok, const char *what) {
-    if (!ok) {
-        std::fprintf(stderr, "acl_record_fuzz: %s\n", what);
-        std::abort();
-    }
-}
+using kova_fuzz::Check;
 
 bool Same(const kova_acl::StoredAcl &a, const kova_acl::StoredAcl &b) {
     if (a.inherits != b.inherits || a.hasGroupOwner != b.hasGroupOwner || a.entries.size() != b.entries.size())
@@ -98,7 +85,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         CheckRecord(data, size);
     } else if (mode == 1) {
         if (size < 4) return 0;
-        std::string fixed(reinterpret_cast<const char *>(data), size);
+        std::string fixed = kova_fuzz::Text(data, size);
         uLong crc = crc32(0L, reinterpret_cast<const Bytef *>(fixed.data()), static_cast<uInt>(size - 4));
         for (int i = 0; i < 4; ++i) fixed[size - 4 + i] = static_cast<char>((crc >> (8 * i)) & 0xFF);
         CheckRecord(reinterpret_cast<const uint8_t *>(fixed.data()), size);

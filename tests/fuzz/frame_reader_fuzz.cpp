@@ -1,27 +1,16 @@
-// The worker channel's frame reader (server/frame.h): a worker that was
-// taken over, or a front that is confused, can send any bytes.
-//
-// The input is what arrives on the channel, then end of file. Checked: a
-// frame that reads is written back and read again to the same value, and
-// the compact text of a value parses to that value.
+// The worker channel's frame reader (server/frame.h), fed what a worker
+// that was taken over could send, then end of file. Checked: a frame that
+// reads is written back and read again to the same value, and its compact
+// text parses to that value.
 #include "frame.h"
+#include "fuzz-check.h"
 
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include <cstdint>
-#include <cstdio>
-#include <cstdlib>
-#include <string>
-
 namespace {
 
-void Check(bool ok, const char *what) {
-    if (!ok) {
-        std::fprintf(stderr, "frame_reader_fuzz: %s\n", what);
-        std::abort();
-    }
-}
+using kova_fuzz::Check;
 
 // One in-memory file stands in for the channel: no pipe buffer to fill, no
 // reader thread, and the reader sees end of file after the input.

@@ -9,6 +9,7 @@
 #include "kova/accountdb.h"
 #include "kova-accountdb-admin.h"
 #include "kova-dirsvc-admin.h"
+#include "kova-internal/paths.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -34,18 +35,11 @@ namespace {
 }
 
 void MakeDirs(const std::string &path, mode_t mode) {
-    for (size_t pos = 1; pos != std::string::npos;) {
-        pos = path.find('/', pos + 1);
-        std::string cur = path.substr(0, pos);
-        if (mkdir(cur.c_str(), mode) != 0 && errno != EEXIST) Die("mkdir " + cur);
-    }
+    if (!kova_internal::MakeDirs(path, mode)) Die("mkdir " + path);
 }
 
 void WriteFile(const std::string &path, const std::string &content) {
-    FILE *f = std::fopen(path.c_str(), "w");
-    if (!f) Die("cannot write " + path);
-    std::fwrite(content.data(), 1, content.size(), f);
-    std::fclose(f);
+    if (!kova_internal::WriteAtomically(path, content, 0644, nullptr)) Die("cannot write " + path);
 }
 
 // "type:name:allow|deny:perm13:inherit4" entries, names resolved now.

@@ -1,24 +1,14 @@
-// kova-webd's request handling in-process, without sockets: the input is
-// the byte stream a client sends on one connection. Beast's request parser
-// reads it with the listener's limits (http-listener.h) into whole requests
-// for Front::Handle; what the listener would refuse goes to Front::Refuse
-// instead: bytes that are not HTTP, a request line or header over its limit,
-// a body over its limit, and a request the input ends in the middle of (on a
-// socket the client went quiet: the listener's time-out). Module calls go
-// through a real worker pool of one kova-webd worker process, so a method
-// that kills its worker shows as HTTP 500 with code 160.
-//
-// Placeholders in the target, headers and body: "@SID_ADMIN@" /
-// "@TOKEN_ADMIN@" and "@SID_ALICE@" / "@TOKEN_ALICE@" become the cookie and
-// token of sessions made at start, "@SHARE@" the fuzz root's share path. In
-// the target and headers they are replaced after the parse; in a body given
-// with Content-Length, before it, with the length adjusted, so a seed's
-// Content-Length stays right.
-//
-// Checked for every reply: a status the listener can write and header fields
-// with no line breaks; every answer on /webapi, and every refusal, is a JSON
-// envelope ({"success": bool, ...}) in valid UTF-8; no call killed the
-// worker (code 160); Handle throws nothing.
+// kova-webd's request handling without sockets: the input is what a client
+// sends on one connection, read by Beast's parser with the listener's limits
+// (http-listener.h) into requests for Front::Handle, or refusals for
+// Front::Refuse (not HTTP, over a limit, or cut short: the client went
+// quiet). Calls run in one real kova-webd worker. "@SID_ADMIN@",
+// "@TOKEN_ADMIN@", "@SID_ALICE@", "@TOKEN_ALICE@" and "@SHARE@" become the
+// sessions made at start and the share's path (in a Content-Length body
+// before the parse, the length adjusted). Checked for every reply: a status
+// and header fields the listener can write; on /webapi and in refusals a
+// JSON envelope in valid UTF-8; no worker killed (code 160); no throw.
+#include "fuzz-check.h"
 #include "fuzz-root.h"
 #include "utf8-check.h"
 
@@ -37,21 +27,13 @@
 #include <unistd.h>
 
 #include <cctype>
-#include <cstdint>
-#include <cstdio>
-#include <cstdlib>
-#include <memory>
-#include <string>
+#include <map>
 #include <vector>
 
 namespace {
 
 namespace http = boost::beast::http;
-
-[[noreturn]] void Die(const std::string &what) {
-    std::fprintf(stderr, "http_front_fuzz: %s\n", what.c_str());
-    std::abort();
-}
+using kova_fuzz::Die;
 
 struct World {
     webd::Logs logs;
@@ -60,7 +42,7 @@ struct World {
     webd::SessionStore sessions{24 * 3600};
     std::unique_ptr<webd::Front> front;
     webd::ListenLimits limits;
-    std::vector<std::pair<std::string, std::string>> tokens;
+    std::map<std::string, std::string> tokens;  // placeholder -> session id or token
 };
 
 World *gWorld = nullptr;
@@ -69,12 +51,8 @@ World *gWorld = nullptr;
 // made anew when an input ended it (logout, or a sign-in from its cookie),
 // so later inputs still reach the methods.
 void EnsureSession(World &w, const std::string &user, const std::string &tag) {
-    const std::string sidKey = "@SID_" + tag + "@", tokenKey = "@TOKEN_" + tag + "@";
-    for (const auto &kv : w.tokens) {
-        webd::Session live;
-        if (kv.first == sidKey && w.sessions.Get(kv.second, live)) return;
-    }
-    webd::Session s;
+    webd::Session live, s;
+    if (w.sessions.Get(w.tokens["@SID_" + tag + "@"], live)) return;
     s.user = user;
     int uid = -1, gid = -1;
     if (KOVAUserGetUGID(user.c_str(), &uid, &gid) < 0) Die("no user " + user);
@@ -83,10 +61,8 @@ void EnsureSession(World &w, const std::string &user, const std::string &tag) {
     s.groups.push_back(s.gid);
     s.admin = KLIBGroupIsAdminGroupMem(user.c_str(), 0) == 1;
     if (!w.sessions.Create(s)) Die("session");
-    for (auto it = w.tokens.begin(); it != w.tokens.end();)
-        it = it->first == sidKey || it->first == tokenKey ? w.tokens.erase(it) : it + 1;
-    w.tokens.emplace_back(sidKey, s.id);
-    w.tokens.emplace_back(tokenKey, s.token);
+    w.tokens["@SID_" + tag + "@"] = s.id;
+    w.tokens["@TOKEN_" + tag + "@"] = s.token;
 }
 
 void EnsureSessions(World &w) {
@@ -131,8 +107,6 @@ std::string SubstituteBodies(const std::string &in) {
     }
     return out + in.substr(pos);
 }
-
-
 
 bool IsTokenChar(unsigned char c) {
     return std::isalnum(c) || std::string("!#$%&'*+-.^_`|~").find(static_cast<char>(c)) != std::string::npos;
@@ -258,7 +232,7 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    std::string input = SubstituteBodies(std::string(reinterpret_cast<const char *>(data), size));
+    std::string input = SubstituteBodies(kova_fuzz::Text(data, size));
     std::string out = Serve(*gWorld, input);
     EnsureSessions(*gWorld);
     // KOVA_FUZZ_PRINT=1 shows the answers, for writing seeds.

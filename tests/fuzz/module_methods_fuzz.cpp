@@ -1,17 +1,10 @@
-// Every method of the shipped module, called the way the server calls it:
-// the library is dlopen()ed, its table taken from GetAPITable, and each
-// input becomes one request.
-//
-// Input: a first line "<method>[.<version>] [<login user>]" (user "admin"
-// by default, "alice" runs with alice's effective ids as a worker would),
-// then the request parameters as JSON text, in which "@SHARE@" stands for
-// the path of the fuzz root's share. Inputs whose parameters are not a JSON
-// object are skipped: the server refuses them before any module runs.
-//
-// Checked after every call: the handler set the response, it returned with
-// the effective ids it was called with, and nothing was thrown across the
-// module boundary (an exception aborts the run); the reply is valid UTF-8
-// whatever bytes the request held.
+// Every method of the shipped module, dlopen()ed and called through its
+// GetAPITable as the server calls it. Input: a line "<method>[.<version>]
+// [<login user>]" (admin by default; alice runs with her effective ids as a
+// worker would), then the parameters as a JSON object ("@SHARE@" is the
+// share's path). Checked: the handler set the response, returned with the
+// ids it was called with and threw nothing; the reply is valid UTF-8.
+#include "fuzz-check.h"
 #include "fuzz-root.h"
 #include "utf8-check.h"
 
@@ -24,14 +17,11 @@
 #include <grp.h>
 #include <unistd.h>
 
-#include <cstdint>
-#include <cstdio>
-#include <cstdlib>
-#include <memory>
-#include <string>
 #include <vector>
 
 namespace {
+
+using kova_fuzz::Die;
 
 const KOVA_API_ENTRY *gTable = nullptr;
 
@@ -41,11 +31,6 @@ struct Ids {
     std::vector<gid_t> groups;
 };
 Ids gAlice;
-
-[[noreturn]] void Die(const char *what) {
-    std::fprintf(stderr, "module_methods_fuzz: %s\n", what);
-    std::abort();
-}
 
 Ids Resolve(const char *name) {
     Ids ids;
@@ -81,17 +66,6 @@ KOVA_API_HANDLER Find(const std::string &method, int version) {
     return nullptr;
 }
 
-bool ParseParams(const std::string &text, Json::Value &out) {
-    Json::CharReaderBuilder builder;
-    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-    std::string error;
-    try {
-        return reader->parse(text.data(), text.data() + text.size(), &out, &error);
-    } catch (const std::exception &) {
-        return false;  // nesting beyond the reader's limit: the server's parser refuses it
-    }
-}
-
 } // namespace
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {
@@ -107,7 +81,7 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    std::string input(reinterpret_cast<const char *>(data), size);
+    const std::string input = kova_fuzz::Text(data, size);
     size_t eol = input.find('\n');
     if (eol == std::string::npos) return 0;
     std::string head = input.substr(0, eol);
@@ -128,7 +102,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (!handler) return 0;
 
     Json::Value params;
-    if (!ParseParams(kova_fuzz::WithSharePath(input.substr(eol + 1)), params) || !params.isObject()) return 0;
+    if (!kova_fuzz::ParseJson(kova_fuzz::WithSharePath(input.substr(eol + 1)), params) || !params.isObject()) return 0;
 
     KOVA::APIRequest request(params, user, "fuzz-session");
     request.SetMethod("KOVA.Core.ACL", version, head);

@@ -1,30 +1,18 @@
-// The rule model of the module (module/acl-object.h). The input is read
-// twice: as JSON (a rule object, or anything else a client may send in
-// "rules"), and as raw text for the permission and inherit string parsers.
-//
-// Checked: validation and text conversion agree; a converted rule's
-// permission and inherit strings read back to the flags it was built from;
-// an entry built from a rule is valid and prints those same strings; the
-// string parsers accept exactly the table's length and write every key.
+// The module's rule model (module/acl-object.h), fed the input as JSON (what
+// a client may send in "rules") and as text for the permission and inherit
+// string parsers. Checked: validation and text conversion agree; a rule's
+// strings read back to its flags; an entry built from a rule is valid and
+// prints the same strings; the string parsers take exactly the table's
+// length and write every key.
 #include "acl-object.h"
+#include "fuzz-check.h"
 #include "fuzz-root.h"
 
 #include "kova/acl.h"
 
-#include <cstdint>
-#include <cstdio>
-#include <cstdlib>
-#include <memory>
-#include <string>
-
 namespace {
 
-void Check(bool ok, const char *what) {
-    if (!ok) {
-        std::fprintf(stderr, "rule_object_fuzz: %s\n", what);
-        std::abort();
-    }
-}
+using kova_fuzz::Check;
 
 // The letters the table gives an object's flags ('-' for the other state).
 std::string Letters(const AclFlagRow *table, const Json::Value &obj) {
@@ -105,19 +93,11 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    std::string text(reinterpret_cast<const char *>(data), size);
+    const std::string text = kova_fuzz::Text(data, size);
     CheckStringParser(PermissionStr2Obj, kPermissionTable, text);
     CheckStringParser(InheritStr2Obj, kInheritTable, text);
-
-    Json::CharReaderBuilder builder;
-    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
     Json::Value value;
-    std::string error;
-    try {
-        if (!reader->parse(text.data(), text.data() + text.size(), &value, &error)) return 0;
-    } catch (const std::exception &) {
-        return 0;
-    }
+    if (!kova_fuzz::ParseJson(text, value)) return 0;
     CheckRule(value);
     // "rules" is walked element by element: every element is a rule.
     if (value.isArray())

@@ -1,48 +1,32 @@
-// The search clause path from a client keyword to SQL: the module's LIKE
-// helpers (module/usergroup-enumerator/like-clause.h) and the account
-// databases' clause parser and SQL builder (platform/accountdb/clause.h).
-//
-// The first input byte picks a table layout (low three bits) and a mode
-// (bit 3); the rest is the text:
-//   clause mode   the text is a clause as a caller hands it to the account
-//                 database: the parse must refuse it or give SQL made only
-//                 of the layout's column names, operators and one bound
-//                 parameter per condition, no byte of a pattern in it;
-//   keyword mode  the text is a search keyword: escaped and put in a clause
-//                 for each column the way the directory sources do it, the
-//                 clause must parse back to that column and pattern, and
-//                 the pattern's longest literal is the whole keyword.
+// From a client's search keyword to SQL: the module's LIKE helpers
+// (like-clause.h) and the account databases' clause parser and SQL builder
+// (clause.h). The first byte picks a table layout (low three bits) and a
+// mode (bit 3) for the text that follows. A clause is refused or becomes
+// SQL of the layout's column names, operators and one bound parameter per
+// condition, with no byte of a pattern in it. A keyword, escaped into a
+// clause for each column as the directory sources do, parses back to that
+// column and pattern, whose longest literal is the whole keyword.
 #include "clause.h"
+#include "fuzz-check.h"
 #include "like-clause.h"
 #include "utf8-check.h"
 
 #include "kova/accountdb.h"
 
 #include <algorithm>
-#include <cstdint>
-#include <cstdio>
-#include <cstdlib>
-#include <string>
 #include <vector>
 
 namespace {
 
-void Check(bool ok, const char *what) {
-    if (!ok) {
-        std::fprintf(stderr, "search_clause_fuzz: %s\n", what);
-        std::abort();
-    }
-}
+using kova_fuzz::Check;
 
+// Users (even b) or groups (odd b) of an LDAP directory, a domain's full
+// cache or its enumeration cache.
 const kova_accountdb::Layout *PickLayout(uint8_t b) {
-    switch (b % 6) {
-    case 0: return kova_accountdb::LayoutFor(KOVA_ACCOUNTDB_LDAP, 0, KOVA_ACCOUNTDB_KIND_USER);
-    case 1: return kova_accountdb::LayoutFor(KOVA_ACCOUNTDB_LDAP, 0, KOVA_ACCOUNTDB_KIND_GROUP);
-    case 2: return kova_accountdb::LayoutFor(KOVA_ACCOUNTDB_DOMAIN, KOVA_ACCOUNTDB_TYPE_FULL, KOVA_ACCOUNTDB_KIND_USER);
-    case 3: return kova_accountdb::LayoutFor(KOVA_ACCOUNTDB_DOMAIN, KOVA_ACCOUNTDB_TYPE_FULL, KOVA_ACCOUNTDB_KIND_GROUP);
-    case 4: return kova_accountdb::LayoutFor(KOVA_ACCOUNTDB_DOMAIN, KOVA_ACCOUNTDB_TYPE_ENUM, KOVA_ACCOUNTDB_KIND_USER);
-    default: return kova_accountdb::LayoutFor(KOVA_ACCOUNTDB_DOMAIN, KOVA_ACCOUNTDB_TYPE_ENUM, KOVA_ACCOUNTDB_KIND_GROUP);
-    }
+    static const int kSources[3][2] = {{KOVA_ACCOUNTDB_LDAP, 0}, {KOVA_ACCOUNTDB_DOMAIN, KOVA_ACCOUNTDB_TYPE_FULL},
+                                       {KOVA_ACCOUNTDB_DOMAIN, KOVA_ACCOUNTDB_TYPE_ENUM}};
+    const int *source = kSources[(b % 6) / 2];
+    return kova_accountdb::LayoutFor(source[0], source[1], b % 2 ? KOVA_ACCOUNTDB_KIND_GROUP : KOVA_ACCOUNTDB_KIND_USER);
 }
 
 size_t Conditions(const kova_accountdb::ClauseNode &node) {
@@ -122,7 +106,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (size < 1) return 0;
     const kova_accountdb::Layout *layout = PickLayout(data[0] & 7);
     if (!layout) return 0;
-    std::string text(reinterpret_cast<const char *>(data + 1), size - 1);
+    const std::string text = kova_fuzz::Text(data + 1, size - 1);
     if (data[0] & 8)
         FuzzKeyword(*layout, text);
     else

@@ -1,8 +1,6 @@
-// The system-log lines of the server's processes: with no system-log
-// socket the platform's own syslog() lines reach standard error whole (the
-// C library would drop them after a failed connect each); with a socket
-// that takes messages they go to the system log; a stale socket or a plain
-// file counts as none.
+// The server's system-log lines: without a socket that takes messages (a
+// stale one or a plain file counts as none) they reach standard error whole,
+// where the C library would drop them after a failed connect each.
 #include <gtest/gtest.h>
 #include <fcntl.h>
 #include <stdlib.h>

@@ -11,7 +11,7 @@
 #include <boost/beast/http.hpp>
 
 #include <chrono>
-#include <fstream>
+#include <cstdlib>
 #include <sstream>
 
 #include "temp-root.h"
@@ -27,24 +27,32 @@ std::string LoginBody(const std::string &account, const std::string &passwd) {
 
 namespace {
 
-Reply ParseReply(const std::string &bytes);
-
-void ParseBody(Reply &out) {
-    Json::CharReaderBuilder b;
-    std::string errs;
+Reply MakeReply(int status, std::string body, std::string contentType, std::string setCookie,
+                std::string retryAfter) {
+    Reply out{status, Json::Value(), false, std::move(body), std::move(contentType), std::move(setCookie),
+              std::move(retryAfter)};
     std::istringstream in(out.raw);
-    out.json = Json::parseFromStream(b, in, &out.body, &errs);
+    out.json = Json::parseFromStream(Json::CharReaderBuilder(), in, &out.body, nullptr);
+    return out;
 }
 
 Reply ToReply(const httplib::Result &r) {
-    Reply out;
-    if (!r) return out;
-    out.status = r->status;
-    out.setCookie = r->get_header_value("Set-Cookie");
-    out.contentType = r->get_header_value("Content-Type");
-    out.raw = r->body;
-    ParseBody(out);
-    return out;
+    if (!r) return Reply();
+    return MakeReply(r->status, r->body, r->get_header_value("Content-Type"), r->get_header_value("Set-Cookie"),
+                     r->get_header_value("Retry-After"));
+}
+
+// The first whole HTTP reply in bytes, read with Beast's parser.
+Reply ParseReply(const std::string &bytes) {
+    namespace http = boost::beast::http;
+    http::response_parser<http::string_body> parser;
+    parser.eager(true);
+    boost::system::error_code ec;
+    parser.put(boost::asio::buffer(bytes), ec);
+    if (ec || !parser.is_done()) return Reply();
+    const auto &res = parser.get();
+    return MakeReply(static_cast<int>(res.result_int()), res.body(), std::string(res[http::field::content_type]),
+                     std::string(res[http::field::set_cookie]), std::string(res[http::field::retry_after]));
 }
 
 } // namespace
@@ -92,17 +100,9 @@ WebdProcess::~WebdProcess() {
 }
 
 long WebdProcess::ResidentKiB() const {
-    std::ifstream in("/proc/" + std::to_string(pid_) + "/status");
-    std::string key;
-    long kib = 0;
-    while (in >> key) {
-        if (key == "VmRSS:") {
-            in >> kib;
-            return kib;
-        }
-        in.ignore(1 << 12, '\n');
-    }
-    return 0;
+    const std::string status = ReadFile("/proc/" + std::to_string(pid_) + "/status");
+    const size_t at = status.find("\nVmRSS:");
+    return at == std::string::npos ? 0 : std::strtol(status.c_str() + at + 8, nullptr, 10);
 }
 
 std::string WebdProcess::ErrorLog() const { return ReadFile(root_ + "/var/log/webd-error.log"); }
@@ -180,27 +180,6 @@ bool RawConnection::Silent(int waitMs) {
     struct pollfd p = {fd_, POLLIN, 0};
     return fd_ >= 0 && poll(&p, 1, waitMs) == 0;
 }
-
-namespace {
-
-Reply ParseReply(const std::string &bytes) {
-    namespace http = boost::beast::http;
-    Reply out;
-    http::response_parser<http::string_body> parser;
-    parser.eager(true);
-    boost::system::error_code ec;
-    parser.put(boost::asio::buffer(bytes), ec);
-    if (ec || !parser.is_done()) return out;
-    const auto &res = parser.get();
-    out.status = static_cast<int>(res.result_int());
-    out.contentType = std::string(res[http::field::content_type]);
-    out.setCookie = std::string(res[http::field::set_cookie]);
-    out.raw = res.body();
-    ParseBody(out);
-    return out;
-}
-
-} // namespace
 
 Reply WebClient::Raw(const std::string &method, const std::string &target, const std::string &body,
                      const std::string &contentType, const httplib::Headers &headers) {

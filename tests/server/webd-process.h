@@ -46,10 +46,11 @@ struct Reply {
     std::string raw;           // the body as sent
     std::string contentType;
     std::string setCookie;     // Set-Cookie header, if any
+    std::string retryAfter;    // Retry-After header, if any
 };
 
-// A connection made by hand, from a chosen loopback address (the peer's
-// address is what the server's per-address limit counts).
+// A connection made by hand, from a chosen loopback address (what the
+// server's per-address limit counts).
 class RawConnection {
 public:
     RawConnection(int port, const std::string &from = "127.0.0.1");
@@ -60,8 +61,7 @@ public:
     bool Send(const std::string &bytes);
     // Whatever arrives until the server closes, or timeoutMs passes.
     std::string Receive(int timeoutMs);
-    // The first whole HTTP reply, read with Beast's parser; status 0 when
-    // none arrived within timeoutMs.
+    // The first whole HTTP reply; status 0 when none came within timeoutMs.
     Reply ReadReply(int timeoutMs);
     // Nothing arrived and the connection is still open after waitMs.
     bool Silent(int waitMs);

@@ -1,9 +1,5 @@
 // How kova-webd is reached and configured: HTTPS with the certificate it
-// makes for itself (the fingerprint it prints is that of the certificate it
-// serves, the key stays root's alone, a restart keeps the pair), Secure
-// cookies and HSTS over HTTPS only, the HTTP side's deadlines over TLS,
-// plain HTTP refused on any address but loopback, and the configuration
-// file under the command line.
+// makes for itself, plain HTTP on loopback only, the configuration file.
 #include <gtest/gtest.h>
 #include <openssl/x509.h>
 #include <stdio.h>
@@ -32,9 +28,8 @@ namespace net = boost::asio;
 namespace http = boost::beast::http;
 using kova_test::LoginBody;
 using kova_test::ModulesDir;
-using kova_test::WebdProcess;
-
 using kova_test::ReadFile;
+using kova_test::WebdProcess;
 
 namespace {
 
@@ -54,17 +49,25 @@ struct TlsReply {
     std::string hsts, setCookie;
 };
 
-// One POST over TLS, trusting whatever certificate is served and noting
-// its fingerprint.
+// A TLS connection to the server that trusts whatever certificate it serves.
+struct TlsConnection {
+    explicit TlsConnection(int port) {
+        ctx.set_verify_mode(net::ssl::verify_none);
+        s.next_layer().connect({net::ip::make_address("127.0.0.1"), static_cast<unsigned short>(port)}, ec);
+        if (!ec) s.handshake(net::ssl::stream_base::client, ec);
+    }
+    net::io_context io;
+    net::ssl::context ctx{net::ssl::context::tls_client};
+    net::ssl::stream<net::ip::tcp::socket> s{io, ctx};
+    boost::system::error_code ec;
+};
+
+// One POST over TLS, noting the served certificate's fingerprint.
 TlsReply PostTls(int port, const std::string &body) {
     TlsReply out;
-    net::io_context io;
-    net::ssl::context ctx(net::ssl::context::tls_client);
-    ctx.set_verify_mode(net::ssl::verify_none);
-    net::ssl::stream<net::ip::tcp::socket> s(io, ctx);
-    boost::system::error_code ec;
-    s.next_layer().connect({net::ip::make_address("127.0.0.1"), static_cast<unsigned short>(port)}, ec);
-    if (!ec) s.handshake(net::ssl::stream_base::client, ec);
+    TlsConnection c(port);
+    auto &s = c.s;
+    auto &ec = c.ec;
     if (ec) return out;
     if (X509 *cert = SSL_get1_peer_certificate(s.native_handle())) {
         unsigned char md[EVP_MAX_MD_SIZE];
@@ -151,32 +154,25 @@ TEST_F(Https, TheGeneratedCertificateIsServedKeptPrivateAndKeptAcrossRestarts) {
     EXPECT_EQ(printed, PostTls(httpsPort, "{}").servedFingerprint) << "a restart made a new certificate";
 }
 
-// The HTTP side's deadlines hold over TLS too: a request begun and not
-// finished is answered 408 with the JSON envelope, and a client that never
-// completes the handshake is closed.
+// The HTTP side's deadlines hold over TLS too, for the header and for a
+// handshake never made.
 TEST_F(Https, DeadlinesCoverTheHandshakeAndTheHeader) {
     Start({"--header-timeout", "1"});
-    net::io_context io;
-    net::ssl::context ctx(net::ssl::context::tls_client);
-    ctx.set_verify_mode(net::ssl::verify_none);
-    const net::ip::tcp::endpoint ep(net::ip::make_address("127.0.0.1"), static_cast<unsigned short>(httpsPort));
-
-    net::ssl::stream<net::ip::tcp::socket> slow(io, ctx);
-    slow.next_layer().connect(ep);
-    slow.handshake(net::ssl::stream_base::client);
-    net::write(slow, net::buffer(std::string("POST /webapi HTTP/1.1\r\nHost: x\r\n")));
+    TlsConnection slow(httpsPort);
+    ASSERT_FALSE(slow.ec) << slow.ec.message();
+    net::write(slow.s, net::buffer(std::string("POST /webapi HTTP/1.1\r\nHost: x\r\n")));
     boost::beast::flat_buffer buf;
     http::response<http::string_body> res;
     boost::system::error_code ec;
-    http::read(slow, buf, res, ec);
+    http::read(slow.s, buf, res, ec);
     ASSERT_FALSE(ec) << ec.message();
     EXPECT_EQ(408u, res.result_int());
     EXPECT_NE(std::string::npos, res.body().find("\"code\":107")) << res.body();
     EXPECT_EQ("max-age=31536000", std::string(res[http::field::strict_transport_security]));
 
     // Connected, but no ClientHello: closed once the header time is up.
-    net::ip::tcp::socket mute(io);
-    mute.connect(ep);
+    net::ip::tcp::socket mute(slow.io);
+    mute.connect({net::ip::make_address("127.0.0.1"), static_cast<unsigned short>(httpsPort)});
     struct timeval wait = {5, 0};
     setsockopt(mute.native_handle(), SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
     char byte;

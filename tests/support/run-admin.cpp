@@ -4,26 +4,14 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdio>
-
 namespace kova_test {
 
-int RunAdmin(const std::string &args, std::string *out, const std::string &env) {
-    std::string cmd = env + " " + BuildDir() + "/bin/kova-admin " + args + " 2>&1";
-    FILE *p = popen(cmd.c_str(), "r");
-    if (!p) return -1;
-    std::string text;
-    char buf[512];
-    while (size_t n = fread(buf, 1, sizeof(buf), p)) text.append(buf, n);
-    int status = pclose(p);
-    if (out) *out = text;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
+namespace {
 
-int RunAdmin(std::vector<std::string> args, std::string *out) {
+// Runs argv[0] with stdout and stderr in *out; its exit status or -1.
+int Run(std::vector<std::string> args, std::string *out) {
     int fds[2];
     if (pipe(fds) != 0) return -1;
-    args.insert(args.begin(), BuildDir() + "/bin/kova-admin");
     std::vector<char *> argv;
     for (std::string &a : args) argv.push_back(&a[0]);
     argv.push_back(nullptr);
@@ -46,6 +34,17 @@ int RunAdmin(std::vector<std::string> args, std::string *out) {
     if (pid < 0 || waitpid(pid, &status, 0) != pid) return -1;
     if (out) *out = text;
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+} // namespace
+
+int RunAdmin(const std::string &args, std::string *out, const std::string &env) {
+    return Run({"/bin/sh", "-c", env + " " + BuildDir() + "/bin/kova-admin " + args}, out);
+}
+
+int RunAdmin(std::vector<std::string> args, std::string *out) {
+    args.insert(args.begin(), BuildDir() + "/bin/kova-admin");
+    return Run(std::move(args), out);
 }
 
 } // namespace kova_test

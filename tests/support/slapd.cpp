@@ -3,6 +3,7 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <openssl/evp.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -26,30 +27,29 @@ std::string Num(int v, int width) {
     return buf;
 }
 
-int FreePort() {
+// Binds a socket to loopback port `port` (0: any free one) and returns the
+// port it got, or with `connectTo` connects to it instead; -1 on failure.
+int Loopback(int port, bool connectTo) {
     int fd = socket(AF_INET, SOCK_STREAM, 0);
-    if (fd < 0) return -1;
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t len = sizeof(a);
-    int port = -1;
-    if (bind(fd, reinterpret_cast<sockaddr *>(&a), sizeof(a)) == 0 && getsockname(fd, reinterpret_cast<sockaddr *>(&a), &len) == 0)
-        port = ntohs(a.sin_port);
-    close(fd);
-    return port;
-}
-
-bool Connectable(int port) {
-    int fd = socket(AF_INET, SOCK_STREAM, 0);
-    if (fd < 0) return false;
     sockaddr_in a{};
     a.sin_family = AF_INET;
     a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     a.sin_port = htons(static_cast<uint16_t>(port));
-    bool ok = connect(fd, reinterpret_cast<sockaddr *>(&a), sizeof(a)) == 0;
-    close(fd);
-    return ok;
+    socklen_t len = sizeof(a);
+    auto *sa = reinterpret_cast<sockaddr *>(&a);
+    const bool ok = fd >= 0 && (connectTo ? connect(fd, sa, len) == 0
+                                          : bind(fd, sa, len) == 0 && getsockname(fd, sa, &len) == 0);
+    if (fd >= 0) close(fd);
+    return ok ? ntohs(a.sin_port) : -1;
+}
+
+// Base64, so any character survives the LDIF.
+std::string B64(const std::string &s) {
+    std::string out(4 * ((s.size() + 2) / 3) + 1, '\0');
+    const int n = EVP_EncodeBlock(reinterpret_cast<unsigned char *>(&out[0]),
+                                  reinterpret_cast<const unsigned char *>(s.data()), static_cast<int>(s.size()));
+    out.resize(static_cast<size_t>(n));
+    return out;
 }
 } // namespace
 
@@ -87,37 +87,19 @@ std::string Slapd::Ldif() const {
     int id = 0;
     for (const auto &a : all) {
         ++id;
-        // Values go in base64 so any character survives the LDIF.
-        auto b64 = [](const std::string &s) {
-            static const char t[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-            std::string out;
-            size_t i = 0;
-            for (; i + 2 < s.size(); i += 3) {
-                unsigned v = (unsigned char)s[i] << 16 | (unsigned char)s[i + 1] << 8 | (unsigned char)s[i + 2];
-                out += {t[v >> 18], t[(v >> 12) & 63], t[(v >> 6) & 63], t[v & 63]};
-            }
-            if (i + 1 == s.size()) {
-                unsigned v = (unsigned char)s[i] << 16;
-                out += {t[v >> 18], t[(v >> 12) & 63], '=', '='};
-            } else if (i + 2 == s.size()) {
-                unsigned v = (unsigned char)s[i] << 16 | (unsigned char)s[i + 1] << 8;
-                out += {t[v >> 18], t[(v >> 12) & 63], t[(v >> 6) & 63], '='};
-            }
-            return out;
-        };
         // Entries are named by number, so account names need no DN escaping.
         if (a.group) {
             o << "dn: gidNumber=" << 5000 + id << ",ou=groups,dc=example,dc=com\nobjectClass: posixGroup\n"
-              << "cn:: " << b64(a.uid) << "\ngidNumber: " << 5000 + id << "\n";
-            if (!a.desc.empty()) o << "description:: " << b64(a.desc) << "\n";
+              << "cn:: " << B64(a.uid) << "\ngidNumber: " << 5000 + id << "\n";
+            if (!a.desc.empty()) o << "description:: " << B64(a.desc) << "\n";
         } else {
             std::string rdn = "u" + std::to_string(10000 + id);
             o << "dn: uidNumber=" << 10000 + id << ",ou=people,dc=example,dc=com\nobjectClass: inetOrgPerson\nobjectClass: posixAccount\n"
-              << "uid:: " << b64(a.uid) << "\ncn: " << rdn << "\nsn: " << rdn << "\nuidNumber: " << 10000 + id
+              << "uid:: " << B64(a.uid) << "\ncn: " << rdn << "\nsn: " << rdn << "\nuidNumber: " << 10000 + id
               << "\ngidNumber: 100\nhomeDirectory: /home/" << rdn << "\n";
-            if (!a.mail.empty()) o << "mail:: " << b64(a.mail) << "\n";
-            if (!a.desc.empty()) o << "description:: " << b64(a.desc) << "\n";
-            if (!a.fullname.empty()) o << "displayName:: " << b64(a.fullname) << "\n";
+            if (!a.mail.empty()) o << "mail:: " << B64(a.mail) << "\n";
+            if (!a.desc.empty()) o << "description:: " << B64(a.desc) << "\n";
+            if (!a.fullname.empty()) o << "displayName:: " << B64(a.fullname) << "\n";
         }
         o << "\n";
     }
@@ -133,7 +115,7 @@ bool Slapd::Start(std::string *error) {
     char tmpl[] = "/tmp/kova-slapd-XXXXXX";
     if (!mkdtemp(tmpl)) return fail("mkdtemp failed");
     dir_ = tmpl;
-    port_ = FreePort();
+    port_ = Loopback(0, false);
     if (port_ <= 0) return fail("no free port");
     std::ostringstream conf;
     conf << "include /etc/ldap/schema/core.schema\ninclude /etc/ldap/schema/cosine.schema\n"
@@ -157,7 +139,7 @@ bool Slapd::Start(std::string *error) {
     }
     pid_ = pid;
     for (int i = 0; i < 200; ++i) {
-        if (Connectable(port_)) return true;
+        if (Loopback(port_, true) > 0) return true;
         int status;
         if (waitpid(pid_, &status, WNOHANG) == pid_) {
             pid_ = -1;

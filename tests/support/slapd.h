@@ -38,6 +38,8 @@ public:
     bool Start(std::string *error);
     void Stop();
     bool running() const { return pid_ > 0; }
+    pid_t pid() const { return pid_; }
+    int port() const { return port_; }
 
     std::string uri() const { return "ldap://127.0.0.1:" + std::to_string(port_) + "/"; }
     std::string base() const { return "dc=example,dc=com"; }

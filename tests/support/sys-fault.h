@@ -1,8 +1,6 @@
-// Fails one system call of the platform's table (kova-internal/sys-calls.h)
-// the way SQLite's tests fail one allocation or one I/O call: call 1, then
-// call 2, ... of the chosen entries fails until the operation never gets
-// that far, and after every failed run the test checks that the platform
-// reported the failure and left nothing half-done.
+// Fails one system call of the platform's table (kova-internal/sys-calls.h):
+// call 1, then 2, ... of the chosen entries, until the operation never gets
+// that far; after each failed run the test checks what was left behind.
 #ifndef KOVA_TEST_SYS_FAULT_H
 #define KOVA_TEST_SYS_FAULT_H
 
@@ -34,20 +32,16 @@ struct FailedRun {
     int result;         // what the operation returned
 };
 
-// Whether a run that ended by `signal` after call `nth` (`entry`) failed is
-// what the platform means to do (a refused give-back of root ends the
-// process: identity.h).
+// Whether a run that died of `signal` after call `nth` (`entry`) failed is
+// meant (a refused give-back of root ends the process: identity.h).
 using DeathCheck = std::function<bool(long nth, const std::string &entry, int signal)>;
 
-// Runs `op` with call 1, 2, ... of `only` failing, until a run in which the
-// failing call never came (that run's result must be `success`). After
-// every run with a failed call, `check` judges what the operation left.
-// Each run happens in a forked child (a table, identity or cache change of
-// one run cannot leak into the next); `op` and `check` run in it, and
-// `check` returns "" when all is well, else what was wrong. Returns one
-// line per failure found (empty when every run was clean), and the entry
-// refused in each run, in order, through *refused. A run that dies is a
-// failure unless `died` accepts it.
+// Runs `op` in a forked child per run (nothing leaks between runs) with
+// call 1, 2, ... of `only` failing, until the failing call never comes (that
+// run must return `success`). After each failed call `check`, in the child,
+// returns "" or what was wrong. Returns one line per problem (none when all
+// runs were clean) and the entry refused in each run through *refused. A run
+// that dies is a problem unless `died` accepts it.
 std::vector<std::string> FailEachCall(const std::vector<std::string> &only, const std::function<int()> &op,
                                       int success, const std::function<std::string(const FailedRun &)> &check,
                                       std::vector<std::string> *refused = nullptr, const DeathCheck &died = nullptr, long limit = 2000);

@@ -32,6 +32,12 @@ class AdminTool : public ::testing::Test {
 protected:
     void SetUp() override { ASSERT_EQ(Admin(root_.path(), {"init"}).status, 0); }
     Result Run(const std::vector<std::string> &args) { return Admin(root_.path(), args); }
+    // A command that must succeed: its output.
+    std::string Out(const std::vector<std::string> &args) {
+        Result r = Run(args);
+        EXPECT_EQ(r.status, 0) << r.out;
+        return r.out;
+    }
     kova_test::TempRoot root_;
 };
 
@@ -53,8 +59,7 @@ TEST_F(AdminTool, InitLaysOutTheRootAndKeepsSettingsWhenRepeated) {
 }
 
 TEST_F(AdminTool, ShareAddShowListAndPrivileges) {
-    Result r = Run({"share", "add", "data", "--read-only", "--default-priv", "ro", "--acl-status", "0"});
-    ASSERT_EQ(r.status, 0) << r.out;
+    Out({"share", "add", "data", "--read-only", "--default-priv", "ro", "--acl-status", "0"});
     struct stat st;
     ASSERT_EQ(stat(root_.At("volumes/volume1/data").c_str(), &st), 0);
     EXPECT_TRUE(S_ISDIR(st.st_mode));
@@ -63,8 +68,7 @@ TEST_F(AdminTool, ShareAddShowListAndPrivileges) {
     EXPECT_EQ(st.st_uid, 0u);
     EXPECT_EQ(st.st_gid, 0u);
     ASSERT_GE(KOVAUserAdd("owner1", 2101, nullptr, nullptr, nullptr, 0), 0);
-    r = Run({"share", "add", "team", "--path", root_.At("elsewhere/team"), "--mode", "2770", "--owner", "owner1"});
-    ASSERT_EQ(r.status, 0) << r.out;
+    Out({"share", "add", "team", "--path", root_.At("elsewhere/team"), "--mode", "2770", "--owner", "owner1"});
     ASSERT_EQ(stat(root_.At("elsewhere/team").c_str(), &st), 0);
     EXPECT_EQ(st.st_mode & 07777, 02770u);
     EXPECT_EQ(st.st_uid, 2101u);
@@ -86,12 +90,9 @@ TEST_F(AdminTool, ShareAddShowListAndPrivileges) {
 
     ASSERT_TRUE(kova_test::MakeDirs(root_.At("elsewhere/pub")));
     ASSERT_EQ(Run({"share", "add", "pub", "--path", root_.At("elsewhere/pub"), "--no-acl"}).status, 0);
-    r = Run({"share", "list"});
-    ASSERT_EQ(r.status, 0);
-    EXPECT_EQ(r.out, "data\t" + root_.At("volumes/volume1/data") + "\npub\t" + root_.At("elsewhere/pub") + "\nteam\t" +
+    EXPECT_EQ(Out({"share", "list"}), "data\t" + root_.At("volumes/volume1/data") + "\npub\t" + root_.At("elsewhere/pub") + "\nteam\t" +
                          root_.At("elsewhere/team") + "\n");
-    r = Run({"share", "show", "pub"});
-    EXPECT_NE(r.out.find("acl: 0\n"), std::string::npos) << r.out;
+    EXPECT_NE(Out({"share", "show", "pub"}).find("acl: 0\n"), std::string::npos);
     EXPECT_NE(Run({"share", "show", "missing"}).status, 0);
 
     ASSERT_GE(KOVAUserAdd("alice", -1, "Passw0rd!", nullptr, nullptr, 0), 0);
@@ -115,43 +116,37 @@ TEST_F(AdminTool, AclSetGetOwnerRemove) {
     ASSERT_TRUE(kova_test::MakeDirs(dir));
     ASSERT_TRUE(kova_test::WriteFile(dir + "/a.txt", "a"));
 
-    Result r = Run({"acl", "set", root_.At("volumes/volume1/data"), "--no-inherit",
-                    "group:staff:allow:r-x---a-R-c--:fd--"});
-    ASSERT_EQ(r.status, 0) << r.out;
-    r = Run({"acl", "set", dir, "user:alice:allow:rwxpdDaARWcCo:fd--", "everyone:x:deny:-w-----------:----"});
-    ASSERT_EQ(r.status, 0) << r.out;
+    Out({"acl", "set", root_.At("volumes/volume1/data"), "--no-inherit", "group:staff:allow:r-x---a-R-c--:fd--"});
+    const std::vector<std::string> setAlice = {"acl", "set", dir, "user:alice:allow:rwxpdDaARWcCo:fd--",
+                                               "everyone:x:deny:-w-----------:----"};
+    Out(setAlice);
     // uid 0 has no platform account: the owner is shown by number.
-    r = Run({"acl", "get", dir});
-    ASSERT_EQ(r.status, 0) << r.out;
-    EXPECT_EQ(r.out, "owner: user:0\nmode: acl\ninherit: yes\n"
-                     "user:alice:allow:rwxpdDaARWcCo:fd--  (level 0)\n"
-                     "everyone:Everyone:deny:-w-----------:----  (level 0)\n"
-                     "group:staff:allow:r-x---a-R-c--:fd--  (level 1)\n")
-        << r.out;
-    r = Run({"acl", "get", dir, "--inherited"});
-    EXPECT_EQ(r.out, "owner: user:0\nmode: acl\ninherit: yes\ngroup:staff:allow:r-x---a-R-c--:fd--  (level 1)\n");
+    EXPECT_EQ(Out({"acl", "get", dir}), "owner: user:0\nmode: acl\ninherit: yes\n"
+                                        "user:alice:allow:rwxpdDaARWcCo:fd--  (level 0)\n"
+                                        "everyone:Everyone:deny:-w-----------:----  (level 0)\n"
+                                        "group:staff:allow:r-x---a-R-c--:fd--  (level 1)\n");
+    EXPECT_EQ(Out({"acl", "get", dir, "--inherited"}),
+              "owner: user:0\nmode: acl\ninherit: yes\ngroup:staff:allow:r-x---a-R-c--:fd--  (level 1)\n");
 
-    ASSERT_EQ(Run({"acl", "owner", dir, "group:staff"}).status, 0);
-    r = Run({"acl", "get", dir, "--own"});
-    EXPECT_EQ(r.out.substr(0, r.out.find('\n')), "owner: group:staff");
+    Out({"acl", "owner", dir, "group:staff"});
+    EXPECT_EQ(0u, Out({"acl", "get", dir, "--own"}).find("owner: group:staff\n"));
     ASSERT_EQ(Run({"acl", "owner", dir, "user:alice"}).status, 0);
     KOVA_ACL_ID owner;
     ASSERT_EQ(KOVAACLOwnerIdGet(dir.c_str(), &owner), 0);
     EXPECT_EQ(owner.idType, KOVA_ACL_ID_USER);
 
     // "#N" names a raw id: rules and owners for uids and gids no account holds.
-    r = Run({"acl", "set", dir, "user:#4242:allow:r------------:----", "group:#777:deny:-w-----------:----"});
-    ASSERT_EQ(r.status, 0) << r.out;
-    ASSERT_EQ(Run({"acl", "owner", dir, "group:#778"}).status, 0);
-    r = Run({"acl", "get", dir, "--own"});
+    Out({"acl", "set", dir, "user:#4242:allow:r------------:----", "group:#777:deny:-w-----------:----"});
+    Out({"acl", "owner", dir, "group:#778"});
+    Result r = Run({"acl", "get", dir, "--own"});
     EXPECT_NE(r.out.find("owner: group:778\n"), std::string::npos) << r.out;
     EXPECT_NE(r.out.find("user:4242:allow:r------------:----  (level 0)\ngroup:777:deny:-w-----------:----  (level 0)"),
               std::string::npos)
         << r.out;
     for (const char *bad : {"user:#:allow:r:----", "user:#-1:allow:r:----", "user:#12a:allow:r:----", "user:#99999999999:allow:r:----"})
         EXPECT_NE(Run({"acl", "set", dir, bad}).status, 0) << bad;
-    ASSERT_EQ(Run({"acl", "set", dir, "user:alice:allow:rwxpdDaARWcCo:fd--", "everyone:x:deny:-w-----------:----"}).status, 0);
-    ASSERT_EQ(Run({"acl", "owner", dir, "user:alice"}).status, 0);
+    Out(setAlice);
+    Out({"acl", "owner", dir, "user:alice"});
 
     // Bad entries are refused and leave the ACL as it was.
     EXPECT_NE(Run({"acl", "set", dir, "user:nobody:allow:r:----"}).status, 0);
@@ -161,9 +156,8 @@ TEST_F(AdminTool, AclSetGetOwnerRemove) {
     r = Run({"acl", "get", dir, "--own"});
     EXPECT_NE(r.out.find("user:alice:allow:rwxpdDaARWcCo:fd--  (level 0)"), std::string::npos) << r.out;
 
-    ASSERT_EQ(Run({"acl", "remove", dir}).status, 0);
+    Out({"acl", "remove", dir});
     r = Run({"acl", "get", dir});
-    ASSERT_EQ(r.status, 0);
     EXPECT_NE(r.out.find("mode: mode bits\n"), std::string::npos) << r.out;
     EXPECT_NE(r.out.find("owner:Owner:allow:"), std::string::npos) << r.out;
 }
@@ -190,15 +184,11 @@ TEST_F(AdminTool, InitEmptyShowCommandsTransferLogAndHelp) {
     ASSERT_GE(KOVAUserAdd("alice", 2001, nullptr, "Alice A", "alice@example.com", 0), 0);
     ASSERT_GE(KOVAGroupAdd("staff", 3001, "Staff"), 0);
     ASSERT_EQ(KOVAGroupMemberAdd("staff", "alice"), 0);
-    ASSERT_EQ(Run({"user", "add", "svc", "--internal"}).status, 0);
-    r = Run({"user", "show", "alice"});
-    ASSERT_EQ(r.status, 0) << r.out;
-    EXPECT_EQ(r.out, "name: alice\nsource: local\nuid: 2001\ngid: 100\ninternal: no\ndisabled: no\n"
+    Out({"user", "add", "svc", "--internal"});
+    EXPECT_EQ(Out({"user", "show", "alice"}), "name: alice\nsource: local\nuid: 2001\ngid: 100\ninternal: no\ndisabled: no\n"
                      "description: Alice A\nemail: alice@example.com\ngroups: users (100), staff (3001)\n");
-    r = Run({"user", "show", "svc"});
-    EXPECT_NE(r.out.find("internal: yes\n"), std::string::npos) << r.out;
-    r = Run({"group", "show", "staff"});
-    EXPECT_EQ(r.out, "name: staff\nsource: local\ngid: 3001\ndescription: Staff\nmembers: alice\n");
+    EXPECT_NE(Out({"user", "show", "svc"}).find("internal: yes\n"), std::string::npos);
+    EXPECT_EQ(Out({"group", "show", "staff"}), "name: staff\nsource: local\ngid: 3001\ndescription: Staff\nmembers: alice\n");
     r = Run({"user", "show", "ghost"});
     EXPECT_EQ(r.status, 1);
     EXPECT_EQ(r.out, "kova-admin: cannot show user 'ghost': no such user\n");
@@ -206,22 +196,21 @@ TEST_F(AdminTool, InitEmptyShowCommandsTransferLogAndHelp) {
 
     // The transfer-log switch.
     EXPECT_EQ(Run({"xferlog"}).out, "off\n");
-    ASSERT_EQ(Run({"xferlog", "on"}).status, 0);
+    Out({"xferlog", "on"});
     EXPECT_NE(KLIBCFileCheckKeyValue("/etc/kovainfo.conf", "filebrowserxferlog", "yes", 0), 0);
     EXPECT_EQ(Run({"xferlog"}).out, "on\n");
     EXPECT_NE(Run({"xferlog", "maybe"}).status, 0);
-    ASSERT_EQ(Run({"xferlog", "off"}).status, 0);
+    Out({"xferlog", "off"});
     EXPECT_NE(KLIBCFileCheckKeyValue("/etc/kovainfo.conf", "filebrowserxferlog", "no", 0), 0);
 
     // --help lists every command, on standard output.
-    r = Run({"--help"});
-    EXPECT_EQ(r.status, 0);
+    const std::string help = Out({"--help"});
     for (const char *c : {"acl get", "acl owner", "acl remove", "acl set", "domain join", "domain leave", "domain ou add",
                           "domain range", "domain ranges", "domain set", "group add", "group del", "group list",
                           "group member add", "group member del", "group show", "init", "ldap bind", "ldap sync",
                           "ldap unbind", "share add", "share list", "share priv", "share show", "user add", "user del",
                           "user list", "user passwd", "user set", "user show", "xferlog"})
-        EXPECT_NE(r.out.find(std::string("\n  ") + c), std::string::npos) << c;
+        EXPECT_NE(help.find(std::string("\n  ") + c), std::string::npos) << c;
     r = Run({"user", "frobnicate"});
     EXPECT_EQ(r.status, 2);
     EXPECT_NE(r.out.find("unknown command 'user'"), std::string::npos) << r.out;
