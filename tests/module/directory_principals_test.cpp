@@ -71,16 +71,10 @@ protected:
 } // namespace
 
 TEST_F(DirectoryPrincipals, RulesAndOwnerNamingLdapAccountsAreSavedReadAndEvaluated) {
-    Json::Value params(Json::objectValue);
-    params["file_path"] = folder_;
-    params["dirPaths"] = "/docs/reports";
-    params["change_acl"] = true;
-    params["inherited"] = true;
-    params["rules"] = kova_module_test::Array({RuleJson("user", "user0000@example.com", "allow", "r"),
-                                               RuleJson("group", "group00@example.com", "allow", "wc")});
-    params["change_acl_owner"] = true;
-    params["acl_owner_type"] = "user";
-    params["acl_owner"] = "user0002@example.com";
+    const Json::Value rules = kova_module_test::Array(
+        {RuleJson("user", "user0000@example.com", "allow", "r"), RuleJson("group", "group00@example.com", "allow", "wc")});
+    const Json::Value params = kova_module_test::WithOwner(kova_module_test::SetParams(folder_, "/docs/reports", rules),
+                                                           "user", "user0002@example.com");
     CallResult set = RunSet(params, As("admin"));
     ASSERT_TRUE(set.success()) << set.Dump();
 

@@ -35,25 +35,15 @@ Json::Value Params(std::initializer_list<std::pair<const char *, Json::Value>> k
 
 Json::Value ValidRule() { return kova_module_test::RuleJson("everyone", "Everyone", "allow", "rwxpdDaARWcCo"); }
 
-class Entry : public ::testing::Test {
+class Entry : public kova_module_test::SharedRootTest {
 protected:
     static void SetUpTestSuite() {
-        root_ = new kova_host::PlatformRoot();
-        ASSERT_TRUE(root_->AddUser("alice")) << root_->lastError();
+        ASSERT_TRUE(NewRoot().AddUser("alice")) << root_->lastError();
         share_ = root_->AddShare("docs");
         ASSERT_FALSE(share_.empty()) << root_->lastError();
     }
-    static void TearDownTestSuite() {
-        delete root_;
-        root_ = nullptr;
-    }
-    void SetUp() override { ASSERT_TRUE(host().ok()) << host().error(); }
-    static ModuleHost &host() { return ModuleHost::Shared(); }
-    static kova_host::PlatformRoot *root_;
-    static std::string share_;
+    static inline std::string share_;
 };
-kova_host::PlatformRoot *Entry::root_ = nullptr;
-std::string Entry::share_;
 
 TEST_F(Entry, TableHasTheTenMethodsInOrder) {
     const struct {

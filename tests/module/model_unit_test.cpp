@@ -42,24 +42,16 @@ Json::Value Rule(const std::string &type, const std::string &name, const std::st
     return r;
 }
 
-class ModelUnit : public ::testing::Test {
+class ModelUnit : public kova_module_test::SharedRootTest {
 protected:
     static void SetUpTestSuite() {
-        root_ = new kova_host::PlatformRoot();
-        ASSERT_TRUE(root_->AddUser("alice")) << root_->lastError();
+        ASSERT_TRUE(NewRoot().AddUser("alice")) << root_->lastError();
         share_ = root_->AddShare("docs");
         ASSERT_FALSE(share_.empty()) << root_->lastError();
     }
-    static void TearDownTestSuite() {
-        delete root_;
-        root_ = nullptr;
-    }
     void TearDown() override { KLIBCFaultClearAll(); }
-    static kova_host::PlatformRoot *root_;
-    static std::string share_;
+    static inline std::string share_;
 };
-kova_host::PlatformRoot *ModelUnit::root_ = nullptr;
-std::string ModelUnit::share_;
 
 TEST_F(ModelUnit, FileSystemTypesAreJudgedInOrder) {
     KOVA::APIRequest request(Json::Value(Json::objectValue), "admin", "s");

@@ -7,6 +7,7 @@
 #define KOVA_TEST_REQUEST_FIXTURE_H
 
 #include "module-host.h"
+#include "platform-fixture.h"
 
 #include "kova/acl.h"
 
@@ -16,6 +17,7 @@
 
 #include <functional>
 #include <initializer_list>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
@@ -86,6 +88,30 @@ inline Json::Value Array(std::initializer_list<Json::Value> items) {
     Json::Value list(Json::arrayValue);
     for (const Json::Value &v : items) list.append(v);
     return list;
+}
+
+// A set request changing the ACL of `path`, reached through the folder
+// `dir` ("/share/rel").
+inline Json::Value SetParams(const std::string &path, const std::string &dir,
+                             const Json::Value &rules = Json::Value(Json::arrayValue), bool inherited = true) {
+    Json::Value p(Json::objectValue);
+    p["file_path"] = path;
+    p["dirPaths"] = dir;
+    p["change_acl"] = true;
+    p["inherited"] = inherited;
+    p["rules"] = rules;
+    return p;
+}
+
+// The same request also giving the path (with `recur`, every entry below
+// it too) to an owner.
+inline Json::Value WithOwner(Json::Value params, const std::string &type, const std::string &name,
+                             bool recur = false) {
+    params["change_acl_owner"] = true;
+    params["acl_owner_type"] = type;
+    params["acl_owner"] = name;
+    if (recur) params["acl_owner_recur"] = true;
+    return params;
 }
 
 // Call options for a request made by `user` (with its own ids), with the
@@ -191,6 +217,45 @@ inline int StoredCount(const std::string &path) {
     if (!acl.stored) return -1;
     return acl.readable ? acl.count : -2;
 }
+
+// A platform root with the administrator "boss", the users "alice" and
+// "bob" and the ACL-enabled share "pub" (share_), made for each test.
+class ShareFixture : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_TRUE(host_.ok()) << host_.error();
+        for (const char *user : {"boss", "alice", "bob"}) ASSERT_TRUE(root_.AddUser(user)) << root_.lastError();
+        ASSERT_TRUE(root_.MakeAdmin("boss")) << root_.lastError();
+        share_ = root_.AddShare("pub");
+        ASSERT_FALSE(share_.empty()) << root_.lastError();
+    }
+
+    // A set of `rules` on "pub/<rel>".
+    Json::Value SetOn(const std::string &rel, const Json::Value &rules = Json::Value(Json::arrayValue),
+                      bool inherited = true) const {
+        return SetParams(share_ + "/" + rel, "/pub/" + rel, rules, inherited);
+    }
+
+    kova_host::ModuleHost &host_ = kova_host::ModuleHost::Shared();
+    kova_host::PlatformRoot root_;
+    std::string share_;
+    const CallOptions admin_ = As("boss"), alice_ = As("alice"), bob_ = As("bob");
+};
+
+// Tests sharing one platform root: the suite's SetUpTestSuite fills the
+// root NewRoot() makes; it is dropped when the suite ends.
+class SharedRootTest : public ::testing::Test {
+protected:
+    static kova_host::PlatformRoot &NewRoot() {
+        root_.reset(new kova_host::PlatformRoot());
+        return *root_;
+    }
+    static void TearDownTestSuite() { root_.reset(); }
+    void SetUp() override { ASSERT_TRUE(host().ok()) << host().error(); }
+    static kova_host::ModuleHost &host() { return kova_host::ModuleHost::Shared(); }
+
+    static inline std::unique_ptr<kova_host::PlatformRoot> root_;
+};
 
 } // namespace kova_module_test
 

@@ -33,8 +33,6 @@ namespace {
 
 using kova_host::CallOptions;
 using kova_host::CallResult;
-using kova_host::PlatformRoot;
-using kova_module_test::As;
 using kova_module_test::WaitTask;
 
 // What may not change on a path: owner, mode and its trusted.* attributes.
@@ -131,17 +129,12 @@ private:
 };
 volatile sig_atomic_t Racer::stop_ = 0;
 
-class SetRaceTest : public ::testing::Test {
+class SetRaceTest : public kova_module_test::ShareFixture {
 protected:
     static constexpr int kSubs = 4, kFiles = 25;
     void SetUp() override {
-        ASSERT_TRUE(kova_host::ModuleHost::Shared().ok()) << kova_host::ModuleHost::Shared().error();
-        ASSERT_TRUE(root_.AddUser("boss")) << root_.lastError();
-        ASSERT_TRUE(root_.MakeAdmin("boss")) << root_.lastError();
-        ASSERT_TRUE(root_.AddUser("alice")) << root_.lastError();
-        share_ = root_.AddShare("pub");
-        ASSERT_FALSE(share_.empty()) << root_.lastError();
-
+        ShareFixture::SetUp();
+        if (HasFatalFailure()) return;
         // Root's folder outside every share, holding entries named like
         // the tree's (so that a path through a swapped link names a real
         // entry there), and attributes of its own.
@@ -214,23 +207,12 @@ protected:
         ASSERT_EQ(0, symlink((outside_ + "/x").c_str(), (top + "/d2/s1/swap").c_str()));
         Racer racer({{top + "/d3", top + "/swap"}, {top + "/d5/s2", top + "/d5/swap"},
                      {top + "/d2/s1/f3", top + "/d2/s1/swap"}});
-        const CallOptions admin = As("boss");
+        Json::Value params =
+            SetOn("tree", kova_module_test::Array({kova_module_test::RuleJson("user", "alice", "allow", "rwxpdDaARWcCo")}));
+        params["acl_recur"] = true;
+        if (owner) params = kova_module_test::WithOwner(params, "user", "alice", true);
         for (int round = 0; round < rounds; ++round) {
-            Json::Value params(Json::objectValue);
-            params["file_path"] = top;
-            params["dirPaths"] = "/pub/tree";
-            params["change_acl"] = true;
-            params["inherited"] = true;
-            params["acl_recur"] = true;
-            params["rules"] =
-                kova_module_test::Array({kova_module_test::RuleJson("user", "alice", "allow", "rwxpdDaARWcCo")});
-            if (owner) {
-                params["change_acl_owner"] = true;
-                params["acl_owner_type"] = "user";
-                params["acl_owner"] = "alice";
-                params["acl_owner_recur"] = true;
-            }
-            RunSet(params, admin);
+            RunSet(params, admin_);
             if (HasFatalFailure()) return;
         }
         racer.Stop();
@@ -238,8 +220,7 @@ protected:
         ExpectOutsideUnchanged();
     }
 
-    PlatformRoot root_;
-    std::string share_, outside_;
+    std::string outside_;
     std::map<std::string, std::string> before_;
 };
 
@@ -261,17 +242,12 @@ TEST_F(SetRaceTest, APlainUsersOwnerChangeNeverReachesOutside) {
     ASSERT_EQ(0, symlink(outside_.c_str(), (mine + "/link").c_str()));
     Racer racer({{mine + "/way", mine + "/link"}});
 
-    const CallOptions user = As("alice");
+    Json::Value params = kova_module_test::WithOwner(kova_module_test::SetParams(mine + "/way/target", "/pub/alice"),
+                                                     "user", "alice");
+    params["change_acl"] = false;
     for (int round = 0; round < 150; ++round) {
-        Json::Value params(Json::objectValue);
-        params["file_path"] = mine + "/way/target";
-        params["dirPaths"] = "/pub/alice";
-        params["change_acl"] = false;
-        params["change_acl_owner"] = true;
-        params["acl_owner_type"] = "user";
-        params["acl_owner"] = "alice";
         params["acl_owner_recur"] = round % 2 == 0;
-        RunSet(params, user);
+        RunSet(params, alice_);
         if (HasFatalFailure()) return;
     }
     racer.Stop();

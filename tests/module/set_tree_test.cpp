@@ -26,6 +26,7 @@
 #include <functional>
 #include <map>
 #include <set>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -33,8 +34,6 @@ namespace {
 
 using kova_host::CallOptions;
 using kova_host::CallResult;
-using kova_host::ModuleHost;
-using kova_host::PlatformRoot;
 using kova_module_test::ReadStored;
 using kova_module_test::StoredAcl;
 using kova_module_test::WaitTask;
@@ -53,10 +52,16 @@ bool HasMarker(const std::string &path) {
            acl.entries[0].idType == KOVA_ACL_ID_EVERYONE && acl.entries[0].permission == KOVA_ACL_PERM_READ_DATA;
 }
 
-// read_data, or every permission; inheritable to files and folders or not.
-Json::Value Rule(const std::string &type, const std::string &name, const std::string &access, bool all,
-                 bool inheritable) {
-    return kova_module_test::RuleJson(type, name, access, all ? "rwxpdDaARWcCo" : "r", inheritable ? "fd--" : "----");
+// Every right, inherited by files and folders.
+Json::Value AllFor(const std::string &type, const std::string &name) {
+    return kova_module_test::Array({kova_module_test::RuleJson(type, name, "allow", "rwxpdDaARWcCo")});
+}
+
+// An entry as "<id type>:<id>:<access>:<permission>:<inherit>", numbers in hex.
+std::string EntryText(int idType, int id, unsigned access, unsigned permission, unsigned inherit) {
+    std::ostringstream out;
+    out << std::hex << idType << ':' << id << ':' << access << ':' << permission << ':' << inherit;
+    return out.str();
 }
 
 // The entries below `top` in the order a pre-order walk over readdir meets
@@ -92,17 +97,8 @@ std::map<std::string, std::string> TrustedXattrs(const std::string &path) {
     return out;
 }
 
-class SetTreeTest : public ::testing::Test {
+class SetTreeTest : public kova_module_test::ShareFixture {
 protected:
-    void SetUp() override {
-        ASSERT_TRUE(host_.ok()) << host_.error();
-        ASSERT_TRUE(root_.AddUser("boss")) << root_.lastError();
-        ASSERT_TRUE(root_.MakeAdmin("boss")) << root_.lastError();
-        ASSERT_TRUE(root_.AddUser("alice")) << root_.lastError();
-        share_ = root_.AddShare("pub");
-        ASSERT_FALSE(share_.empty()) << root_.lastError();
-    }
-
     // Starts a set and returns its task id ("" on failure, with the reason
     // recorded as a test failure).
     std::string StartSet(const Json::Value &params, const CallOptions &options) {
@@ -113,22 +109,14 @@ protected:
         return id;
     }
 
-    // A recursive ACL change of "pub/<rel>".
-    Json::Value RecursiveAcl(const std::string &rel, bool inherited, const Json::Value &rules) const {
-        Json::Value params(Json::objectValue);
-        params["file_path"] = share_ + "/" + rel;
-        params["dirPaths"] = "/pub/" + rel;
-        params["change_acl"] = true;
-        params["inherited"] = inherited;
+    // A recursive ACL change of "pub/<rel>", with `toAlice` also giving
+    // every entry to alice.
+    Json::Value RecursiveAcl(const std::string &rel, bool inherited, const Json::Value &rules,
+                             bool toAlice = false) const {
+        Json::Value params = SetOn(rel, rules, inherited);
         params["acl_recur"] = true;
-        params["rules"] = rules;
-        return params;
+        return toAlice ? kova_module_test::WithOwner(params, "user", "alice", true) : params;
     }
-
-    ModuleHost &host_ = ModuleHost::Shared();
-    PlatformRoot root_;
-    std::string share_;
-    const CallOptions admin_ = kova_module_test::As("boss");
 };
 
 // A tree of a few thousand entries with every kind of entry the walk must
@@ -195,9 +183,9 @@ TEST_F(SetTreeTest, RecursiveAclReachesEveryWalkedEntryAndNothingElse) {
     ASSERT_EQ(0, symlink("../d5", links[4].c_str()));
     ASSERT_GT(walked.size(), 3000u);
 
-    const int aliceUid = root_.Uid("alice");
     const Json::Value params = RecursiveAcl("top", false, kova_module_test::Array({
-        Rule("user", "alice", "allow", true, true), Rule("everyone", "Everyone", "deny", false, false)}));
+        kova_module_test::RuleJson("user", "alice", "allow", "rwxpdDaARWcCo"),
+        kova_module_test::RuleJson("everyone", "Everyone", "deny", "r", "----")}));
 
     std::set<std::string> progress;
     CallResult end = WaitTask(StartSet(params, admin_), admin_,
@@ -208,16 +196,13 @@ TEST_F(SetTreeTest, RecursiveAclReachesEveryWalkedEntryAndNothingElse) {
     StoredAcl topAcl = ReadStored(top);
     ASSERT_TRUE(topAcl.readable);
     EXPECT_EQ(0, topAcl.inherited);
-    ASSERT_EQ(2u, topAcl.entries.size());
-    EXPECT_EQ(KOVA_ACL_ID_USER, topAcl.entries[0].idType);
-    EXPECT_EQ(aliceUid, topAcl.entries[0].id);
-    EXPECT_EQ(unsigned(KOVA_ACL_PERM_ALL), topAcl.entries[0].permission);
-    EXPECT_EQ(KOVA_ACL_INHERIT_FILE | KOVA_ACL_INHERIT_DIR, topAcl.entries[0].inherit);
-    EXPECT_EQ(KOVA_ACL_ALLOW, topAcl.entries[0].accessType);
-    EXPECT_EQ(KOVA_ACL_ID_EVERYONE, topAcl.entries[1].idType);
-    EXPECT_EQ(unsigned(KOVA_ACL_PERM_READ_DATA), topAcl.entries[1].permission);
-    EXPECT_EQ(0, topAcl.entries[1].inherit);
-    EXPECT_EQ(KOVA_ACL_DENY, topAcl.entries[1].accessType);
+    std::vector<std::string> entries;
+    for (const KOVA_ACL_ENTRY &e : topAcl.entries)
+        entries.push_back(EntryText(e.idType, e.id, e.accessType, e.permission, e.inherit));
+    EXPECT_EQ((std::vector<std::string>{EntryText(KOVA_ACL_ID_USER, root_.Uid("alice"), KOVA_ACL_ALLOW, KOVA_ACL_PERM_ALL,
+                                                  KOVA_ACL_INHERIT_FILE | KOVA_ACL_INHERIT_DIR),
+                                        EntryText(KOVA_ACL_ID_EVERYONE, -1, KOVA_ACL_DENY, KOVA_ACL_PERM_READ_DATA, 0)}),
+              entries);
 
     size_t wrong = 0;
     for (const std::string &p : walked)
@@ -258,13 +243,7 @@ TEST_F(SetTreeTest, RecursiveOwnerChangeWithAcl) {
     ASSERT_TRUE(root_.MakeDir(top + "/#recycle"));
     ASSERT_TRUE(root_.MakeFile(top + "/#recycle/old"));
 
-    Json::Value params =
-        RecursiveAcl("owned", true, kova_module_test::Array({Rule("group", "administrators", "allow", true, true)}));
-    params["change_acl_owner"] = true;
-    params["acl_owner_type"] = "user";
-    params["acl_owner"] = "alice";
-    params["acl_owner_recur"] = true;
-    CallResult end = WaitTask(StartSet(params, admin_), admin_);
+    CallResult end = WaitTask(StartSet(RecursiveAcl("owned", true, AllFor("group", "administrators"), true), admin_), admin_);
     ASSERT_TRUE(end.success()) << end.Dump();
 
     const int aliceUid = root_.Uid("alice");
@@ -315,8 +294,7 @@ TEST_F(SetTreeTest, ProgressAndStopDuringALargeWalk) {
         }
     }
 
-    const std::string taskId =
-        StartSet(RecursiveAcl("big", false, kova_module_test::Array({Rule("user", "alice", "allow", true, true)})), admin_);
+    const std::string taskId = StartSet(RecursiveAcl("big", false, AllFor("user", "alice")), admin_);
     ASSERT_FALSE(taskId.empty());
     const pid_t pid = static_cast<pid_t>(TaskRecord(root_.path(), taskId)["pid"].asInt64());
     ASSERT_GT(pid, 0);
@@ -442,9 +420,7 @@ TEST_F(SetTreeTest, DeepTreeFinishesWithFewDescriptors) {
         limit.rlim_cur = 256;
         if (setrlimit(RLIMIT_NOFILE, &limit) != 0) _exit(3);
     };
-    const Json::Value params =
-        RecursiveAcl("deep", false, kova_module_test::Array({Rule("user", "alice", "allow", true, true)}));
-    CallResult end = WaitTask(StartSet(params, limited), admin_);
+    CallResult end = WaitTask(StartSet(RecursiveAcl("deep", false, AllFor("user", "alice")), limited), admin_);
     ASSERT_TRUE(end.success()) << end.Dump();
     EXPECT_TRUE(end.data()["finished"].asBool());
     size_t wrong = 0;
@@ -473,12 +449,7 @@ TEST_F(SetTreeTest, MountsInsideTheTreeAreLeftAlone) {
     ASSERT_EQ(0, mount(elsewhere.c_str(), bound.c_str(), nullptr, MS_BIND, nullptr)) << strerror(errno);
     unmount.points.push_back(bound);
 
-    Json::Value params = RecursiveAcl("mnt", false, kova_module_test::Array({Rule("user", "alice", "allow", true, true)}));
-    params["change_acl_owner"] = true;
-    params["acl_owner_type"] = "user";
-    params["acl_owner"] = "alice";
-    params["acl_owner_recur"] = true;
-    CallResult end = WaitTask(StartSet(params, admin_), admin_);
+    CallResult end = WaitTask(StartSet(RecursiveAcl("mnt", false, AllFor("user", "alice"), true), admin_), admin_);
     ASSERT_TRUE(end.success()) << end.Dump();
 
     EXPECT_TRUE(IsEmptyInheriting(top + "/sub"));

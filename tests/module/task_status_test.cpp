@@ -25,8 +25,6 @@ namespace {
 using kova_host::CallOptions;
 using kova_host::CallResult;
 using kova_host::Fault;
-using kova_host::ModuleHost;
-using kova_host::PlatformRoot;
 using kova_module_test::As;
 using kova_module_test::WaitTask;
 
@@ -36,35 +34,20 @@ Json::Value TaskId(const std::string &id) {
     return params;
 }
 
-class TaskTest : public ::testing::Test {
+class TaskTest : public kova_module_test::ShareFixture {
 protected:
-    void SetUp() override {
-        ASSERT_TRUE(host_.ok()) << host_.error();
-        for (const char *user : {"boss", "alice", "bob"}) ASSERT_TRUE(root_.AddUser(user)) << root_.lastError();
-        ASSERT_TRUE(root_.MakeAdmin("boss")) << root_.lastError();
-        share_ = root_.AddShare("pub");
-        ASSERT_FALSE(share_.empty()) << root_.lastError();
+    // Asks for a set of an empty ACL on a new folder of the caller's.
+    CallResult Start(const std::string &rel, const CallOptions &as) {
+        EXPECT_TRUE(root_.MakeDir(share_ + "/" + rel, 0755, static_cast<uid_t>(root_.Uid(as.user))));
+        return host_.Call("set", SetOn(rel), as);
     }
 
-    // Starts a set of an empty ACL on a folder of `owner`'s; the task id.
+    // The same, started: the task id.
     std::string StartOn(const std::string &rel, const CallOptions &as) {
-        const std::string dir = share_ + "/" + rel;
-        EXPECT_TRUE(root_.MakeDir(dir, 0755, static_cast<uid_t>(root_.Uid(as.user))));
-        Json::Value params(Json::objectValue);
-        params["file_path"] = dir;
-        params["dirPaths"] = "/pub/" + rel;
-        params["change_acl"] = true;
-        params["inherited"] = true;
-        params["rules"] = Json::Value(Json::arrayValue);
-        CallResult started = host_.Call("set", params, as);
+        CallResult started = Start(rel, as);
         EXPECT_TRUE(started.success()) << started.Dump();
         return started.data()["task_id"].asString();
     }
-
-    ModuleHost &host_ = ModuleHost::Shared();
-    PlatformRoot root_;
-    std::string share_;
-    const CallOptions admin_ = As("boss"), alice_ = As("alice"), bob_ = As("bob");
 };
 
 TEST_F(TaskTest, EmptyTaskIdIsABadRequest) {
@@ -162,15 +145,7 @@ TEST_F(TaskTest, AStartBeyondTheUsersTaskBoundAnswersTheGenericFailure) {
                                      R"({"owner": "alice", "pid": )" + std::to_string(busy) + R"(, "starttime": )" +
                                          field + R"(, "success": true, "data": null, "finished": false})"));
 
-    const std::string dir = share_ + "/refused";
-    ASSERT_TRUE(root_.MakeDir(dir, 0755, static_cast<uid_t>(root_.Uid("alice"))));
-    Json::Value params(Json::objectValue);
-    params["file_path"] = dir;
-    params["dirPaths"] = "/pub/refused";
-    params["change_acl"] = true;
-    params["inherited"] = true;
-    params["rules"] = Json::Value(Json::arrayValue);
-    CallResult refused = host_.Call("set", params, alice_);
+    CallResult refused = Start("refused", alice_);
     EXPECT_EQ(6200, refused.errorCode()) << refused.Dump();
 
     const std::string id = StartOn("bobs", bob_);
