@@ -12,11 +12,14 @@
 #include "kova/acl.h"
 
 #include <gtest/gtest.h>
+#include <sys/xattr.h>
 #include <syslog.h>
 #include <unistd.h>
 
+#include <cstring>
 #include <functional>
 #include <initializer_list>
+#include <map>
 #include <memory>
 #include <string>
 #include <utility>
@@ -208,6 +211,22 @@ inline StoredAcl ReadStored(const std::string &path) {
     out.count = acl->aceCount;
     for (PKOVA_ACL_ENTRY e = acl->pHead; e; e = e->pNext) out.entries.push_back(*e);
     KOVAACLFree(acl);
+    return out;
+}
+
+// The names and values of a path's trusted.* attributes, read without
+// following a link.
+inline std::map<std::string, std::string> TrustedXattrs(const std::string &path) {
+    std::map<std::string, std::string> out;
+    char names[8192];
+    const ssize_t size = llistxattr(path.c_str(), names, sizeof names);
+    for (ssize_t at = 0; size > 0 && at < size; at += static_cast<ssize_t>(strlen(names + at)) + 1) {
+        const std::string name = names + at;
+        if (name.compare(0, 8, "trusted.") != 0) continue;
+        char value[65536];
+        const ssize_t n = lgetxattr(path.c_str(), name.c_str(), value, sizeof value);
+        out[name] = n < 0 ? "<unreadable>" : std::string(value, static_cast<size_t>(n));
+    }
     return out;
 }
 

@@ -88,8 +88,7 @@ TEST_F(SetChecksTest, ShareStateAndPrivilegeRefusalsChangeNothing) {
     CallResult readOnly = RunSet(AclParams("sub", "ro"), admin_);
     EXPECT_EQ(6214, readOnly.errorCode()) << readOnly.Dump();
     EXPECT_EQ(-1, StoredCount(ro + "/sub"));
-    // Its root, for a plain user with read-write privilege there: the
-    // privilege's read-only flag refuses it.
+    // Its root, for a plain user with read-write privilege: refused too.
     ASSERT_GE(KOVASharePrivSet("ro", 1, "alice", KOVA_SHARE_PRIV_RW), 0);
     CallResult rootRefused = RunSet(AclAt(ro, "/ro"), alice_);
     EXPECT_EQ(6209, rootRefused.errorCode()) << rootRefused.Dump();
@@ -118,8 +117,7 @@ TEST_F(SetChecksTest, ShareStateAndPrivilegeRefusalsChangeNothing) {
         EXPECT_EQ(-1, StoredCount(dir + "/sub"));
     }
 
-    // A share that is gone when the task looks it up by name (the first
-    // lookup is the folder resolution's, the second the task's own).
+    // The share is gone at the task's own lookup (the second one).
     ASSERT_TRUE(root_.MakeDir(share_ + "/sub", 0777));
     const CallOptions noShare = As("boss", {Fault{"KOVAShareGet", 2, -1, KOVA_ERR_NOSHARE}});
     CallResult missing = RunSet(AclParams("sub"), noShare);
@@ -130,8 +128,7 @@ TEST_F(SetChecksTest, ShareStateAndPrivilegeRefusalsChangeNothing) {
     CallResult denied = RunSet(AclParams("sub"), alice_);
     EXPECT_EQ(6209, denied.errorCode()) << denied.Dump();
     EXPECT_EQ(-1, StoredCount(share_ + "/sub"));
-    // The same user with read-write privilege gets through on a folder it
-    // owns.
+    // With read-write privilege she gets through on a folder she owns.
     ASSERT_GE(KOVASharePrivSet("pub", 1, "alice", KOVA_SHARE_PRIV_RW), 0);
     ASSERT_TRUE(root_.MakeDir(share_ + "/mine", 0755, root_.Uid("alice")));
     CallResult allowed = RunSet(AclParams("mine"), alice_);
@@ -154,9 +151,7 @@ TEST_F(SetChecksTest, FolderResolutionAndPathChecks) {
     EXPECT_EQ(6206, outside.errorCode()) << outside.Dump();
     EXPECT_EQ(-1, StoredCount(share_ + "/b"));
 
-    // The folder is compared by whole path components: "a2" does not lie
-    // in "a", nor a path of the share "pub2" in the share "pub" (whose
-    // flags and privileges would otherwise be the ones checked).
+    // Whole path components: "a2" is not in "a", nor share "pub2" in "pub".
     const std::string pub2 = root_.AddShare("pub2");
     ASSERT_FALSE(pub2.empty()) << root_.lastError();
     ASSERT_TRUE(root_.MakeDir(pub2 + "/x", 0777));
@@ -175,9 +170,8 @@ TEST_F(SetChecksTest, FolderResolutionAndPathChecks) {
     // A folder that does not exist.
     EXPECT_EQ(6207, RunSet(AclAt(share_ + "/a", "/pub/nowhere"), admin_).errorCode());
 
-    // No folder at all: the answer comes from the last error, which must be
-    // this request's. A worker that served another request before (whose
-    // failure said "no such file") answers the generic failure, not 6207.
+    // No folder: the answer comes from this request's last error, not from
+    // a "no such file" an earlier request left in the worker.
     Json::Value noFolder = AclParams("a");
     noFolder.removeMember("dirPaths");
     CallOptions reused = admin_;
@@ -189,8 +183,7 @@ TEST_F(SetChecksTest, FolderResolutionAndPathChecks) {
     EXPECT_EQ(6205, RunSet(AclParams("a"), gone).errorCode());
 }
 
-// A non-administrator may not change one child: that child keeps its ACL,
-// everything else, its own entries included, is still changed.
+// A child a non-administrator may not change keeps its ACL; all else changes.
 TEST_F(SetChecksTest, ChildThatRefusesKeepsItsAclAndTheWalkGoesOn) {
     const uid_t alice = static_cast<uid_t>(root_.Uid("alice"));
     const std::string top = share_ + "/work";
@@ -200,14 +193,12 @@ TEST_F(SetChecksTest, ChildThatRefusesKeepsItsAclAndTheWalkGoesOn) {
     ASSERT_TRUE(root_.MakeDir(top + "/locked", 0755, 0));
     ASSERT_TRUE(root_.MakeFile(top + "/locked/inner", "", 0644, alice));
     ASSERT_TRUE(root_.MakeFile(top + "/z_mine", "", 0644, alice));
-    // Root's folder: readable by everyone, its ACL not changeable by alice
-    // and passing nothing down.
+    // Root's folder: readable by all, not changeable by alice, passing nothing down.
     ASSERT_TRUE(root_.SetAcl(top + "/locked", {"everyone::allow:r-x---a-R-c--:----"}, false)) << root_.lastError();
 
     Json::Value params = AclParams("work");
     params["acl_recur"] = true;
-    // Her walk lists and enters folders as the kernel lets her: she keeps
-    // traverse on what she sets, or the walk stops at its first folder.
+    // She keeps traverse on what she sets, or her walk stops at its first folder.
     params["rules"] = kova_module_test::Array({kova_module_test::RuleJson("user", "alice", "allow", "rx")});
     CallResult end = RunSet(params, alice_);
     ASSERT_TRUE(end.success()) << end.Dump();
@@ -236,8 +227,7 @@ TEST_F(SetChecksTest, OwnerRequestsThatCannotBeMet) {
     EXPECT_EQ(-1, StoredCount(path));
     EXPECT_EQ(0, OwnerUid(path));
 
-    // A non-administrator may only give a path to itself, and only with
-    // take_ownership.
+    // A non-administrator may only take a path for itself, with take_ownership.
     ASSERT_TRUE(root_.MakeDir(share_ + "/given", 0755, root_.Uid("alice")));
     ASSERT_TRUE(root_.SetAcl(share_ + "/given", {"user:alice:allow:rwxpdDaARWcCo:fd--"}));
     Json::Value giveAway = WithOwner(AclParams("given"), "user", "bob");
@@ -320,8 +310,7 @@ TEST_F(SetChecksTest, OwnHomeNeedsNoPrivilegeCheck) {
     EXPECT_EQ(-1, StoredCount(homes + "/alice/other"));
 }
 
-// An unmapped ACL failure, or a failed walk, reads as success once the
-// owner was changed, and as 6200 when no owner change was asked.
+// An unmapped ACL failure or failed walk is success once the owner changed, else 6200.
 TEST_F(SetChecksTest, OwnerResultDecidesUnmappedFailures) {
     for (const char *dir : {"plain", "owned"}) {
         ASSERT_TRUE(root_.MakeDir(share_ + "/" + dir, 0777));

@@ -41,14 +41,7 @@ std::string State(const std::string &path) {
     if (lstat(path.c_str(), &st) != 0) return "<gone>";
     std::ostringstream out;
     out << st.st_uid << ':' << st.st_gid << ':' << std::oct << st.st_mode << std::dec;
-    char names[8192];
-    const ssize_t size = llistxattr(path.c_str(), names, sizeof names);
-    for (ssize_t at = 0; size > 0 && at < size; at += static_cast<ssize_t>(strlen(names + at)) + 1) {
-        if (strncmp(names + at, "trusted.", 8) != 0) continue;
-        char value[65536];
-        const ssize_t n = lgetxattr(path.c_str(), names + at, value, sizeof value);
-        out << ' ' << (names + at) << '=' << (n < 0 ? std::string("?") : std::string(value, static_cast<size_t>(n)));
-    }
+    for (const auto &x : kova_module_test::TrustedXattrs(path)) out << ' ' << x.first << '=' << x.second;
     return out.str();
 }
 
