@@ -43,23 +43,6 @@ protected:
         ASSERT_TRUE(root_.AddMember("other", "bob")) << root_.lastError();
     }
 
-    CallResult Inspect(const std::string &path, const std::string &type, const std::string &name,
-                       const CallOptions &options = CallOptions()) {
-        Json::Value params(Json::objectValue);
-        params["file_path"] = path;
-        params["owner_type"] = type;
-        params["owner_name"] = name;
-        return host().Call("inspect", params, options);
-    }
-
-    // The permission mask of a successful inspect; fails the test otherwise.
-    unsigned int Mask(const CallResult &result) {
-        EXPECT_TRUE(result.success()) << result.Dump();
-        if (!result.success()) return 0xDEAD0000u;
-        EXPECT_EQ(1u, result.data().size()) << result.Dump();
-        return kova_module_test::PermissionMask(result.data()["permission"]);
-    }
-
     unsigned int MaskFor(const std::string &path, const std::string &type, const std::string &name) {
         return Mask(Inspect(path, type, name));
     }

@@ -40,9 +40,7 @@ std::string BuildWorld(World &w) {
         return "local accounts";
     if (!kova_test::Slapd::Installed()) return "slapd is not installed";
     w.slapd.reset(new kova_test::Slapd(3, 1));
-    kova_test::Slapd::Account extra;
-    extra.uid = "kxldap";
-    w.slapd->Add(extra);
+    w.slapd->Add({"kxldap", "", "", ""});
     std::string error = kova_owners_test::StartLdapSource(w);
     if (!error.empty()) return error;
     const std::string ldif = root.At("corp.ldif");

@@ -1,6 +1,5 @@
-// list_owners version 2 through the test host, against a platform root with
-// local accounts, an LDAP cache filled from a real slapd and the caches of
-// two Windows domains.
+// list_owners version 2 through the test host: local accounts, an LDAP cache
+// filled from a real slapd and the caches of two Windows domains.
 #include "owners-fixture.h"
 #include "temp-root.h"
 
@@ -67,8 +66,7 @@ bool AddUser(const char *name, const char *desc, const char *mail, bool internal
 std::string BuildWorld(World &w) {
     w.root.reset(new PlatformRoot());
     PlatformRoot &root = *w.root;
-    // Local accounts, all named "kx..." so a keyword isolates them from the
-    // root's own accounts.
+    // Local accounts named "kx..." so that a keyword isolates them.
     if (!AddUser("kxalice", "Head of Payroll", "alice@corp.example", false) ||
         !AddUser("kxbob", nullptr, nullptr, false) || !AddUser("kxcarol", "Courier", "carol@mail.example", false) ||
         !AddUser("kxdave", "Night shift", nullptr, false) || !AddUser("kxsvc-backup", "Backup agent", nullptr, true) ||
@@ -83,16 +81,8 @@ std::string BuildWorld(World &w) {
 
     if (!kova_test::Slapd::Installed()) return "slapd is not installed";
     w.slapd.reset(new kova_test::Slapd(12, 3));
-    kova_test::Slapd::Account underscore;
-    underscore.uid = "kx_ldap";
-    underscore.desc = "Payroll archive";
-    underscore.mail = "archive@ldap.example";
-    underscore.fullname = "Archive Keeper";
-    w.slapd->Add(underscore);
-    kova_test::Slapd::Account lookalike;
-    lookalike.uid = "kxQldap";
-    lookalike.fullname = "Look Alike";
-    w.slapd->Add(lookalike);
+    w.slapd->Add({"kx_ldap", "Payroll archive", "archive@ldap.example", "Archive Keeper"});
+    w.slapd->Add({"kxQldap", "", "", "Look Alike"});
     std::string error = kova_owners_test::StartLdapSource(w);
     if (!error.empty()) return error;
     if (!JoinDomains(root)) return root.lastError();
@@ -141,8 +131,7 @@ TEST_F(OwnersV2, EmptyScopeAndUnknownType) {
     EXPECT_EQ(0u, empty.data()["owners"].size());
     EXPECT_EQ(0u, Total(empty));
 
-    // The local source is set up to fail loudly: if it ran, its log line
-    // would appear.
+    // The local source would fail loudly (a log line) if it ran.
     CallResult unknown = List(Scope("{\"type\": \"local\"}, {\"type\": \"nis\", \"config\": {}}"),
                               As("admin", {Fault{"KLIBUserInfoEnum", 0, -1, KOVA_ERR_IO}}));
     ASSERT_EQ(403, unknown.errorCode()) << unknown.Dump();
