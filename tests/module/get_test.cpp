@@ -1,6 +1,5 @@
-// get through the shipped module, on real files of a platform root: ACL and
-// mode-only paths, inherited entries, administrators and other users, and
-// every error code (host failures through fault injection).
+// get through the host on real files: ACL and mode-only paths, inherited
+// entries, administrators and other users, every error code.
 #include "module-host.h"
 #include "platform-fixture.h"
 #include "request-fixture.h"

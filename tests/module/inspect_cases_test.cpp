@@ -1,6 +1,5 @@
-// inspect through the shipped module on real files: every principal kind,
-// the order in which entries decide, the owner's and the administrators'
-// starting rights, and each error code.
+// inspect through the host on real files: principal kinds, the order entries
+// decide in, owner and administrator rights, each error code.
 #include "principal-fixture.h"
 
 #include "kova/acl.h"
@@ -187,9 +186,8 @@ TEST_F(InspectTest, PrivilegedSectionsStandAroundTheReadsOfAnAdministratorCaller
     EXPECT_FALSE(carol.HasLog(39, "acl:1532 WARNING: setresuid(-1, 0, -1)")) << carol.LogDump();
 }
 
-// The caller's administrator check failing (a negative answer) leaves the
-// caller an ordinary user: the reads are not raised, so a path the caller
-// cannot read stays unread.
+// A failed administrator check of the caller raises no read: what the
+// caller cannot read stays unread.
 TEST_F(InspectTest, AFailedAdministratorCheckOfTheCallerRaisesNothing) {
     const std::string f = File("closed.txt");
     Acl(f, {"user:alice:allow:rwc:----"}, false);

@@ -1,6 +1,5 @@
-// list_owners version 1 through the test host: the special principals,
-// local accounts, internal users, the Windows domain and LDAP, paged by one
-// offset and limit.
+// list_owners version 1 through the host: special principals, local and
+// internal accounts, the Windows domain and LDAP, paged by offset and limit.
 #include "owners-fixture.h"
 #include "temp-root.h"
 
@@ -26,10 +25,8 @@ using kova_module_test::As;
 using kova_owners_test::Parse;
 using kova_owners_test::World;
 
-// Local: two users, one group, one internal account named "kx...", and
-// "zq..." accounts whose names begin one another. LDAP:
-// slapd's generated accounts plus "kxldap". Domain CORP: "kxcorp" and the
-// group "kxcorp-team".
+// Local "kx..." accounts (one internal) and "zq..." names beginning one
+// another; LDAP adds "kxldap", domain CORP "kxcorp" and "kxcorp-team".
 std::string BuildWorld(World &w) {
     w.root.reset(new PlatformRoot());
     PlatformRoot &root = *w.root;

@@ -1,6 +1,5 @@
-// check_self_denied through the shipped module on real files: proposed rules
-// that lock the caller out or keep its access, inherited entries and their
-// levels, the owner entry, and every error code.
+// check_self_denied through the host on real files: rules that lock the
+// caller out or not, inherited levels, the owner entry, every error code.
 #include "principal-fixture.h"
 
 #include "kova/acl.h"
@@ -20,16 +19,13 @@ using kova_host::Ids;
 
 namespace {
 
-// Set in a handler's child process only: makes the platform's answer for
-// inherited entries come back out of level order (the first entry is moved
-// one level further up), which the ACL library itself never produces.
+// Set in a handler's child only: the first inherited entry comes back one
+// level further up, out of order, as the ACL library never answers.
 bool gRaiseFirstInheritedLevel = false;
 
 } // namespace
 
-// Interposes the ACL library's read for the whole test program (the module
-// binds to the program's exported symbols first); without the flag above it
-// is the library's own call.
+// Interposes the library's read (the module binds to the program's exports first).
 extern "C" int KOVAACLGet(const char *szPath, int fd, int selector, PKOVA_ACL *ppAcl) {
     using Fn = int (*)(const char *, int, int, PKOVA_ACL *);
     static Fn real = reinterpret_cast<Fn>(dlsym(RTLD_NEXT, "KOVAACLGet"));
@@ -75,9 +71,8 @@ protected:
         return host().Call("check_self_denied", params, options);
     }
 
-    // A file in `dir` that inherits (only a path in ACL mode does) and whose
-    // own entry lets alice read what it inherits; the proposed rules replace
-    // that entry.
+    // An inheriting file in `dir` whose own entry (replaced by the proposed
+    // rules) lets alice read what it inherits.
     std::string InheritingChild(const std::string &dir) {
         const std::string child = dir + "/c.txt";
         EXPECT_TRUE(root_.MakeFile(child)) << root_.lastError();

@@ -1,10 +1,6 @@
-// The set task against a second shell that swaps folders of the tree for
-// links to a root-owned folder outside every share, through the shipped
-// module and the real platform: whatever the swaps, nothing outside the
-// share changes (owner, mode, any trusted.* attribute).
-//
-// The walk itself opens every folder relative to its parent without
-// following a link, but each entry's path goes to the platform as text:
+// The set task while a second shell swaps folders of the tree for links to a
+// root-owned folder outside every share: nothing outside changes (owner,
+// mode, trusted.* attributes). Entry paths reach the platform as text, so
 // this also holds the platform to acting only on what it judged.
 #include "module-host.h"
 #include "platform-fixture.h"
@@ -59,11 +55,9 @@ void Snapshot(const std::string &path, std::map<std::string, std::string> &out) 
     for (const std::string &name : names) Snapshot(path + "/" + name, out);
 }
 
-// Swaps each folder with its link (renameat2 RENAME_EXCHANGE) over and
-// over until stopped; the last swap of each pair is undone at the end. It
-// runs as a process of its own, not a thread: the host forks a process per
-// call, and a fork taken while another thread runs leaves that thread's
-// memory unreachable to the leak check of sanitizer builds.
+// Swaps each folder with its link (RENAME_EXCHANGE) until stopped, then
+// undoes the last swaps. A process, not a thread: a fork taken while another
+// thread runs hides that thread's memory from the sanitizer's leak check.
 class Racer {
 public:
     explicit Racer(const std::vector<std::pair<std::string, std::string>> &pairs) {
@@ -128,9 +122,8 @@ protected:
     void SetUp() override {
         ShareFixture::SetUp();
         if (HasFatalFailure()) return;
-        // Root's folder outside every share, holding entries named like
-        // the tree's (so that a path through a swapped link names a real
-        // entry there), and attributes of its own.
+        // Root's folder outside, with entries named like the tree's (a path
+        // through a swapped link names a real entry) and attributes of its own.
         outside_ = root_.At("outside");
         for (const std::string &dir : {outside_, outside_ + "/x", outside_ + "/target", outside_ + "/target/deeper"})
             ASSERT_TRUE(root_.MakeDir(dir, 0755));
@@ -188,10 +181,8 @@ protected:
         ASSERT_TRUE(end.delivered) << end.Dump();
     }
 
-    // Rounds of an administrator's recursive set of `top`, each changing
-    // the owner of every entry too when `owner` is set, while folders at
-    // two depths (and one file) keep changing places with links to the
-    // outside folder and to one of its folders.
+    // Rounds of an administrator's recursive set (with `owner`, of the owner
+    // too) while folders at two depths and a file swap with outside links.
     void AdministratorRounds(bool owner, int rounds) {
         const std::string top = share_ + "/tree";
         Tree(top, 8, kSubs, kFiles);
@@ -221,9 +212,8 @@ TEST_F(SetRaceTest, AdministratorsRecursiveAclSetNeverReachesOutside) { Administ
 
 TEST_F(SetRaceTest, AdministratorsRecursiveOwnerChangeNeverReachesOutside) { AdministratorRounds(true, 16); }
 
-// A plain user changes the owner of an entry in its own folder while its
-// second shell swaps the folder on the way for a link to the outside
-// folder (which holds an entry of the same name).
+// A plain user's owner change in its own folder while the folder on the way
+// swaps with a link to the outside (holding an entry of the same name).
 TEST_F(SetRaceTest, APlainUsersOwnerChangeNeverReachesOutside) {
     const uid_t alice = static_cast<uid_t>(root_.Uid("alice"));
     const std::string mine = share_ + "/alice";

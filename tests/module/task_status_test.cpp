@@ -1,6 +1,5 @@
-// status and stop of the set task: who may see and end a task, what an
-// unreadable or refused task answers, and the task's own failure code
-// handed through as the method's error.
+// status and stop of the set task: who reaches a task, unreadable or refused
+// tasks, and the task's failure handed through as the method's error.
 #include "module-host.h"
 #include "platform-fixture.h"
 #include "request-fixture.h"
@@ -115,9 +114,8 @@ TEST_F(TaskTest, StatusFailureOfTheFrameworkCarriesItsErrorNumber) {
     EXPECT_NE(std::string::npos, stop.LogDump().find("acl:970 Failed to stop '" + id + "' [0x0800 ")) << stop.LogDump();
 }
 
-// A refused start reaches the client as set's generic failure: with one
-// task per user, alice already running one (a record naming a live process
-// with its real start time) gets 6200 from set, and bob still gets a task.
+// With one task per user, alice (a live task recorded) gets 6200 from set;
+// bob still gets a task.
 TEST_F(TaskTest, AStartBeyondTheUsersTaskBoundAnswersTheGenericFailure) {
     setenv("KOVA_TASKS_PER_USER", "1", 1);
     struct Unset {
