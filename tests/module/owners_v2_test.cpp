@@ -327,13 +327,12 @@ TEST_F(OwnersV2, DomainsAcrossBothCaches) {
 TEST_F(OwnersV2, BindonFiltersOrSelectsTheDomain) {
     // Trusted domains off: every joined domain, filtered by the DN suffix.
     ASSERT_TRUE(world().root->SetDomainFlag("trusted", false)) << world().root->lastError();
-    CallResult filtered = List("{\"keywordFields\": {}, \"searchScope\": [{\"type\": \"domain\", \"config\": "
-                               "{\"bindon\": \"ou=Sales,dc=corp,dc=example\"}}]}");
+    CallResult filtered =
+        List(Scope("{\"type\": \"domain\", \"config\": {\"bindon\": \"ou=Sales,dc=corp,dc=example\"}}"));
     ASSERT_TRUE(filtered.success()) << filtered.Dump();
     EXPECT_EQ((std::vector<std::string>{"user:kxd-dana", "group:kxd-sales-corp"}), Names(filtered));
     // The suffix must end the DN.
-    CallResult middle = List("{\"keywordFields\": {}, \"searchScope\": [{\"type\": \"domain\", \"config\": "
-                             "{\"bindon\": \"ou=Sales\"}}]}");
+    CallResult middle = List(Scope("{\"type\": \"domain\", \"config\": {\"bindon\": \"ou=Sales\"}}"));
     CallResult plain = Search("domain", "kxd");
     ASSERT_TRUE(world().root->SetDomainFlag("trusted", true)) << world().root->lastError();
     EXPECT_TRUE(Names(middle).empty()) << middle.Dump();
@@ -351,8 +350,7 @@ TEST_F(OwnersV2, BindonFiltersOrSelectsTheDomain) {
 
 TEST_F(OwnersV2, UnavailableDirectoriesContributeNothing) {
     PlatformRoot bare;  // neither bound nor joined
-    CallResult r = List("{\"keywordFields\": {}, \"searchScope\": [{\"type\": \"ldap\"}, {\"type\": \"domain\"}, "
-                        "{\"type\": \"builtin\"}]}");
+    CallResult r = List(Scope("{\"type\": \"ldap\"}, {\"type\": \"domain\"}, {\"type\": \"builtin\"}"));
     ASSERT_TRUE(r.success()) << r.Dump();
     EXPECT_EQ(4u, Total(r));
     EXPECT_TRUE(r.HasLog(LOG_DEBUG, "acl:1220 ldap is not bound")) << r.LogDump();
