@@ -10,6 +10,7 @@
 #include <syslog.h>
 
 #include <algorithm>
+#include <map>
 #include <memory>
 #include <set>
 #include <vector>
@@ -26,36 +27,32 @@ using kova_module_test::As;
 using kova_owners_test::Parse;
 using kova_owners_test::World;
 
-// One directory entry of a domain, as an LDIF record.
-std::string LdifUser(const std::string &name, const std::string &dn, const std::string &desc, const std::string &mail,
-                     const std::string &fullname) {
-    return "dn: " + dn + "\nobjectClass: inetOrgPerson\nuid: " + name + "\ncn: " + fullname + "\nsn: " + name +
-           "\ndisplayName: " + fullname + "\nmail: " + mail + "\ndescription: " + desc + "\n\n";
-}
-
-std::string LdifGroup(const std::string &name, const std::string &dn, const std::string &desc) {
-    return "dn: " + dn + "\nobjectClass: posixGroup\ncn: " + name + "\ngidNumber: 7000\ndescription: " + desc + "\n\n";
-}
-
-// Two domains: CORP (two users, one group) and BRANCH (two users, one
-// group), every name starting with "kxd", spread over Sales and IT units.
+// Two domains, CORP and BRANCH, each with two users and a group named
+// "kxd...", spread over Sales and IT units.
 bool JoinDomains(PlatformRoot &root) {
-    const std::string corp = root.At("corp.ldif"), branch = root.At("branch.ldif");
-    kova_test::WriteFile(corp, LdifUser("kxd-dana", "uid=kxd-dana,ou=Sales,dc=corp,dc=example", "Sales lead",
-                                        "dana@corp.example", "Dana Sales") +
-                                   LdifUser("kxd-erik", "uid=kxd-erik,ou=IT,dc=corp,dc=example", "Printer wrangler",
-                                            "erik@corp.example", "Erik Ops") +
-                                   LdifGroup("kxd-sales-corp", "cn=kxd-sales-corp,ou=Sales,dc=corp,dc=example",
-                                             "Corp sellers"));
-    kova_test::WriteFile(branch, LdifUser("kxd-fiona", "uid=kxd-fiona,ou=Sales,dc=branch,dc=example", "Branch sales",
-                                          "fiona@branch.example", "Fiona Field") +
-                                     LdifUser("kxd-gus", "uid=kxd-gus,ou=IT,dc=branch,dc=example", "Network",
-                                              "gus@branch.example", "Gus Wire") +
-                                     LdifGroup("kxd-it-branch", "cn=kxd-it-branch,ou=IT,dc=branch,dc=example",
-                                               "Branch IT"));
+    const struct {
+        const char *domain, *unit, *name, *desc, *mail, *fullname;  // no mail: a group
+    } entries[] = {
+        {"corp", "Sales", "kxd-dana", "Sales lead", "dana@corp.example", "Dana Sales"},
+        {"corp", "IT", "kxd-erik", "Printer wrangler", "erik@corp.example", "Erik Ops"},
+        {"corp", "Sales", "kxd-sales-corp", "Corp sellers", nullptr, nullptr},
+        {"branch", "Sales", "kxd-fiona", "Branch sales", "fiona@branch.example", "Fiona Field"},
+        {"branch", "IT", "kxd-gus", "Network", "gus@branch.example", "Gus Wire"},
+        {"branch", "IT", "kxd-it-branch", "Branch IT", nullptr, nullptr},
+    };
+    std::map<std::string, std::string> ldif;
+    for (const auto &e : entries) {
+        const std::string name = e.name, rdn = (e.mail ? "uid=" : "cn=") + name;
+        ldif[e.domain] += "dn: " + rdn + ",ou=" + e.unit + ",dc=" + e.domain + ",dc=example\n";
+        ldif[e.domain] += e.mail ? "objectClass: inetOrgPerson\nuid: " + name + "\ncn: " + e.fullname + "\nsn: " + name +
+                                       "\ndisplayName: " + e.fullname + "\nmail: " + e.mail + "\n"
+                                 : "objectClass: posixGroup\ncn: " + name + "\ngidNumber: 7000\n";
+        ldif[e.domain] += "description: " + std::string(e.desc) + "\n\n";
+    }
+    for (const auto &d : ldif) kova_test::WriteFile(root.At(d.first + ".ldif"), d.second);
     // Without trusted domains the host knows only the joined one (CORP).
-    return root.Admin({"domain", "join", "CORP", "--from-ldif", corp}) == 0 &&
-           root.Admin({"domain", "join", "BRANCH", "--from-ldif", branch}) == 0 &&
+    return root.Admin({"domain", "join", "CORP", "--from-ldif", root.At("corp.ldif")}) == 0 &&
+           root.Admin({"domain", "join", "BRANCH", "--from-ldif", root.At("branch.ldif")}) == 0 &&
            root.SetDomainFlag("trusted", true);
 }
 
