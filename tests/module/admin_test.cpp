@@ -20,33 +20,23 @@ using kova_module_test::Array;
 using kova_module_test::Bracket;
 using kova_module_test::LogsAre;
 
-class AdminCheck : public ::testing::Test {
+class AdminCheck : public kova_module_test::SharedRootTest {
 protected:
     static void SetUpTestSuite() {
-        root_ = new kova_host::PlatformRoot();
-        ASSERT_TRUE(root_->AddUser("alice")) << root_->lastError();
-        ASSERT_TRUE(root_->AddUser("boss")) << root_->lastError();
-        ASSERT_TRUE(root_->MakeAdmin("boss")) << root_->lastError();
-        ASSERT_TRUE(root_->AddGroup("staff")) << root_->lastError();
-        // Names that extend an administrator's name, or the administrators
-        // group's, without being either.
-        ASSERT_TRUE(root_->AddUser("bossy")) << root_->lastError();
-        ASSERT_TRUE(root_->AddGroup("administrator")) << root_->lastError();
+        kova_host::PlatformRoot &p = NewRoot();
+        // "bossy" and "administrator" extend an administrator's name, or the
+        // administrators group's, without being either.
+        for (const char *user : {"alice", "boss", "bossy"}) ASSERT_TRUE(p.AddUser(user)) << p.lastError();
+        ASSERT_TRUE(p.MakeAdmin("boss")) << p.lastError();
+        for (const char *group : {"staff", "administrator"}) ASSERT_TRUE(p.AddGroup(group)) << p.lastError();
     }
-    static void TearDownTestSuite() {
-        delete root_;
-        root_ = nullptr;
-    }
-    void SetUp() override { ASSERT_TRUE(ModuleHost::Shared().ok()) << ModuleHost::Shared().error(); }
     static CallResult Check(const std::string &type, const std::string &name, std::vector<Fault> faults = {}) {
         Json::Value p(Json::objectValue);
         p["owner_type"] = type;
         p["owner_name"] = name;
         return ModuleHost::Shared().Call("check_admin", p, kova_module_test::As("alice", std::move(faults)));
     }
-    static kova_host::PlatformRoot *root_;
 };
-kova_host::PlatformRoot *AdminCheck::root_ = nullptr;
 
 TEST_F(AdminCheck, UsersAndGroups) {
     const struct {
@@ -154,9 +144,8 @@ TEST_F(UiInfo, DomainListFailures) {
     ASSERT_TRUE(r.success()) << r.Dump();
     EXPECT_EQ(Answer("domain:domain", Json::Value(Json::arrayValue)), r.data());
     ASSERT_EQ(1u, r.logs.size()) << r.Dump();
-    EXPECT_EQ(LOG_ERR, r.logs[0].priority);
-    const std::string prefix = "acl:1967 failed to get the domain list, kovaerr=[0x0800 ";
-    EXPECT_EQ(prefix, r.logs[0].text.substr(0, prefix.size())) << r.Dump();
+    EXPECT_TRUE(kova_module_test::LogStartsWith(r, LOG_ERR, "acl:1967 failed to get the domain list, kovaerr=[0x0800 "))
+        << r.Dump();
     EXPECT_EQ(']', r.logs[0].text.back());
 
     // The list itself cannot be allocated.

@@ -49,14 +49,6 @@ protected:
         ASSERT_TRUE(root_.MakeDir(folder_, 0755)) << root_.lastError();
     }
 
-    CallResult Inspect(const std::string &type, const std::string &name) {
-        Json::Value params(Json::objectValue);
-        params["file_path"] = folder_;
-        params["owner_type"] = type;
-        params["owner_name"] = name;
-        return host().Call("inspect", params, As("admin"));
-    }
-
     CallResult Get(const std::string &user) {
         Json::Value params(Json::objectValue);
         params["file_path"] = folder_;
@@ -71,16 +63,10 @@ protected:
 } // namespace
 
 TEST_F(DirectoryPrincipals, RulesAndOwnerNamingLdapAccountsAreSavedReadAndEvaluated) {
-    Json::Value params(Json::objectValue);
-    params["file_path"] = folder_;
-    params["dirPaths"] = "/docs/reports";
-    params["change_acl"] = true;
-    params["inherited"] = true;
-    params["rules"] = kova_module_test::Array({RuleJson("user", "user0000@example.com", "allow", "r"),
-                                               RuleJson("group", "group00@example.com", "allow", "wc")});
-    params["change_acl_owner"] = true;
-    params["acl_owner_type"] = "user";
-    params["acl_owner"] = "user0002@example.com";
+    const Json::Value rules = kova_module_test::Array(
+        {RuleJson("user", "user0000@example.com", "allow", "r"), RuleJson("group", "group00@example.com", "allow", "wc")});
+    const Json::Value params = kova_module_test::WithOwner(kova_module_test::SetParams(folder_, "/docs/reports", rules),
+                                                           "user", "user0002@example.com");
     CallResult set = RunSet(params, As("admin"));
     ASSERT_TRUE(set.success()) << set.Dump();
 
@@ -99,16 +85,12 @@ TEST_F(DirectoryPrincipals, RulesAndOwnerNamingLdapAccountsAreSavedReadAndEvalua
     // user0001 holds write and read_perm through its LDAP group; user0000
     // its own read only; the owner its implicit rights.
     const unsigned W = KOVA_ACL_PERM_WRITE_DATA, R = KOVA_ACL_PERM_READ_DATA, C = KOVA_ACL_PERM_READ_ACL;
-    auto mask = [&](const std::string &type, const std::string &name) {
-        CallResult r = Inspect(type, name);
-        EXPECT_TRUE(r.success()) << name << ": " << r.Dump();
-        return r.success() ? kova_module_test::PermissionMask(r.data()["permission"]) : 0xDEAD0000u;
-    };
+    auto mask = [&](const std::string &type, const std::string &name) { return Mask(Inspect(folder_, type, name)); };
     EXPECT_EQ(mask("user", "user0001@example.com"), W | C);
     EXPECT_EQ(mask("user", "user0000@example.com"), R);
     EXPECT_EQ(mask("group", "group00@example.com"), W | C);
     EXPECT_EQ(mask("user", "user0002@example.com") & KOVA_ACL_PERM_OWNER_IMPLICIT, KOVA_ACL_PERM_OWNER_IMPLICIT);
-    EXPECT_EQ(Inspect("user", "nobody@example.com").errorCode(), 6211);
+    EXPECT_EQ(Inspect(folder_, "user", "nobody@example.com").errorCode(), 6211);
 
     // Requests made as LDAP users carry their directory ids and groups: the
     // group's read_perm lets user0001 read the rules, user0000 has none.

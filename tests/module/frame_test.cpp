@@ -1,6 +1,5 @@
-// Through the shipped module: the method table, the entry layer's parameter
-// checks, and the privileged section as processes with various effective
-// ids see it.
+// The method table, the entry layer's parameter checks, and the privileged
+// section under various effective ids, through the shipped module.
 #include "module-host.h"
 #include "platform-fixture.h"
 #include "request-fixture.h"
@@ -35,25 +34,15 @@ Json::Value Params(std::initializer_list<std::pair<const char *, Json::Value>> k
 
 Json::Value ValidRule() { return kova_module_test::RuleJson("everyone", "Everyone", "allow", "rwxpdDaARWcCo"); }
 
-class Entry : public ::testing::Test {
+class Entry : public kova_module_test::SharedRootTest {
 protected:
     static void SetUpTestSuite() {
-        root_ = new kova_host::PlatformRoot();
-        ASSERT_TRUE(root_->AddUser("alice")) << root_->lastError();
+        ASSERT_TRUE(NewRoot().AddUser("alice")) << root_->lastError();
         share_ = root_->AddShare("docs");
         ASSERT_FALSE(share_.empty()) << root_->lastError();
     }
-    static void TearDownTestSuite() {
-        delete root_;
-        root_ = nullptr;
-    }
-    void SetUp() override { ASSERT_TRUE(host().ok()) << host().error(); }
-    static ModuleHost &host() { return ModuleHost::Shared(); }
-    static kova_host::PlatformRoot *root_;
-    static std::string share_;
+    static inline std::string share_;
 };
-kova_host::PlatformRoot *Entry::root_ = nullptr;
-std::string Entry::share_;
 
 TEST_F(Entry, TableHasTheTenMethodsInOrder) {
     const struct {
@@ -108,9 +97,8 @@ TEST_F(Entry, HostReportsMemoryLostDuringACall) {
     EXPECT_TRUE(host().Call("get_ui_info", Params({}), AsRoot()).delivered);
 }
 
-// A rejected request never reaches its method; one let through runs it
-// (and the method logs the failed share lookup of the path outside every
-// share).
+// A rejected request never reaches its method; one let through logs the
+// failed share lookup of its path outside every share.
 TEST_F(Entry, ParameterChecksRejectOrPassEachRequest) {
     const std::string outside = "/nowhere/file";
     Json::Value bad = ValidRule();
@@ -207,9 +195,8 @@ TEST_F(Entry, ParameterChecksRejectOrPassEachRequest) {
     EXPECT_NE(403, v1.errorCode()) << "version 1 has no mandatory parameter: " << v1.Dump();
 }
 
-// Text with a NUL byte, or bytes that are not UTF-8, anywhere in a request
-// is a bad parameter: nothing reads it, checks it or acts on it. Before,
-// "<share>/alice\0/../bob" was judged and used as "<share>/alice".
+// A NUL byte or invalid UTF-8 anywhere in a request is a bad parameter that
+// nothing acts on ("<share>/alice\0/../bob" was once judged as ".../alice").
 TEST_F(Entry, TextWithNulOrInvalidUtf8IsRefusedBeforeAnythingRuns) {
     const std::string alice = share_ + "/alice", bob = share_ + "/bob";
     ASSERT_TRUE(root_->MakeDir(alice, 0777));
@@ -398,9 +385,8 @@ TEST_F(Privileged, ARefusedGroupChangeIsLoggedAndTheWorkStillRuns) {
 }
 
 TEST_F(Privileged, ARefusedUidChangeFailsBothBrackets) {
-    // Real and saved uid are the user's, the gids stay regainable: ENTER
-    // raises the group, fails on the uid; LEAVE cannot put the group back
-    // without root.
+    // Real and saved uid are the user's: ENTER raises the group, fails on the
+    // uid; LEAVE cannot put the group back without root.
     const uid_t uid = root_->Uid("alice");
     CallOptions o = Explicit(uid, 100, {100});
     o.beforeHandler = [uid] {

@@ -1,6 +1,5 @@
-// get through the shipped module, on real files of a platform root: ACL and
-// mode-only paths, inherited entries, administrators and other users, and
-// every error code (host failures through fault injection).
+// get through the host on real files: ACL and mode-only paths, inherited
+// entries, administrators and other users, every error code.
 #include "module-host.h"
 #include "platform-fixture.h"
 #include "request-fixture.h"
@@ -52,11 +51,10 @@ std::vector<std::string> OwnerNames(const Json::Value &acl) {
     return names;
 }
 
-class Get : public ::testing::Test {
+class Get : public kova_module_test::SharedRootTest {
 protected:
     static void SetUpTestSuite() {
-        root_ = new kova_host::PlatformRoot();
-        kova_host::PlatformRoot &p = *root_;
+        kova_host::PlatformRoot &p = NewRoot();
         for (const char *u : {"alice", "bob", "dave", "carol"}) ASSERT_TRUE(p.AddUser(u)) << p.lastError();
         ASSERT_TRUE(p.AddUser("svc", 300, true)) << p.lastError();
         ASSERT_TRUE(p.AddGroup("staff")) << p.lastError();
@@ -93,12 +91,6 @@ protected:
         ASSERT_TRUE(p.DeleteUser("carol")) << p.lastError();
         ASSERT_TRUE(p.DeleteGroup("oldgrp")) << p.lastError();
     }
-    static void TearDownTestSuite() {
-        delete root_;
-        root_ = nullptr;
-    }
-    void SetUp() override { ASSERT_TRUE(ModuleHost::Shared().ok()) << ModuleHost::Shared().error(); }
-
     static CallResult Call(const std::string &user, const std::string &rel, const std::string &type,
                            std::vector<Fault> faults = {}) {
         Json::Value params(Json::objectValue);
@@ -106,11 +98,8 @@ protected:
         params["type"] = type;
         return ModuleHost::Shared().Call("get", params, kova_module_test::As(user, std::move(faults)));
     }
-    static kova_host::PlatformRoot *root_;
-    static std::string share_;
+    static inline std::string share_;
 };
-kova_host::PlatformRoot *Get::root_ = nullptr;
-std::string Get::share_;
 
 TEST_F(Get, AdministratorReadsEveryNameableEntry) {
     CallResult r = Call("admin", "project", "all");

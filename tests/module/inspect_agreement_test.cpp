@@ -1,11 +1,7 @@
-// The module's rights evaluation (acl/rights.h, what inspect answers with)
-// must be the rule the platform enforces. On randomly generated trees (fixed
-// seed) with random owners, mode bits, stored ACLs and inheritance, every
-// (path, user) pair is evaluated both ways from the same inputs: the
-// module's EffectiveRights over the path's owner and complete entries as the
-// platform lists them, and the platform's own evaluation through
-// KOVAACLPermGet run under the user's identity. The masks must agree bit by
-// bit.
+// The module's rights evaluation (what inspect answers) must be what the
+// platform enforces: on random trees (fixed seed), every (path, user) pair's
+// EffectiveRights over the platform's owner and entries must equal, bit by
+// bit, KOVAACLPermGet run under the user's identity.
 #include "platform-fixture.h"
 #include "request-fixture.h"
 
@@ -122,10 +118,8 @@ protected:
         return out;
     }
 
-    // The module's evaluation for `who` on the path, from what the platform
-    // reports as root: the owner, and the complete entries (stored and
-    // inherited) or, for a path in mode bits, the entries those stand for.
-    // Negative when an input cannot be read.
+    // The module's evaluation for `who` from the owner and complete entries
+    // (or the mode bits' entries) read as root; negative when unreadable.
     long Evaluated(const std::string &path, const std::string &share, RightsPrincipal who) {
         KOVA_ACL_ID owner = {0, 0};
         if (KOVAACLOwnerIdGet(path.c_str(), &owner) != 0) return -1;
@@ -277,10 +271,8 @@ TEST_F(InspectAgreementTest, TheModulesEvaluationIsWhatThePlatformEnforces) {
     EXPECT_GT(groupOwned, 10);
 }
 
-// Root is no principal of an ACL: the platform lets it pass every check,
-// while the module's evaluation speaks only for accounts and built-in
-// principals. The nearest principal, SYSTEM, gets exactly what the entries
-// give it.
+// Root passes every platform check but is no ACL principal; the nearest,
+// SYSTEM, gets exactly what the entries give it.
 TEST_F(InspectAgreementTest, RootDiffersByDesign) {
     const std::string share = root_.AddShare("r");
     ASSERT_FALSE(share.empty()) << root_.lastError();

@@ -1,6 +1,5 @@
-// inspect through the shipped module on real files: every principal kind,
-// the order in which entries decide, the owner's and the administrators'
-// starting rights, and each error code.
+// inspect through the host on real files: principal kinds, the order entries
+// decide in, owner and administrator rights, each error code.
 #include "principal-fixture.h"
 
 #include "kova/acl.h"
@@ -41,23 +40,6 @@ protected:
         ASSERT_TRUE(root_.AddUser("svc", 300, true)) << root_.lastError();
         ASSERT_TRUE(root_.AddMember("staff", "bob")) << root_.lastError();
         ASSERT_TRUE(root_.AddMember("other", "bob")) << root_.lastError();
-    }
-
-    CallResult Inspect(const std::string &path, const std::string &type, const std::string &name,
-                       const CallOptions &options = CallOptions()) {
-        Json::Value params(Json::objectValue);
-        params["file_path"] = path;
-        params["owner_type"] = type;
-        params["owner_name"] = name;
-        return host().Call("inspect", params, options);
-    }
-
-    // The permission mask of a successful inspect; fails the test otherwise.
-    unsigned int Mask(const CallResult &result) {
-        EXPECT_TRUE(result.success()) << result.Dump();
-        if (!result.success()) return 0xDEAD0000u;
-        EXPECT_EQ(1u, result.data().size()) << result.Dump();
-        return kova_module_test::PermissionMask(result.data()["permission"]);
     }
 
     unsigned int MaskFor(const std::string &path, const std::string &type, const std::string &name) {
@@ -204,9 +186,8 @@ TEST_F(InspectTest, PrivilegedSectionsStandAroundTheReadsOfAnAdministratorCaller
     EXPECT_FALSE(carol.HasLog(39, "acl:1532 WARNING: setresuid(-1, 0, -1)")) << carol.LogDump();
 }
 
-// The caller's administrator check failing (a negative answer) leaves the
-// caller an ordinary user: the reads are not raised, so a path the caller
-// cannot read stays unread.
+// A failed administrator check of the caller raises no read: what the
+// caller cannot read stays unread.
 TEST_F(InspectTest, AFailedAdministratorCheckOfTheCallerRaisesNothing) {
     const std::string f = File("closed.txt");
     Acl(f, {"user:alice:allow:rwc:----"}, false);

@@ -17,49 +17,28 @@
 
 namespace {
 
-using kova_module_test::kInheritKeys;
-using kova_module_test::kPermKeys;
-
-// Masks in these tests count in table order (bit 0 "read_data" ... bit 12
-// "take_ownership"), not in platform bits.
-
-Json::Value Flags(const char *const *keys, size_t n, unsigned mask) {
-    Json::Value obj(Json::objectValue);
-    for (size_t i = 0; i < n; ++i) obj[keys[i]] = ((mask >> i) & 1) != 0;
-    return obj;
-}
-Json::Value Perm(unsigned mask) { return Flags(kPermKeys, 13, mask); }
-Json::Value Inherit(unsigned mask) { return Flags(kInheritKeys, 4, mask); }
-
-Json::Value Rule(const std::string &type, const std::string &name, const std::string &access = "allow",
-                 unsigned perm = 0x1FFF, unsigned inherit = 0xF) {
-    Json::Value r(Json::objectValue);
-    r["owner_type"] = type;
-    r["owner_name"] = name;
-    r["permission_type"] = access;
-    r["permission"] = Perm(perm);
-    r["inherit"] = Inherit(inherit);
-    return r;
+// A rule of alice's from masks in table order (bit 0 "read_data" ... bit 12
+// "take_ownership"; inherit bits: child_files, child_folders, this_folder,
+// all_descendants), not platform bits.
+Json::Value Rule(const std::string &access, unsigned perm, unsigned inherit) {
+    std::string letters;
+    for (unsigned i = 0; i < 13; ++i)
+        if ((perm >> i) & 1) letters += kova_module_test::kPermLetters[i];
+    const std::string flags = {(inherit & 1) ? 'f' : '-', (inherit & 2) ? 'd' : '-', (inherit & 4) ? '-' : 'i',
+                               (inherit & 8) ? '-' : 'n'};
+    return kova_module_test::RuleJson("user", "alice", access, letters, flags);
 }
 
-class ModelUnit : public ::testing::Test {
+class ModelUnit : public kova_module_test::SharedRootTest {
 protected:
     static void SetUpTestSuite() {
-        root_ = new kova_host::PlatformRoot();
-        ASSERT_TRUE(root_->AddUser("alice")) << root_->lastError();
+        ASSERT_TRUE(NewRoot().AddUser("alice")) << root_->lastError();
         share_ = root_->AddShare("docs");
         ASSERT_FALSE(share_.empty()) << root_->lastError();
     }
-    static void TearDownTestSuite() {
-        delete root_;
-        root_ = nullptr;
-    }
     void TearDown() override { KLIBCFaultClearAll(); }
-    static kova_host::PlatformRoot *root_;
-    static std::string share_;
+    static inline std::string share_;
 };
-kova_host::PlatformRoot *ModelUnit::root_ = nullptr;
-std::string ModelUnit::share_;
 
 TEST_F(ModelUnit, FileSystemTypesAreJudgedInOrder) {
     KOVA::APIRequest request(Json::Value(Json::objectValue), "admin", "s");
@@ -99,7 +78,7 @@ TEST_F(ModelUnit, FlagsSurviveARoundTripThroughThePlatform) {
     for (unsigned bit = 0; bit < 13; ++bit) masks.push_back(1u << bit);
     for (unsigned perm : masks) {
         for (unsigned inherit = 0; inherit < 16; ++inherit) {
-            Json::Value rule = Rule("user", "alice", (perm & 1) ? "allow" : "deny", perm, inherit);
+            Json::Value rule = Rule((perm & 1) ? "allow" : "deny", perm, inherit);
             KOVA_ACL_ENTRY ace;
             std::memset(&ace, 0, sizeof ace);
             ASSERT_TRUE(RuleObj2AclAce(rule, &ace));

@@ -1,6 +1,5 @@
-// list_owners version 2 through the test host, against a platform root with
-// local accounts, an LDAP cache filled from a real slapd and the caches of
-// two Windows domains.
+// list_owners version 2 through the test host: local accounts, an LDAP cache
+// filled from a real slapd and the caches of two Windows domains.
 #include "owners-fixture.h"
 #include "temp-root.h"
 
@@ -11,6 +10,7 @@
 #include <syslog.h>
 
 #include <algorithm>
+#include <map>
 #include <memory>
 #include <set>
 #include <vector>
@@ -27,36 +27,32 @@ using kova_module_test::As;
 using kova_owners_test::Parse;
 using kova_owners_test::World;
 
-// One directory entry of a domain, as an LDIF record.
-std::string LdifUser(const std::string &name, const std::string &dn, const std::string &desc, const std::string &mail,
-                     const std::string &fullname) {
-    return "dn: " + dn + "\nobjectClass: inetOrgPerson\nuid: " + name + "\ncn: " + fullname + "\nsn: " + name +
-           "\ndisplayName: " + fullname + "\nmail: " + mail + "\ndescription: " + desc + "\n\n";
-}
-
-std::string LdifGroup(const std::string &name, const std::string &dn, const std::string &desc) {
-    return "dn: " + dn + "\nobjectClass: posixGroup\ncn: " + name + "\ngidNumber: 7000\ndescription: " + desc + "\n\n";
-}
-
-// Two domains: CORP (two users, one group) and BRANCH (two users, one
-// group), every name starting with "kxd", spread over Sales and IT units.
+// Two domains, CORP and BRANCH, each with two users and a group named
+// "kxd...", spread over Sales and IT units.
 bool JoinDomains(PlatformRoot &root) {
-    const std::string corp = root.At("corp.ldif"), branch = root.At("branch.ldif");
-    kova_test::WriteFile(corp, LdifUser("kxd-dana", "uid=kxd-dana,ou=Sales,dc=corp,dc=example", "Sales lead",
-                                        "dana@corp.example", "Dana Sales") +
-                                   LdifUser("kxd-erik", "uid=kxd-erik,ou=IT,dc=corp,dc=example", "Printer wrangler",
-                                            "erik@corp.example", "Erik Ops") +
-                                   LdifGroup("kxd-sales-corp", "cn=kxd-sales-corp,ou=Sales,dc=corp,dc=example",
-                                             "Corp sellers"));
-    kova_test::WriteFile(branch, LdifUser("kxd-fiona", "uid=kxd-fiona,ou=Sales,dc=branch,dc=example", "Branch sales",
-                                          "fiona@branch.example", "Fiona Field") +
-                                     LdifUser("kxd-gus", "uid=kxd-gus,ou=IT,dc=branch,dc=example", "Network",
-                                              "gus@branch.example", "Gus Wire") +
-                                     LdifGroup("kxd-it-branch", "cn=kxd-it-branch,ou=IT,dc=branch,dc=example",
-                                               "Branch IT"));
+    const struct {
+        const char *domain, *unit, *name, *desc, *mail, *fullname;  // no mail: a group
+    } entries[] = {
+        {"corp", "Sales", "kxd-dana", "Sales lead", "dana@corp.example", "Dana Sales"},
+        {"corp", "IT", "kxd-erik", "Printer wrangler", "erik@corp.example", "Erik Ops"},
+        {"corp", "Sales", "kxd-sales-corp", "Corp sellers", nullptr, nullptr},
+        {"branch", "Sales", "kxd-fiona", "Branch sales", "fiona@branch.example", "Fiona Field"},
+        {"branch", "IT", "kxd-gus", "Network", "gus@branch.example", "Gus Wire"},
+        {"branch", "IT", "kxd-it-branch", "Branch IT", nullptr, nullptr},
+    };
+    std::map<std::string, std::string> ldif;
+    for (const auto &e : entries) {
+        const std::string name = e.name, rdn = (e.mail ? "uid=" : "cn=") + name;
+        ldif[e.domain] += "dn: " + rdn + ",ou=" + e.unit + ",dc=" + e.domain + ",dc=example\n";
+        ldif[e.domain] += e.mail ? "objectClass: inetOrgPerson\nuid: " + name + "\ncn: " + e.fullname + "\nsn: " + name +
+                                       "\ndisplayName: " + e.fullname + "\nmail: " + e.mail + "\n"
+                                 : "objectClass: posixGroup\ncn: " + name + "\ngidNumber: 7000\n";
+        ldif[e.domain] += "description: " + std::string(e.desc) + "\n\n";
+    }
+    for (const auto &d : ldif) kova_test::WriteFile(root.At(d.first + ".ldif"), d.second);
     // Without trusted domains the host knows only the joined one (CORP).
-    return root.Admin({"domain", "join", "CORP", "--from-ldif", corp}) == 0 &&
-           root.Admin({"domain", "join", "BRANCH", "--from-ldif", branch}) == 0 &&
+    return root.Admin({"domain", "join", "CORP", "--from-ldif", root.At("corp.ldif")}) == 0 &&
+           root.Admin({"domain", "join", "BRANCH", "--from-ldif", root.At("branch.ldif")}) == 0 &&
            root.SetDomainFlag("trusted", true);
 }
 
@@ -67,8 +63,7 @@ bool AddUser(const char *name, const char *desc, const char *mail, bool internal
 std::string BuildWorld(World &w) {
     w.root.reset(new PlatformRoot());
     PlatformRoot &root = *w.root;
-    // Local accounts, all named "kx..." so a keyword isolates them from the
-    // root's own accounts.
+    // Local accounts named "kx..." so that a keyword isolates them.
     if (!AddUser("kxalice", "Head of Payroll", "alice@corp.example", false) ||
         !AddUser("kxbob", nullptr, nullptr, false) || !AddUser("kxcarol", "Courier", "carol@mail.example", false) ||
         !AddUser("kxdave", "Night shift", nullptr, false) || !AddUser("kxsvc-backup", "Backup agent", nullptr, true) ||
@@ -83,16 +78,8 @@ std::string BuildWorld(World &w) {
 
     if (!kova_test::Slapd::Installed()) return "slapd is not installed";
     w.slapd.reset(new kova_test::Slapd(12, 3));
-    kova_test::Slapd::Account underscore;
-    underscore.uid = "kx_ldap";
-    underscore.desc = "Payroll archive";
-    underscore.mail = "archive@ldap.example";
-    underscore.fullname = "Archive Keeper";
-    w.slapd->Add(underscore);
-    kova_test::Slapd::Account lookalike;
-    lookalike.uid = "kxQldap";
-    lookalike.fullname = "Look Alike";
-    w.slapd->Add(lookalike);
+    w.slapd->Add({"kx_ldap", "Payroll archive", "archive@ldap.example", "Archive Keeper"});
+    w.slapd->Add({"kxQldap", "", "", "Look Alike"});
     std::string error = kova_owners_test::StartLdapSource(w);
     if (!error.empty()) return error;
     if (!JoinDomains(root)) return root.lastError();
@@ -141,8 +128,7 @@ TEST_F(OwnersV2, EmptyScopeAndUnknownType) {
     EXPECT_EQ(0u, empty.data()["owners"].size());
     EXPECT_EQ(0u, Total(empty));
 
-    // The local source is set up to fail loudly: if it ran, its log line
-    // would appear.
+    // The local source would fail loudly (a log line) if it ran.
     CallResult unknown = List(Scope("{\"type\": \"local\"}, {\"type\": \"nis\", \"config\": {}}"),
                               As("admin", {Fault{"KLIBUserInfoEnum", 0, -1, KOVA_ERR_IO}}));
     ASSERT_EQ(403, unknown.errorCode()) << unknown.Dump();
@@ -338,13 +324,12 @@ TEST_F(OwnersV2, DomainsAcrossBothCaches) {
 TEST_F(OwnersV2, BindonFiltersOrSelectsTheDomain) {
     // Trusted domains off: every joined domain, filtered by the DN suffix.
     ASSERT_TRUE(world().root->SetDomainFlag("trusted", false)) << world().root->lastError();
-    CallResult filtered = List("{\"keywordFields\": {}, \"searchScope\": [{\"type\": \"domain\", \"config\": "
-                               "{\"bindon\": \"ou=Sales,dc=corp,dc=example\"}}]}");
+    CallResult filtered =
+        List(Scope("{\"type\": \"domain\", \"config\": {\"bindon\": \"ou=Sales,dc=corp,dc=example\"}}"));
     ASSERT_TRUE(filtered.success()) << filtered.Dump();
     EXPECT_EQ((std::vector<std::string>{"user:kxd-dana", "group:kxd-sales-corp"}), Names(filtered));
     // The suffix must end the DN.
-    CallResult middle = List("{\"keywordFields\": {}, \"searchScope\": [{\"type\": \"domain\", \"config\": "
-                             "{\"bindon\": \"ou=Sales\"}}]}");
+    CallResult middle = List(Scope("{\"type\": \"domain\", \"config\": {\"bindon\": \"ou=Sales\"}}"));
     CallResult plain = Search("domain", "kxd");
     ASSERT_TRUE(world().root->SetDomainFlag("trusted", true)) << world().root->lastError();
     EXPECT_TRUE(Names(middle).empty()) << middle.Dump();
@@ -362,8 +347,7 @@ TEST_F(OwnersV2, BindonFiltersOrSelectsTheDomain) {
 
 TEST_F(OwnersV2, UnavailableDirectoriesContributeNothing) {
     PlatformRoot bare;  // neither bound nor joined
-    CallResult r = List("{\"keywordFields\": {}, \"searchScope\": [{\"type\": \"ldap\"}, {\"type\": \"domain\"}, "
-                        "{\"type\": \"builtin\"}]}");
+    CallResult r = List(Scope("{\"type\": \"ldap\"}, {\"type\": \"domain\"}, {\"type\": \"builtin\"}"));
     ASSERT_TRUE(r.success()) << r.Dump();
     EXPECT_EQ(4u, Total(r));
     EXPECT_TRUE(r.HasLog(LOG_DEBUG, "acl:1220 ldap is not bound")) << r.LogDump();

@@ -28,6 +28,24 @@ protected:
 
     static const kova_host::ModuleHost &host() { return kova_host::ModuleHost::Shared(); }
 
+    // inspect of `name` on `path`, asked by the administrator by default.
+    static kova_host::CallResult Inspect(const std::string &path, const std::string &type, const std::string &name,
+                                         const kova_host::CallOptions &options = kova_host::CallOptions()) {
+        Json::Value params(Json::objectValue);
+        params["file_path"] = path;
+        params["owner_type"] = type;
+        params["owner_name"] = name;
+        return host().Call("inspect", params, options);
+    }
+
+    // The permission mask of a successful answer; fails the test otherwise.
+    static unsigned int Mask(const kova_host::CallResult &result) {
+        EXPECT_TRUE(result.success()) << result.Dump();
+        if (!result.success()) return 0xDEAD0000u;
+        EXPECT_EQ(1u, result.data().size()) << result.Dump();
+        return kova_module_test::PermissionMask(result.data()["permission"]);
+    }
+
     kova_host::PlatformRoot root_;
     std::string share_;
 };

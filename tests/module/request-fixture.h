@@ -7,15 +7,20 @@
 #define KOVA_TEST_REQUEST_FIXTURE_H
 
 #include "module-host.h"
+#include "platform-fixture.h"
 
 #include "kova/acl.h"
 
 #include <gtest/gtest.h>
+#include <sys/xattr.h>
 #include <syslog.h>
 #include <unistd.h>
 
+#include <cstring>
 #include <functional>
 #include <initializer_list>
+#include <map>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
@@ -86,6 +91,30 @@ inline Json::Value Array(std::initializer_list<Json::Value> items) {
     Json::Value list(Json::arrayValue);
     for (const Json::Value &v : items) list.append(v);
     return list;
+}
+
+// A set request changing the ACL of `path`, reached through the folder
+// `dir` ("/share/rel").
+inline Json::Value SetParams(const std::string &path, const std::string &dir,
+                             const Json::Value &rules = Json::Value(Json::arrayValue), bool inherited = true) {
+    Json::Value p(Json::objectValue);
+    p["file_path"] = path;
+    p["dirPaths"] = dir;
+    p["change_acl"] = true;
+    p["inherited"] = inherited;
+    p["rules"] = rules;
+    return p;
+}
+
+// The same request also giving the path (with `recur`, every entry below
+// it too) to an owner.
+inline Json::Value WithOwner(Json::Value params, const std::string &type, const std::string &name,
+                             bool recur = false) {
+    params["change_acl_owner"] = true;
+    params["acl_owner_type"] = type;
+    params["acl_owner"] = name;
+    if (recur) params["acl_owner_recur"] = true;
+    return params;
 }
 
 // Call options for a request made by `user` (with its own ids), with the
@@ -185,12 +214,67 @@ inline StoredAcl ReadStored(const std::string &path) {
     return out;
 }
 
+// The names and values of a path's trusted.* attributes, read without
+// following a link.
+inline std::map<std::string, std::string> TrustedXattrs(const std::string &path) {
+    std::map<std::string, std::string> out;
+    char names[8192];
+    const ssize_t size = llistxattr(path.c_str(), names, sizeof names);
+    for (ssize_t at = 0; size > 0 && at < size; at += static_cast<ssize_t>(strlen(names + at)) + 1) {
+        const std::string name = names + at;
+        if (name.compare(0, 8, "trusted.") != 0) continue;
+        char value[65536];
+        const ssize_t n = lgetxattr(path.c_str(), name.c_str(), value, sizeof value);
+        out[name] = n < 0 ? "<unreadable>" : std::string(value, static_cast<size_t>(n));
+    }
+    return out;
+}
+
 // Own entries of a path: -1 when it has no stored ACL, -2 when unreadable.
 inline int StoredCount(const std::string &path) {
     const StoredAcl acl = ReadStored(path);
     if (!acl.stored) return -1;
     return acl.readable ? acl.count : -2;
 }
+
+// A platform root with the administrator "boss", the users "alice" and
+// "bob" and the ACL-enabled share "pub" (share_), made for each test.
+class ShareFixture : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_TRUE(host_.ok()) << host_.error();
+        for (const char *user : {"boss", "alice", "bob"}) ASSERT_TRUE(root_.AddUser(user)) << root_.lastError();
+        ASSERT_TRUE(root_.MakeAdmin("boss")) << root_.lastError();
+        share_ = root_.AddShare("pub");
+        ASSERT_FALSE(share_.empty()) << root_.lastError();
+    }
+
+    // A set of `rules` on "pub/<rel>".
+    Json::Value SetOn(const std::string &rel, const Json::Value &rules = Json::Value(Json::arrayValue),
+                      bool inherited = true) const {
+        return SetParams(share_ + "/" + rel, "/pub/" + rel, rules, inherited);
+    }
+
+    kova_host::ModuleHost &host_ = kova_host::ModuleHost::Shared();
+    kova_host::PlatformRoot root_;
+    std::string share_;
+    const CallOptions admin_ = As("boss"), alice_ = As("alice"), bob_ = As("bob");
+};
+
+// Tests sharing one platform root: the suite's SetUpTestSuite fills the
+// root NewRoot() makes; it is dropped when the suite ends.
+class SharedRootTest : public ::testing::Test {
+protected:
+    static kova_host::PlatformRoot &NewRoot() {
+        root_.reset(new kova_host::PlatformRoot());
+        return *root_;
+    }
+    static void TearDownTestSuite() { root_.reset(); }
+    void SetUp() override { ASSERT_TRUE(host().ok()) << host().error(); }
+    static kova_host::ModuleHost &host() { return kova_host::ModuleHost::Shared(); }
+
+    static inline std::unique_ptr<kova_host::PlatformRoot> root_;
+};
 
 } // namespace kova_module_test
 

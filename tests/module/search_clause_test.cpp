@@ -1,7 +1,5 @@
-// Upper-casing of the directory sources' keywords, where Unicode makes the
-// text grow (the clause text and escaping are checked end to end by
-// owners_v2_test). The helpers' source is compiled into this program;
-// upper-casing goes to the core platform library.
+// Upper-casing of the directory sources' keywords, where Unicode makes text
+// grow (clause text and escaping are checked end to end by owners_v2_test).
 #include "../../module/usergroup-enumerator/like-clause.cpp"
 
 #include "kova/fault.h"

@@ -26,11 +26,10 @@ namespace {
 using kova_host::CallOptions;
 using kova_host::CallResult;
 using kova_host::Fault;
-using kova_host::ModuleHost;
-using kova_host::PlatformRoot;
 
 using kova_module_test::As;
 using kova_module_test::RunSet;
+using kova_module_test::WithOwner;
 using kova_module_test::StoredCount;
 
 // An inherited rule granting read_data (or nothing).
@@ -44,41 +43,17 @@ int OwnerUid(const std::string &path) {
     return owner.id;
 }
 
-class SetChecksTest : public ::testing::Test {
+class SetChecksTest : public kova_module_test::ShareFixture {
 protected:
-    void SetUp() override {
-        ASSERT_TRUE(host_.ok()) << host_.error();
-        ASSERT_TRUE(root_.AddUser("boss")) << root_.lastError();
-        ASSERT_TRUE(root_.MakeAdmin("boss")) << root_.lastError();
-        ASSERT_TRUE(root_.AddUser("alice")) << root_.lastError();
-        ASSERT_TRUE(root_.AddUser("bob")) << root_.lastError();
-        share_ = root_.AddShare("pub");
-        ASSERT_FALSE(share_.empty()) << root_.lastError();
+    // A set of one rule letting alice read, of `path` within the folder `dir`.
+    static Json::Value AclAt(const std::string &path, const std::string &dir) {
+        return kova_module_test::SetParams(path, dir, kova_module_test::Array({Rule("user", "alice")}));
     }
 
-    // A set of one rule on `rel` (below the share "pub").
-    Json::Value AclParams(const std::string &rel, const std::string &share = "pub") {
-        Json::Value params(Json::objectValue);
-        params["file_path"] = root_.At("volumes/volume1/" + share + "/" + rel);
-        params["dirPaths"] = "/" + share + "/" + rel;
-        params["change_acl"] = true;
-        params["inherited"] = true;
-        params["rules"] = kova_module_test::Array({Rule("user", "alice")});
-        return params;
+    // The same of "<share>/<rel>".
+    Json::Value AclParams(const std::string &rel, const std::string &share = "pub") const {
+        return AclAt(root_.At("volumes/volume1/" + share + "/" + rel), "/" + share + "/" + rel);
     }
-
-    // The same request also giving the path to an owner.
-    static Json::Value WithOwner(Json::Value params, const std::string &type, const std::string &name) {
-        params["change_acl_owner"] = true;
-        params["acl_owner_type"] = type;
-        params["acl_owner"] = name;
-        return params;
-    }
-
-    ModuleHost &host_ = ModuleHost::Shared();
-    PlatformRoot root_;
-    std::string share_;
-    const CallOptions admin_ = As("boss"), alice_ = As("alice");
 };
 
 // ---- request side ------------------------------------------------------
@@ -113,13 +88,9 @@ TEST_F(SetChecksTest, ShareStateAndPrivilegeRefusalsChangeNothing) {
     CallResult readOnly = RunSet(AclParams("sub", "ro"), admin_);
     EXPECT_EQ(6214, readOnly.errorCode()) << readOnly.Dump();
     EXPECT_EQ(-1, StoredCount(ro + "/sub"));
-    // Its root, for a plain user with read-write privilege there: the
-    // privilege's read-only flag refuses it.
+    // Its root, for a plain user with read-write privilege: refused too.
     ASSERT_GE(KOVASharePrivSet("ro", 1, "alice", KOVA_SHARE_PRIV_RW), 0);
-    Json::Value roRoot = AclParams("sub", "ro");
-    roRoot["file_path"] = ro;
-    roRoot["dirPaths"] = "/ro";
-    CallResult rootRefused = RunSet(roRoot, alice_);
+    CallResult rootRefused = RunSet(AclAt(ro, "/ro"), alice_);
     EXPECT_EQ(6209, rootRefused.errorCode()) << rootRefused.Dump();
     EXPECT_EQ(-1, StoredCount(ro));
 
@@ -146,8 +117,7 @@ TEST_F(SetChecksTest, ShareStateAndPrivilegeRefusalsChangeNothing) {
         EXPECT_EQ(-1, StoredCount(dir + "/sub"));
     }
 
-    // A share that is gone when the task looks it up by name (the first
-    // lookup is the folder resolution's, the second the task's own).
+    // The share is gone at the task's own lookup (the second one).
     ASSERT_TRUE(root_.MakeDir(share_ + "/sub", 0777));
     const CallOptions noShare = As("boss", {Fault{"KOVAShareGet", 2, -1, KOVA_ERR_NOSHARE}});
     CallResult missing = RunSet(AclParams("sub"), noShare);
@@ -158,8 +128,7 @@ TEST_F(SetChecksTest, ShareStateAndPrivilegeRefusalsChangeNothing) {
     CallResult denied = RunSet(AclParams("sub"), alice_);
     EXPECT_EQ(6209, denied.errorCode()) << denied.Dump();
     EXPECT_EQ(-1, StoredCount(share_ + "/sub"));
-    // The same user with read-write privilege gets through on a folder it
-    // owns.
+    // With read-write privilege she gets through on a folder she owns.
     ASSERT_GE(KOVASharePrivSet("pub", 1, "alice", KOVA_SHARE_PRIV_RW), 0);
     ASSERT_TRUE(root_.MakeDir(share_ + "/mine", 0755, root_.Uid("alice")));
     CallResult allowed = RunSet(AclParams("mine"), alice_);
@@ -173,50 +142,36 @@ TEST_F(SetChecksTest, FolderResolutionAndPathChecks) {
     ASSERT_TRUE(root_.MakeDir(share_ + "/b", 0777));
 
     // Trailing slashes name the same folder.
-    Json::Value slashes = AclParams("a");
-    slashes["dirPaths"] = "/pub/a///";
-    CallResult sameFolder = RunSet(slashes, admin_);
+    CallResult sameFolder = RunSet(AclAt(share_ + "/a", "/pub/a///"), admin_);
     EXPECT_TRUE(sameFolder.success()) << sameFolder.Dump();
     EXPECT_EQ(1, StoredCount(share_ + "/a"));
 
     // A path outside the named folder.
-    Json::Value elsewhere = AclParams("a");
-    elsewhere["file_path"] = share_ + "/b";
-    CallResult outside = RunSet(elsewhere, admin_);
+    CallResult outside = RunSet(AclAt(share_ + "/b", "/pub/a"), admin_);
     EXPECT_EQ(6206, outside.errorCode()) << outside.Dump();
     EXPECT_EQ(-1, StoredCount(share_ + "/b"));
 
-    // The folder is compared by whole path components: "a2" does not lie
-    // in "a", nor a path of the share "pub2" in the share "pub" (whose
-    // flags and privileges would otherwise be the ones checked).
+    // Whole path components: "a2" is not in "a", nor share "pub2" in "pub".
     const std::string pub2 = root_.AddShare("pub2");
     ASSERT_FALSE(pub2.empty()) << root_.lastError();
     ASSERT_TRUE(root_.MakeDir(pub2 + "/x", 0777));
     for (const auto &named : {std::make_pair(std::string("/pub/a"), share_ + "/a2"),
                               std::make_pair(std::string("/pub"), pub2 + "/x"),
                               std::make_pair(std::string("/pub"), pub2)}) {
-        Json::Value prefix = AclParams("a");
-        prefix["dirPaths"] = named.first;
-        prefix["file_path"] = named.second;
-        CallResult prefixed = RunSet(prefix, admin_);
+        CallResult prefixed = RunSet(AclAt(named.second, named.first), admin_);
         EXPECT_EQ(6206, prefixed.errorCode()) << named.second << " in " << named.first << ": " << prefixed.Dump();
         EXPECT_EQ(-1, StoredCount(named.second)) << named.second;
     }
     // The folder itself and what lies below it still pass.
     ASSERT_TRUE(root_.MakeDir(share_ + "/a/in", 0777));
-    Json::Value below = AclParams("a");
-    below["file_path"] = share_ + "/a/in";
-    EXPECT_TRUE(RunSet(below, admin_).success());
+    EXPECT_TRUE(RunSet(AclAt(share_ + "/a/in", "/pub/a"), admin_).success());
     EXPECT_EQ(1, StoredCount(share_ + "/a/in"));
 
     // A folder that does not exist.
-    Json::Value missing = AclParams("a");
-    missing["dirPaths"] = "/pub/nowhere";
-    EXPECT_EQ(6207, RunSet(missing, admin_).errorCode());
+    EXPECT_EQ(6207, RunSet(AclAt(share_ + "/a", "/pub/nowhere"), admin_).errorCode());
 
-    // No folder at all: the answer comes from the last error, which must be
-    // this request's. A worker that served another request before (whose
-    // failure said "no such file") answers the generic failure, not 6207.
+    // No folder: the answer comes from this request's last error, not from
+    // a "no such file" an earlier request left in the worker.
     Json::Value noFolder = AclParams("a");
     noFolder.removeMember("dirPaths");
     CallOptions reused = admin_;
@@ -228,8 +183,7 @@ TEST_F(SetChecksTest, FolderResolutionAndPathChecks) {
     EXPECT_EQ(6205, RunSet(AclParams("a"), gone).errorCode());
 }
 
-// A non-administrator may not change one child: that child keeps its ACL,
-// everything else, its own entries included, is still changed.
+// A child a non-administrator may not change keeps its ACL; all else changes.
 TEST_F(SetChecksTest, ChildThatRefusesKeepsItsAclAndTheWalkGoesOn) {
     const uid_t alice = static_cast<uid_t>(root_.Uid("alice"));
     const std::string top = share_ + "/work";
@@ -239,14 +193,12 @@ TEST_F(SetChecksTest, ChildThatRefusesKeepsItsAclAndTheWalkGoesOn) {
     ASSERT_TRUE(root_.MakeDir(top + "/locked", 0755, 0));
     ASSERT_TRUE(root_.MakeFile(top + "/locked/inner", "", 0644, alice));
     ASSERT_TRUE(root_.MakeFile(top + "/z_mine", "", 0644, alice));
-    // Root's folder: readable by everyone, its ACL not changeable by alice
-    // and passing nothing down.
+    // Root's folder: readable by all, not changeable by alice, passing nothing down.
     ASSERT_TRUE(root_.SetAcl(top + "/locked", {"everyone::allow:r-x---a-R-c--:----"}, false)) << root_.lastError();
 
     Json::Value params = AclParams("work");
     params["acl_recur"] = true;
-    // Her walk lists and enters folders as the kernel lets her: she keeps
-    // traverse on what she sets, or the walk stops at its first folder.
+    // She keeps traverse on what she sets, or her walk stops at its first folder.
     params["rules"] = kova_module_test::Array({kova_module_test::RuleJson("user", "alice", "allow", "rx")});
     CallResult end = RunSet(params, alice_);
     ASSERT_TRUE(end.success()) << end.Dump();
@@ -275,8 +227,7 @@ TEST_F(SetChecksTest, OwnerRequestsThatCannotBeMet) {
     EXPECT_EQ(-1, StoredCount(path));
     EXPECT_EQ(0, OwnerUid(path));
 
-    // A non-administrator may only give a path to itself, and only with
-    // take_ownership.
+    // A non-administrator may only take a path for itself, with take_ownership.
     ASSERT_TRUE(root_.MakeDir(share_ + "/given", 0755, root_.Uid("alice")));
     ASSERT_TRUE(root_.SetAcl(share_ + "/given", {"user:alice:allow:rwxpdDaARWcCo:fd--"}));
     Json::Value giveAway = WithOwner(AclParams("given"), "user", "bob");
@@ -287,10 +238,8 @@ TEST_F(SetChecksTest, OwnerRequestsThatCannotBeMet) {
 
     ASSERT_TRUE(root_.MakeDir(share_ + "/taken", 0755, 0));
     ASSERT_TRUE(root_.SetAcl(share_ + "/taken", {"user:alice:allow:rwxpdDaARWcC-:fd--"}));
-    Json::Value take = giveAway;
-    take["file_path"] = share_ + "/taken";
-    take["dirPaths"] = "/pub/taken";
-    take["acl_owner"] = "alice";
+    Json::Value take = WithOwner(AclParams("taken"), "user", "alice");
+    take["change_acl"] = false;
     CallResult noRight = RunSet(take, alice_);
     EXPECT_EQ(6209, noRight.errorCode()) << noRight.Dump();
     EXPECT_EQ(0, OwnerUid(share_ + "/taken"));
@@ -327,11 +276,10 @@ TEST_F(SetChecksTest, EmptyRulesWriteAnEmptyAclWithTheRequestedInheritance) {
     params["rules"] = Json::Value(Json::arrayValue);
     params["inherited"] = false;
     ASSERT_TRUE(RunSet(params, admin_).success());
-    PKOVA_ACL acl = nullptr;
-    ASSERT_EQ(0, KOVAACLGet((share_ + "/e").c_str(), -1, KOVA_ACL_GET_OWN, &acl));
-    EXPECT_EQ(0, acl->aceCount);
-    EXPECT_EQ(0, acl->isInherited);
-    KOVAACLFree(acl);
+    const kova_module_test::StoredAcl empty = kova_module_test::ReadStored(share_ + "/e");
+    ASSERT_TRUE(empty.readable);
+    EXPECT_EQ(0, empty.count);
+    EXPECT_EQ(0, empty.inherited);
 
     // "rules": null is kept as given and builds the same empty ACL.
     ASSERT_TRUE(root_.MakeDir(share_ + "/n", 0777));
@@ -351,24 +299,18 @@ TEST_F(SetChecksTest, OwnHomeNeedsNoPrivilegeCheck) {
     ASSERT_TRUE(root_.MakeDir(homes + "/alice/docs", 0755, alice));
     ASSERT_GE(KOVASharePrivSet("homes", 1, "alice", KOVA_SHARE_PRIV_NONE), 0);
 
-    Json::Value params = AclParams("x");
-    params["file_path"] = homes + "/alice/docs";
-    params["dirPaths"] = "/home/docs";
-    CallResult own = RunSet(params, alice_);
+    CallResult own = RunSet(AclAt(homes + "/alice/docs", "/home/docs"), alice_);
     EXPECT_TRUE(own.success()) << own.Dump();
     EXPECT_EQ(1, StoredCount(homes + "/alice/docs"));
 
     // The same folder reached through the share itself is checked.
     ASSERT_TRUE(root_.MakeDir(homes + "/alice/other", 0755, alice));
-    params["file_path"] = homes + "/alice/other";
-    params["dirPaths"] = "/homes/alice/other";
-    CallResult viaShare = RunSet(params, alice_);
+    CallResult viaShare = RunSet(AclAt(homes + "/alice/other", "/homes/alice/other"), alice_);
     EXPECT_EQ(6209, viaShare.errorCode()) << viaShare.Dump();
     EXPECT_EQ(-1, StoredCount(homes + "/alice/other"));
 }
 
-// An unmapped ACL failure, or a failed walk, reads as success once the
-// owner was changed, and as 6200 when no owner change was asked.
+// An unmapped ACL failure or failed walk is success once the owner changed, else 6200.
 TEST_F(SetChecksTest, OwnerResultDecidesUnmappedFailures) {
     for (const char *dir : {"plain", "owned"}) {
         ASSERT_TRUE(root_.MakeDir(share_ + "/" + dir, 0777));
@@ -415,8 +357,7 @@ TEST_F(SetChecksTest, LinkAsThePathIsNotWalked) {
     ASSERT_TRUE(root_.MakeDir(share_ + "/real", 0777));
     ASSERT_TRUE(root_.MakeFile(share_ + "/real/f"));
     ASSERT_EQ(0, symlink((share_ + "/real").c_str(), (share_ + "/alias").c_str()));
-    Json::Value params = AclParams("alias");
-    params["dirPaths"] = "/pub";
+    Json::Value params = AclAt(share_ + "/alias", "/pub");
     params["acl_recur"] = true;
     CallResult r = RunSet(params, admin_);
     EXPECT_TRUE(r.success()) << r.Dump();
@@ -440,9 +381,7 @@ TEST_F(SetChecksTest, TransferLogRecordsARecursiveChangeOnce) {
     Json::Value recursive = AclParams("logged");
     recursive["acl_recur"] = true;
     ASSERT_TRUE(RunSet(recursive, withAddress).success());
-    Json::Value single = AclParams("single");
-    single["dirPaths"] = "/pub";
-    ASSERT_TRUE(RunSet(single, admin_).success());
+    ASSERT_TRUE(RunSet(AclAt(share_ + "/single", "/pub"), admin_).success());
 
     std::ifstream in(root_.At("var/log/xfer.log"));
     std::vector<std::string> lines;

@@ -1,10 +1,6 @@
-// The set task against a second shell that swaps folders of the tree for
-// links to a root-owned folder outside every share, through the shipped
-// module and the real platform: whatever the swaps, nothing outside the
-// share changes (owner, mode, any trusted.* attribute).
-//
-// The walk itself opens every folder relative to its parent without
-// following a link, but each entry's path goes to the platform as text:
+// The set task while a second shell swaps folders of the tree for links to a
+// root-owned folder outside every share: nothing outside changes (owner,
+// mode, trusted.* attributes). Entry paths reach the platform as text, so
 // this also holds the platform to acting only on what it judged.
 #include "module-host.h"
 #include "platform-fixture.h"
@@ -33,8 +29,6 @@ namespace {
 
 using kova_host::CallOptions;
 using kova_host::CallResult;
-using kova_host::PlatformRoot;
-using kova_module_test::As;
 using kova_module_test::WaitTask;
 
 // What may not change on a path: owner, mode and its trusted.* attributes.
@@ -43,14 +37,7 @@ std::string State(const std::string &path) {
     if (lstat(path.c_str(), &st) != 0) return "<gone>";
     std::ostringstream out;
     out << st.st_uid << ':' << st.st_gid << ':' << std::oct << st.st_mode << std::dec;
-    char names[8192];
-    const ssize_t size = llistxattr(path.c_str(), names, sizeof names);
-    for (ssize_t at = 0; size > 0 && at < size; at += static_cast<ssize_t>(strlen(names + at)) + 1) {
-        if (strncmp(names + at, "trusted.", 8) != 0) continue;
-        char value[65536];
-        const ssize_t n = lgetxattr(path.c_str(), names + at, value, sizeof value);
-        out << ' ' << (names + at) << '=' << (n < 0 ? std::string("?") : std::string(value, static_cast<size_t>(n)));
-    }
+    for (const auto &x : kova_module_test::TrustedXattrs(path)) out << ' ' << x.first << '=' << x.second;
     return out.str();
 }
 
@@ -68,11 +55,9 @@ void Snapshot(const std::string &path, std::map<std::string, std::string> &out) 
     for (const std::string &name : names) Snapshot(path + "/" + name, out);
 }
 
-// Swaps each folder with its link (renameat2 RENAME_EXCHANGE) over and
-// over until stopped; the last swap of each pair is undone at the end. It
-// runs as a process of its own, not a thread: the host forks a process per
-// call, and a fork taken while another thread runs leaves that thread's
-// memory unreachable to the leak check of sanitizer builds.
+// Swaps each folder with its link (RENAME_EXCHANGE) until stopped, then
+// undoes the last swaps. A process, not a thread: a fork taken while another
+// thread runs hides that thread's memory from the sanitizer's leak check.
 class Racer {
 public:
     explicit Racer(const std::vector<std::pair<std::string, std::string>> &pairs) {
@@ -131,20 +116,14 @@ private:
 };
 volatile sig_atomic_t Racer::stop_ = 0;
 
-class SetRaceTest : public ::testing::Test {
+class SetRaceTest : public kova_module_test::ShareFixture {
 protected:
     static constexpr int kSubs = 4, kFiles = 25;
     void SetUp() override {
-        ASSERT_TRUE(kova_host::ModuleHost::Shared().ok()) << kova_host::ModuleHost::Shared().error();
-        ASSERT_TRUE(root_.AddUser("boss")) << root_.lastError();
-        ASSERT_TRUE(root_.MakeAdmin("boss")) << root_.lastError();
-        ASSERT_TRUE(root_.AddUser("alice")) << root_.lastError();
-        share_ = root_.AddShare("pub");
-        ASSERT_FALSE(share_.empty()) << root_.lastError();
-
-        // Root's folder outside every share, holding entries named like
-        // the tree's (so that a path through a swapped link names a real
-        // entry there), and attributes of its own.
+        ShareFixture::SetUp();
+        if (HasFatalFailure()) return;
+        // Root's folder outside, with entries named like the tree's (a path
+        // through a swapped link names a real entry) and attributes of its own.
         outside_ = root_.At("outside");
         for (const std::string &dir : {outside_, outside_ + "/x", outside_ + "/target", outside_ + "/target/deeper"})
             ASSERT_TRUE(root_.MakeDir(dir, 0755));
@@ -202,10 +181,8 @@ protected:
         ASSERT_TRUE(end.delivered) << end.Dump();
     }
 
-    // Rounds of an administrator's recursive set of `top`, each changing
-    // the owner of every entry too when `owner` is set, while folders at
-    // two depths (and one file) keep changing places with links to the
-    // outside folder and to one of its folders.
+    // Rounds of an administrator's recursive set (with `owner`, of the owner
+    // too) while folders at two depths and a file swap with outside links.
     void AdministratorRounds(bool owner, int rounds) {
         const std::string top = share_ + "/tree";
         Tree(top, 8, kSubs, kFiles);
@@ -214,23 +191,12 @@ protected:
         ASSERT_EQ(0, symlink((outside_ + "/x").c_str(), (top + "/d2/s1/swap").c_str()));
         Racer racer({{top + "/d3", top + "/swap"}, {top + "/d5/s2", top + "/d5/swap"},
                      {top + "/d2/s1/f3", top + "/d2/s1/swap"}});
-        const CallOptions admin = As("boss");
+        Json::Value params =
+            SetOn("tree", kova_module_test::Array({kova_module_test::RuleJson("user", "alice", "allow", "rwxpdDaARWcCo")}));
+        params["acl_recur"] = true;
+        if (owner) params = kova_module_test::WithOwner(params, "user", "alice", true);
         for (int round = 0; round < rounds; ++round) {
-            Json::Value params(Json::objectValue);
-            params["file_path"] = top;
-            params["dirPaths"] = "/pub/tree";
-            params["change_acl"] = true;
-            params["inherited"] = true;
-            params["acl_recur"] = true;
-            params["rules"] =
-                kova_module_test::Array({kova_module_test::RuleJson("user", "alice", "allow", "rwxpdDaARWcCo")});
-            if (owner) {
-                params["change_acl_owner"] = true;
-                params["acl_owner_type"] = "user";
-                params["acl_owner"] = "alice";
-                params["acl_owner_recur"] = true;
-            }
-            RunSet(params, admin);
+            RunSet(params, admin_);
             if (HasFatalFailure()) return;
         }
         racer.Stop();
@@ -238,8 +204,7 @@ protected:
         ExpectOutsideUnchanged();
     }
 
-    PlatformRoot root_;
-    std::string share_, outside_;
+    std::string outside_;
     std::map<std::string, std::string> before_;
 };
 
@@ -247,9 +212,8 @@ TEST_F(SetRaceTest, AdministratorsRecursiveAclSetNeverReachesOutside) { Administ
 
 TEST_F(SetRaceTest, AdministratorsRecursiveOwnerChangeNeverReachesOutside) { AdministratorRounds(true, 16); }
 
-// A plain user changes the owner of an entry in its own folder while its
-// second shell swaps the folder on the way for a link to the outside
-// folder (which holds an entry of the same name).
+// A plain user's owner change in its own folder while the folder on the way
+// swaps with a link to the outside (holding an entry of the same name).
 TEST_F(SetRaceTest, APlainUsersOwnerChangeNeverReachesOutside) {
     const uid_t alice = static_cast<uid_t>(root_.Uid("alice"));
     const std::string mine = share_ + "/alice";
@@ -261,17 +225,12 @@ TEST_F(SetRaceTest, APlainUsersOwnerChangeNeverReachesOutside) {
     ASSERT_EQ(0, symlink(outside_.c_str(), (mine + "/link").c_str()));
     Racer racer({{mine + "/way", mine + "/link"}});
 
-    const CallOptions user = As("alice");
+    Json::Value params = kova_module_test::WithOwner(kova_module_test::SetParams(mine + "/way/target", "/pub/alice"),
+                                                     "user", "alice");
+    params["change_acl"] = false;
     for (int round = 0; round < 150; ++round) {
-        Json::Value params(Json::objectValue);
-        params["file_path"] = mine + "/way/target";
-        params["dirPaths"] = "/pub/alice";
-        params["change_acl"] = false;
-        params["change_acl_owner"] = true;
-        params["acl_owner_type"] = "user";
-        params["acl_owner"] = "alice";
         params["acl_owner_recur"] = round % 2 == 0;
-        RunSet(params, user);
+        RunSet(params, alice_);
         if (HasFatalFailure()) return;
     }
     racer.Stop();

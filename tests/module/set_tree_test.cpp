@@ -1,6 +1,5 @@
-// Recursive set on real trees, end to end through the test host: the task
-// is started by "set", followed with "status" and, for the large walk, cut
-// short with "stop"; every entry is then inspected through the platform.
+// Recursive set on real trees through the test host (set, status, stop);
+// every entry is then inspected through the platform.
 #include "module-host.h"
 #include "platform-fixture.h"
 #include "request-fixture.h"
@@ -26,6 +25,7 @@
 #include <functional>
 #include <map>
 #include <set>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -33,8 +33,6 @@ namespace {
 
 using kova_host::CallOptions;
 using kova_host::CallResult;
-using kova_host::ModuleHost;
-using kova_host::PlatformRoot;
 using kova_module_test::ReadStored;
 using kova_module_test::StoredAcl;
 using kova_module_test::WaitTask;
@@ -53,16 +51,20 @@ bool HasMarker(const std::string &path) {
            acl.entries[0].idType == KOVA_ACL_ID_EVERYONE && acl.entries[0].permission == KOVA_ACL_PERM_READ_DATA;
 }
 
-// read_data, or every permission; inheritable to files and folders or not.
-Json::Value Rule(const std::string &type, const std::string &name, const std::string &access, bool all,
-                 bool inheritable) {
-    return kova_module_test::RuleJson(type, name, access, all ? "rwxpdDaARWcCo" : "r", inheritable ? "fd--" : "----");
+// Every right, inherited by files and folders.
+Json::Value AllFor(const std::string &type, const std::string &name) {
+    return kova_module_test::Array({kova_module_test::RuleJson(type, name, "allow", "rwxpdDaARWcCo")});
 }
 
-// The entries below `top` in the order a pre-order walk over readdir meets
-// them (the order the file system gives is stable while the tree is not
-// changed), skipping what the walk skips. Only ext4-style file systems that
-// report entry types are expected here.
+// An entry as "<id type>:<id>:<access>:<permission>:<inherit>", numbers in hex.
+std::string EntryText(int idType, int id, unsigned access, unsigned permission, unsigned inherit) {
+    std::ostringstream out;
+    out << std::hex << idType << ':' << id << ':' << access << ':' << permission << ':' << inherit;
+    return out.str();
+}
+
+// The entries below `dir` in the walk's pre-order over readdir (stable while
+// the tree is unchanged), skipping what the walk skips.
 void WalkOrder(const std::string &dir, std::vector<std::string> &out) {
     DIR *d = opendir(dir.c_str());
     if (!d) return;
@@ -76,35 +78,9 @@ void WalkOrder(const std::string &dir, std::vector<std::string> &out) {
     closedir(d);
 }
 
-// The names and values of a path's trusted.* attributes, read as root
-// without following a link.
-std::map<std::string, std::string> TrustedXattrs(const std::string &path) {
-    std::map<std::string, std::string> out;
-    char names[8192];
-    const ssize_t size = llistxattr(path.c_str(), names, sizeof names);
-    for (ssize_t at = 0; size > 0 && at < size; at += static_cast<ssize_t>(strlen(names + at)) + 1) {
-        const std::string name = names + at;
-        if (name.compare(0, 8, "trusted.") != 0) continue;
-        char value[65536];
-        const ssize_t n = lgetxattr(path.c_str(), name.c_str(), value, sizeof value);
-        out[name] = n < 0 ? "<unreadable>" : std::string(value, static_cast<size_t>(n));
-    }
-    return out;
-}
-
-class SetTreeTest : public ::testing::Test {
+class SetTreeTest : public kova_module_test::ShareFixture {
 protected:
-    void SetUp() override {
-        ASSERT_TRUE(host_.ok()) << host_.error();
-        ASSERT_TRUE(root_.AddUser("boss")) << root_.lastError();
-        ASSERT_TRUE(root_.MakeAdmin("boss")) << root_.lastError();
-        ASSERT_TRUE(root_.AddUser("alice")) << root_.lastError();
-        share_ = root_.AddShare("pub");
-        ASSERT_FALSE(share_.empty()) << root_.lastError();
-    }
-
-    // Starts a set and returns its task id ("" on failure, with the reason
-    // recorded as a test failure).
+    // Starts a set: its task id, or "" and a test failure.
     std::string StartSet(const Json::Value &params, const CallOptions &options) {
         CallResult started = host_.Call("set", params, options);
         EXPECT_TRUE(started.success()) << started.Dump();
@@ -113,26 +89,17 @@ protected:
         return id;
     }
 
-    // A recursive ACL change of "pub/<rel>".
-    Json::Value RecursiveAcl(const std::string &rel, bool inherited, const Json::Value &rules) const {
-        Json::Value params(Json::objectValue);
-        params["file_path"] = share_ + "/" + rel;
-        params["dirPaths"] = "/pub/" + rel;
-        params["change_acl"] = true;
-        params["inherited"] = inherited;
+    // A recursive ACL change of "pub/<rel>", with `toAlice` also giving
+    // every entry to alice.
+    Json::Value RecursiveAcl(const std::string &rel, bool inherited, const Json::Value &rules,
+                             bool toAlice = false) const {
+        Json::Value params = SetOn(rel, rules, inherited);
         params["acl_recur"] = true;
-        params["rules"] = rules;
-        return params;
+        return toAlice ? kova_module_test::WithOwner(params, "user", "alice", true) : params;
     }
-
-    ModuleHost &host_ = ModuleHost::Shared();
-    PlatformRoot root_;
-    std::string share_;
-    const CallOptions admin_ = kova_module_test::As("boss");
 };
 
-// A tree of a few thousand entries with every kind of entry the walk must
-// treat specially.
+// A few thousand entries, with every kind the walk treats specially.
 TEST_F(SetTreeTest, RecursiveAclReachesEveryWalkedEntryAndNothingElse) {
     // Whatever name the platform hides, the tree below uses one it reports.
     std::string hiddenName;
@@ -179,8 +146,7 @@ TEST_F(SetTreeTest, RecursiveAclReachesEveryWalkedEntryAndNothingElse) {
             skipped.push_back(p);
         }
     }
-    // Link targets inside the share (outside the walked folder) and outside
-    // every share.
+    // Link targets in the share (outside the walked folder) and outside it.
     ASSERT_TRUE(root_.MakeDir(other));
     ASSERT_TRUE(root_.MakeFile(other + "/target", "t"));
     ASSERT_TRUE(root_.MakeDir(outside));
@@ -195,9 +161,9 @@ TEST_F(SetTreeTest, RecursiveAclReachesEveryWalkedEntryAndNothingElse) {
     ASSERT_EQ(0, symlink("../d5", links[4].c_str()));
     ASSERT_GT(walked.size(), 3000u);
 
-    const int aliceUid = root_.Uid("alice");
     const Json::Value params = RecursiveAcl("top", false, kova_module_test::Array({
-        Rule("user", "alice", "allow", true, true), Rule("everyone", "Everyone", "deny", false, false)}));
+        kova_module_test::RuleJson("user", "alice", "allow", "rwxpdDaARWcCo"),
+        kova_module_test::RuleJson("everyone", "Everyone", "deny", "r", "----")}));
 
     std::set<std::string> progress;
     CallResult end = WaitTask(StartSet(params, admin_), admin_,
@@ -208,16 +174,13 @@ TEST_F(SetTreeTest, RecursiveAclReachesEveryWalkedEntryAndNothingElse) {
     StoredAcl topAcl = ReadStored(top);
     ASSERT_TRUE(topAcl.readable);
     EXPECT_EQ(0, topAcl.inherited);
-    ASSERT_EQ(2u, topAcl.entries.size());
-    EXPECT_EQ(KOVA_ACL_ID_USER, topAcl.entries[0].idType);
-    EXPECT_EQ(aliceUid, topAcl.entries[0].id);
-    EXPECT_EQ(unsigned(KOVA_ACL_PERM_ALL), topAcl.entries[0].permission);
-    EXPECT_EQ(KOVA_ACL_INHERIT_FILE | KOVA_ACL_INHERIT_DIR, topAcl.entries[0].inherit);
-    EXPECT_EQ(KOVA_ACL_ALLOW, topAcl.entries[0].accessType);
-    EXPECT_EQ(KOVA_ACL_ID_EVERYONE, topAcl.entries[1].idType);
-    EXPECT_EQ(unsigned(KOVA_ACL_PERM_READ_DATA), topAcl.entries[1].permission);
-    EXPECT_EQ(0, topAcl.entries[1].inherit);
-    EXPECT_EQ(KOVA_ACL_DENY, topAcl.entries[1].accessType);
+    std::vector<std::string> entries;
+    for (const KOVA_ACL_ENTRY &e : topAcl.entries)
+        entries.push_back(EntryText(e.idType, e.id, e.accessType, e.permission, e.inherit));
+    EXPECT_EQ((std::vector<std::string>{EntryText(KOVA_ACL_ID_USER, root_.Uid("alice"), KOVA_ACL_ALLOW, KOVA_ACL_PERM_ALL,
+                                                  KOVA_ACL_INHERIT_FILE | KOVA_ACL_INHERIT_DIR),
+                                        EntryText(KOVA_ACL_ID_EVERYONE, -1, KOVA_ACL_DENY, KOVA_ACL_PERM_READ_DATA, 0)}),
+              entries);
 
     size_t wrong = 0;
     for (const std::string &p : walked)
@@ -227,8 +190,7 @@ TEST_F(SetTreeTest, RecursiveAclReachesEveryWalkedEntryAndNothingElse) {
     for (const std::string &p : targets) EXPECT_FALSE(ReadStored(p).stored) << "link target changed: " << p;
     for (const std::string &p : links) EXPECT_FALSE(ReadStored(p).stored) << "link changed: " << p;
 
-    // Whatever records status caught are the top path or every 500th
-    // entry of the walk, never a skipped entry.
+    // Progress records are the top or every 500th walked entry, never a skipped one.
     std::vector<std::string> order;
     WalkOrder(top, order);
     EXPECT_EQ(walked.size(), order.size());
@@ -240,8 +202,7 @@ TEST_F(SetTreeTest, RecursiveAclReachesEveryWalkedEntryAndNothingElse) {
     }
 }
 
-// The owner goes to every walked entry too, and each entry that got the
-// new owner also got the inheriting ACL.
+// Every walked entry gets both the new owner and the inheriting ACL.
 TEST_F(SetTreeTest, RecursiveOwnerChangeWithAcl) {
     const std::string top = share_ + "/owned";
     ASSERT_TRUE(root_.MakeDir(top, 0777));
@@ -258,13 +219,7 @@ TEST_F(SetTreeTest, RecursiveOwnerChangeWithAcl) {
     ASSERT_TRUE(root_.MakeDir(top + "/#recycle"));
     ASSERT_TRUE(root_.MakeFile(top + "/#recycle/old"));
 
-    Json::Value params =
-        RecursiveAcl("owned", true, kova_module_test::Array({Rule("group", "administrators", "allow", true, true)}));
-    params["change_acl_owner"] = true;
-    params["acl_owner_type"] = "user";
-    params["acl_owner"] = "alice";
-    params["acl_owner_recur"] = true;
-    CallResult end = WaitTask(StartSet(params, admin_), admin_);
+    CallResult end = WaitTask(StartSet(RecursiveAcl("owned", true, AllFor("group", "administrators"), true), admin_), admin_);
     ASSERT_TRUE(end.success()) << end.Dump();
 
     const int aliceUid = root_.Uid("alice");
@@ -285,8 +240,7 @@ TEST_F(SetTreeTest, RecursiveOwnerChangeWithAcl) {
     }
 }
 
-// The record a task keeps of itself, read as root straight from the
-// platform's task folder; null when it cannot be read.
+// The task's own record in the platform's task folder; null when unreadable.
 Json::Value TaskRecord(const std::string &rootPath, const std::string &taskId) {
     std::ifstream in(rootPath + "/var/run/tasks/" + taskId);
     Json::Value record;
@@ -296,10 +250,9 @@ Json::Value TaskRecord(const std::string &rootPath, const std::string &taskId) {
     return record;
 }
 
-// A walk watched while it runs: progress records come through status, and
-// a stop ends it with 6200, each entry either untouched or fully reset.
-// The task is held with SIGSTOP and let run in short slices, so the stop
-// lands while the walk is under way however fast the machine is.
+// Progress comes through status and a stop ends the walk with 6200, each
+// entry untouched or fully reset. The task runs in SIGSTOP/SIGCONT slices so
+// that the stop lands mid-walk however fast the machine is.
 TEST_F(SetTreeTest, ProgressAndStopDuringALargeWalk) {
     const std::string top = share_ + "/big";
     ASSERT_TRUE(root_.MakeDir(top, 0777));
@@ -315,8 +268,7 @@ TEST_F(SetTreeTest, ProgressAndStopDuringALargeWalk) {
         }
     }
 
-    const std::string taskId =
-        StartSet(RecursiveAcl("big", false, kova_module_test::Array({Rule("user", "alice", "allow", true, true)})), admin_);
+    const std::string taskId = StartSet(RecursiveAcl("big", false, AllFor("user", "alice")), admin_);
     ASSERT_FALSE(taskId.empty());
     const pid_t pid = static_cast<pid_t>(TaskRecord(root_.path(), taskId)["pid"].asInt64());
     ASSERT_GT(pid, 0);
@@ -327,8 +279,7 @@ TEST_F(SetTreeTest, ProgressAndStopDuringALargeWalk) {
         ~Resume() { kill(pid, SIGCONT); }
     } resume{pid};
 
-    // Let the task run in slices until status shows a progress record
-    // below the top, then ask for the stop while it is held.
+    // Slices until a progress record below the top shows; stop while held.
     Json::Value idParam(Json::objectValue);
     idParam["task_id"] = taskId;
     std::vector<std::string> seen;
@@ -372,9 +323,7 @@ TEST_F(SetTreeTest, ProgressAndStopDuringALargeWalk) {
         EXPECT_EQ(0u, position[p] % 500) << p << " reported at entry " << position[p];
     }
 
-    // The walk ended after the entry in hand: what changed is a prefix of
-    // the walk, every entry before the first untouched one is reset, and
-    // nothing is half-changed.
+    // What changed is a prefix of the walk, every entry of it fully reset.
     size_t reset = 0;
     bool cut = false;
     for (const std::string &p : order) {
@@ -393,15 +342,12 @@ TEST_F(SetTreeTest, ProgressAndStopDuringALargeWalk) {
     EXPECT_EQ(1u, ReadStored(top).entries.size());
 }
 
-// A chain of 5,000 folders, with files beside the next level at some
-// depths, walked by a task allowed 256 descriptors: the walk finishes and
-// every entry the platform can name (a path shorter than PATH_MAX) is reset.
-// The first levels have long names, so that the platform (which resolves
-// every path it is given from the top) names only the first few hundred.
+// A chain of 5,000 folders (files at some depths) walked with 256
+// descriptors: the walk finishes and every entry the platform can name (path
+// under PATH_MAX; long names make that the first few hundred) is reset.
 TEST_F(SetTreeTest, DeepTreeFinishesWithFewDescriptors) {
-    // The tree lives on its own tmpfs (an ACL-capable file system the walk
-    // starts in): building and dropping 5,000 levels on a busy disk takes
-    // long, and the fixture's clean-up walks paths, which stop at PATH_MAX.
+    // On its own tmpfs: 5,000 levels are slow on a busy disk, and the
+    // fixture's clean-up, walking paths, stops at PATH_MAX.
     const std::string top = share_ + "/deep";
     ASSERT_TRUE(root_.MakeDir(top, 0777));
     ASSERT_EQ(0, mount("tmpfs", top.c_str(), "tmpfs", 0, "size=64m,nr_inodes=20000,mode=0777")) << strerror(errno);
@@ -442,9 +388,7 @@ TEST_F(SetTreeTest, DeepTreeFinishesWithFewDescriptors) {
         limit.rlim_cur = 256;
         if (setrlimit(RLIMIT_NOFILE, &limit) != 0) _exit(3);
     };
-    const Json::Value params =
-        RecursiveAcl("deep", false, kova_module_test::Array({Rule("user", "alice", "allow", true, true)}));
-    CallResult end = WaitTask(StartSet(params, limited), admin_);
+    CallResult end = WaitTask(StartSet(RecursiveAcl("deep", false, AllFor("user", "alice")), limited), admin_);
     ASSERT_TRUE(end.success()) << end.Dump();
     EXPECT_TRUE(end.data()["finished"].asBool());
     size_t wrong = 0;
@@ -473,19 +417,14 @@ TEST_F(SetTreeTest, MountsInsideTheTreeAreLeftAlone) {
     ASSERT_EQ(0, mount(elsewhere.c_str(), bound.c_str(), nullptr, MS_BIND, nullptr)) << strerror(errno);
     unmount.points.push_back(bound);
 
-    Json::Value params = RecursiveAcl("mnt", false, kova_module_test::Array({Rule("user", "alice", "allow", true, true)}));
-    params["change_acl_owner"] = true;
-    params["acl_owner_type"] = "user";
-    params["acl_owner"] = "alice";
-    params["acl_owner_recur"] = true;
-    CallResult end = WaitTask(StartSet(params, admin_), admin_);
+    CallResult end = WaitTask(StartSet(RecursiveAcl("mnt", false, AllFor("user", "alice"), true), admin_), admin_);
     ASSERT_TRUE(end.success()) << end.Dump();
 
     EXPECT_TRUE(IsEmptyInheriting(top + "/sub"));
     EXPECT_TRUE(IsEmptyInheriting(top + "/sub/plain"));
     for (const std::string &p : {tmp, tmp + "/inner", tmp + "/inner/file", bound, bound + "/secret",
                                  elsewhere, elsewhere + "/secret"}) {
-        EXPECT_TRUE(TrustedXattrs(p).empty()) << "changed on another mount: " << p;
+        EXPECT_TRUE(kova_module_test::TrustedXattrs(p).empty()) << "changed on another mount: " << p;
         struct stat st;
         ASSERT_EQ(0, lstat(p.c_str(), &st)) << p;
         EXPECT_EQ(0u, st.st_uid) << "owner changed on another mount: " << p;

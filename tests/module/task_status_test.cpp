@@ -1,6 +1,5 @@
-// status and stop of the set task: who may see and end a task, what an
-// unreadable or refused task answers, and the task's own failure code
-// handed through as the method's error.
+// status and stop of the set task: who reaches a task, unreadable or refused
+// tasks, and the task's failure handed through as the method's error.
 #include "module-host.h"
 #include "platform-fixture.h"
 #include "request-fixture.h"
@@ -25,8 +24,6 @@ namespace {
 using kova_host::CallOptions;
 using kova_host::CallResult;
 using kova_host::Fault;
-using kova_host::ModuleHost;
-using kova_host::PlatformRoot;
 using kova_module_test::As;
 using kova_module_test::WaitTask;
 
@@ -36,35 +33,20 @@ Json::Value TaskId(const std::string &id) {
     return params;
 }
 
-class TaskTest : public ::testing::Test {
+class TaskTest : public kova_module_test::ShareFixture {
 protected:
-    void SetUp() override {
-        ASSERT_TRUE(host_.ok()) << host_.error();
-        for (const char *user : {"boss", "alice", "bob"}) ASSERT_TRUE(root_.AddUser(user)) << root_.lastError();
-        ASSERT_TRUE(root_.MakeAdmin("boss")) << root_.lastError();
-        share_ = root_.AddShare("pub");
-        ASSERT_FALSE(share_.empty()) << root_.lastError();
+    // Asks for a set of an empty ACL on a new folder of the caller's.
+    CallResult Start(const std::string &rel, const CallOptions &as) {
+        EXPECT_TRUE(root_.MakeDir(share_ + "/" + rel, 0755, static_cast<uid_t>(root_.Uid(as.user))));
+        return host_.Call("set", SetOn(rel), as);
     }
 
-    // Starts a set of an empty ACL on a folder of `owner`'s; the task id.
+    // The same, started: the task id.
     std::string StartOn(const std::string &rel, const CallOptions &as) {
-        const std::string dir = share_ + "/" + rel;
-        EXPECT_TRUE(root_.MakeDir(dir, 0755, static_cast<uid_t>(root_.Uid(as.user))));
-        Json::Value params(Json::objectValue);
-        params["file_path"] = dir;
-        params["dirPaths"] = "/pub/" + rel;
-        params["change_acl"] = true;
-        params["inherited"] = true;
-        params["rules"] = Json::Value(Json::arrayValue);
-        CallResult started = host_.Call("set", params, as);
+        CallResult started = Start(rel, as);
         EXPECT_TRUE(started.success()) << started.Dump();
         return started.data()["task_id"].asString();
     }
-
-    ModuleHost &host_ = ModuleHost::Shared();
-    PlatformRoot root_;
-    std::string share_;
-    const CallOptions admin_ = As("boss"), alice_ = As("alice"), bob_ = As("bob");
 };
 
 TEST_F(TaskTest, EmptyTaskIdIsABadRequest) {
@@ -132,9 +114,8 @@ TEST_F(TaskTest, StatusFailureOfTheFrameworkCarriesItsErrorNumber) {
     EXPECT_NE(std::string::npos, stop.LogDump().find("acl:970 Failed to stop '" + id + "' [0x0800 ")) << stop.LogDump();
 }
 
-// A refused start reaches the client as set's generic failure: with one
-// task per user, alice already running one (a record naming a live process
-// with its real start time) gets 6200 from set, and bob still gets a task.
+// With one task per user, alice (a live task recorded) gets 6200 from set;
+// bob still gets a task.
 TEST_F(TaskTest, AStartBeyondTheUsersTaskBoundAnswersTheGenericFailure) {
     setenv("KOVA_TASKS_PER_USER", "1", 1);
     struct Unset {
@@ -162,15 +143,7 @@ TEST_F(TaskTest, AStartBeyondTheUsersTaskBoundAnswersTheGenericFailure) {
                                      R"({"owner": "alice", "pid": )" + std::to_string(busy) + R"(, "starttime": )" +
                                          field + R"(, "success": true, "data": null, "finished": false})"));
 
-    const std::string dir = share_ + "/refused";
-    ASSERT_TRUE(root_.MakeDir(dir, 0755, static_cast<uid_t>(root_.Uid("alice"))));
-    Json::Value params(Json::objectValue);
-    params["file_path"] = dir;
-    params["dirPaths"] = "/pub/refused";
-    params["change_acl"] = true;
-    params["inherited"] = true;
-    params["rules"] = Json::Value(Json::arrayValue);
-    CallResult refused = host_.Call("set", params, alice_);
+    CallResult refused = Start("refused", alice_);
     EXPECT_EQ(6200, refused.errorCode()) << refused.Dump();
 
     const std::string id = StartOn("bobs", bob_);

@@ -80,9 +80,8 @@ TEST_F(TreeWalkTest, AFolderSwappedForALinkIsNotEntered) {
     EXPECT_EQ(TreeWalk::Kind::kLink, seen.kinds[0]);
 }
 
-// A folder whose descriptor was given up (deeper than the open levels) is
-// taken back only if it is the same folder: a subtree moved elsewhere
-// meanwhile ends the walk instead of going on in the new place.
+// A folder whose descriptor was given up is taken back only if it is the
+// same one: a subtree moved away meanwhile ends the walk.
 TEST_F(TreeWalkTest, AClosedFolderIsOnlyTakenBackIfItIsTheSameOne) {
     const std::string top = Dir("t");
     std::string rel = "t/x";

@@ -1,22 +1,13 @@
-// The test host: loads the shipped module library and runs its handlers the
-// way the web-administration server does, so module tests exercise exactly
-// what ships.
-//
-// - ModuleHost dlopen()s $KOVA_BUILD_DIR/modules/libwebapi-KOVA.Core.ACL.so
-//   once, calls GetAPITable and checks the table with the server's own
-//   validation (server/module-registry.h).
-// - Call() dispatches by (api, version, method) through the server's
-//   registry. Every call runs in a forked child: as root it takes the login
-//   user's ids from the platform accounts and switches to them the way the
-//   server's worker does (server/identity-switch.h: supplementary groups,
-//   effective gid, effective uid; real and saved ids stay 0), or uses the
-//   ids the options give. The report comes back as a worker frame. It builds KOVA::APIRequest/APIResponse,
-//   arms the requested faults, calls the handler, and sends back the
-//   response JSON and the system-log lines the handler wrote.
-// - System-log capture: this library defines syslog/vsyslog for the test
-//   executable (which must be linked with ENABLE_EXPORTS so the module's
-//   calls bind to them). Lines are recorded only while a capture is active
-//   (inside the child during the handler); elsewhere they are dropped.
+// The test host: runs the shipped module's handlers the way the server does,
+// so module tests exercise exactly what ships.
+// - ModuleHost dlopen()s $KOVA_BUILD_DIR/modules/libwebapi-KOVA.Core.ACL.so and
+//   checks its table with the server's own validation.
+// - Call() dispatches through the server's registry in a forked child that
+//   takes the login user's ids as the server's worker does (real and saved
+//   ids stay 0) or the ids the options give, arms the faults, calls the
+//   handler and reports the response and its system-log lines in a frame.
+// - This library defines syslog for the test executable (linked with
+//   ENABLE_EXPORTS); lines are kept only while a capture is active.
 // - Nothing here throws; host-side problems are reported in CallResult.
 #ifndef KOVA_TEST_MODULE_HOST_H
 #define KOVA_TEST_MODULE_HOST_H

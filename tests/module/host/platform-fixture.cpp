@@ -14,6 +14,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <sstream>
 
 namespace kova_host {
@@ -29,20 +30,16 @@ std::string LastPlatformError() {
     return out.str();
 }
 
-std::vector<std::string> Split(const std::string &text, char sep) {
+// The five fields of an entry's text, or fewer or more when malformed.
+std::vector<std::string> Fields(const std::string &text) {
     std::vector<std::string> out;
-    std::string cur;
-    for (char c : text) {
-        if (c == sep) {
-            out.push_back(cur);
-            cur.clear();
-        } else {
-            cur += c;
-        }
-    }
-    out.push_back(cur);
+    std::istringstream in(text + ":");
+    for (std::string field; std::getline(in, field, ':');) out.push_back(field);
     return out;
 }
+
+using AclPtr = std::unique_ptr<KOVA_ACL, decltype(&KOVAACLFree)>;
+using AcePtr = std::unique_ptr<KOVA_ACL_ENTRY, decltype(&KOVAACLAceFree)>;
 
 } // namespace
 
@@ -196,47 +193,28 @@ bool PlatformRoot::MakeFile(const std::string &path, const std::string &content,
 }
 
 bool PlatformRoot::SetAcl(const std::string &path, const std::vector<std::string> &entries, bool inheritFromParent) {
-    PKOVA_ACL acl = KOVAACLAlloc(0);
+    AclPtr acl(KOVAACLAlloc(0), &KOVAACLFree);
     if (!acl) return Fail("KOVAACLAlloc " + LastPlatformError());
     for (const auto &text : entries) {
-        std::vector<std::string> f = Split(text, ':');
-        if (f.size() != 5) {
-            KOVAACLFree(acl);
-            return Fail("malformed entry '" + text + "'");
+        const std::vector<std::string> f = Fields(text);
+        if (f.size() != 5) return Fail("malformed entry '" + text + "'");
+        AcePtr ace(KOVAACLAceAlloc(), &KOVAACLAceFree);
+        if (!ace) return Fail("KOVAACLAceAlloc " + LastPlatformError());
+        bool ok = KOVAACLAceParseIDType(f[0].c_str(), ace.get()) >= 0;
+        ace->id = -1;
+        if (ok && (ace->idType == KOVA_ACL_ID_USER || ace->idType == KOVA_ACL_ID_GROUP)) {
+            const bool raw = !f[1].empty() && f[1][0] == '#';
+            ace->id = raw ? std::atoi(f[1].c_str() + 1) : ace->idType == KOVA_ACL_ID_USER ? Uid(f[1]) : Gid(f[1]);
+            ok = ace->id >= 0;
         }
-        PKOVA_ACL_ENTRY ace = KOVAACLAceAlloc();
-        if (!ace) {
-            KOVAACLFree(acl);
-            return Fail("KOVAACLAceAlloc " + LastPlatformError());
-        }
-        bool ok = KOVAACLAceParseIDType(f[0].c_str(), ace) >= 0;
-        if (ok) {
-            ace->id = -1;
-            if (ace->idType == KOVA_ACL_ID_USER || ace->idType == KOVA_ACL_ID_GROUP) {
-                if (!f[1].empty() && f[1][0] == '#')
-                    ace->id = std::atoi(f[1].c_str() + 1);
-                else
-                    ace->id = ace->idType == KOVA_ACL_ID_USER ? Uid(f[1]) : Gid(f[1]);
-                ok = ace->id >= 0;
-            }
-        }
-        ok = ok && KOVAACLAceParseAccessType(f[2].c_str(), ace) >= 0 && KOVAACLAceParsePermission(f[3].c_str(), ace) >= 0 &&
-             KOVAACLAceParseInherit(f[4].c_str(), ace) >= 0;
-        if (!ok) {
-            KOVAACLAceFree(ace);
-            KOVAACLFree(acl);
-            return Fail("cannot build entry '" + text + "' " + LastPlatformError());
-        }
-        if (KOVAACLAceAppend(acl, ace) < 0) {
-            KOVAACLAceFree(ace);
-            KOVAACLFree(acl);
-            return Fail("KOVAACLAceAppend " + LastPlatformError());
-        }
+        ok = ok && KOVAACLAceParseAccessType(f[2].c_str(), ace.get()) >= 0 &&
+             KOVAACLAceParsePermission(f[3].c_str(), ace.get()) >= 0 && KOVAACLAceParseInherit(f[4].c_str(), ace.get()) >= 0;
+        if (!ok) return Fail("cannot build entry '" + text + "' " + LastPlatformError());
+        if (KOVAACLAceAppend(acl.get(), ace.get()) < 0) return Fail("KOVAACLAceAppend " + LastPlatformError());
+        ace.release();  // the ACL owns it now
     }
     acl->isInherited = inheritFromParent ? 1 : 0;
-    int rc = KOVAACLSet(path.c_str(), -1, acl);
-    KOVAACLFree(acl);
-    if (rc < 0) return Fail("KOVAACLSet " + path + " " + LastPlatformError());
+    if (KOVAACLSet(path.c_str(), -1, acl.get()) < 0) return Fail("KOVAACLSet " + path + " " + LastPlatformError());
     return true;
 }
 

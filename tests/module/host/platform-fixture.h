@@ -1,10 +1,7 @@
-// A fresh platform root for module tests, filled through the platform's own
-// calls (accounts, shares, ACLs) or, for state that only the admin tool
-// writes (directory services), by running $KOVA_BUILD_DIR/bin/kova-admin.
-//
-// The root lives as long as the object ($KOVA_ROOT points to it meanwhile).
-// Every helper returns false (or an empty string) on failure and leaves a
-// description in lastError(); none throws.
+// A fresh platform root for module tests (alive as long as the object, with
+// $KOVA_ROOT pointing to it), filled through the platform's own calls or,
+// for directory services, kova-admin. Helpers return false (or "") on failure
+// with the reason in lastError(); none throws.
 #ifndef KOVA_TEST_PLATFORM_FIXTURE_H
 #define KOVA_TEST_PLATFORM_FIXTURE_H
 
