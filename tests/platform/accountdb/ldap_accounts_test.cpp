@@ -2,6 +2,7 @@
 // `ldap sync` their names (both "name@suffix" and bare) resolve to the
 // entries' uidNumber / gidNumber and back, their groups come from memberUid,
 // they own files by that uid, and their passwords are checked by a bind.
+#include "accountdb-fixture.h"
 #include "directory-admin.h"
 #include "slapd.h"
 #include "temp-root.h"
@@ -20,6 +21,7 @@
 #include <string>
 #include <vector>
 
+using namespace kova_accountdb_test;
 using kova_test::DirectoryAdmin;
 using kova_test::RunAdmin;
 using kova_test::Slapd;
@@ -35,41 +37,6 @@ constexpr int kUser1Uid = 10002, kUser3Uid = 10004;
 constexpr int kGroup0Gid = 5006, kGroup1Gid = 5007;
 const char kPassword[] = "directory pw 1";
 
-
-int Uid(const std::string &name) {
-    int uid = -1, gid = -1;
-    return KOVAUserGetUGID(name.c_str(), &uid, &gid) == 0 ? uid : -1;
-}
-
-std::string UserName(unsigned uid) {
-    PKOVA_USER u = nullptr;
-    std::string name = KOVAUserGetByUID(uid, &u) == 0 ? u->szName : "";
-    KOVAUserFree(u);
-    return name;
-}
-
-int Gid(const std::string &name) {
-    PKOVA_GROUP g = nullptr;
-    int gid = KOVAGroupGet(name.c_str(), &g) >= 0 ? static_cast<int>(g->gid) : -1;
-    KOVAGroupFree(g);
-    return gid;
-}
-
-std::string GroupName(unsigned gid) {
-    PKOVA_GROUP g = nullptr;
-    std::string name = KOVAGroupGetByGID(gid, &g) >= 0 ? g->szName : "";
-    KOVAGroupFree(g);
-    return name;
-}
-
-Names GroupsOf(const std::string &user) {
-    Names out;
-    PKLIBC_SZLIST l = KLIBGroupInfoListGet(user.c_str(), 0);
-    if (!l) return {"failed"};
-    for (int i = 0; i < l->nItem; ++i) out.push_back(KLIBCSzListGet(l, i));
-    KLIBCSzListFree(l);
-    return out;
-}
 
 class LdapAccounts : public ::testing::Test {
 protected:

@@ -3,6 +3,7 @@
 // names "DOMAIN\name" resolve to those ids and back, trusted domains on or
 // off, the same after a re-sync; ranges may not overlap each other or local
 // ids; cache-only domains cannot sign their users in.
+#include "../accountdb/accountdb-fixture.h"
 #include "argon2-run.h"
 #include "run-admin.h"
 #include "temp-root.h"
@@ -18,6 +19,7 @@
 #include <string>
 #include <vector>
 
+using namespace kova_accountdb_test;
 using kova_test::RunAdmin;
 using kova_test::TempRoot;
 using Names = std::vector<std::string>;
@@ -43,34 +45,6 @@ const char kLab[] =
     "objectSid: S-1-5-21-7-8-9-1105\n\n"
     "dn: CN=Lab Staff,DC=lab\nobjectClass: groupOfNames\ncn: Lab Staff\nobjectSid: S-1-5-21-7-8-9-1300\n"
     "member: CN=alice,DC=lab\n\n";
-
-int Uid(const std::string &name) {
-    int uid = -1;
-    return KOVAUserGetUGID(name.c_str(), &uid, nullptr) == 0 ? uid : -1;
-}
-
-std::string UserName(unsigned uid) {
-    PKOVA_USER u = nullptr;
-    std::string name = KOVAUserGetByUID(uid, &u) == 0 ? u->szName : "";
-    KOVAUserFree(u);
-    return name;
-}
-
-std::string GroupName(unsigned gid) {
-    PKOVA_GROUP g = nullptr;
-    std::string name = KOVAGroupGetByGID(gid, &g) >= 0 ? g->szName : "";
-    KOVAGroupFree(g);
-    return name;
-}
-
-Names GroupsOf(const std::string &user) {
-    Names out;
-    PKLIBC_SZLIST l = KLIBGroupInfoListGet(user.c_str(), 0);
-    if (!l) return {"failed"};
-    for (int i = 0; i < l->nItem; ++i) out.push_back(KLIBCSzListGet(l, i));
-    KLIBCSzListFree(l);
-    return out;
-}
 
 class DomainIds : public ::testing::Test {
 protected:

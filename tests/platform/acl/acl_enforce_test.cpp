@@ -9,6 +9,7 @@
 #include "acl-fixture.h"
 
 #include "as-identity.h"
+#include "run-admin.h"
 #include "kova/account.h"
 #include "kova/acl.h"
 #include "kova/fileshare.h"
@@ -39,6 +40,7 @@ namespace {
 using kova_acl_test::AclFixture;
 using kova_acl_test::RawRecord;
 using kova_test::Identity;
+using kova_test::RunAdmin;
 
 constexpr unsigned kR = 4, kW = 2, kX = 1;
 
@@ -63,15 +65,20 @@ unsigned KernelBits(const std::string &path, bool isDir) {
         }
         if (faccessat(AT_FDCWD, path.c_str(), W_OK, AT_EACCESS) == 0) b |= kW;
     } else {
-        int fd = open(path.c_str(), O_RDONLY | O_NOFOLLOW);
-        if (fd >= 0) b |= kR;
-        if (fd >= 0) close(fd);
-        fd = open(path.c_str(), O_WRONLY | O_NOFOLLOW);
-        if (fd >= 0) b |= kW;
-        if (fd >= 0) close(fd);
+        for (const auto &[flags, bit] : {std::pair<int, unsigned>{O_RDONLY, kR}, {O_WRONLY, kW}}) {
+            const int fd = open(path.c_str(), flags | O_NOFOLLOW);
+            if (fd >= 0) b |= bit;
+            if (fd >= 0) close(fd);
+        }
     }
     if (faccessat(AT_FDCWD, path.c_str(), X_OK, AT_EACCESS) == 0) b |= kX;
     return b;
+}
+
+// Creates a file as a program other than the platform would (no record).
+bool CreateAsProgram(const std::string &path) {
+    const int fd = open(path.c_str(), O_CREAT | O_WRONLY, 0666);
+    return fd >= 0 && close(fd) == 0;
 }
 
 struct Entry {
@@ -170,9 +177,7 @@ TEST_F(AclEnforce, KernelNeverGrantsMoreThanThePlatformAndAgreesOnAllowOnlyNamed
         const std::string top = In("t" + std::to_string(t));
         const std::vector<std::string> dirs = {top + "/a", top + "/a/b", top + "/a/b/c"};
         Dir(dirs[2]);
-        chmod(top.c_str(), 0777);
-        chmod(dirs[0].c_str(), 0777);
-        chmod(dirs[1].c_str(), 0777);
+        for (const std::string &d : {top, dirs[0], dirs[1]}) chmod(d.c_str(), 0777);
         std::vector<std::string> files;
         for (const auto &d : dirs) {
             files.push_back(d + "/f1");
@@ -209,9 +214,7 @@ TEST_F(AclEnforce, KernelNeverGrantsMoreThanThePlatformAndAgreesOnAllowOnlyNamed
         // A file made afterwards by a program other than the platform: it
         // starts with the folder's default ACL and has no record.
         for (const auto &d : dirs) {
-            int fd = open((d + "/late").c_str(), O_CREAT | O_WRONLY, 0666);
-            ASSERT_GE(fd, 0);
-            close(fd);
+            ASSERT_TRUE(CreateAsProgram(d + "/late"));
             Entry e;
             e.path = d + "/late";
             const size_t level = static_cast<size_t>(&d - &dirs[0]);
@@ -322,6 +325,13 @@ unsigned KernelBitsAs(const Identity &who, const std::string &path, bool isDir) 
     return static_cast<unsigned>(rc);
 }
 
+// The kernel's access ACL of a path, raw ("<none>" without one).
+std::string KernelAcl(const std::string &path) {
+    char buf[512];
+    const ssize_t n = lgetxattr(path.c_str(), "system.posix_acl_access", buf, sizeof buf);
+    return n < 0 ? "<none>" : std::string(buf, static_cast<size_t>(n));
+}
+
 // Dynamic inheritance: a folder's non-recursive set or removal changes what
 // every inheriting descendant's kernel ACL says, down a few levels; a link
 // in the tree is not followed, nothing outside the share changes, and a
@@ -343,8 +353,7 @@ TEST_F(AclEnforce, DescendantsFollowAFoldersInheritableEntries) {
     ASSERT_EQ(SetAcl(outside + "/g", {"user:1030:allow:r:-"}, true), 0);
     ASSERT_EQ(symlink(outside.c_str(), (top + "/a/link").c_str()), 0);
     const std::string outsideBefore = RawRecord(outside + "/g");
-    char before[512] = {};
-    const ssize_t beforeLen = lgetxattr((outside + "/g").c_str(), "system.posix_acl_access", before, sizeof before);
+    const std::string kernelBefore = KernelAcl(outside + "/g");
 
     EXPECT_EQ(KernelBitsAs(alice, top + "/a/b/f", false), kR | kX);
     EXPECT_EQ(KernelBitsAs(bob, top + "/a/b/f", false), 0u);
@@ -363,11 +372,7 @@ TEST_F(AclEnforce, DescendantsFollowAFoldersInheritableEntries) {
     EXPECT_EQ(KernelBitsAs(bob, top + "/a/b", true), 0u);
 
     EXPECT_EQ(RawRecord(outside + "/g"), outsideBefore);
-    char after[512] = {};
-    const ssize_t afterLen = lgetxattr((outside + "/g").c_str(), "system.posix_acl_access", after, sizeof after);
-    ASSERT_EQ(afterLen, beforeLen);
-    EXPECT_EQ(std::string(after, static_cast<size_t>(afterLen > 0 ? afterLen : 0)),
-              std::string(before, static_cast<size_t>(beforeLen > 0 ? beforeLen : 0)));
+    EXPECT_EQ(KernelAcl(outside + "/g"), kernelBefore);
 }
 
 // Traverse is the platform's to judge: a user who may list a folder but
@@ -407,39 +412,6 @@ TEST_F(AclEnforce, PlatformLookupsDoNotHangOnTheKernelsTraverseCheck) {
     EXPECT_EQ(KernelBitsAs(alice, file, false), 0u);
 }
 
-struct AdminRun {
-    int status;
-    std::string out;
-};
-
-// kova-admin with the test's platform root, output captured.
-AdminRun Admin(const std::string &root, std::vector<std::string> args) {
-    int fds[2];
-    if (pipe(fds) != 0) return {-1, ""};
-    pid_t pid = fork();
-    if (pid == 0) {
-        dup2(fds[1], 1);
-        dup2(fds[1], 2);
-        close(fds[0]);
-        close(fds[1]);
-        args.insert(args.begin(), {kova_test::BuildDir() + "/bin/kova-admin", "--root", root});
-        std::vector<char *> argv;
-        for (auto &a : args) argv.push_back(&a[0]);
-        argv.push_back(nullptr);
-        execv(argv[0], argv.data());
-        _exit(127);
-    }
-    close(fds[1]);
-    std::string out;
-    char buf[4096];
-    ssize_t n;
-    while ((n = read(fds[0], buf, sizeof buf)) > 0) out.append(buf, static_cast<size_t>(n));
-    close(fds[0]);
-    int st = 0;
-    waitpid(pid, &st, 0);
-    return {WIFEXITED(st) ? WEXITSTATUS(st) : -1, out};
-}
-
 // Drift: chmod, setfacl and a removed default ACL behind the platform's
 // back are reported (entries without a record are not: the platform judges
 // them by what the kernel holds), repaired on request, and then gone.
@@ -456,9 +428,9 @@ TEST_F(AclEnforce, VerifyReportsAndRepairsDrift) {
     ASSERT_EQ(SetAcl(top + "/g", {"user:1031:allow:r:-"}, false), 0);
     File(top + "/plain");
 
-    AdminRun clean = Admin(root_.path(), {"acl", "verify", top});
-    EXPECT_EQ(clean.status, 0) << clean.out;
-    EXPECT_NE(clean.out.find("checked 4, differing 0"), std::string::npos) << clean.out;
+    std::string out;
+    EXPECT_EQ(RunAdmin({"acl", "verify", top}, &out), 0) << out;
+    EXPECT_NE(out.find("checked 4, differing 0"), std::string::npos) << out;
 
     ASSERT_EQ(chmod((top + "/a/f").c_str(), 0777), 0);
     ASSERT_EQ(std::system(("setfacl -m u:1032:rw " + top + "/g").c_str()), 0);
@@ -467,32 +439,26 @@ TEST_F(AclEnforce, VerifyReportsAndRepairsDrift) {
     EXPECT_EQ(KernelBitsAs(carol, top + "/g", false), kR | kW);
     EXPECT_EQ(KernelBitsAs(carol, top + "/a/f", false), kR | kW | kX);
 
-    AdminRun found = Admin(root_.path(), {"acl", "verify", top});
-    EXPECT_EQ(found.status, 1) << found.out;
-    EXPECT_NE(found.out.find("differs " + top + "\n"), std::string::npos) << found.out;
-    EXPECT_NE(found.out.find("differs " + top + "/a/f\n"), std::string::npos) << found.out;
-    EXPECT_NE(found.out.find("differs " + top + "/g\n"), std::string::npos) << found.out;
-    EXPECT_EQ(found.out.find("plain"), std::string::npos) << found.out;
-    EXPECT_NE(found.out.find("checked 4, differing 3, repaired 0"), std::string::npos) << found.out;
+    EXPECT_EQ(RunAdmin({"acl", "verify", top}, &out), 1) << out;
+    for (const std::string &differs : {top, top + "/a/f", top + "/g"})
+        EXPECT_NE(out.find("differs " + differs + "\n"), std::string::npos) << out;
+    EXPECT_EQ(out.find("plain"), std::string::npos) << out;
+    EXPECT_NE(out.find("checked 4, differing 3, repaired 0"), std::string::npos) << out;
     // Reporting alone changes nothing.
     EXPECT_EQ(KernelBitsAs(carol, top + "/g", false), kR | kW);
 
-    AdminRun fixed = Admin(root_.path(), {"acl", "verify", "--repair", top});
-    EXPECT_EQ(fixed.status, 0) << fixed.out;
-    EXPECT_NE(fixed.out.find("differing 3, repaired 3"), std::string::npos) << fixed.out;
+    EXPECT_EQ(RunAdmin({"acl", "verify", "--repair", top}, &out), 0) << out;
+    EXPECT_NE(out.find("differing 3, repaired 3"), std::string::npos) << out;
     EXPECT_EQ(KernelBitsAs(carol, top + "/g", false), 0u);
     EXPECT_EQ(KernelBitsAs(carol, top + "/a/f", false), 0u);
     EXPECT_EQ(KernelBitsAs(alice, top + "/a/f", false), kR | kX);
     // A file a program creates now starts from the restored default ACL.
-    int fd = open((top + "/new").c_str(), O_CREAT | O_WRONLY, 0666);
-    ASSERT_GE(fd, 0);
-    close(fd);
+    ASSERT_TRUE(CreateAsProgram(top + "/new"));
     EXPECT_EQ(KernelBitsAs(alice, top + "/new", false) & kR, kR);
     EXPECT_EQ(KernelBitsAs(carol, top + "/new", false), 0u);
 
-    AdminRun again = Admin(root_.path(), {"acl", "verify", top});
-    EXPECT_EQ(again.status, 0) << again.out;
-    EXPECT_EQ(Admin(root_.path(), {"acl", "verify"}).status, 1);
+    EXPECT_EQ(RunAdmin({"acl", "verify", top}, &out), 0) << out;
+    EXPECT_EQ(RunAdmin("acl verify", &out), 1) << out;
 }
 
 // The module's recursive set: an administrator's task (its ids, and
@@ -517,17 +483,14 @@ TEST_F(AclEnforce, RecursiveWalkAsATaskProjectsEveryEntry) {
             return 0;
         });
     };
-    ASSERT_EQ(walk("1030"), 0);
-    for (const auto &rel : below) {
-        const bool isDir = rel == "a" || rel == "a/b";
-        EXPECT_EQ(KernelBitsAs(alice, top + "/" + rel, isDir), kR | kW | kX) << rel;
-        EXPECT_EQ(KernelBitsAs(bob, top + "/" + rel, isDir), 0u) << rel;
-    }
-    ASSERT_EQ(walk("1031"), 0);
-    for (const auto &rel : below) {
-        const bool isDir = rel == "a" || rel == "a/b";
-        EXPECT_EQ(KernelBitsAs(alice, top + "/" + rel, isDir), 0u) << rel;
-        EXPECT_EQ(KernelBitsAs(bob, top + "/" + rel, isDir), kR | kW | kX) << rel;
+    for (const Identity &granted : {alice, bob}) {
+        ASSERT_EQ(walk(std::to_string(granted.uid)), 0);
+        for (const auto &rel : below) {
+            const bool isDir = rel == "a" || rel == "a/b";
+            for (const Identity &who : {alice, bob})
+                EXPECT_EQ(KernelBitsAs(who, top + "/" + rel, isDir), who.uid == granted.uid ? kR | kW | kX : 0u)
+                    << rel << " granted " << granted.uid << " asked " << who.uid;
+        }
     }
 }
 
