@@ -123,6 +123,26 @@ bool WaitForPropagations(int timeoutMs) {
     }
 }
 
+int Code(int rc) { return rc < 0 ? (KLIBCErrGet() >> 8) : 0; }
+
+int ReadCode(const std::string &path) {
+    PKOVA_ACL acl = nullptr;
+    const int rc = KOVAACLGet(path.c_str(), -1, KOVA_ACL_GET_ALL, &acl);
+    KOVAACLFree(acl);
+    return Code(rc);
+}
+
+int SetOneCode(const std::string &path, const std::string &entry, bool inherits) {
+    PKOVA_ACL acl = KOVAACLAlloc(0);
+    PKOVA_ACL_ENTRY e = KOVAACLAceAlloc();
+    KOVAACLAceParse(entry.c_str(), e);
+    KOVAACLAceAppend(acl, e);
+    acl->isInherited = inherits ? 1 : 0;
+    const int rc = KOVAACLSet(path.c_str(), -1, acl);
+    KOVAACLFree(acl);
+    return Code(rc);
+}
+
 std::string RawRecord(const std::string &path) {
     char buf[8192];
     ssize_t n = lgetxattr(path.c_str(), "trusted.kova.acl", buf, sizeof buf);

@@ -4,7 +4,10 @@
 #ifndef KOVA_TEST_ACL_FIXTURE_H
 #define KOVA_TEST_ACL_FIXTURE_H
 
+#include "as-identity.h"
 #include "temp-root.h"
+
+#include "kova/account.h"
 
 #include <gtest/gtest.h>
 
@@ -60,6 +63,19 @@ protected:
     std::string share_;
     std::unique_ptr<WithoutXattrAt> withoutAt_;
 };
+
+// Callers of the ACL tests: two users of group 2000 and an administrator.
+const kova_test::Identity kAlice{1030, 1030, {2000}};
+const kova_test::Identity kBob{1031, 1031, {2000}};
+const kova_test::Identity kAdmin{1040, 1040, {KOVA_ADMIN_GID}};
+
+// Outcome codes for calls made in a RunAs child: 0 when rc is no error, else
+// the high byte of the last error (0x03 permission, 0xD8 ACL write refused,
+// 0x24 owner change, 0x06 no such entry).
+int Code(int rc);
+// The code of reading a path's whole ACL, and of storing one entry.
+int ReadCode(const std::string &path);
+int SetOneCode(const std::string &path, const std::string &entry, bool inherits);
 
 // The raw stored record of a path ("" when there is none).
 std::string RawRecord(const std::string &path);

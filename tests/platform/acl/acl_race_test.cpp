@@ -27,13 +27,10 @@
 
 namespace {
 
-using kova_acl_test::AclFixture;
-using kova_acl_test::WithoutXattrAt;
+using namespace kova_acl_test;
 using kova_test::Identity;
 using kova_test::RunAs;
 
-const Identity kAlice{1030, 1030, {2000}};
-const Identity kAdmin{1040, 1040, {KOVA_ADMIN_GID}};
 constexpr int kFiles = 32;
 constexpr int kRounds = 4000;
 

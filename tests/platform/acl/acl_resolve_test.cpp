@@ -22,28 +22,11 @@
 
 namespace {
 
-using kova_acl_test::AclFixture;
-using kova_acl_test::RawRecord;
-using kova_acl_test::WriteRawRecord;
+using namespace kova_acl_test;
 using kova_test::Identity;
 using kova_test::RunAs;
 
-const Identity kAdmin{1040, 1040, {KOVA_ADMIN_GID}};
-const Identity kAlice{1030, 1030, {2000}};
-
-// 0 on success, else the high byte of the last error.
-int Code(int rc) { return rc < 0 ? (KLIBCErrGet() >> 8) : 0; }
-
-int SetOne(const std::string &p, const char *entry, bool inherits = true) {
-    PKOVA_ACL acl = KOVAACLAlloc(0);
-    PKOVA_ACL_ENTRY e = KOVAACLAceAlloc();
-    KOVAACLAceParse(entry, e);
-    KOVAACLAceAppend(acl, e);
-    acl->isInherited = inherits ? 1 : 0;
-    int rc = KOVAACLSet(p.c_str(), -1, acl);
-    KOVAACLFree(acl);
-    return Code(rc);
-}
+int SetOne(const std::string &p, const char *entry, bool inherits = true) { return SetOneCode(p, entry, inherits); }
 
 // The ids a RunAs child started with are still in force.
 bool SameIds(const Identity &who) {

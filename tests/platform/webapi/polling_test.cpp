@@ -206,6 +206,18 @@ protected:
         return ok;
     }
 
+    // The polling error of a status read and of a stop, "ok" when it succeeded.
+    std::string StatusError(const std::string &user, const std::string &id) {
+        Json::Value st;
+        int err = 0;
+        return StatusAs(user, id, st, &err) ? "ok" : std::to_string(err);
+    }
+    std::string StopError(const std::string &user, const std::string &id) {
+        int err = 0;
+        return StopAs(user, id, &err) ? "ok" : std::to_string(err);
+    }
+    const std::string noTask_ = std::to_string(KOVA_POLLING_ERR_NOTASK);
+
     Json::Value WaitFinished(const std::string &user, const std::string &id) {
         Json::Value st;
         bool ok = Eventually([&] { return StatusAs(user, id, st) && st["finished"].asBool(); });
@@ -257,20 +269,12 @@ TEST_F(Polling, OnlyOwnerOrAdministratorSeesTask) {
     std::string id = StartAs("alice", ProgressThenFinish, &gate);
     ASSERT_FALSE(id.empty());
 
-    Json::Value st;
-    int err = 0;
-    EXPECT_FALSE(StatusAs("bob", id, st, &err));
-    EXPECT_EQ(err, KOVA_POLLING_ERR_NOTASK);
+    EXPECT_EQ(StatusError("bob", id), noTask_);
     EXPECT_EQ(KLIBCErrGet(), KOVA_ERR_NOTASK);
-    EXPECT_TRUE(StatusAs("admin", id, st));  // "admin" is an administrator on a new root
-
-    {
-        APIRequest req(params_, "bob", "s");
-        APIPolling poll(&req);
-        EXPECT_FALSE(poll.Stop(id, true));
-        EXPECT_EQ(poll.GetError(), KOVA_POLLING_ERR_NOTASK);
-    }
+    EXPECT_EQ(StatusError("admin", id), "ok");  // "admin" is an administrator on a new root
+    EXPECT_EQ(StopError("bob", id), noTask_);
     // Bob's refused stop did not touch the task.
+    Json::Value st;
     ASSERT_TRUE(StatusAs("alice", id, st));
     EXPECT_FALSE(st["finished"].asBool());
 
@@ -284,18 +288,11 @@ TEST_F(Polling, StopDeliversSigterm) {
     Json::Value st;
     // The handler is installed before the task reports "waiting".
     ASSERT_TRUE(Eventually([&] { return StatusAs("alice", id, st) && st["data"].asString() == "waiting"; }));
-    {
-        APIRequest req(params_, "alice", "s");
-        APIPolling poll(&req);
-        ASSERT_TRUE(poll.Stop(id, true));
-    }
+    ASSERT_TRUE(StopAs("alice", id));
     st = WaitFinished("alice", id);
     EXPECT_FALSE(st["success"].asBool());
     EXPECT_EQ(st["error"]["code"].asInt(), 4242);  // the task's own handling ran
-    // Stopping a finished task is harmless.
-    APIRequest req(params_, "alice", "s");
-    APIPolling poll(&req);
-    EXPECT_TRUE(poll.Stop(id, true));
+    EXPECT_TRUE(StopAs("alice", id)) << "stopping a finished task is harmless";
 }
 
 TEST_F(Polling, KilledTaskReadsAsFailed) {
@@ -344,9 +341,7 @@ TEST_F(Polling, RemoveAttrDropsFinishedRecordOnRead) {
     EXPECT_TRUE(Exists(RecordPath(id)));
     ASSERT_TRUE(StatusAs("alice", id, st, nullptr, true));
     EXPECT_FALSE(Exists(RecordPath(id)));
-    int err = 0;
-    EXPECT_FALSE(StatusAs("alice", id, st, &err));
-    EXPECT_EQ(err, KOVA_POLLING_ERR_NOTASK);
+    EXPECT_EQ(StatusError("alice", id), noTask_);
 }
 
 TEST_F(Polling, StatusWorksForAUserIdentity) {
@@ -442,15 +437,9 @@ TEST_F(Polling, FinishedRecordsBeyondTheCapAreRemovedNewestKept) {
     // the fourth and fifth started; one more start changes nothing else.
     std::string next = StartAs("alice", Quick, nullptr);
     ASSERT_FALSE(next.empty());
-    Json::Value st;
-    int err = 0;
-    for (int i = 0; i < 2; ++i) {
-        EXPECT_FALSE(StatusAs("alice", alices[i], st, &err)) << i;
-        EXPECT_EQ(err, KOVA_POLLING_ERR_NOTASK);
-    }
-    for (int i = 2; i < 5; ++i) EXPECT_TRUE(StatusAs("alice", alices[i], st)) << i;
-    EXPECT_TRUE(StatusAs("bob", bobs, st));
-    EXPECT_TRUE(StatusAs("alice", next, st));
+    for (int i = 0; i < 5; ++i) EXPECT_EQ(StatusError("alice", alices[i]), i < 2 ? noTask_ : "ok") << i;
+    EXPECT_EQ(StatusError("bob", bobs), "ok");
+    EXPECT_EQ(StatusError("alice", next), "ok");
     EXPECT_EQ(Records().size(), 5u);  // bob's, alice's newest three and the one just started
     WaitFinished("alice", next);
 }
@@ -485,9 +474,7 @@ TEST_F(Polling, RecordsOutliveTheirRetentionOnlyWhileRunning) {
 
     std::string next = StartAs("bob", Quick, nullptr);
     ASSERT_FALSE(next.empty());
-    int err = 0;
-    EXPECT_FALSE(StatusAs("alice", old, st, &err));
-    EXPECT_EQ(err, KOVA_POLLING_ERR_NOTASK);
+    EXPECT_EQ(StatusError("alice", old), noTask_);
     ASSERT_TRUE(StatusAs("alice", recent, st));
     EXPECT_EQ(st["error"]["code"].asInt(), 6201);
     ASSERT_TRUE(StatusAs("alice", quiet, st));
@@ -509,12 +496,9 @@ TEST_F(Polling, StopNeverSignalsAProcessThatReusedTheTasksPid) {
     ASSERT_FALSE(id.empty());
     WaitFinished("alice", id);
     Json::Value record;
-    {
-        Json::CharReaderBuilder b;
-        std::istringstream in(ReadFile(RecordPath(id)));
-        std::string errs;
-        ASSERT_TRUE(Json::parseFromStream(b, in, &record, &errs));
-    }
+    Json::CharReaderBuilder b;
+    std::istringstream in(ReadFile(RecordPath(id)));
+    ASSERT_TRUE(Json::parseFromStream(b, in, &record, nullptr));
 
     pid_t other = fork();
     ASSERT_GE(other, 0);
@@ -572,19 +556,15 @@ TEST_F(Polling, PrefixNamedUsersDoNotReachEachOthersTasks) {
     std::string bobbys = StartAs("bobby", ProgressThenFinish, &gate);
     ASSERT_FALSE(bobs.empty());
     ASSERT_FALSE(bobbys.empty());
-    Json::Value st;
-    int err = 0;
     for (const auto &pair : {std::make_pair("bob", bobbys), std::make_pair("bobby", bobs)}) {
-        SCOPED_TRACE(pair.first);
-        EXPECT_FALSE(StatusAs(pair.first, pair.second, st, &err));
-        EXPECT_EQ(err, KOVA_POLLING_ERR_NOTASK);
-        EXPECT_FALSE(StopAs(pair.first, pair.second, &err));
-        EXPECT_EQ(err, KOVA_POLLING_ERR_NOTASK);
+        EXPECT_EQ(StatusError(pair.first, pair.second), noTask_) << pair.first;
+        EXPECT_EQ(StopError(pair.first, pair.second), noTask_) << pair.first;
     }
-    ASSERT_TRUE(StatusAs("bob", bobs, st));
-    EXPECT_FALSE(st["finished"].asBool());
-    ASSERT_TRUE(StatusAs("bobby", bobbys, st));
-    EXPECT_FALSE(st["finished"].asBool());
+    Json::Value st;
+    for (const auto &pair : {std::make_pair("bob", bobs), std::make_pair("bobby", bobbys)}) {
+        ASSERT_TRUE(StatusAs(pair.first, pair.second, st)) << pair.first;
+        EXPECT_FALSE(st["finished"].asBool()) << pair.first;
+    }
     ASSERT_TRUE(kova_test::WriteFile(gate.goFile, "go"));
     EXPECT_TRUE(WaitFinished("bob", bobs)["success"].asBool());
     EXPECT_TRUE(WaitFinished("bobby", bobbys)["success"].asBool());
@@ -601,22 +581,16 @@ TEST_F(Polling, OnlyPlainNamesAreTaskIds) {
     const std::string longId(129, 'a');
     for (const std::string &name : {std::string("alice.rec"), std::string("x"), longId})
         ASSERT_TRUE(kova_test::WriteFile(root_.At("var/run/tasks/" + name), text));
-    Json::Value st;
-    int err = 0;
     for (const std::string &bad : {std::string("alice.rec"), std::string("x\0y", 3), longId, std::string(".lock"),
                                    std::string("x\n"), std::string("\xc3\xa9"), std::string("../../etc/accounts.db"),
                                    std::string("setacl-1-2-abc")}) {
-        SCOPED_TRACE(bad);
-        EXPECT_FALSE(StatusAs("alice", bad, st, &err));
-        EXPECT_EQ(err, KOVA_POLLING_ERR_NOTASK);
-        EXPECT_FALSE(StopAs("alice", bad, &err));
-        EXPECT_EQ(err, KOVA_POLLING_ERR_NOTASK);
+        EXPECT_EQ(StatusError("alice", bad), noTask_) << bad;
+        EXPECT_EQ(StopError("alice", bad), noTask_) << bad;
     }
-    // The same record under a plain name is found.
-    EXPECT_TRUE(StatusAs("alice", "x", st));
+    EXPECT_EQ(StatusError("alice", "x"), "ok") << "the same record under a plain name";
     // No id, or no request, is a bad argument.
-    EXPECT_FALSE(StatusAs("alice", "", st, &err));
-    EXPECT_EQ(err, KOVA_POLLING_ERR_BADARG);
+    EXPECT_EQ(StatusError("alice", ""), std::to_string(KOVA_POLLING_ERR_BADARG));
+    Json::Value st;
     APIPolling noRequest;
     EXPECT_FALSE(noRequest.Status("x", st));
     APIResponse resp;
