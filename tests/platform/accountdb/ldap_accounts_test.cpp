@@ -37,7 +37,6 @@ constexpr int kUser1Uid = 10002, kUser3Uid = 10004;
 constexpr int kGroup0Gid = 5006, kGroup1Gid = 5007;
 const char kPassword[] = "directory pw 1";
 
-
 class LdapAccounts : public ::testing::Test {
 protected:
     void SetUp() override {

@@ -19,7 +19,6 @@
 #include <syslog.h>
 
 #include <atomic>
-#include <cstdio>
 #include <fstream>
 #include <string>
 #include <thread>

@@ -8,6 +8,7 @@
 #include "temp-root.h"
 
 #include "kova/account.h"
+#include "kova/acl.h"
 
 #include <gtest/gtest.h>
 
@@ -76,6 +77,12 @@ int Code(int rc);
 // The code of reading a path's whole ACL, and of storing one entry.
 int ReadCode(const std::string &path);
 int SetOneCode(const std::string &path, const std::string &entry, bool inherits);
+
+// A new ACL of entries in the text form above (nullptr, with a test
+// failure, when one does not parse); the caller frees it.
+PKOVA_ACL MakeAcl(const std::vector<std::string> &entries, bool inherits);
+// An ACL's entries in the text form above.
+std::vector<std::string> Texts(const KOVA_ACL *acl);
 
 // The raw stored record of a path ("" when there is none).
 std::string RawRecord(const std::string &path);

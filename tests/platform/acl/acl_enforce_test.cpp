@@ -18,7 +18,6 @@
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <grp.h>
 #include <linux/capability.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -166,7 +165,6 @@ protected:
         }
     }
 };
-
 
 TEST_F(AclEnforce, KernelNeverGrantsMoreThanThePlatformAndAgreesOnAllowOnlyNamedAcls) {
     OpenAncestors();

@@ -23,7 +23,6 @@
 #include <cstdlib>
 #include <cstring>
 
-#include <fstream>
 #include <functional>
 #include <memory>
 #include <sstream>
