@@ -3,6 +3,8 @@
 // modification time as they were; a database put in place of the old one
 // or removed is noticed; the table names each share's real root, and a
 // link put at a root's path holds nothing.
+#include "share-fixture.h"
+
 #include "kova/errcode.h"
 #include "kova/klibc.h"
 #include "kova/share.h"
@@ -19,13 +21,13 @@
 #include <time.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <algorithm>
-#include <cstring>
 #include <functional>
 #include <string>
 
 namespace {
+
+using namespace kova_share_test;
 
 class ShareCache : public ::testing::Test {
 protected:
@@ -34,23 +36,6 @@ protected:
         db_ = root_.At("etc/shares.db");
         for (const char *d : {"data", "other", "otheR", "real1", "real2"}) ASSERT_TRUE(kova_test::MakeDirs(vol_ + "/" + d));
         ASSERT_EQ(Add("data", vol_ + "/data"), 0);
-    }
-    static int Add(const std::string &name, const std::string &path) {
-        KOVA_SHARE s;
-        std::memset(&s, 0, sizeof s);
-        std::snprintf(s.szName, sizeof s.szName, "%s", name.c_str());
-        std::snprintf(s.szPath, sizeof s.szPath, "%s", path.c_str());
-        return KOVAShareSet(&s);
-    }
-    // "name|root" of the share holding p, or "err:0xCODE".
-    static std::string Lookup(const std::string &p) {
-        char name[KOVA_SHARE_NAME_MAX] = "", path[4096] = "";
-        if (KOVAShareNamePathGet(p.c_str(), name, sizeof name, path, sizeof path) < 0) {
-            char buf[32];
-            std::snprintf(buf, sizeof buf, "err:0x%04X", KLIBCErrGet());
-            return buf;
-        }
-        return std::string(name) + "|" + path;
     }
     // Makes the database look written a minute ago, so that this process
     // keeps the table it reads next (a fresh write is re-read every time).

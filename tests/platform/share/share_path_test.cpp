@@ -1,4 +1,6 @@
 // Which share holds a path, after links and ".." are resolved.
+#include "share-fixture.h"
+
 #include "kova/errcode.h"
 #include "kova/klibc.h"
 #include "kova/share.h"
@@ -6,14 +8,13 @@
 #include "temp-root.h"
 
 #include <gtest/gtest.h>
-#include <stdio.h>
 #include <unistd.h>
 
-#include <cstdio>
-#include <cstring>
 #include <string>
 
 namespace {
+
+using namespace kova_share_test;
 
 class SharePath : public ::testing::Test {
 protected:
@@ -22,27 +23,10 @@ protected:
         ASSERT_TRUE(kova_test::MakeDirs(vol_ + "/data/sub/deep"));
         ASSERT_TRUE(kova_test::MakeDirs(vol_ + "/datax"));
         ASSERT_TRUE(kova_test::MakeDirs(root_.At("outside")));
-        Add("data", vol_ + "/data");
-        Add("nested", vol_ + "/data/sub");
-        Add("homes", vol_ + "/homes");
+        ASSERT_EQ(Add("data", vol_ + "/data"), 0);
+        ASSERT_EQ(Add("nested", vol_ + "/data/sub"), 0);
+        ASSERT_EQ(Add("homes", vol_ + "/homes"), 0);
         ASSERT_TRUE(kova_test::MakeDirs(vol_ + "/homes/alice"));
-    }
-    void Add(const std::string &name, const std::string &path) {
-        KOVA_SHARE s;
-        std::memset(&s, 0, sizeof s);
-        std::snprintf(s.szName, sizeof s.szName, "%s", name.c_str());
-        std::snprintf(s.szPath, sizeof s.szPath, "%s", path.c_str());
-        ASSERT_EQ(KOVAShareSet(&s), 0);
-    }
-    // "name|root" of the share holding p, or "err:0xCODE".
-    std::string Lookup(const std::string &p) {
-        char name[KOVA_SHARE_NAME_MAX] = "", path[4096] = "";
-        if (KOVAShareNamePathGet(p.c_str(), name, sizeof name, path, sizeof path) < 0) {
-            char buf[32];
-            std::snprintf(buf, sizeof buf, "err:0x%04X", KLIBCErrGet());
-            return buf;
-        }
-        return std::string(name) + "|" + path;
     }
     kova_test::TempRoot root_;
     std::string vol_;
