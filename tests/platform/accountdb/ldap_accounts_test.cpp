@@ -1,7 +1,5 @@
-// LDAP accounts used as platform accounts, against a real slapd: after
-// `ldap sync` their names (both "name@suffix" and bare) resolve to the
-// entries' uidNumber / gidNumber and back, their groups come from memberUid,
-// they own files by that uid, and their passwords are checked by a bind.
+// LDAP accounts as platform accounts against a real slapd: names resolve to the entries'
+// ids and back, groups come from memberUid, passwords are checked by a bind.
 #include "accountdb-fixture.h"
 #include "directory-admin.h"
 #include "slapd.h"
@@ -30,9 +28,7 @@ using Names = std::vector<std::string>;
 
 namespace {
 
-// Slapd(5, 2) numbers its entries in order: user0000..user0004 get
-// uidNumber 10001..10005 (gidNumber 100), group00 and group01 gidNumber
-// 5006 and 5007.
+// Slapd(5, 2): user0000..user0004 are uid 10001..10005, group00/01 gid 5006/5007.
 constexpr int kUser1Uid = 10002, kUser3Uid = 10004;
 constexpr int kGroup0Gid = 5006, kGroup1Gid = 5007;
 const char kPassword[] = "directory pw 1";

@@ -1,7 +1,5 @@
-// The account-database query interface: the clause language (what it
-// accepts and refuses), AND/OR joining, literal patterns, trigram-indexed
-// and scanned searches agreeing, windows and totals, callbacks, paths, and
-// atomic cache replacement.
+// The account-database query interface: the clause language, joins, literal patterns,
+// indexed and scanned searches agreeing, windows, callbacks, paths and cache replacement.
 #include "accountdb-fixture.h"
 #include "temp-root.h"
 

@@ -1,6 +1,5 @@
-// The per-thread account-database connection: a warm process sees changes
-// made by other processes and a replaced file, a forked child never works
-// on its parent's connection, and threads do not share one.
+// The per-thread account-database connection sees other processes' changes and replaced
+// files, and is never shared with a forked child or another thread.
 #include "as-identity.h"
 #include "run-admin.h"
 #include "temp-root.h"

@@ -1,7 +1,5 @@
-// Sign-in: every refusal costs the same one Argon2 run as a wrong password,
-// so the check's duration does not tell which accounts exist; rows the
-// platform did not write are refused, logged and never read as another
-// account; only ordinary users sign in.
+// Sign-in: every refusal costs one Argon2 run, rows the platform did not write are
+// refused and logged, and only ordinary users sign in.
 #include "../accountdb/accountdb-fixture.h"
 #include "module-host.h"
 #include "temp-root.h"
@@ -218,10 +216,7 @@ TEST(SignIn, HashesAgreeWithLibargon2AndStoredCostsAreBounded) {
         EXPECT_EQ(RunsOf([&] { match = kova_accounts::VerifyPassword(bad, "pw"); }), 1u) << bad;
         EXPECT_FALSE(match) << bad;
     }
-    // Real hashes of "pw" never match when their costs are past the bounds
-    // (one more pass than allowed, one more lane), when their digest differs
-    // only in its last bytes, or when the password has a NUL byte, even
-    // against a hash of those very bytes.
+    // Past the cost bounds, a changed digest tail, or a NUL in the password: never a match.
     auto encoded = [&](uint32_t t, uint32_t m, uint32_t p, const std::string &pw) {
         std::vector<char> out(argon2_encodedlen(t, m, p, 16, 32, Argon2_id));
         EXPECT_EQ(argon2id_hash_encoded(t, m, p, pw.data(), pw.size(), salt, 16, 32, out.data(), out.size()), ARGON2_OK);

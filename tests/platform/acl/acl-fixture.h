@@ -1,6 +1,5 @@
-// A platform root with one share ("data" at <root>/volumes/volume1/data) and
-// helpers that write and read ACLs in the library's whole-entry text form
-// ("user:1030:allow:r------------:fd--", level optional).
+// A platform root with one share ("data") and ACLs read and written in the library's
+// text form ("user:1030:allow:r------------:fd--", level optional).
 #ifndef KOVA_TEST_ACL_FIXTURE_H
 #define KOVA_TEST_ACL_FIXTURE_H
 
@@ -18,9 +17,8 @@
 
 namespace kova_acl_test {
 
-// For its lifetime the *xattrat entries of the system-call table answer
-// ENOSYS, as on a kernel before 6.13, so the library takes its fallback.
-// Count() tells how many calls were refused since it was made.
+// While it lives the *xattrat calls answer ENOSYS (a kernel before 6.13); Count() tells
+// how many were refused.
 class WithoutXattrAt {
 public:
     WithoutXattrAt();
@@ -34,9 +32,7 @@ private:
     std::unique_ptr<Saved> saved_;
 };
 
-// Waits until no background propagation is queued or running (a stopped one
-// does not count) and its runner process is gone; false when some still is
-// after timeoutMs.
+// Waits until no propagation is queued or running and its runner is gone; false after timeoutMs.
 bool WaitForPropagations(int timeoutMs = 30000);
 
 // With KOVA_TEST_WITHOUT_XATTRAT set in the environment, every test of the
@@ -70,9 +66,8 @@ const kova_test::Identity kAlice{1030, 1030, {2000}};
 const kova_test::Identity kBob{1031, 1031, {2000}};
 const kova_test::Identity kAdmin{1040, 1040, {KOVA_ADMIN_GID}};
 
-// Outcome codes for calls made in a RunAs child: 0 when rc is no error, else
-// the high byte of the last error (0x03 permission, 0xD8 ACL write refused,
-// 0x24 owner change, 0x06 no such entry).
+// For calls in a RunAs child: 0, or the high byte of the last error (0x03 permission,
+// 0xD8 ACL write refused, 0x24 owner change, 0x06 no such entry).
 int Code(int rc);
 // The code of reading a path's whole ACL, and of storing one entry.
 int ReadCode(const std::string &path);

@@ -1,11 +1,5 @@
-// The kernel enforces what the platform decides: random trees of random ACLs
-// (allow and deny; users, groups, everyone, authenticated users, system,
-// owner; inheritance flags over a few folder depths; user and group owners),
-// then for each random user a child with that user's real ids asks the
-// kernel (open, opendir, faccessat) about every entry and compares with the
-// platform's own answer (KOVAACLPermGet as that user, mapped to r/w/x):
-// the kernel never allows what the platform denies, and on ACLs of named
-// users and groups that only allow, the two agree exactly.
+// The kernel never allows what the platform denies (random trees, ACLs and users, each
+// user's kernel answers against KOVAACLPermGet), and agrees exactly on allow-only named ACLs.
 #include "acl-fixture.h"
 
 #include "as-identity.h"
@@ -99,9 +93,7 @@ protected:
 
     unsigned Pick(unsigned n) { return std::uniform_int_distribution<unsigned>(0, n - 1)(rng); }
 
-    // Allow-only ACLs draw whole kernel bits (write and append, and delete
-    // child, together): a right split over two entries of different groups
-    // is what POSIX cannot say.
+    // Allow-only ACLs draw whole kernel bits: POSIX cannot split a right over two groups.
     std::string RandomPerm(bool whole) {
         static const char *kBundles[] = {"r", "x", "rx", "wpD", "rwxpD", "rwxpdDaARWcCo", "raR", "wpDA",
                                          "w", "wp", "rw"};
@@ -254,9 +246,7 @@ TEST_F(AclEnforce, KernelNeverGrantsMoreThanThePlatformAndAgreesOnAllowOnlyNamed
             // From here on the real ids too are the user's: nothing is left
             // of root.
             if (setresgid(who.gid, who.gid, who.gid) != 0 || setresuid(who.uid, who.uid, who.uid) != 0) _exit(4);
-            // Where POSIX says what the ACL says: no named user who is also
-            // a member of a named group (POSIX lets his own entry shadow his
-            // groups'), on the entry and on every folder above it.
+            // POSIX lets a named user's own entry shadow his named groups': not expressible.
             std::vector<char> expressible(entries.size(), 0);
             for (size_t i = 0; i < entries.size(); ++i) {
                 const Entry &e = entries[i];
@@ -275,9 +265,7 @@ TEST_F(AclEnforce, KernelNeverGrantsMoreThanThePlatformAndAgreesOnAllowOnlyNamed
                 const unsigned p = static_cast<unsigned>(platform[i]);
                 std::fprintf(out, "C\n");
                 if (k & ~p) std::fprintf(out, "V %s kernel %o platform %o\n", e.path.c_str(), k, p);
-                // Exact: an allow-only ACL of named users and groups that
-                // POSIX can express, with the platform's traverse on every
-                // folder above (the kernel judges the whole path).
+                // Exact where POSIX can express the ACL and the whole path may be traversed.
                 bool traverse = true;
                 for (size_t a : e.ancestors) traverse = traverse && platform[a] >= 0 && (platform[a] & kX);
                 if (e.exactCase && traverse && expressible[i]) {
@@ -330,10 +318,8 @@ std::string KernelAcl(const std::string &path) {
     return n < 0 ? "<none>" : std::string(buf, static_cast<size_t>(n));
 }
 
-// Dynamic inheritance: a folder's non-recursive set or removal changes what
-// every inheriting descendant's kernel ACL says, down a few levels; a link
-// in the tree is not followed, nothing outside the share changes, and a
-// descendant that does not inherit keeps its own.
+// A folder's set or removal reaches every inheriting descendant's kernel ACL, never
+// through a link, outside the share, or into a descendant that does not inherit.
 TEST_F(AclEnforce, DescendantsFollowAFoldersInheritableEntries) {
     OpenAncestors();
     const Identity alice{1030, 1030, {}}, bob{1031, 1031, {}};
@@ -373,12 +359,8 @@ TEST_F(AclEnforce, DescendantsFollowAFoldersInheritableEntries) {
     EXPECT_EQ(KernelAcl(outside + "/g"), kernelBefore);
 }
 
-// Traverse is the platform's to judge: a user who may list a folder but
-// not traverse it, and may read a file in it, reads that file's ACL and has
-// the platform find its share and resolve its path, as the user (effective
-// ids, saved uid 0, as a server worker runs); from a shell the kernel,
-// which needs search on the folder, refuses the file. A link in the share
-// that leaves it is still refused.
+// Traverse is the platform's to judge: a user who may list but not traverse a folder
+// reaches a file in it through the platform, while the kernel refuses it.
 TEST_F(AclEnforce, PlatformLookupsDoNotHangOnTheKernelsTraverseCheck) {
     OpenAncestors();
     const Identity alice{1030, 1030, {}};
@@ -410,9 +392,8 @@ TEST_F(AclEnforce, PlatformLookupsDoNotHangOnTheKernelsTraverseCheck) {
     EXPECT_EQ(KernelBitsAs(alice, file, false), 0u);
 }
 
-// Drift: chmod, setfacl and a removed default ACL behind the platform's
-// back are reported (entries without a record are not: the platform judges
-// them by what the kernel holds), repaired on request, and then gone.
+// Drift behind the platform's back (chmod, setfacl, a removed default ACL) is reported
+// and repaired; entries without a record are judged by the kernel and never reported.
 TEST_F(AclEnforce, VerifyReportsAndRepairsDrift) {
     OpenAncestors();
     const Identity alice{1030, 1030, {}}, carol{1032, 1032, {}};
@@ -459,11 +440,8 @@ TEST_F(AclEnforce, VerifyReportsAndRepairsDrift) {
     EXPECT_EQ(RunAdmin("acl verify", &out), 1) << out;
 }
 
-// The module's recursive set: an administrator's task (its ids, and
-// CAP_SYS_ADMIN alone) sets the top folder, then gives every entry below an
-// empty inheriting ACL, top-down; each call projects its entry, so the
-// kernel follows the top's entries everywhere, on a fresh tree and again
-// when the records exist and the top changes.
+// The module's recursive set as an administrator's task projects every entry, on a
+// fresh tree and again when the top changes.
 TEST_F(AclEnforce, RecursiveWalkAsATaskProjectsEveryEntry) {
     OpenAncestors();
     const Identity admin{1040, 1040, {KOVA_ADMIN_GID}};
@@ -492,13 +470,8 @@ TEST_F(AclEnforce, RecursiveWalkAsATaskProjectsEveryEntry) {
     }
 }
 
-// A task that keeps CAP_FOWNER sets a run of entries of one folder without
-// walking the ancestors for each: what the folder passes down is kept, and
-// so is the last projection computed. Neither may outlive what it was
-// computed from: the folder's record rewritten behind the task's back (the
-// same number of bytes, the same clock tick likely) is seen at the next
-// entry, and two files with different owners in a row get their own
-// projections.
+// A task keeping CAP_FOWNER reuses what a folder passes down over a run of entries,
+// but sees the folder's record rewritten behind its back and each file's own owner.
 TEST_F(AclEnforce, ARunOfEntriesInOneFolderIsProjectedFromWhatHoldsNow) {
     OpenAncestors();
     const Identity admin{1040, 1040, {KOVA_ADMIN_GID}};

@@ -1,7 +1,5 @@
-// Enforcement of the calling identity's rights: reading needs read_perm,
-// writing needs change_perm, owner changes need take_ownership and may only
-// name the caller or its groups; root passes; administrators pass below a
-// share root but not at it.
+// The caller's rights decide: read_perm to read, change_perm to write, take_ownership
+// to name itself or its groups owner; root passes; administrators pass below a share root.
 #include "acl-fixture.h"
 
 #include "as-identity.h"
@@ -155,9 +153,7 @@ TEST_F(AclIdentity, ATasksKeptFolderIsNeverReachedThroughALinkPutInItsPlace) {
     const std::string outside = root_.At("outside");
     Dir(outside);
     File(outside + "/f2");
-    // Between two writes in one folder, the folder is moved away and a
-    // link to a folder outside every share takes its name: the second
-    // write lands in the folder that was resolved, never behind the link.
+    // The folder swapped for a link between two writes: the second lands where the first did.
     int rc = RunAsTask(kAdmin, [&] {
         if (WriteAcl(In("a/f1"), "user:1040:allow:rwxpdDaARWcCo:----") != 0) return 1;
         if (rename(In("a").c_str(), In("moved").c_str()) != 0) return 2;

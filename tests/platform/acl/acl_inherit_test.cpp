@@ -72,9 +72,7 @@ TEST_F(AclInherit, PathThatDoesNotInheritGetsNothing) {
     EXPECT_EQ(Get(In("a/b/f"), KOVA_ACL_GET_INHERITED), V());
 }
 
-// Moves one folder (rename) at the first fstatat the library makes, which
-// is the judged entry's own: the tree changes between the judgement and
-// the walk up to the share root.
+// Renames one folder at the library's first fstatat (the judged entry's own).
 std::string gFrom, gTo;
 bool gMoved = false;
 int MovingFstatat(int dirFd, const char *name, struct stat *st, int flags) {
@@ -82,10 +80,8 @@ int MovingFstatat(int dirFd, const char *name, struct stat *st, int flags) {
     return kova_internal::RealSysCalls().fstatat(dirFd, name, st, flags);
 }
 
-// The walk is made from the judged file upwards through descriptors. It
-// ends at the share root wherever it meets it, and fails when the folder
-// where the path put the root is not the root: nothing above the share is
-// ever passed down.
+// The walk up ends at the share root wherever it meets it, and fails when the folder
+// the path named as root is not it: nothing above the share is passed down.
 TEST_F(AclInherit, AWalkUpATreeThatMovedEndsAtTheShareRootOrFails) {
     BuildTree();
     ASSERT_EQ(SetAcl(Share() + "/..", {"user:4242:allow:rwxpdDaARWcCo:fd--"}, false), 0);
@@ -123,9 +119,8 @@ protected:
         File(In("F"));
         for (const char *p : {"D", "D/E", "D/G", "F"}) ASSERT_EQ(SetAcl(In(p), {}), 0);
     }
-    // Stores one root entry with the given inherit letters and returns what
-    // reaches D, E, G and F (their inherited entries, "perm-less" summary
-    // "inherit:level", "" when nothing arrives).
+    // Sets one root entry with these inherit letters; "inherit:level" of what reaches D, E,
+    // G and F ("" for nothing).
     V Reach(const std::string &inherit) {
         EXPECT_EQ(SetAcl(Share(), {"user:1030:allow:r------------:" + inherit}), 0);
         V out;

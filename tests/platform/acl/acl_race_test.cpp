@@ -1,7 +1,5 @@
-// A user who swaps a folder on the way for a link to a folder outside every
-// share, over and over while ACL calls name paths below it, never gets
-// anything outside the share changed: not an owner, not a mode, not an
-// attribute. Run with and without the *xattrat calls.
+// A user swapping a folder on the way for a link to an outside folder, over and over,
+// never gets anything outside the share changed. Run with and without *xattrat.
 #include "acl-fixture.h"
 
 #include "as-identity.h"
@@ -94,9 +92,8 @@ class AclRace : public AclFixture {
 protected:
     void SetUp() override {
         AclFixture::SetUp();
-        // Alice's own folder in the share, a folder of hers holding files
-        // she may take, and next to it a link to a root-owned folder outside
-        // every share whose entries have the same names.
+        // Alice's folder of files she may take, and beside it a link to an outside folder of
+        // root's holding files of the same names.
         outside_ = root_.At("outside");
         ASSERT_TRUE(kova_test::MakeDirs(outside_));
         ASSERT_EQ(chmod(outside_.c_str(), 0755), 0);
@@ -198,9 +195,7 @@ TEST_F(AclRace, AnAdministratorsTaskSettingAclsAndOwnersNeverReachesOutside) {
     KOVAACLFree(acl);
 }
 
-// The ancestors a user's rights are inherited from are the judged file's
-// own: a folder above it swapped for a link to a folder of the user's,
-// where a folder of the same name grants her everything, lends nothing.
+// Inherited rights never come from a folder of the user's swapped in above the file.
 TEST_F(AclRace, InheritedRightsNeverComeFromAFolderSwappedInAbove) {
     Dir(In("r/s"));
     File(In("r/s/f"));

@@ -1,7 +1,4 @@
-// Where the path calls act and with which ids: the folder that was resolved
-// is the one written in, a folder swapped for a link between two calls is
-// judged where it now leads, administrators below a share root do not read
-// the ancestors, and every call hands the caller its own ids back.
+// Where the path calls act and with which ids, when folders move or become links.
 #include "acl-fixture.h"
 
 #include "as-identity.h"
@@ -134,10 +131,8 @@ TEST_F(AclResolve, AdministratorsBelowTheRootDoNotDependOnAncestors) {
     EXPECT_EQ(RawRecord(In("d/f")), std::string(40, 'x'));
 }
 
-// Root and administrators below a share root write without reading the
-// record first when the path has none; a path with one keeps its group
-// owner, a record that already says the same is left as it is, and a
-// missing path is refused without anything being made.
+// Writers whose rights ignore entries keep a group owner, leave an equal record alone
+// and make nothing for a missing path.
 TEST_F(AclResolve, WritersWhoseRightsIgnoreEntriesKeepTheGroupOwner) {
     Dir(In("d"));
     File(In("d/f"));

@@ -1,7 +1,5 @@
-// The platform's identity component: the switch to a user, the root scopes
-// and the way back to root, with each of their id calls refused in turn.
-// A refused call leaves the ids as they were; a refused give-back of root
-// ends the process instead of letting it go on as root.
+// The identity component with each id call refused in turn: ids stay as they were, and a
+// refused give-back of root ends the process.
 #include "as-identity.h"
 #include "sys-fault.h"
 
@@ -104,9 +102,7 @@ TEST(Identity, SwitchToUserFailsCleanlyAtEveryIdCall) {
 
 TEST(Identity, RootScopeRefusedOnTheWayUpChangesNothing) {
     const kova_test::Identity user{4000, 4001, {4002}};
-    // Call 1 raises the uid, call 2 the gid: each refused, the scope is
-    // not ok and the process keeps the user's ids; none refused, the scope
-    // is root inside and the user's ids are back after it.
+    // Call 1 raises the uid, call 2 the gid; refused, nothing changes.
     for (const char *entry : {"setresuid", "setresgid", ""}) {
         const int rc = kova_test::RunAs(user, [&] {
             const Ids before = Ids::Now();

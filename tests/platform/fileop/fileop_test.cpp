@@ -1,8 +1,5 @@
-// The file-share helper against real shares and accounts: folder
-// resolution (".." and link escapes, homes, links put at a share root),
-// path checks, privileges, the identity switch, text with NUL bytes or
-// invalid UTF-8, and every system call of resolution and switch refused in
-// turn.
+// The file-share helper against real shares and accounts: resolution and escapes, path
+// checks, privileges, the identity switch, bad text, and each system call refused in turn.
 #include "as-identity.h"
 #include "sys-fault.h"
 #include "temp-root.h"
@@ -98,9 +95,7 @@ protected:
 
 } // namespace
 
-// Resolution with openat2 and, for kernels without it, with one openat per
-// component that follows no link: links inside the share resolve only with
-// openat2, escapes are refused either way.
+// With openat2, and without it (one openat per component, no link followed).
 TEST_F(FileShare, ResolvesShareFoldersAndRefusesEscapesWithAndWithoutOpenat2) {
     for (bool withOpenat2 : {true, false}) {
         SCOPED_TRACE(withOpenat2 ? "openat2" : "openat");
@@ -236,10 +231,7 @@ TEST_F(FileShare, UGIDSetActsAsUserKeepingSavedRoot) {
         std::vector<gid_t> groups(static_cast<size_t>(getgroups(0, nullptr)));
         getgroups(static_cast<int>(groups.size()), groups.data());
         if (std::find(groups.begin(), groups.end(), static_cast<gid_t>(staffGid_)) == groups.end()) return 4;
-        // Of root's capabilities only the task's two stay (the ACL records
-        // and their kernel projection); reading a file is still judged by
-        // Alice's own ids, and a platform call that raises and drops the
-        // uid gives them back.
+        // Only the task's two capabilities stay; files are still judged by Alice's ids.
         const uint64_t task = (uint64_t{1} << CAP_SYS_ADMIN) | (uint64_t{1} << CAP_FOWNER);
         if (kova_test::EffectiveCapabilities() != task) return 9;
         if (open(secret.c_str(), O_RDONLY) >= 0 || errno != EACCES) return 10;
@@ -318,10 +310,7 @@ TEST_F(FileShare, UGIDSetFailsCleanlyAtEveryIdCall) {
 }
 
 TEST_F(FileShare, ResolutionFailsCleanlyAtEveryFileCall) {
-    // Every call the resolution makes through the table (share database
-    // watch, share root, home, folder, names) is refused in turn: each
-    // refusal is reported with its class and last error, and no output is
-    // half-filled.
+    // Each call of the resolution refused in turn: reported, and no output half-filled.
     for (const auto &c : std::vector<std::pair<std::string, std::string>>{
              {"/s1/dir/sub", s1_ + "/dir/sub"}, {"/s1/inner", s1_ + "/dir/sub"},
              {"/home/docs", Real(root_.At("volume1/homes/alice/docs"))}}) {
@@ -366,9 +355,7 @@ TEST_F(FileShare, ResolutionFailsCleanlyAtEveryFileCall) {
 }
 
 TEST_F(FileShare, ARootReplacedByALinkHoldsNothing) {
-    // Whoever may rename folders beside a share root (here: the volume)
-    // moves the root aside and puts a link to an outside folder in its
-    // place. The share table names the real root; the link holds nothing.
+    // A share root moved aside and replaced by a link to an outside folder holds nothing.
     const std::string outside = Real(root_.At("outside"));
     ASSERT_TRUE(kova_test::WriteFile(outside + "/secret", "x"));
     ASSERT_EQ(rename(root_.At("volume1/s2").c_str(), root_.At("volume1/s2.aside").c_str()), 0);

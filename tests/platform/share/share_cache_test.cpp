@@ -1,8 +1,5 @@
-// The share table a process keeps: another process's changes to the share
-// database are seen on the next lookup, also when they leave its size and
-// modification time as they were; a database put in place of the old one
-// or removed is noticed; the table names each share's real root, and a
-// link put at a root's path holds nothing.
+// The share table a process keeps sees every change to the share database, names each
+// share's real root, and a link put at a root's path holds nothing.
 #include "share-fixture.h"
 
 #include "kova/errcode.h"
@@ -144,9 +141,7 @@ TEST_F(ShareCache, TheTableNamesTheRealRootAndALinkAtItsPathHoldsNothing) {
     EXPECT_EQ(Lookup(vol_ + "/real1/x"), "linked|" + vol_ + "/real1");
     EXPECT_EQ(Lookup(vol_ + "/real2/x"), "err:0x2500");
 
-    // Someone who may rename folders beside the root puts a link in its
-    // place. Whether the table is kept or read afresh (any write reads it
-    // again), the link holds nothing: not where it leads, not through it.
+    // A link put in the root's place holds nothing, whether the table is kept or read afresh.
     const std::string aside = vol_ + "/real1.aside";
     ASSERT_EQ(rename((vol_ + "/real1").c_str(), aside.c_str()), 0);
     ASSERT_EQ(symlink((vol_ + "/real2").c_str(), (vol_ + "/real1").c_str()), 0);

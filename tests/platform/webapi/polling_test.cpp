@@ -51,9 +51,8 @@ bool Exists(const std::string &path) {
     return lstat(path.c_str(), &st) == 0;
 }
 
-// Task bodies. They run in the task process: no test assertions there,
-// everything they do is observed through the record. Their waits are
-// bounded, so a failing test leaves no task behind for good.
+// Task bodies run in the task process and are observed through the record; their
+// waits are bounded so that a failing test leaves no task behind.
 struct Gate {
     std::string goFile;
 };
@@ -443,9 +442,8 @@ TEST_F(Polling, FinishedRecordsBeyondTheCapAreRemovedNewestKept) {
     WaitFinished("alice", next);
 }
 
-// A finished record stays readable for the retention period and goes at
-// the first start after it; running tasks, however quiet, are never swept;
-// a temporary file a dead writer left is removed once it is old.
+// Finished records go at the first start after their retention; running ones never;
+// old temporaries of dead writers go too.
 TEST_F(Polling, RecordsOutliveTheirRetentionOnlyWhileRunning) {
     ScopedEnv retention("KOVA_TASK_RETENTION_SECONDS", "600");
     Gate gate{root_.At("go")};
@@ -486,10 +484,8 @@ TEST_F(Polling, RecordsOutliveTheirRetentionOnlyWhileRunning) {
     WaitFinished("bob", next);
 }
 
-// A record whose pid now belongs to another process (another start time):
-// stop answers as for an ended task and signals nothing, whether or not the
-// kernel has pidfds; status reads it as dead. The same record with the
-// right start time is signalled, so the setup itself is sound.
+// A record whose pid now has another start time is never signalled (with and without
+// pidfds) and reads as dead; with the right start time it is signalled.
 TEST_F(Polling, StopNeverSignalsAProcessThatReusedTheTasksPid) {
     std::string id = StartAs("alice", Quick, nullptr);
     ASSERT_FALSE(id.empty());
@@ -569,9 +565,7 @@ TEST_F(Polling, PrefixNamedUsersDoNotReachEachOthersTasks) {
     EXPECT_TRUE(WaitFinished("bobby", bobbys)["success"].asBool());
 }
 
-// Only plain names of the task folder are task ids: a file there whose
-// name has a dot, a NUL cut or more than 128 characters is never reached,
-// whoever it claims to belong to.
+// Only plain names of the task folder are task ids, whoever a file claims to belong to.
 TEST_F(Polling, OnlyPlainNamesAreTaskIds) {
     std::string id = StartAs("alice", Quick, nullptr);
     ASSERT_FALSE(id.empty());
@@ -598,9 +592,7 @@ TEST_F(Polling, OnlyPlainNamesAreTaskIds) {
     EXPECT_FALSE(resp.IsSet());
 }
 
-// Records are written through the system-call table: a failing rename
-// leaves no record and no temporary file, and the start fails as a whole;
-// a start failing earlier forks nothing and makes no folder.
+// A failing record write starts nothing and leaves no record, temporary or folder.
 TEST_F(Polling, AFailedRecordWriteStartsNothing) {
     using kova_internal::SysCalls;
     auto failRename = [](int, const char *, int, const char *) -> int {
