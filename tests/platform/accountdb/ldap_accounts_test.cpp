@@ -122,8 +122,7 @@ TEST_F(LdapAccounts, LocalAccountWinsANameOrIdClash) {
     EXPECT_EQ(Uid("user0003"), 2003);
     EXPECT_EQ(Uid("user0003@example.com"), kUser3Uid);
     EXPECT_EQ(UserName(kUser3Uid), "user0003@example.com");
-    // A local account holding a directory id takes it: the directory entry
-    // then has no id (it must never act as the local account).
+    // A local account holding a directory id takes it: the entry then has no id.
     ASSERT_EQ(KOVAGroupAdd("localteam", kGroup1Gid, nullptr), 0);
     EXPECT_EQ(GroupName(kGroup1Gid), "localteam");
     EXPECT_LT(Gid("group01@example.com"), 0);

@@ -1,7 +1,5 @@
-// End to end against a real OpenLDAP server: kova-admin binds and syncs
-// (paged, past the server's size limit), the account-database calls find
-// the cached entries, and failed syncs (injected fault, dead server) keep
-// the previous cache.
+// Against a real OpenLDAP server: kova-admin binds and syncs past the size limit, the
+// cache finds the entries, and failed syncs keep the previous cache.
 #include "accountdb-fixture.h"
 #include "slapd.h"
 #include "temp-root.h"

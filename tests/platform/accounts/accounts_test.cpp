@@ -1,5 +1,4 @@
-// Local accounts: defaults of a new root, lookups and their result
-// conventions, holder reuse, passwords, administrators and administration.
+// Local accounts: defaults, lookups, holder reuse, passwords and administration.
 #include "../accountdb/accountdb-fixture.h"
 #include "as-identity.h"
 #include "temp-root.h"
@@ -219,8 +218,7 @@ TEST(Accounts, InjectedFaultsFailCleanlyAndLeaveDataAsItWas) {
     EXPECT_EQ(u, nullptr);
     ASSERT_EQ(KOVAUserGet("admin", &u), 0);
     KOVAUserFree(u);
-    // Upper-casing fails inside a case-insensitive enumeration: the call
-    // fails as a whole instead of matching wrongly.
+    // Upper-casing failing inside a case-insensitive enumeration fails it as a whole.
     ASSERT_EQ(KLIBCFaultSet("KLIBCUnicodeUTF8StrUpper", 0, -1, KOVA_ERR_BADARG), 0);
     EXPECT_LT(KLIBUserInfoEnumBySubstr(KOVA_ACCOUNT_SRC_LOCAL, 0, 0, 0xFFFFFFFFu, "adm", 1, nullptr, nullptr), 0);
     KLIBCFaultClearAll();

@@ -73,8 +73,7 @@ TEST(AccountConnection, WarmProcessSeesOtherProcessesAndReplacedFiles) {
     EXPECT_FALSE(UserExists("zed"));
     EXPECT_EQ(KLIBCErrGet(), KOVA_ERR_NOUSER);
 
-    // Lookups repeated by a warm process are answered again after every
-    // change, also when the change leaves the file's size as it was.
+    // A warm process sees every change, also one that leaves the file's size as it was.
     ASSERT_EQ(RunAdmin("user add yan --password first1 --desc d0"), 0);
     auto desc = [] {
         PKOVA_USER u = nullptr;
@@ -92,8 +91,7 @@ TEST(AccountConnection, WarmProcessSeesOtherProcessesAndReplacedFiles) {
     EXPECT_NE(KOVAUserPasswordCheck("yan", "first1"), 0);
     EXPECT_EQ(KOVAUserPasswordCheck("yan", "second"), 0);
 
-    // A file put in place of the open one (a restore, say) is the one read,
-    // not the old file the connection still holds.
+    // A file put in place of the open one (a restore) is the one read.
     ASSERT_EQ(KOVAUserAdd("old", -1, nullptr, nullptr, nullptr, 0), 0);
     ASSERT_EQ(rename(db.c_str(), (db + ".bak").c_str()), 0);
     EXPECT_FALSE(UserExists("old"));
@@ -114,8 +112,7 @@ TEST(AccountConnection, UnraisedReadsOfAWarmConnectionSeeChanges) {
     int toParent[2], toChild[2];
     ASSERT_EQ(pipe(toParent), 0);
     ASSERT_EQ(pipe(toChild), 0);
-    // While the child waits as an ordinary user, another process (kova-admin,
-    // run from this thread) changes the database.
+    // While the child waits as an ordinary user, kova-admin changes the database.
     std::thread changer([&] {
         char c;
         if (read(toParent[0], &c, 1) != 1) return;

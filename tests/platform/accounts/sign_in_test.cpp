@@ -192,8 +192,7 @@ TEST(SignIn, OnlyOrdinaryUsersSignIn) {
 }
 
 TEST(SignIn, HashesAgreeWithLibargon2AndStoredCostsAreBounded) {
-    // Hashes written by libargon2 itself (as every database before holds)
-    // check here, and ours check with libargon2.
+    // Hashes of libargon2 itself check here, and ours check with libargon2.
     std::vector<char> lib(argon2_encodedlen(2, 19 * 1024, 1, 16, 32, Argon2_id));
     const char salt[] = "0123456789abcdef";
     ASSERT_EQ(argon2id_hash_encoded(2, 19 * 1024, 1, "pw", 2, salt, 16, 32, lib.data(), lib.size()), ARGON2_OK);
@@ -205,8 +204,7 @@ TEST(SignIn, HashesAgreeWithLibargon2AndStoredCostsAreBounded) {
     std::string again;
     ASSERT_TRUE(kova_accounts::HashPassword("pw", again));
     EXPECT_NE(ours, again);  // a fresh salt each time
-    // A stored hash decides what a check costs: past the bounds, or not in
-    // the written form, it never matches and costs the usual one run.
+    // Past the bounds or not in the written form: never a match, and one run as usual.
     std::string tail = std::string(lib.data()).substr(std::string(lib.data()).find("$", 30));
     for (const std::string &bad : {"$argon2id$v=19$m=1048576,t=2,p=1" + tail, "$argon2id$v=19$m=19456,t=99,p=1" + tail,
                                    "$argon2id$v=19$m=19456,t=2,p=64" + tail, "$argon2id$v=16$m=19456,t=2,p=1" + tail,
@@ -233,8 +231,7 @@ TEST(SignIn, HashesAgreeWithLibargon2AndStoredCostsAreBounded) {
     EXPECT_FALSE(kova_accounts::VerifyPassword(encoded(2, 64, 1, withNul), withNul));
 }
 
-// Today's code kept 19 MiB per thread that ever checked a password, and ran
-// as many checks at once as there were callers.
+// Hashing memory was once kept per thread, with as many checks at once as callers.
 TEST(SignIn, HashingMemoryIsBoundedAndGoesBackAtOnce) {
     TempRoot root;
     ASSERT_EQ(KOVAUserAdd("ann", -1, "right-pw", nullptr, nullptr, 0), 0);

@@ -35,8 +35,7 @@ private:
 // Waits until no propagation is queued or running and its runner is gone; false after timeoutMs.
 bool WaitForPropagations(int timeoutMs = 30000);
 
-// With KOVA_TEST_WITHOUT_XATTRAT set in the environment, every test of the
-// fixture runs without the *xattrat calls (CTest runs each ACL test both ways).
+// With KOVA_TEST_WITHOUT_XATTRAT set, every test of the fixture runs without *xattrat.
 class AclFixture : public ::testing::Test {
 protected:
     void SetUp() override;
@@ -52,8 +51,7 @@ protected:
 
     // Stores an ACL; returns KOVAACLSet's result.
     int SetAcl(const std::string &path, const std::vector<std::string> &entries, bool inherits = true);
-    // Reads with a selector; entries printed "type:id:access:perm:inherit:level".
-    // Returns false when KOVAACLGet fails.
+    // Entries as "type:id:access:perm:inherit:level"; false when KOVAACLGet fails.
     bool GetAcl(const std::string &path, int selector, std::vector<std::string> &out, bool *inherits = nullptr);
 
     kova_test::TempRoot root_;
@@ -73,8 +71,7 @@ int Code(int rc);
 int ReadCode(const std::string &path);
 int SetOneCode(const std::string &path, const std::string &entry, bool inherits);
 
-// A new ACL of entries in the text form above (nullptr, with a test
-// failure, when one does not parse); the caller frees it.
+// A new ACL (nullptr, with a test failure, when an entry does not parse); caller frees it.
 PKOVA_ACL MakeAcl(const std::vector<std::string> &entries, bool inherits);
 // An ACL's entries in the text form above.
 std::vector<std::string> Texts(const KOVA_ACL *acl);

@@ -37,8 +37,7 @@ using kova_test::RunAdmin;
 
 constexpr unsigned kR = 4, kW = 2, kX = 1;
 
-// The platform's rights as the kernel's bits (the mapping of
-// docs/platform/enforcement.md).
+// The platform's rights as the kernel's bits (docs/platform/enforcement.md).
 unsigned Mapped(unsigned rights, bool isDir) {
     unsigned b = 0;
     if (rights & KOVA_ACL_PERM_READ_DATA) b |= kR;
@@ -134,8 +133,7 @@ protected:
         return out;
     }
 
-    // Opens the share's folders above for others to traverse: the kernel
-    // judges every folder on a path.
+    // The kernel judges every folder on a path: the share's folders above open for others.
     void OpenAncestors() {
         for (std::string p = Share(); p.size() > 1; p = p.substr(0, p.rfind('/'))) chmod(p.c_str(), 0755);
         chmod(Share().c_str(), 0777);
@@ -201,8 +199,7 @@ TEST_F(AclEnforce, KernelNeverGrantsMoreThanThePlatformAndAgreesOnAllowOnlyNamed
             }
             entries.push_back(e);
         }
-        // A file made afterwards by a program other than the platform: it
-        // starts with the folder's default ACL and has no record.
+        // A file made later by another program: the folder's default ACL, no record.
         for (const auto &d : dirs) {
             ASSERT_TRUE(CreateAsProgram(d + "/late"));
             Entry e;
@@ -243,8 +240,7 @@ TEST_F(AclEnforce, KernelNeverGrantsMoreThanThePlatformAndAgreesOnAllowOnlyNamed
                 if (KOVAACLPermGet(entries[i].path.c_str(), &rights) == 0)
                     platform[i] = static_cast<int>(Mapped(rights, entries[i].isDir));
             }
-            // From here on the real ids too are the user's: nothing is left
-            // of root.
+            // From here on the real ids too are the user's.
             if (setresgid(who.gid, who.gid, who.gid) != 0 || setresuid(who.uid, who.uid, who.uid) != 0) _exit(4);
             // POSIX lets a named user's own entry shadow his named groups': not expressible.
             std::vector<char> expressible(entries.size(), 0);

@@ -1,5 +1,4 @@
-// A failure at any platform call inside KOVAACLSet or KOVAACLOwnerIdSet
-// leaves the stored state either as it was or as asked, never in between.
+// A failure at any call inside an ACL or owner change leaves the old state or the new.
 #include "acl-fixture.h"
 
 #include "kova/acl.h"
@@ -114,9 +113,8 @@ int FailingSetxattr(const char *, const char *, const void *, size_t, int) {
     return -1;
 }
 
-// Naming a user owner of a path whose owner is a group changes the uid and
-// then clears the recorded group; when that write fails the uid is changed
-// back, through the judged folder as the first change was.
+// A user owner replacing a group owner whose record write fails puts the uid back,
+// through the judged folder.
 TEST_F(AclFault, OwnerChangeWhoseRecordWriteFailsPutsTheUidBack) {
     File(In("f"));
     const KOVA_ACL_ID group{KOVA_ACL_ID_GROUP, 2000};

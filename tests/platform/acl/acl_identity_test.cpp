@@ -27,8 +27,7 @@ using kova_test::RunAs;
 int WriteAcl(const std::string &p, const char *entry) { return SetOneCode(p, entry, false); }
 const char kAll[] = "rwxpdDaARWcCo";
 
-// The rights KOVAACLPermGet gives `who` on p (0xFFFF when it fails), a
-// byte per child: an exit status holds no more.
+// KOVAACLPermGet's rights for `who` on p (0xFFFF on failure), a byte per child's status.
 int PermAs(const Identity &who, const std::string &p) {
     int perm = 0;
     for (int shift : {0, 8}) {
@@ -40,8 +39,7 @@ int PermAs(const Identity &who, const std::string &p) {
     return perm;
 }
 
-// As a background task after its switch to `who`: the user's ids, and
-// CAP_SYS_ADMIN alone among root's capabilities.
+// As a task after its switch to `who`: the user's ids and CAP_SYS_ADMIN alone.
 int RunAsTask(const Identity &who, const std::function<int()> &body) {
     return RunAs(who, [&] { return kova_test::KeepOnlyCapability(CAP_SYS_ADMIN) ? body() : 99; });
 }
@@ -122,14 +120,12 @@ TEST_F(AclIdentity, ATaskKeepingTheAttributeCapabilityIsStillJudgedAsItsUser) {
     ASSERT_EQ(SetAcl(In("d/f"), {"everyone:-1:allow:r------------:----"}), 0);
     ASSERT_EQ(SetAcl(Share(), {"everyone:-1:deny:rwxpdDaARWcCo:----"}), 0);
     const std::string before = kova_acl_test::RawRecord(In("d/f"));
-    // Holding the capability that writes records does not let a user write
-    // one it has no change_perm for, nor an administrator at a share root.
+    // The capability lets neither a user without change_perm nor an admin at a root write.
     EXPECT_EQ(RunAsTask(kAlice, [&] { return WriteAcl(In("d/f"), "user:1030:allow:-----------C-:----"); }), 0xD8);
     EXPECT_EQ(kova_acl_test::RawRecord(In("d/f")), before);
     EXPECT_EQ(RunAsTask(kAdmin, [&] { return WriteAcl(Share(), "everyone:-1:allow:rwxpdDaARWcCo:----"); }), 0xD8);
 
-    // Below the root an administrator's task writes, also in a folder its
-    // own ids may not search, and holds the capability afterwards.
+    // Below the root an admin's task writes, also where its ids may not search.
     ASSERT_TRUE(kova_test::MakeDirs(In("locked")));
     File(In("locked/g"));
     ASSERT_EQ(chmod(In("locked").c_str(), 0700), 0);
@@ -164,8 +160,7 @@ TEST_F(AclIdentity, ATasksKeptFolderIsNeverReachedThroughALinkPutInItsPlace) {
     EXPECT_EQ(kova_acl_test::RawRecord(outside + "/f2"), "");
     EXPECT_NE(kova_acl_test::RawRecord(In("moved/f2")), "");
 
-    // A new folder at the old name is resolved afresh; a folder removed
-    // meanwhile fails the write.
+    // A new folder at the old name is resolved afresh; a removed one fails the write.
     ASSERT_EQ(unlink(In("a").c_str()), 0);
     Dir(In("a"));
     File(In("a/f3"));
@@ -178,8 +173,7 @@ TEST_F(AclIdentity, ATasksKeptFolderIsNeverReachedThroughALinkPutInItsPlace) {
     EXPECT_EQ(rc, 0x06);
 }
 
-// The kept folder was resolved with one uid's search rights: a task whose
-// effective uid changes resolves the folder afresh.
+// A task whose effective uid changes resolves its kept folder afresh.
 TEST_F(AclIdentity, ATasksKeptFolderIsNotReusedUnderAnotherUid) {
     Dir(In("a"));
     File(In("a/f1"));
@@ -217,8 +211,7 @@ TEST_F(AclIdentity, OwnerChangeRules) {
     EXPECT_EQ(RunAs(kAlice, [&] { return SetOwner(In("f"), KOVA_ACL_ID_USER, 1030); }), 0);
     ASSERT_EQ(lstat(In("f").c_str(), &st), 0);
     EXPECT_EQ(st.st_uid, 1030u);
-    // One of her groups: recorded as the owner, and its members hold the
-    // owner's implicit rights.
+    // One of her groups: the owner, and its members hold the owner's implicit rights.
     EXPECT_EQ(RunAs(kAlice, [&] { return SetOwner(In("f"), KOVA_ACL_ID_GROUP, 2000); }), 0);
     KOVA_ACL_ID owner;
     ASSERT_EQ(KOVAACLOwnerIdGet(In("f").c_str(), &owner), 0);

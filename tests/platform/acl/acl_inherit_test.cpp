@@ -1,5 +1,4 @@
-// Dynamic inheritance: entries that ancestors pass down, with their levels,
-// where the chain ends, and how f, d, i and n carry an entry.
+// Dynamic inheritance: what ancestors pass down, levels, chain ends, and f, d, i, n.
 #include "acl-fixture.h"
 
 #include "kova/acl.h"
@@ -22,8 +21,7 @@ using V = std::vector<std::string>;
 
 class AclInherit : public AclFixture {
 protected:
-    // share root -> a -> b -> f (file); every path stores an ACL, the three
-    // below the root inherit.
+    // share root -> a -> b -> f (file); each stores an ACL, the three below the root inherit.
     void BuildTree() {
         Dir(In("a/b"));
         File(In("a/b/f"));
@@ -96,13 +94,11 @@ TEST_F(AclInherit, AWalkUpATreeThatMovedEndsAtTheShareRootOrFails) {
         EXPECT_TRUE(gMoved);
         return ok ? 0 : KLIBCErrGet();
     };
-    // b moves up beside a: the root is met one step early, and the walk
-    // ends there.
+    // b moves up beside a: the root is met one step early and the walk ends there.
     V got;
     EXPECT_EQ(getMoving(In("a/b/f"), In("a/b"), In("b"), got), 0);
     EXPECT_EQ(got, V({"user:1031:allow:--x----------:f---:1", "group:2000:allow:r------------:fd--:2"}));
-    // b moves down below a new folder x that inherits: the step where the
-    // path put the root reaches a instead, and the read fails.
+    // b moves below a new inheriting folder x: the named root step reaches a, and fails.
     Dir(In("a/x"));
     ASSERT_EQ(SetAcl(In("a/x"), {"user:1032:allow:r------------:fd--"}), 0);
     EXPECT_EQ(getMoving(In("b/f"), In("b"), In("a/x/b"), got), KOVA_ERR_NOENT);
@@ -110,8 +106,7 @@ TEST_F(AclInherit, AWalkUpATreeThatMovedEndsAtTheShareRootOrFails) {
 
 class AclPassDown : public AclFixture {
 protected:
-    // share root with a folder D (holding folder E and file G) and a file F;
-    // everything below the root inherits and has no entries of its own.
+    // Share root with D (holding folder E, file G) and file F, all inheriting, no entries.
     void SetUp() override {
         AclFixture::SetUp();
         Dir(In("D/E"));
@@ -151,8 +146,7 @@ TEST_F(AclPassDown, NoPropagateStopsAfterOneLevel) {
 
 TEST_F(AclPassDown, InheritOnlyPassesWithoutApplyingToItsHolder) {
     EXPECT_EQ(Reach("fdi-"), V({"fd--:1", "fd--:2", "fd--:2", "fd--:1"}));
-    // The root's own inherit-only entry grants nothing at the root; the
-    // copies below do.
+    // The root's inherit-only entry grants nothing at the root; the copies below do.
     kova_test::Identity user{1030, 1030, {}};
     auto has = [&](const std::string &p) {
         return kova_test::RunAs(user, [&] { return KOVAACLPermCheck(p.c_str(), KOVA_ACL_PERM_READ_DATA); });

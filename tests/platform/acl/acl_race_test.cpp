@@ -116,8 +116,7 @@ protected:
         Snapshot(outside_, before_);
     }
 
-    // Runs body as `who` (a task keeping CAP_SYS_ADMIN when asked), without
-    // the *xattrat calls when asked, while the folder and the link swap.
+    // Runs body as `who` (as a task, without *xattrat, when asked) while the names swap.
     void Race(const Identity &who, bool task, bool withoutAt, const std::function<int()> &body) {
         Swapper swapper(In("u/d"), In("u/swap"));
         ASSERT_TRUE(swapper.Running());
@@ -154,8 +153,7 @@ protected:
     TreeState before_;
 };
 
-// Fails the body unless a fair share of the calls got through: a race that
-// only ever hit refusals would prove nothing.
+// A race that only ever hit refusals would prove nothing.
 int EnoughSucceeded(int ok) { return ok >= kRounds / 10 ? 0 : 1; }
 
 TEST_F(AclRace, APlainUserTakingOwnershipNeverReachesOutside) {

@@ -51,8 +51,7 @@ TEST_F(AclResolve, AFolderSwappedForALinkIsJudgedWhereItLeads) {
     // The folder moves out of every share and a link takes its place.
     ASSERT_EQ(rename(In("a").c_str(), root_.At("outside/a").c_str()), 0);
     ASSERT_EQ(symlink(root_.At("outside/a").c_str(), In("a").c_str()), 0);
-    // The same path now reaches a file outside the share: the administrator
-    // is judged by its entries there, which do not grant change_perm.
+    // The path now leads outside: the admin is judged by the entries there, no change_perm.
     EXPECT_EQ(RunAs(kAdmin, [&] { return SetOne(In("a/f"), "everyone:-1:allow:rwxpdDaARWcCo:----"); }), 0xD8);
     EXPECT_EQ(RawRecord(root_.At("outside/a/f")), written);
     // Root writes where the path really leads, not in a stale place.
@@ -61,8 +60,7 @@ TEST_F(AclResolve, AFolderSwappedForALinkIsJudgedWhereItLeads) {
     EXPECT_EQ(RawRecord(In("a")), "");  // the link itself was left alone
 }
 
-// A link standing at a share root's own path is not that share's root: it
-// is an entry of the folder holding it, judged in that folder's share.
+// A link at a share root's own path is an entry of the share around it.
 TEST_F(AclResolve, ALinkAtAShareRootsPathBelongsToTheShareAroundIt) {
     KOVA_SHARE outer;
     std::memset(&outer, 0, sizeof outer);
@@ -72,8 +70,7 @@ TEST_F(AclResolve, ALinkAtAShareRootsPathBelongsToTheShareAroundIt) {
     outer.aclStatus = 1;
     outer.defaultPriv = KOVA_SHARE_PRIV_RW;
     ASSERT_EQ(KOVAShareSet(&outer), 0);
-    // The share table is kept once it has settled; the link then stands
-    // where the table still knows the root of "data".
+    // Wait until the share table is kept, so that it still knows data's root.
     usleep(2100 * 1000);
     char name[64], root[4096];
     ASSERT_EQ(KOVAShareNamePathGet(Share().c_str(), name, sizeof name, root, sizeof root), 0);
@@ -81,8 +78,7 @@ TEST_F(AclResolve, ALinkAtAShareRootsPathBelongsToTheShareAroundIt) {
     const std::string moved = root_.At("elsewhere");
     ASSERT_EQ(rename(Share().c_str(), moved.c_str()), 0);
     ASSERT_EQ(symlink(moved.c_str(), Share().c_str()), 0);
-    // Strictly below the root of "vol" an administrator may write: the
-    // link's own record, never its target's.
+    // Below the root of "vol" an admin writes the link's own record, never its target's.
     EXPECT_EQ(RunAs(kAdmin, [&] { return SetOne(Share(), "everyone:-1:allow:r------------:----"); }), 0);
     EXPECT_NE(RawRecord(Share()), "");
     EXPECT_EQ(RawRecord(moved), "");
@@ -115,12 +111,10 @@ TEST_F(AclResolve, AdministratorsBelowTheRootDoNotDependOnAncestors) {
     File(In("d/f"));
     ASSERT_EQ(SetAcl(In("d/f"), {"user:1030:allow:rwxpdDaARWcCo:----"}, true), 0);
     ASSERT_TRUE(WriteRawRecord(In("d"), std::string(40, 'x')));
-    // An administrator's rights below the root come from its group alone:
-    // the damaged ancestor does not stop its writes.
+    // An admin's rights below the root come from its group: a damaged ancestor is not read.
     EXPECT_EQ(RunAs(kAdmin, [&] { return SetOne(In("d/f"), "user:1030:allow:rwxpdDaARWcCo:----"); }), 0);
     EXPECT_EQ(RunAs(kAdmin, [&] { return Code(KOVAACLRemove(In("d/f").c_str(), -1)); }), 0);
-    // A user whose right is an entry must have the inherited ones read,
-    // and the damaged ancestor stops that.
+    // A user's right from an entry needs the inherited ones, which the damage stops.
     ASSERT_EQ(SetAcl(In("d/f"), {"user:1030:allow:rwxpdDaARWcCo:----"}, true), 0);
     EXPECT_EQ(RunAs(kAlice, [&] { return SetOne(In("d/f"), "user:1030:allow:rwxpdDaARWcCo:----"); }),
               KOVA_ERR_CORRUPT >> 8);

@@ -51,8 +51,7 @@ std::string Lines(const std::vector<std::string> &problems) {
     return all;
 }
 
-// How a forked child that runs body ended: its exit status, or 1000 + the
-// signal that killed it.
+// A forked child's exit status, or 1000 + the signal that ended it.
 int ChildEnd(const std::function<int()> &body) {
     pid_t pid = fork();
     if (pid == 0) _exit(body() & 0xFF);
@@ -64,8 +63,7 @@ int ChildEnd(const std::function<int()> &body) {
 } // namespace
 
 TEST(Identity, SwitchToUserFailsCleanlyAtEveryIdCall) {
-    // From root (the server's worker) and from a user with saved uid 0 (a
-    // task that switches again).
+    // From root (a worker) and from a user with saved uid 0 (a task).
     for (uid_t start : {0u, 4100u}) {
         Ids before;
         int savedErrno = 0;

@@ -113,8 +113,7 @@ TEST_F(FileShare, ResolvesShareFoldersAndRefusesEscapesWithAndWithoutOpenat2) {
         EXPECT_EQ(shareRoot_, s1_);
         EXPECT_EQ(allowed_, "");
         EXPECT_EQ(fs_.WfmLibGetErr(), KOVA_WFM_ERR_NONE);
-        // Extra slashes, the share itself, and ".." that stays inside the
-        // share are fine, and come out canonical.
+        // Extra slashes, the share itself and ".." inside come out canonical.
         for (const auto &c : std::vector<std::pair<std::string, std::string>>{
                  {"//s1//dir/sub/", s1_ + "/dir/sub"}, {"/s1", s1_}, {"/s1/dir/../dir2", s1_ + "/dir2"},
                  {"/home/docs", Real(root_.At("volume1/homes/alice/docs"))}}) {
@@ -217,8 +216,7 @@ TEST_F(FileShare, UGIDSetActsAsUserKeepingSavedRoot) {
     const std::string secret = root_.At("secret");
     ASSERT_TRUE(kova_test::WriteFile(secret, "root only"));
     ASSERT_EQ(chmod(secret.c_str(), 0600), 0);
-    // Run in a child: the switch changes the whole process. Start from a
-    // user identity as a task would after raising and lowering again.
+    // In a child, from a user identity as a task would start.
     int rc = kova_test::RunAs({4000, 4000, {}}, [&] {
         PanoraFileShare fs;
         if (fs.WfmLibUGIDSet("sid", "alice") != 0) return 1;
@@ -291,8 +289,7 @@ TEST_F(FileShare, UGIDSetFailsCleanlyAtEveryIdCall) {
             if (run.entry == "capget" || run.entry == "capset")
                 return run.result == 0 && geteuid() == aliceUid_ ? "" : "a refused capability failed the switch";
             if (run.result == 0) return "reported success";
-            // The account lookup raises its own ids too; what is refused
-            // there is reported by the lookup's class.
+            // The account lookup raises its own ids; its refusals carry the lookup's class.
             if (fs_.WfmLibGetErr() == KOVA_WFM_ERR_NONE || KLIBCErrGet() == 0) return "failure not reported";
             const std::string after = IdsNow();
             return after == before ? "" : "ids " + before + " became " + after;
@@ -303,8 +300,7 @@ TEST_F(FileShare, UGIDSetFailsCleanlyAtEveryIdCall) {
             return sig == SIGABRT && (entry == "setresuid" || entry == "setresgid");
         });
     EXPECT_TRUE(problems.empty()) << Lines(problems);
-    // The switch's own calls were among those refused, and the ones
-    // keeping the capability.
+    // The switch's own calls and the capability's were among those refused.
     for (const char *entry : {"setgroups", "setresgid", "capget", "capset"})
         EXPECT_NE(std::find(refused.begin(), refused.end(), entry), refused.end()) << entry;
 }

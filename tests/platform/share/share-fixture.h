@@ -1,5 +1,4 @@
-// Helpers of the share tests: a share record with a name and a root, and the
-// share holding a path as one comparable string.
+// Share test helpers: a record of a name and a root, and a path's share as one string.
 #ifndef KOVA_TEST_SHARE_FIXTURE_H
 #define KOVA_TEST_SHARE_FIXTURE_H
 

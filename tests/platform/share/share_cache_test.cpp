@@ -34,8 +34,7 @@ protected:
         for (const char *d : {"data", "other", "otheR", "real1", "real2"}) ASSERT_TRUE(kova_test::MakeDirs(vol_ + "/" + d));
         ASSERT_EQ(Add("data", vol_ + "/data"), 0);
     }
-    // Makes the database look written a minute ago, so that this process
-    // keeps the table it reads next (a fresh write is re-read every time).
+    // Dates the database a minute back, so this process keeps the table it reads next.
     void Age(const struct timespec &mtime) {
         struct timespec times[2] = {mtime, mtime};
         ASSERT_EQ(utimensat(AT_FDCWD, db_.c_str(), times, 0), 0);
@@ -67,8 +66,7 @@ TEST_F(ShareCache, AnotherProcessesChangesAreSeenOnTheNextCall) {
     ASSERT_EQ(InOtherProcess([&] { return Add("other", vol_ + "/other") == 0 ? 0 : 1; }), 0);
     EXPECT_EQ(Lookup(vol_ + "/other/x"), "other|" + vol_ + "/other");
 
-    // A change that keeps the file's size, its modification time put back
-    // as it was: the status change time still tells.
+    // Same size, modification time put back: the status change time still tells.
     Age(old);
     EXPECT_EQ(Lookup(vol_ + "/other/x"), "other|" + vol_ + "/other");
     struct timespec pause = {0, 50 * 1000 * 1000};  // past one timestamp tick
@@ -193,8 +191,7 @@ TEST_F(ShareCache, ARealPathWithANulIsRefused) {
     EXPECT_EQ(name, "untouched");
     ASSERT_EQ(kova_share::ShareOfRealPath(vol_ + "/data/x", name, root), 0);
     EXPECT_EQ(name, "data");
-    // The C call behind it: a buffer too small for the answer is an error,
-    // never a cut name; a path in no share is told apart.
+    // The C call: too small a buffer is an error, never a cut name.
     char small[4] = "abc", full[PATH_MAX];
     EXPECT_LT(KOVAShareOfRealPath((vol_ + "/data/x").c_str(), small, sizeof small, nullptr, 0), 0);
     EXPECT_EQ(KLIBCErrGet(), KOVA_ERR_RANGE);

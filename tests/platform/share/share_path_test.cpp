@@ -60,8 +60,7 @@ TEST_F(SharePath, LinksAndDotDotCannotLeaveTheShare) {
     // ".." and links that stay inside are fine.
     ASSERT_EQ(symlink((vol_ + "/data/sub").c_str(), (vol_ + "/data/inner").c_str()), 0);
     EXPECT_EQ(Lookup(vol_ + "/data/sub/deep/../new"), "nested|" + vol_ + "/data/sub");
-    // Written inside the nested share, ".." leaves it: refused, even though
-    // the real location lies in the enclosing share.
+    // ".." out of the nested share is refused, though the place lies in the outer one.
     EXPECT_EQ(Lookup(vol_ + "/data/sub/../new"), "err:0xBE00");
     EXPECT_EQ(Lookup(vol_ + "/data/inner/deep"), "nested|" + vol_ + "/data/sub");
     // A path written outside every share is judged where it really is.
@@ -78,8 +77,7 @@ TEST_F(SharePath, SmallBuffersAreRefused) {
     EXPECT_EQ(KLIBCErrGet(), KOVA_ERR_RANGE);
 }
 
-// Swaps a folder for a link the first time the share root is opened, i.e.
-// after the kernel has named the path being looked up.
+// Swaps a folder for a link at the first open of the root, after the path was named.
 struct SwapOnRootOpen {
     static std::string root, folder, target;
     static bool swapped;
@@ -108,8 +106,7 @@ TEST_F(SharePath, AFolderSwappedForALinkAfterNamingIsNotInTheShare) {
         EXPECT_EQ(Lookup(vol_ + "/data/sub/deep"), "err:0xBE00");
     }
     EXPECT_TRUE(SwapOnRootOpen::swapped);
-    // Asked again, the path is simply outside; the nested share's root is
-    // now a link and holds nothing, its folder moved aside is data's.
+    // Now the nested root is a link holding nothing; its folder moved aside is data's.
     EXPECT_EQ(Lookup(vol_ + "/data/sub/deep"), "err:0xBE00");
     EXPECT_EQ(Lookup(vol_ + "/data/sub.old/deep"), "data|" + vol_ + "/data");
 }

@@ -1,5 +1,4 @@
-// A user's privilege on a share from its own entry, its groups' entries and
-// the share default.
+// A user's share privilege: its own entry, then its groups', then the share default.
 #include "share-fixture.h"
 
 #include "kova/account.h"

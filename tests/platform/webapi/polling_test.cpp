@@ -1,5 +1,4 @@
-// Background tasks end to end: real detached processes, their records, the
-// owner rule, SIGTERM delivery, killed tasks and untorn records.
+// Background tasks end to end: detached processes, records, owners, stops and bounds.
 #include "as-identity.h"
 #include "temp-root.h"
 
@@ -163,8 +162,7 @@ protected:
         ASSERT_EQ(KOVAUserAdd("bob", -1, "pw", nullptr, nullptr, 0), 0);
     }
 
-    // Starts fn as user's task; returns the task id ("" on failure, with
-    // the polling error in *err and the response left unset).
+    // Starts fn as user's task: its id, or "" with the polling error in *err.
     std::string StartAs(const std::string &user, APIPolling::TaskFunc fn, void *data, const char *prefix = "setacl",
                         int *err = nullptr) {
         APIRequest req(params_, user, "sid-" + user);
@@ -356,8 +354,7 @@ TEST_F(Polling, StatusWorksForAUserIdentity) {
     EXPECT_EQ(rc, 0);
 }
 
-// Running tasks are bounded per user and in total; a refused start sets
-// nothing, forks nothing and names the bound in its errors.
+// Running tasks are bounded per user and in total; a refused start does nothing.
 TEST_F(Polling, RunningTasksAreBoundedPerUserAndInTotal) {
     ASSERT_EQ(KOVAUserAdd("carol", -1, "pw", nullptr, nullptr, 0), 0);
     ScopedEnv perUser("KOVA_TASKS_PER_USER", "2");
@@ -416,8 +413,7 @@ TEST_F(Polling, ConcurrentStartsFromManyProcessesKeepTheBound) {
     for (const std::string &id : ids) EXPECT_TRUE(WaitFinished("alice", id)["success"].asBool());
 }
 
-// Finished records are kept per user up to a count, the newest first; a
-// start sweeps the rest. Other users' records count for them alone.
+// Finished records are kept per user up to a count, newest first, swept at a start.
 TEST_F(Polling, FinishedRecordsBeyondTheCapAreRemovedNewestKept) {
     ScopedEnv keep("KOVA_TASK_RECORDS_PER_USER", "3");
     std::string bobs = StartAs("bob", Quick, nullptr);
@@ -431,8 +427,7 @@ TEST_F(Polling, FinishedRecordsBeyondTheCapAreRemovedNewestKept) {
         // Distinct finishing times on any file system's clock.
         ASSERT_TRUE(Age(RecordPath(alices.back()), 50 - i * 10));
     }
-    // Every start sweeps: of the five finished, the two oldest went when
-    // the fourth and fifth started; one more start changes nothing else.
+    // Each start swept: the two oldest went when the fourth and fifth started.
     std::string next = StartAs("alice", Quick, nullptr);
     ASSERT_FALSE(next.empty());
     for (int i = 0; i < 5; ++i) EXPECT_EQ(StatusError("alice", alices[i]), i < 2 ? noTask_ : "ok") << i;
@@ -465,8 +460,7 @@ TEST_F(Polling, RecordsOutliveTheirRetentionOnlyWhileRunning) {
     ASSERT_TRUE(kova_test::WriteFile(deadTemp, "{"));
     ASSERT_TRUE(kova_test::WriteFile(liveTemp, "{"));
     ASSERT_TRUE(Age(deadTemp, 120));
-    // Status alone removes nothing: an expired record is readable until
-    // the next start.
+    // Status alone removes nothing: an expired record reads until the next start.
     EXPECT_TRUE(StatusAs("alice", old, st));
 
     std::string next = StartAs("bob", Quick, nullptr);
@@ -542,8 +536,7 @@ TEST_F(Polling, StopNeverSignalsAProcessThatReusedTheTasksPid) {
     EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM);
 }
 
-// Owners compare exactly: a name that is a prefix of another reaches
-// neither way.
+// Owners compare exactly: a name's prefix reaches neither way.
 TEST_F(Polling, PrefixNamedUsersDoNotReachEachOthersTasks) {
     ASSERT_EQ(KOVAUserAdd("bobby", -1, "pw", nullptr, nullptr, 0), 0);
     Gate gate{root_.At("go")};
