@@ -134,6 +134,12 @@ std::vector<std::string> Texts(const KOVA_ACL *acl) {
     return out;
 }
 
+std::string OwnerOf(const std::string &path) {
+    KOVA_ACL_ID owner{0, 0};
+    if (KOVAACLOwnerIdGet(path.c_str(), &owner) != 0) return "failed";
+    return (owner.idType == KOVA_ACL_ID_GROUP ? "group:" : "user:") + std::to_string(owner.id);
+}
+
 int Code(int rc) { return rc < 0 ? (KLIBCErrGet() >> 8) : 0; }
 
 int ReadCode(const std::string &path) {

@@ -76,6 +76,9 @@ PKOVA_ACL MakeAcl(const std::vector<std::string> &entries, bool inherits);
 // An ACL's entries in the text form above.
 std::vector<std::string> Texts(const KOVA_ACL *acl);
 
+// The owner KOVAACLOwnerIdGet reads: "user:ID", "group:ID", or "failed".
+std::string OwnerOf(const std::string &path);
+
 // The raw stored record of a path ("" when there is none).
 std::string RawRecord(const std::string &path);
 bool WriteRawRecord(const std::string &path, const std::string &bytes);

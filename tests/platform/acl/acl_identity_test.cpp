@@ -213,20 +213,14 @@ TEST_F(AclIdentity, OwnerChangeRules) {
     EXPECT_EQ(st.st_uid, 1030u);
     // One of her groups: the owner, and its members hold the owner's implicit rights.
     EXPECT_EQ(RunAs(kAlice, [&] { return SetOwner(In("f"), KOVA_ACL_ID_GROUP, 2000); }), 0);
-    KOVA_ACL_ID owner;
-    ASSERT_EQ(KOVAACLOwnerIdGet(In("f").c_str(), &owner), 0);
-    EXPECT_EQ(owner.idType, KOVA_ACL_ID_GROUP);
-    EXPECT_EQ(owner.id, 2000);
+    EXPECT_EQ(OwnerOf(In("f")), "group:2000");
     EXPECT_EQ(RunAs(kBob, [&] { return ReadCode(In("f")); }), 0);
     // Naming a user again replaces the group owner.
     EXPECT_EQ(RunAs(kBob, [&] { return SetOwner(In("f"), KOVA_ACL_ID_USER, 1031); }), 0);
-    ASSERT_EQ(KOVAACLOwnerIdGet(In("f").c_str(), &owner), 0);
-    EXPECT_EQ(owner.idType, KOVA_ACL_ID_USER);
-    EXPECT_EQ(owner.id, 1031);
+    EXPECT_EQ(OwnerOf(In("f")), "user:1031");
     // An administrator may name anyone below a share root.
     EXPECT_EQ(RunAs(kAdmin, [&] { return SetOwner(In("f"), KOVA_ACL_ID_USER, 4242); }), 0);
-    ASSERT_EQ(KOVAACLOwnerIdGet(In("f").c_str(), &owner), 0);
-    EXPECT_EQ(owner.id, 4242);
+    EXPECT_EQ(OwnerOf(In("f")), "user:4242");
 }
 
 TEST_F(AclIdentity, GroupOwnerOnModeBitPathConvertsItToAclMode) {

@@ -113,10 +113,7 @@ TEST_F(AclRecord, ImpossibleFieldsUnderAValidChecksumAreCorrupt) {
     Put16(grouped, 6, 0x2);
     Put32(grouped, 12, 2000);
     ASSERT_TRUE(WriteRawRecord(In("d"), WithCrc(grouped)));
-    KOVA_ACL_ID owner;
-    ASSERT_EQ(KOVAACLOwnerIdGet(In("d").c_str(), &owner), 0);
-    EXPECT_EQ(owner.idType, KOVA_ACL_ID_GROUP);
-    EXPECT_EQ(owner.id, 2000);
+    EXPECT_EQ(kova_acl_test::OwnerOf(In("d")), "group:2000");
 
     const size_t e0 = 16, e1 = 32;  // user entry, everyone entry
     const struct {

@@ -140,10 +140,7 @@ TEST_F(AclResolve, WritersWhoseRightsIgnoreEntriesKeepTheGroupOwner) {
         EXPECT_EQ(RunAs(who, [&] { return SetOne(In("d/f"), "user:1030:allow:r------------:----"); }), 0);
         const std::string first = RawRecord(In("d/f"));
         EXPECT_NE(first, grouped);
-        KOVA_ACL_ID owner{0, 0};
-        ASSERT_EQ(KOVAACLOwnerIdGet(In("d/f").c_str(), &owner), 0);
-        EXPECT_EQ(owner.idType, KOVA_ACL_ID_GROUP);
-        EXPECT_EQ(owner.id, 2000);
+        EXPECT_EQ(OwnerOf(In("d/f")), "group:2000");
         // The same ACL again: nothing changes.
         EXPECT_EQ(RunAs(who, [&] { return SetOne(In("d/f"), "user:1030:allow:r------------:----"); }), 0);
         EXPECT_EQ(RawRecord(In("d/f")), first);
@@ -154,15 +151,11 @@ TEST_F(AclResolve, WritersWhoseRightsIgnoreEntriesKeepTheGroupOwner) {
         ASSERT_TRUE(GetAcl(In("d/f"), KOVA_ACL_GET_OWN, entries, &inherits));
         EXPECT_EQ(entries, std::vector<std::string>({"user:1031:allow:rw-----------:----:0"}));
         EXPECT_FALSE(inherits);
-        ASSERT_EQ(KOVAACLOwnerIdGet(In("d/f").c_str(), &owner), 0);
-        EXPECT_EQ(owner.idType, KOVA_ACL_ID_GROUP);
-        EXPECT_EQ(owner.id, 2000);
+        EXPECT_EQ(OwnerOf(In("d/f")), "group:2000");
         // A path without a record gets one with the file's user as owner.
         ASSERT_EQ(RemoveFileRecord(In("d/g")), 0);
         EXPECT_EQ(RunAs(who, [&] { return SetOne(In("d/g"), "user:1030:allow:r------------:----"); }), 0);
-        ASSERT_EQ(KOVAACLOwnerIdGet(In("d/g").c_str(), &owner), 0);
-        EXPECT_EQ(owner.idType, KOVA_ACL_ID_USER);
-        EXPECT_EQ(owner.id, 0);
+        EXPECT_EQ(OwnerOf(In("d/g")), "user:0");
         ASSERT_TRUE(GetAcl(In("d/g"), KOVA_ACL_GET_OWN, entries));
         EXPECT_EQ(entries, std::vector<std::string>({"user:1030:allow:r------------:----:0"}));
         // A missing name in an existing folder: refused, nothing made.
