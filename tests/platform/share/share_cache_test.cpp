@@ -33,17 +33,14 @@ protected:
         db_ = root_.At("etc/shares.db");
         for (const char *d : {"data", "other", "otheR", "real1", "real2"}) ASSERT_TRUE(kova_test::MakeDirs(vol_ + "/" + d));
         ASSERT_EQ(Add("data", vol_ + "/data"), 0);
+        clock_gettime(CLOCK_REALTIME, &old_);
+        old_.tv_sec -= 60;
     }
-    // Dates the database a minute back, so this process keeps the table it reads next.
-    void Age(const struct timespec &mtime) {
-        struct timespec times[2] = {mtime, mtime};
+    // Dates the database a minute back (always the same time), so this process keeps
+    // the table it reads next.
+    void Age() {
+        struct timespec times[2] = {old_, old_};
         ASSERT_EQ(utimensat(AT_FDCWD, db_.c_str(), times, 0), 0);
-    }
-    struct timespec MinuteAgo() const {
-        struct timespec t;
-        clock_gettime(CLOCK_REALTIME, &t);
-        t.tv_sec -= 60;
-        return t;
     }
     // Runs body in another process; its exit status.
     static int InOtherProcess(const std::function<int()> &body) {
@@ -55,11 +52,11 @@ protected:
     }
     kova_test::TempRoot root_;
     std::string vol_, db_;
+    struct timespec old_;
 };
 
 TEST_F(ShareCache, AnotherProcessesChangesAreSeenOnTheNextCall) {
-    const struct timespec old = MinuteAgo();
-    Age(old);
+    Age();
     EXPECT_EQ(Lookup(vol_ + "/data/x"), "data|" + vol_ + "/data");
     EXPECT_EQ(Lookup(vol_ + "/other/x"), "err:0x2500");
 
@@ -67,14 +64,14 @@ TEST_F(ShareCache, AnotherProcessesChangesAreSeenOnTheNextCall) {
     EXPECT_EQ(Lookup(vol_ + "/other/x"), "other|" + vol_ + "/other");
 
     // Same size, modification time put back: the status change time still tells.
-    Age(old);
+    Age();
     EXPECT_EQ(Lookup(vol_ + "/other/x"), "other|" + vol_ + "/other");
     struct timespec pause = {0, 50 * 1000 * 1000};  // past one timestamp tick
     nanosleep(&pause, nullptr);
     struct stat before;
     ASSERT_EQ(stat(db_.c_str(), &before), 0);
     ASSERT_EQ(InOtherProcess([&] { return Add("other", vol_ + "/otheR") == 0 ? 0 : 1; }), 0);
-    Age(old);
+    Age();
     struct stat after;
     ASSERT_EQ(stat(db_.c_str(), &after), 0);
     EXPECT_EQ(after.st_size, before.st_size);  // the case this step is about
@@ -82,19 +79,18 @@ TEST_F(ShareCache, AnotherProcessesChangesAreSeenOnTheNextCall) {
     EXPECT_EQ(Lookup(vol_ + "/other/x"), "err:0x2500");
 
     ASSERT_EQ(InOtherProcess([&] { return KOVAShareDelete("other") == 0 ? 0 : 1; }), 0);
-    Age(old);
+    Age();
     EXPECT_EQ(Lookup(vol_ + "/otheR/x"), "err:0x2500");
 }
 
 TEST_F(ShareCache, ADatabasePutInPlaceOrRemovedIsNoticed) {
-    const struct timespec old = MinuteAgo();
-    Age(old);
+    Age();
     EXPECT_EQ(Lookup(vol_ + "/data/x"), "data|" + vol_ + "/data");
     // The database moves aside and one with another share takes its place.
     const std::string aside = db_ + ".aside";
     ASSERT_EQ(rename(db_.c_str(), aside.c_str()), 0);
     ASSERT_EQ(InOtherProcess([&] { return Add("other", vol_ + "/other") == 0 ? 0 : 1; }), 0);
-    Age(old);
+    Age();
     EXPECT_EQ(Lookup(vol_ + "/data/x"), "err:0x2500");
     EXPECT_EQ(Lookup(vol_ + "/other/x"), "other|" + vol_ + "/other");
     // No database: no shares.
@@ -106,13 +102,12 @@ TEST_F(ShareCache, ADatabasePutInPlaceOrRemovedIsNoticed) {
 }
 
 TEST_F(ShareCache, WritesOfThisProcessAndOtherRootsAreSeenAtOnce) {
-    const struct timespec old = MinuteAgo();
-    Age(old);
+    Age();
     EXPECT_EQ(Lookup(vol_ + "/data/x"), "data|" + vol_ + "/data");
     ASSERT_EQ(KOVAShareDelete("data"), 0);
     EXPECT_EQ(Lookup(vol_ + "/data/x"), "err:0x2500");
     ASSERT_EQ(Add("data", vol_ + "/data"), 0);
-    Age(old);
+    Age();
     EXPECT_EQ(Lookup(vol_ + "/data/x"), "data|" + vol_ + "/data");
     {
         // Another platform root has its own database.
@@ -130,7 +125,7 @@ TEST_F(ShareCache, TheTableNamesTheRealRootAndALinkAtItsPathHoldsNothing) {
     ASSERT_TRUE(kova_test::MakeDirs(vol_ + "/real1/sub"));
     ASSERT_TRUE(kova_test::MakeDirs(vol_ + "/real2/sub"));
     ASSERT_EQ(Add("sub", vol_ + "/real1/sub"), 0);
-    Age(MinuteAgo());
+    Age();
     EXPECT_EQ(Lookup(vol_ + "/real1/x"), "linked|" + vol_ + "/real1");
     EXPECT_EQ(Lookup(vol_ + "/real2/x"), "err:0x2500");
     // The link it was given through is pointed elsewhere: the share stays.

@@ -176,6 +176,14 @@ protected:
         return resp.GetData()["task_id"].asString();
     }
 
+    // StartAs for a start that must succeed: a failure is reported here.
+    std::string Started(const std::string &user, APIPolling::TaskFunc fn, void *data, const char *prefix = "setacl") {
+        int err = 0;
+        const std::string id = StartAs(user, fn, data, prefix, &err);
+        if (id.empty() || id[0] == '<') ADD_FAILURE() << user << "'s start failed: " << id << " error " << err;
+        return id;
+    }
+
     bool StopAs(const std::string &user, const std::string &id, int *err = nullptr) {
         APIRequest req(params_, user, "s");
         APIPolling poll(&req);
@@ -234,8 +242,7 @@ protected:
 
 TEST_F(Polling, TaskPublishesProgressAndFinishes) {
     Gate gate{root_.At("go")};
-    std::string id = StartAs("alice", ProgressThenFinish, &gate);
-    ASSERT_FALSE(id.empty());
+    std::string id = Started("alice", ProgressThenFinish, &gate);
     EXPECT_EQ(id.rfind("setacl", 0), 0u);
 
     Json::Value st;
@@ -262,8 +269,7 @@ TEST_F(Polling, TaskPublishesProgressAndFinishes) {
 
 TEST_F(Polling, OnlyOwnerOrAdministratorSeesTask) {
     Gate gate{root_.At("go")};
-    std::string id = StartAs("alice", ProgressThenFinish, &gate);
-    ASSERT_FALSE(id.empty());
+    std::string id = Started("alice", ProgressThenFinish, &gate);
 
     EXPECT_EQ(StatusError("bob", id), noTask_);
     EXPECT_EQ(KLIBCErrGet(), KOVA_ERR_NOTASK);
@@ -279,8 +285,7 @@ TEST_F(Polling, OnlyOwnerOrAdministratorSeesTask) {
 }
 
 TEST_F(Polling, StopDeliversSigterm) {
-    std::string id = StartAs("alice", WaitForTerm, nullptr);
-    ASSERT_FALSE(id.empty());
+    std::string id = Started("alice", WaitForTerm, nullptr);
     Json::Value st;
     // The handler is installed before the task reports "waiting".
     ASSERT_TRUE(Eventually([&] { return StatusAs("alice", id, st) && st["data"].asString() == "waiting"; }));
@@ -292,8 +297,7 @@ TEST_F(Polling, StopDeliversSigterm) {
 }
 
 TEST_F(Polling, KilledTaskReadsAsFailed) {
-    std::string id = StartAs("alice", SleepLong, nullptr);
-    ASSERT_FALSE(id.empty());
+    std::string id = Started("alice", SleepLong, nullptr);
     Json::Value st;
     ASSERT_TRUE(Eventually([&] { return StatusAs("alice", id, st) && st["data"].asString() == "sleeping"; }));
     EXPECT_FALSE(st["finished"].asBool());
@@ -304,8 +308,7 @@ TEST_F(Polling, KilledTaskReadsAsFailed) {
 }
 
 TEST_F(Polling, RecordsAreNeverTorn) {
-    std::string id = StartAs("alice", Rewrite, nullptr, "rw");
-    ASSERT_FALSE(id.empty());
+    std::string id = Started("alice", Rewrite, nullptr, "rw");
     std::string path = RecordPath(id);
     Json::CharReaderBuilder b;
     std::unique_ptr<Json::CharReader> reader(b.newCharReader());
@@ -329,8 +332,7 @@ TEST_F(Polling, RecordsAreNeverTorn) {
 }
 
 TEST_F(Polling, RemoveAttrDropsFinishedRecordOnRead) {
-    std::string id = StartAs("alice", Quick, nullptr);
-    ASSERT_FALSE(id.empty());
+    std::string id = Started("alice", Quick, nullptr);
     Json::Value st;
     ASSERT_TRUE(Eventually([&] { return StatusAs("alice", id, st) && st["finished"].asBool(); }));
     EXPECT_EQ(st["error"]["code"].asInt(), 6201);
@@ -341,8 +343,7 @@ TEST_F(Polling, RemoveAttrDropsFinishedRecordOnRead) {
 }
 
 TEST_F(Polling, StatusWorksForAUserIdentity) {
-    std::string id = StartAs("alice", Quick, nullptr);
-    ASSERT_FALSE(id.empty());
+    std::string id = Started("alice", Quick, nullptr);
     ASSERT_FALSE(WaitFinished("alice", id).isString());
     // As the server runs handlers: effective ids of alice, saved uid 0.
     int rc = kova_test::RunAs({1500, 1500, {}}, [&] {
@@ -361,8 +362,7 @@ TEST_F(Polling, RunningTasksAreBoundedPerUserAndInTotal) {
     ScopedEnv total("KOVA_TASKS_TOTAL", "3");
     Gate gate{root_.At("go")};
     std::vector<std::string> running;
-    for (int i = 0; i < 2; ++i) running.push_back(StartAs("alice", ProgressThenFinish, &gate));
-    for (const std::string &id : running) ASSERT_FALSE(id.empty());
+    for (int i = 0; i < 2; ++i) running.push_back(Started("alice", ProgressThenFinish, &gate));
 
     int err = 0;
     KLIBCErrSetEx(0, "", 0);
@@ -372,8 +372,7 @@ TEST_F(Polling, RunningTasksAreBoundedPerUserAndInTotal) {
     EXPECT_EQ(Records().size(), 2u);
 
     // Another user still gets a place, until everyone's bound is reached.
-    running.push_back(StartAs("bob", ProgressThenFinish, &gate));
-    ASSERT_FALSE(running.back().empty());
+    running.push_back(Started("bob", ProgressThenFinish, &gate));
     EXPECT_EQ(StartAs("carol", ProgressThenFinish, &gate, "setacl", &err), "");
     EXPECT_EQ(err, KOVA_POLLING_ERR_BUSY);
     EXPECT_EQ(Records().size(), 3u);
@@ -416,20 +415,17 @@ TEST_F(Polling, ConcurrentStartsFromManyProcessesKeepTheBound) {
 // Finished records are kept per user up to a count, newest first, swept at a start.
 TEST_F(Polling, FinishedRecordsBeyondTheCapAreRemovedNewestKept) {
     ScopedEnv keep("KOVA_TASK_RECORDS_PER_USER", "3");
-    std::string bobs = StartAs("bob", Quick, nullptr);
-    ASSERT_FALSE(bobs.empty());
+    std::string bobs = Started("bob", Quick, nullptr);
     WaitFinished("bob", bobs);
     std::vector<std::string> alices;
     for (int i = 0; i < 5; ++i) {
-        alices.push_back(StartAs("alice", Quick, nullptr));
-        ASSERT_FALSE(alices.back().empty());
+        alices.push_back(Started("alice", Quick, nullptr));
         WaitFinished("alice", alices.back());
         // Distinct finishing times on any file system's clock.
         ASSERT_TRUE(Age(RecordPath(alices.back()), 50 - i * 10));
     }
     // Each start swept: the two oldest went when the fourth and fifth started.
-    std::string next = StartAs("alice", Quick, nullptr);
-    ASSERT_FALSE(next.empty());
+    std::string next = Started("alice", Quick, nullptr);
     for (int i = 0; i < 5; ++i) EXPECT_EQ(StatusError("alice", alices[i]), i < 2 ? noTask_ : "ok") << i;
     EXPECT_EQ(StatusError("bob", bobs), "ok");
     EXPECT_EQ(StatusError("alice", next), "ok");
@@ -442,12 +438,9 @@ TEST_F(Polling, FinishedRecordsBeyondTheCapAreRemovedNewestKept) {
 TEST_F(Polling, RecordsOutliveTheirRetentionOnlyWhileRunning) {
     ScopedEnv retention("KOVA_TASK_RETENTION_SECONDS", "600");
     Gate gate{root_.At("go")};
-    std::string quiet = StartAs("alice", ProgressThenFinish, &gate);
-    std::string old = StartAs("alice", Quick, nullptr);
-    std::string recent = StartAs("alice", Quick, nullptr);
-    ASSERT_FALSE(quiet.empty());
-    ASSERT_FALSE(old.empty());
-    ASSERT_FALSE(recent.empty());
+    std::string quiet = Started("alice", ProgressThenFinish, &gate);
+    std::string old = Started("alice", Quick, nullptr);
+    std::string recent = Started("alice", Quick, nullptr);
     WaitFinished("alice", old);
     WaitFinished("alice", recent);
     Json::Value st;
@@ -463,8 +456,7 @@ TEST_F(Polling, RecordsOutliveTheirRetentionOnlyWhileRunning) {
     // Status alone removes nothing: an expired record reads until the next start.
     EXPECT_TRUE(StatusAs("alice", old, st));
 
-    std::string next = StartAs("bob", Quick, nullptr);
-    ASSERT_FALSE(next.empty());
+    std::string next = Started("bob", Quick, nullptr);
     EXPECT_EQ(StatusError("alice", old), noTask_);
     ASSERT_TRUE(StatusAs("alice", recent, st));
     EXPECT_EQ(st["error"]["code"].asInt(), 6201);
@@ -481,8 +473,7 @@ TEST_F(Polling, RecordsOutliveTheirRetentionOnlyWhileRunning) {
 // A record whose pid now has another start time is never signalled (with and without
 // pidfds) and reads as dead; with the right start time it is signalled.
 TEST_F(Polling, StopNeverSignalsAProcessThatReusedTheTasksPid) {
-    std::string id = StartAs("alice", Quick, nullptr);
-    ASSERT_FALSE(id.empty());
+    std::string id = Started("alice", Quick, nullptr);
     WaitFinished("alice", id);
     Json::Value record;
     Json::CharReaderBuilder b;
@@ -540,10 +531,8 @@ TEST_F(Polling, StopNeverSignalsAProcessThatReusedTheTasksPid) {
 TEST_F(Polling, PrefixNamedUsersDoNotReachEachOthersTasks) {
     ASSERT_EQ(KOVAUserAdd("bobby", -1, "pw", nullptr, nullptr, 0), 0);
     Gate gate{root_.At("go")};
-    std::string bobs = StartAs("bob", ProgressThenFinish, &gate);
-    std::string bobbys = StartAs("bobby", ProgressThenFinish, &gate);
-    ASSERT_FALSE(bobs.empty());
-    ASSERT_FALSE(bobbys.empty());
+    std::string bobs = Started("bob", ProgressThenFinish, &gate);
+    std::string bobbys = Started("bobby", ProgressThenFinish, &gate);
     for (const auto &pair : {std::make_pair("bob", bobbys), std::make_pair("bobby", bobs)}) {
         EXPECT_EQ(StatusError(pair.first, pair.second), noTask_) << pair.first;
         EXPECT_EQ(StopError(pair.first, pair.second), noTask_) << pair.first;
@@ -560,8 +549,7 @@ TEST_F(Polling, PrefixNamedUsersDoNotReachEachOthersTasks) {
 
 // Only plain names of the task folder are task ids, whoever a file claims to belong to.
 TEST_F(Polling, OnlyPlainNamesAreTaskIds) {
-    std::string id = StartAs("alice", Quick, nullptr);
-    ASSERT_FALSE(id.empty());
+    std::string id = Started("alice", Quick, nullptr);
     WaitFinished("alice", id);
     const std::string text = ReadFile(RecordPath(id));
     const std::string longId(129, 'a');
