@@ -116,17 +116,11 @@ protected:
         std::vector<std::string> out;
         const unsigned n = Pick(5);
         for (unsigned i = 0; i < n; ++i) {
-            std::string who;
-            const unsigned kind = allowOnly ? Pick(2) : Pick(7);
-            switch (kind) {
-            case 0: who = "user:" + std::to_string(kUids[Pick(kUids.size())]); break;
-            case 1: who = "group:" + std::to_string(kGids[Pick(kGids.size())]); break;
-            case 2: who = "everyone:-1"; break;
-            case 3: who = "authenticated_user:-1"; break;
-            case 4: who = "owner:-1"; break;
-            case 5: who = "system:-1"; break;
-            default: who = "user:" + std::to_string(kUids[Pick(kUids.size())]); break;
-            }
+            static const char *kFixed[] = {"everyone:-1", "authenticated_user:-1", "owner:-1", "system:-1"};
+            const unsigned kind = allowOnly ? Pick(2) : Pick(7);  // 2..5 fixed, 6 a user again
+            const std::string who = kind == 1               ? "group:" + std::to_string(kGids[Pick(kGids.size())])
+                                    : kind >= 2 && kind <= 5 ? kFixed[kind - 2]
+                                                             : "user:" + std::to_string(kUids[Pick(kUids.size())]);
             const bool deny = !allowOnly && Pick(3) == 0;
             out.push_back(who + (deny ? ":deny:" : ":allow:") + RandomPerm(allowOnly) + ":" + RandomInherit());
         }
