@@ -7,7 +7,6 @@
 #include "as-identity.h"
 #include "kova-internal/sys-calls.h"
 
-#include <fcntl.h>
 #include <stdio.h>
 #include <sys/stat.h>
 

@@ -4,7 +4,6 @@
 #include "kova-internal/real-path.h"
 #include "temp-root.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
