@@ -57,6 +57,11 @@ TEST_F(AclIdentity, ReadNeedsReadPermAndWriteNeedsChangePerm) {
     EXPECT_EQ(RunAs(kAlice, [&] { return ReadCode(In("f")); }), 0x03);
     EXPECT_EQ(RunAs(kAlice, [&] { return WriteAcl(In("f"), "user:1030:allow:rwxpdDaARWcCo:----"); }), 0xD8);
     EXPECT_EQ(RunAs(kAlice, [&] { return KOVAACLPermCheck(In("f").c_str(), KOVA_ACL_PERM_READ_DATA); }), 1);
+    // Rights asked for together must all be held.
+    EXPECT_EQ(RunAs(kAlice, [&] {
+                  return KOVAACLPermCheck(In("f").c_str(), KOVA_ACL_PERM_READ_DATA | KOVA_ACL_PERM_WRITE_DATA);
+              }),
+              0);
     EXPECT_EQ(RunAs(kAlice, [&] {
                   int rc = KOVAACLPermCheck(In("f").c_str(), KOVA_ACL_PERM_WRITE_ACL);
                   return rc == 0 && KLIBCErrGet() == KOVA_ERR_PERM ? 7 : 1;
