@@ -151,7 +151,8 @@ TEST(Enumeration, LdapSourceReadsItsCacheWithTheLoginSuffix) {
     ASSERT_EQ(KovaDirsvc::LdapBind(cfg), 0);
     // Bound but never synced: empty, not an error.
     EXPECT_EQ(KLIBUserInfoEnum(KOVA_ACCOUNT_SRC_LDAP, 0, 0, 10, OnUser, nullptr), 0);
-    Cache(KOVA_ACCOUNTDB_LDAP, "", {U("jdoe"), U("JSmith"), U("100%"), U("1000"), U("a\\b"), U("ab"), U("staff", true)});
+    Cache(KOVA_ACCOUNTDB_LDAP, "",
+          {U("jdoe"), U("JSmith"), U("100%"), U("1000"), U("a\\b"), U("ab"), U("staff", true)});
     Seen s;
     EXPECT_EQ(KLIBUserInfoEnum(KOVA_ACCOUNT_SRC_LDAP, 0, 1, 2, OnUser, &s), 6);
     EXPECT_EQ(s.names, (Names{"1000@example.com", "ab@example.com"}));  // by upper-cased name: "AB" < "A\\B"

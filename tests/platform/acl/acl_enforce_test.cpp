@@ -118,9 +118,9 @@ protected:
         for (unsigned i = 0; i < n; ++i) {
             static const char *kFixed[] = {"everyone:-1", "authenticated_user:-1", "owner:-1", "system:-1"};
             const unsigned kind = allowOnly ? Pick(2) : Pick(7);  // 2..5 fixed, 6 a user again
-            const std::string who = kind == 1               ? "group:" + std::to_string(kGids[Pick(kGids.size())])
+            const std::string who = kind == 1 ? "group:" + std::to_string(kGids[Pick(kGids.size())])
                                     : kind >= 2 && kind <= 5 ? kFixed[kind - 2]
-                                                             : "user:" + std::to_string(kUids[Pick(kUids.size())]);
+                                    : "user:" + std::to_string(kUids[Pick(kUids.size())]);
             const bool deny = !allowOnly && Pick(3) == 0;
             out.push_back(who + (deny ? ":deny:" : ":allow:") + RandomPerm(allowOnly) + ":" + RandomInherit());
         }

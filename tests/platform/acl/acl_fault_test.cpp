@@ -35,9 +35,9 @@ TEST_F(AclFault, SetFailingAtEachCallLeavesOldOrNew) {
                       "system:-1:allow:r------------:----:0"};
 
     // Built before any fault is armed: only the set itself may fail.
-    PKOVA_ACL next = kova_acl_test::MakeAcl(
-        {"user:1031:allow:rwxpdDaARWcCo:----", "group:2001:deny:r------------:----", "system:-1:allow:r------------:----"},
-        true);
+    PKOVA_ACL next = kova_acl_test::MakeAcl({"user:1031:allow:rwxpdDaARWcCo:----", "group:2001:deny:r------------:----",
+                                             "system:-1:allow:r------------:----"},
+                                            true);
     ASSERT_NE(next, nullptr);
 
     int failures = 0;

@@ -23,7 +23,9 @@ using namespace kova_acl_test;
 using kova_test::Identity;
 using kova_test::RunAs;
 
-int SetOne(const std::string &p, const char *entry, bool inherits = true) { return SetOneCode(p, entry, inherits); }
+int SetOne(const std::string &p, const char *entry, bool inherits = true) {
+    return SetOneCode(p, entry, inherits);
+}
 
 // The ids a RunAs child started with are still in force.
 bool SameIds(const Identity &who) {

@@ -177,7 +177,8 @@ protected:
     }
 
     // StartAs for a start that must succeed: a failure is reported here.
-    std::string Started(const std::string &user, APIPolling::TaskFunc fn, void *data, const char *prefix = "setacl") {
+    std::string Started(const std::string &user, APIPolling::TaskFunc fn, void *data,
+                        const char *prefix = "setacl") {
         int err = 0;
         const std::string id = StartAs(user, fn, data, prefix, &err);
         if (id.empty() || id[0] == '<') ADD_FAILURE() << user << "'s start failed: " << id << " error " << err;
