@@ -1,14 +1,18 @@
-// Helpers shared by the account-database tests: an owning query handle and
-// a count of the half-built caches a rebuild leaves in a directory.
+// Helpers shared by the account-database and directory-account tests: an
+// owning query handle, a count of the half-built caches a rebuild leaves in a
+// directory, and name <-> id lookups through the platform's account calls.
 #ifndef KOVA_TEST_ACCOUNTDB_FIXTURE_H
 #define KOVA_TEST_ACCOUNTDB_FIXTURE_H
 
+#include "kova/account.h"
 #include "kova/accountdb.h"
+#include "kova/klibc.h"
 
 #include <dirent.h>
 
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace kova_accountdb_test {
 
@@ -25,6 +29,39 @@ inline int TempFiles(const std::string &dir) {
         closedir(d);
     }
     return n;
+}
+
+// -1 / "" when the lookup fails (the last error tells why).
+inline int Uid(const std::string &name) {
+    int uid = -1, gid = -1;
+    return KOVAUserGetUGID(name.c_str(), &uid, &gid) == 0 ? uid : -1;
+}
+inline int Gid(const std::string &name) {
+    PKOVA_GROUP g = nullptr;
+    int gid = KOVAGroupGet(name.c_str(), &g) >= 0 ? static_cast<int>(g->gid) : -1;
+    KOVAGroupFree(g);
+    return gid;
+}
+inline std::string UserName(unsigned uid) {
+    PKOVA_USER u = nullptr;
+    std::string name = KOVAUserGetByUID(uid, &u) == 0 ? u->szName : "";
+    KOVAUserFree(u);
+    return name;
+}
+inline std::string GroupName(unsigned gid) {
+    PKOVA_GROUP g = nullptr;
+    std::string name = KOVAGroupGetByGID(gid, &g) >= 0 ? g->szName : "";
+    KOVAGroupFree(g);
+    return name;
+}
+// A user's gids as the group list call gives them; {"failed"} when it fails.
+inline std::vector<std::string> GroupsOf(const std::string &user) {
+    std::vector<std::string> out;
+    PKLIBC_SZLIST l = KLIBGroupInfoListGet(user.c_str(), 0);
+    if (!l) return {"failed"};
+    for (int i = 0; i < l->nItem; ++i) out.push_back(KLIBCSzListGet(l, i));
+    KLIBCSzListFree(l);
+    return out;
 }
 
 } // namespace kova_accountdb_test

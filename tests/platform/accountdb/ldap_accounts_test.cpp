@@ -1,7 +1,6 @@
-// LDAP accounts used as platform accounts, against a real slapd: after
-// `ldap sync` their names (both "name@suffix" and bare) resolve to the
-// entries' uidNumber / gidNumber and back, their groups come from memberUid,
-// they own files by that uid, and their passwords are checked by a bind.
+// LDAP accounts as platform accounts against a real slapd: names resolve to the entries'
+// ids and back, groups come from memberUid, passwords are checked by a bind.
+#include "accountdb-fixture.h"
 #include "directory-admin.h"
 #include "slapd.h"
 #include "temp-root.h"
@@ -20,6 +19,7 @@
 #include <string>
 #include <vector>
 
+using namespace kova_accountdb_test;
 using kova_test::DirectoryAdmin;
 using kova_test::RunAdmin;
 using kova_test::Slapd;
@@ -28,48 +28,10 @@ using Names = std::vector<std::string>;
 
 namespace {
 
-// Slapd(5, 2) numbers its entries in order: user0000..user0004 get
-// uidNumber 10001..10005 (gidNumber 100), group00 and group01 gidNumber
-// 5006 and 5007.
+// Slapd(5, 2): user0000..user0004 are uid 10001..10005, group00/01 gid 5006/5007.
 constexpr int kUser1Uid = 10002, kUser3Uid = 10004;
 constexpr int kGroup0Gid = 5006, kGroup1Gid = 5007;
 const char kPassword[] = "directory pw 1";
-
-
-int Uid(const std::string &name) {
-    int uid = -1, gid = -1;
-    return KOVAUserGetUGID(name.c_str(), &uid, &gid) == 0 ? uid : -1;
-}
-
-std::string UserName(unsigned uid) {
-    PKOVA_USER u = nullptr;
-    std::string name = KOVAUserGetByUID(uid, &u) == 0 ? u->szName : "";
-    KOVAUserFree(u);
-    return name;
-}
-
-int Gid(const std::string &name) {
-    PKOVA_GROUP g = nullptr;
-    int gid = KOVAGroupGet(name.c_str(), &g) >= 0 ? static_cast<int>(g->gid) : -1;
-    KOVAGroupFree(g);
-    return gid;
-}
-
-std::string GroupName(unsigned gid) {
-    PKOVA_GROUP g = nullptr;
-    std::string name = KOVAGroupGetByGID(gid, &g) >= 0 ? g->szName : "";
-    KOVAGroupFree(g);
-    return name;
-}
-
-Names GroupsOf(const std::string &user) {
-    Names out;
-    PKLIBC_SZLIST l = KLIBGroupInfoListGet(user.c_str(), 0);
-    if (!l) return {"failed"};
-    for (int i = 0; i < l->nItem; ++i) out.push_back(KLIBCSzListGet(l, i));
-    KLIBCSzListFree(l);
-    return out;
-}
 
 class LdapAccounts : public ::testing::Test {
 protected:
@@ -160,8 +122,7 @@ TEST_F(LdapAccounts, LocalAccountWinsANameOrIdClash) {
     EXPECT_EQ(Uid("user0003"), 2003);
     EXPECT_EQ(Uid("user0003@example.com"), kUser3Uid);
     EXPECT_EQ(UserName(kUser3Uid), "user0003@example.com");
-    // A local account holding a directory id takes it: the directory entry
-    // then has no id (it must never act as the local account).
+    // A local account holding a directory id takes it: the entry then has no id.
     ASSERT_EQ(KOVAGroupAdd("localteam", kGroup1Gid, nullptr), 0);
     EXPECT_EQ(GroupName(kGroup1Gid), "localteam");
     EXPECT_LT(Gid("group01@example.com"), 0);

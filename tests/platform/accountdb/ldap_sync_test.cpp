@@ -1,7 +1,5 @@
-// End to end against a real OpenLDAP server: kova-admin binds and syncs
-// (paged, past the server's size limit), the account-database calls find
-// the cached entries, and failed syncs (injected fault, dead server) keep
-// the previous cache.
+// Against a real OpenLDAP server: kova-admin binds and syncs past the size limit, the
+// cache finds the entries, and failed syncs keep the previous cache.
 #include "accountdb-fixture.h"
 #include "slapd.h"
 #include "temp-root.h"
@@ -17,8 +15,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
-#include <cstdlib>
 #include <memory>
 #include <string>
 #include <vector>
@@ -78,6 +74,10 @@ protected:
         std::string why;
         ASSERT_TRUE(server_->Start(&why)) << why;
     }
+    // kova-admin's "ldap bind" to this server with the extra options.
+    int Bind(const std::string &options, std::string *out) {
+        return RunAdmin("ldap bind --uri " + server_->uri() + " --base " + server_->base() + " " + options, out);
+    }
     std::unique_ptr<Slapd> server_;
 };
 
@@ -87,7 +87,7 @@ TEST_F(LdapSync, SyncFillsTheCacheAndQueriesFindEntries) {
     TempRoot root;
     std::string out;
     // Anonymous: subject to the server's size limit of 50, so only paging reads all.
-    ASSERT_EQ(RunAdmin("ldap bind --uri " + server_->uri() + " --base " + server_->base() + " --suffix example.com", &out), 0) << out;
+    ASSERT_EQ(Bind("--suffix example.com", &out), 0) << out;
     EXPECT_NE(KOVALDAPIsBinded(), 0);
     char suffix[64];
     ASSERT_EQ(KOVALDAPLoginSuffixGet(suffix, sizeof(suffix)), 0);
@@ -125,11 +125,8 @@ TEST_F(LdapSync, SyncFillsTheCacheAndQueriesFindEntries) {
 TEST_F(LdapSync, FailedSyncsKeepThePreviousCache) {
     TempRoot root;
     std::string out;
-    ASSERT_EQ(RunAdmin("ldap bind --uri " + server_->uri() + " --base " + server_->base() + " --binddn " + server_->rootDn() +
-                        " --password " + server_->rootPassword() + " --suffix example.com",
-                    &out),
-              0)
-        << out;
+    const std::string asRoot = "--binddn " + server_->rootDn() + " --password ";
+    ASSERT_EQ(Bind(asRoot + server_->rootPassword() + " --suffix example.com", &out), 0) << out;
     ASSERT_EQ(RunAdmin("ldap sync", &out), 0) << out;
     uint64_t total = 0;
     FindUsers("USER", &total);
@@ -145,10 +142,7 @@ TEST_F(LdapSync, FailedSyncsKeepThePreviousCache) {
     EXPECT_EQ(total, 300u);
 
     // Wrong credentials are refused and change nothing.
-    EXPECT_NE(RunAdmin("ldap bind --uri " + server_->uri() + " --base " + server_->base() + " --binddn " + server_->rootDn() +
-                        " --password wrong --suffix other.org",
-                    &out),
-              0);
+    EXPECT_NE(Bind(asRoot + "wrong --suffix other.org", &out), 0);
     EXPECT_NE(out.find(": permission denied"), std::string::npos) << out;
     char suffix[64];
     ASSERT_EQ(KOVALDAPLoginSuffixGet(suffix, sizeof(suffix)), 0);

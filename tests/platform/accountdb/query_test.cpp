@@ -1,7 +1,5 @@
-// The account-database query interface: the clause language (what it
-// accepts and refuses), AND/OR joining, literal patterns, trigram-indexed
-// and scanned searches agreeing, windows and totals, callbacks, paths, and
-// atomic cache replacement.
+// The account-database query interface: the clause language, joins, literal patterns,
+// indexed and scanned searches agreeing, windows, callbacks, paths and cache replacement.
 #include "accountdb-fixture.h"
 #include "temp-root.h"
 
@@ -13,7 +11,6 @@
 
 #include <gtest/gtest.h>
 
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -90,13 +87,23 @@ Handle OpenLdap(int kind = KOVA_ACCOUNTDB_KIND_USER) {
     return Handle(KOVAACCOUNTDBOpen(KOVA_ACCOUNTDB_LDAP, kind, KOVA_ACCOUNTDB_TYPE_ENUM, nullptr, 0));
 }
 
+// The LDAP user cache holding kPeople, open as h_.
+class AccountDbClause : public ::testing::Test {
+protected:
+    void SetUp() override {
+        Build(KOVA_ACCOUNTDB_LDAP, "", kPeople);
+        h_ = OpenLdap();
+        ASSERT_TRUE(h_);
+    }
+    Names Find(const std::vector<std::pair<int, std::string>> &clauses) { return Query(h_.get(), clauses); }
+    TempRoot root_;
+    Handle h_;
+};
+
 } // namespace
 
-TEST(AccountDbClause, RefusesEverythingOutsideTheLanguage) {
-    TempRoot root;
-    Build(KOVA_ACCOUNTDB_LDAP, "", kPeople);
-    Handle h = OpenLdap();
-    ASSERT_TRUE(h);
+TEST_F(AccountDbClause, RefusesEverythingOutsideTheLanguage) {
+    Handle &h = h_;
     ASSERT_EQ(KOVAACCOUNTDBActionInit(h.get(), KOVA_ACCOUNTDB_ACTION_ENUM), 0);
     const std::vector<std::string> bad = {
         "",
@@ -127,47 +134,38 @@ TEST(AccountDbClause, RefusesEverythingOutsideTheLanguage) {
     EXPECT_EQ(total, kPeople.size());
 }
 
-TEST(AccountDbClause, AndOrGroupsAndNestingFollowTheJoinCodes) {
-    TempRoot root;
-    Build(KOVA_ACCOUNTDB_LDAP, "", kPeople);
-    Handle h = OpenLdap();
-    ASSERT_TRUE(h);
+TEST_F(AccountDbClause, AndOrGroupsAndNestingFollowTheJoinCodes) {
     // Code 2 clauses form one OR group...
-    EXPECT_EQ(Query(h.get(), {{2, Like("name_upper", "%ALI%")}, {2, Like("desc", "%Engineer%")}}),
+    EXPECT_EQ(Find({{2, Like("name_upper", "%ALI%")}, {2, Like("desc", "%Engineer%")}}),
               (Names{"alice", "Bob", "dave_x"}));
     // ...ANDed with the code 1 clauses.
-    EXPECT_EQ(Query(h.get(), {{2, Like("name_upper", "%ALI%")}, {2, Like("desc", "%Engineer%")}, {1, Like("mail", "%@%")}}),
+    EXPECT_EQ(Find({{2, Like("name_upper", "%ALI%")}, {2, Like("desc", "%Engineer%")}, {1, Like("mail", "%@%")}}),
               (Names{"alice", "Bob"}));
-    EXPECT_EQ(Query(h.get(), {{1, Like("name_upper", "%E%")}, {1, Like("desc", "%Engineer%")}}), (Names{"dave_x"}));
+    EXPECT_EQ(Find({{1, Like("name_upper", "%E%")}, {1, Like("desc", "%Engineer%")}}), (Names{"dave_x"}));
     // One wrapped OR group, then an AND condition, as the domain search builds.
     std::string wrapped = "(" + Like("name_upper", "%VE%") + " OR " + Like("fullname", "%Zola%") + ") AND " + Like("desc", "%");
-    EXPECT_EQ(Query(h.get(), {{1, wrapped}}), (Names{"dave_x", "Émile"}));
+    EXPECT_EQ(Find({{1, wrapped}}), (Names{"dave_x", "Émile"}));
     // eve has no description (NULL), so LIKE "%" does not take it.
-    EXPECT_EQ(Query(h.get(), {{1, Like("name_upper", "%VE%")}}), (Names{"dave_x", "eve"}));
+    EXPECT_EQ(Find({{1, Like("name_upper", "%VE%")}}), (Names{"dave_x", "eve"}));
 }
 
-TEST(AccountDbClause, PatternsMatchLiterallyAndCaseSensitively) {
-    TempRoot root;
-    Build(KOVA_ACCOUNTDB_LDAP, "", kPeople);
-    Handle h = OpenLdap();
-    ASSERT_TRUE(h);
-    EXPECT_EQ(Query(h.get(), {{2, Like("desc", "%100\\%%")}}), (Names{"carol"}));
-    EXPECT_EQ(Query(h.get(), {{2, Like("name", "%\\_%")}}), (Names{"dave_x"}));
-    EXPECT_EQ(Query(h.get(), {{2, Like("name", "%_%")}}).size(), kPeople.size());  // unescaped: any one character
-    EXPECT_EQ(Query(h.get(), {{2, Like("fullname", "%O'Neil%")}}), (Names{"carol"}));
+TEST_F(AccountDbClause, PatternsMatchLiterallyAndCaseSensitively) {
+    EXPECT_EQ(Find({{2, Like("desc", "%100\\%%")}}), (Names{"carol"}));
+    EXPECT_EQ(Find({{2, Like("name", "%\\_%")}}), (Names{"dave_x"}));
+    EXPECT_EQ(Find({{2, Like("name", "%_%")}}).size(), kPeople.size());  // unescaped: any one character
+    EXPECT_EQ(Find({{2, Like("fullname", "%O'Neil%")}}), (Names{"carol"}));
     // A double quote inside the pattern is just text.
-    EXPECT_EQ(Query(h.get(), {{2, Like("desc", "%\"senior\"%")}}), (Names{"dave_x"}));
-    EXPECT_EQ(Query(h.get(), {{2, Like("desc", "%\" ESCAPE '\\\\') OR (name LIKE \"%")}}), Names{});
+    EXPECT_EQ(Find({{2, Like("desc", "%\"senior\"%")}}), (Names{"dave_x"}));
+    EXPECT_EQ(Find({{2, Like("desc", "%\" ESCAPE '\\\\') OR (name LIKE \"%")}}), Names{});
     // LIKE is case-sensitive; the upper-cased column is the way to ignore case.
-    EXPECT_EQ(Query(h.get(), {{2, Like("name", "%bob%")}}), Names{});
-    EXPECT_EQ(Query(h.get(), {{2, Like("name_upper", "%BOB%")}}), (Names{"Bob"}));
-    EXPECT_EQ(Query(h.get(), {{2, Like("name_upper", "%ÉMI%")}}), (Names{"Émile"}));
+    EXPECT_EQ(Find({{2, Like("name", "%bob%")}}), Names{});
+    EXPECT_EQ(Find({{2, Like("name_upper", "%BOB%")}}), (Names{"Bob"}));
+    EXPECT_EQ(Find({{2, Like("name_upper", "%ÉMI%")}}), (Names{"Émile"}));
     // An exact pattern without wildcards.
-    EXPECT_EQ(Query(h.get(), {{2, Like("name", "eve")}}), (Names{"eve"}));
+    EXPECT_EQ(Find({{2, Like("name", "eve")}}), (Names{"eve"}));
 }
 
-TEST(AccountDbClause, IndexedAndScannedSearchesAgree) {
-    TempRoot root;
+TEST_F(AccountDbClause, IndexedAndScannedSearchesAgree) {
     std::vector<KovaCacheEntry> many;
     for (int i = 0; i < 3000; ++i) {
         char n[32], d[64];
@@ -175,9 +173,10 @@ TEST(AccountDbClause, IndexedAndScannedSearchesAgree) {
         std::snprintf(d, sizeof(d), "Team %c%c desk %d", 'A' + i % 7, 'a' + i % 5, i % 13);
         many.push_back(U(n, d, std::string(n) + "@corp.example", "Person " + std::to_string(i)));
     }
-    Build(KOVA_ACCOUNTDB_LDAP, "", many);
-    Handle h = OpenLdap();
-    ASSERT_TRUE(h);
+    Build(KOVA_ACCOUNTDB_LDAP, "", many);  // replaces kPeople
+    h_ = OpenLdap();
+    ASSERT_TRUE(h_);
+    Handle &h = h_;
     auto brute = [&](const std::function<bool(const KovaCacheEntry &)> &pred) {
         Names out;
         for (const auto &e : many)
@@ -190,12 +189,12 @@ TEST(AccountDbClause, IndexedAndScannedSearchesAgree) {
               brute([](const KovaCacheEntry &e) { return e.name.find("er012") != std::string::npos; }));
     EXPECT_EQ(total, 10u);
     // Trigram matching folds case; LIKE must still refuse the wrong case.
-    EXPECT_EQ(Query(h.get(), {{2, Like("desc", "%team ca%")}}), Names{});
+    EXPECT_EQ(Find({{2, Like("desc", "%team ca%")}}), Names{});
     Names ca = brute([](const KovaCacheEntry &e) { return e.desc.find("Team Ca") != std::string::npos; });
     EXPECT_EQ(Query(h.get(), {{2, Like("desc", "%Team Ca%")}}, &total), ca);
     EXPECT_EQ(total, ca.size());
     // A wildcard inside: the longest literal run narrows.
-    EXPECT_EQ(Query(h.get(), {{2, Like("mail", "%user1_99@corp%")}}),
+    EXPECT_EQ(Find({{2, Like("mail", "%user1_99@corp%")}}),
               (Names{"user1099", "user1199", "user1299", "user1399", "user1499", "user1599", "user1699", "user1799", "user1899",
                      "user1999"}));
     // Short patterns scan; OR with one short alternative scans as a whole.
@@ -204,7 +203,7 @@ TEST(AccountDbClause, IndexedAndScannedSearchesAgree) {
     Names mixed = brute([](const KovaCacheEntry &e) {
         return e.desc.find("Ab") != std::string::npos || e.name.find("2999") != std::string::npos;
     });
-    EXPECT_EQ(Query(h.get(), {{2, Like("desc", "%Ab%")}, {2, Like("name_upper", "%2999%")}}), mixed);
+    EXPECT_EQ(Find({{2, Like("desc", "%Ab%")}, {2, Like("name_upper", "%2999%")}}), mixed);
     // Window and total with the index in use.
     Names page = Query(h.get(), {{2, Like("name_upper", "%USER0%")}}, &total, 995, 10);
     EXPECT_EQ(total, 1000u);
@@ -213,11 +212,8 @@ TEST(AccountDbClause, IndexedAndScannedSearchesAgree) {
     EXPECT_EQ(total, 1000u);
 }
 
-TEST(AccountDb, CallbackResultsRowsAndDomains) {
-    TempRoot root;
-    Build(KOVA_ACCOUNTDB_LDAP, "", kPeople);
-    Handle h = OpenLdap();
-    ASSERT_TRUE(h);
+TEST_F(AccountDbClause, CallbackResultsRowsAndDomains) {
+    Handle &h = h_;
     ASSERT_EQ(KOVAACCOUNTDBActionInit(h.get(), KOVA_ACCOUNTDB_ACTION_ENUM), 0);
     ASSERT_EQ(KOVAACCOUNTDBAddFieldValue(h.get(), "name", nullptr), 0);
     ASSERT_EQ(KOVAACCOUNTDBAddFieldValue(h.get(), "mail", nullptr), 0);

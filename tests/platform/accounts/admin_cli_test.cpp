@@ -6,9 +6,7 @@
 #include "run-admin.h"
 
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
-#include <cstdio>
 #include <string>
 
 using kova_test::TempRoot;

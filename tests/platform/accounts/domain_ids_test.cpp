@@ -1,8 +1,6 @@
-// Windows-domain accounts as platform accounts: each joined domain has an
-// id range, its accounts take base + RID (from objectSid, text or binary),
-// names "DOMAIN\name" resolve to those ids and back, trusted domains on or
-// off, the same after a re-sync; ranges may not overlap each other or local
-// ids; cache-only domains cannot sign their users in.
+// Windows-domain accounts: ids are the domain range's base + RID, names "DOMAIN\name"
+// resolve both ways, ranges never overlap each other or local ids.
+#include "../accountdb/accountdb-fixture.h"
 #include "argon2-run.h"
 #include "run-admin.h"
 #include "temp-root.h"
@@ -18,15 +16,15 @@
 #include <string>
 #include <vector>
 
+using namespace kova_accountdb_test;
 using kova_test::RunAdmin;
 using kova_test::TempRoot;
 using Names = std::vector<std::string>;
 
 namespace {
 
-// CORP: alice (text SID, RID 1105, primary group 513), bob (binary SID,
-// RID 1106, no primary group: "Domain Users"), nosid (no SID: no ids),
-// groups "Domain Users" (513) and Engineers (1200, member alice by DN).
+// CORP: alice (text SID, RID 1105), bob (binary SID, 1106, primary "Domain Users"), nosid
+// (no ids), groups "Domain Users" (513) and Engineers (1200, member alice).
 const char kCorp[] =
     "dn: CN=alice,CN=Users,DC=corp\nobjectClass: inetOrgPerson\nuid: alice\ncn: alice\nsn: a\n"
     "objectSid: S-1-5-21-1-2-3-1105\nprimaryGroupID: 513\n\n"
@@ -43,34 +41,6 @@ const char kLab[] =
     "objectSid: S-1-5-21-7-8-9-1105\n\n"
     "dn: CN=Lab Staff,DC=lab\nobjectClass: groupOfNames\ncn: Lab Staff\nobjectSid: S-1-5-21-7-8-9-1300\n"
     "member: CN=alice,DC=lab\n\n";
-
-int Uid(const std::string &name) {
-    int uid = -1;
-    return KOVAUserGetUGID(name.c_str(), &uid, nullptr) == 0 ? uid : -1;
-}
-
-std::string UserName(unsigned uid) {
-    PKOVA_USER u = nullptr;
-    std::string name = KOVAUserGetByUID(uid, &u) == 0 ? u->szName : "";
-    KOVAUserFree(u);
-    return name;
-}
-
-std::string GroupName(unsigned gid) {
-    PKOVA_GROUP g = nullptr;
-    std::string name = KOVAGroupGetByGID(gid, &g) >= 0 ? g->szName : "";
-    KOVAGroupFree(g);
-    return name;
-}
-
-Names GroupsOf(const std::string &user) {
-    Names out;
-    PKLIBC_SZLIST l = KLIBGroupInfoListGet(user.c_str(), 0);
-    if (!l) return {"failed"};
-    for (int i = 0; i < l->nItem; ++i) out.push_back(KLIBCSzListGet(l, i));
-    KLIBCSzListFree(l);
-    return out;
-}
 
 class DomainIds : public ::testing::Test {
 protected:
@@ -129,9 +99,7 @@ TEST_F(DomainIds, JoinedDomainsMapRidsIntoTheirRangesStably) {
     ASSERT_EQ(Admin("domain join LAB --from-ldif " + root_.At("lab.ldif")), 0) << out_;
     ExpectDomainIds("after re-sync and re-join");
 
-    // Cache-only domains have no controller to check a password with. The
-    // refusal comes after the same single hash as any local refusal, so
-    // timing tells nothing about local accounts.
+    // No controller to check with: refused after the one hash any refusal costs.
     unsigned long long runs = kova_accounts::Argon2Runs();
     EXPECT_EQ(KOVAUserPasswordCheck("CORP\\alice", "any password"), -1);
     EXPECT_EQ(KLIBCErrGet(), KOVA_ERR_DIRSVC);
@@ -172,9 +140,7 @@ TEST_F(DomainIds, RangesMayNotOverlapEachOtherOrLocalIds) {
     // Moving a domain's own range over itself is fine; the ids follow it.
     ASSERT_EQ(Admin("domain range CORP --base 550000 --size 100000"), 0) << out_;
     EXPECT_EQ(Uid("CORP\\alice"), 551105);
-    // Lookups keep what they read of the directory state only while the file
-    // is unchanged: changes made back to back, faster than file times tick,
-    // are seen at once.
+    // Range changes back to back, faster than file times tick, are seen at once.
     for (long long base : {560000, 570000, 560000, 580000}) {
         ASSERT_EQ(KovaDirsvc::RangeSet({"CORP", base, 100000}), 0);
         EXPECT_EQ(Uid("CORP\\alice"), base + 1105);

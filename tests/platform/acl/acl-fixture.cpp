@@ -16,7 +16,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 
 namespace kova_acl_test {
 
@@ -75,9 +74,9 @@ void AclFixture::File(const std::string &path) {
     chmod(path.c_str(), 0666);
 }
 
-int AclFixture::SetAcl(const std::string &path, const std::vector<std::string> &entries, bool inherits) {
+PKOVA_ACL MakeAcl(const std::vector<std::string> &entries, bool inherits) {
     PKOVA_ACL acl = KOVAACLAlloc(0);
-    if (!acl) return -100;
+    if (!acl) return nullptr;
     acl->isInherited = inherits ? 1 : 0;
     for (const auto &text : entries) {
         PKOVA_ACL_ENTRY e = KOVAACLAceAlloc();
@@ -85,9 +84,15 @@ int AclFixture::SetAcl(const std::string &path, const std::vector<std::string> &
             ADD_FAILURE() << "bad test entry " << text;
             KOVAACLAceFree(e);
             KOVAACLFree(acl);
-            return -100;
+            return nullptr;
         }
     }
+    return acl;
+}
+
+int AclFixture::SetAcl(const std::string &path, const std::vector<std::string> &entries, bool inherits) {
+    PKOVA_ACL acl = MakeAcl(entries, inherits);
+    if (!acl) return -100;
     int rc = KOVAACLSet(path.c_str(), -1, acl);
     KOVAACLFree(acl);
     return rc;
@@ -97,13 +102,8 @@ bool AclFixture::GetAcl(const std::string &path, int selector, std::vector<std::
     out.clear();
     PKOVA_ACL acl = nullptr;
     if (KOVAACLGet(path.c_str(), -1, selector, &acl) < 0) return false;
-    int n = 0;
-    for (PKOVA_ACL_ENTRY e = acl->pHead; e; e = e->pNext, ++n) {
-        char buf[128];
-        EXPECT_GT(KOVAACLAcePrint(e, buf, sizeof buf), 0);
-        out.push_back(buf);
-    }
-    EXPECT_EQ(n, acl->aceCount);
+    out = Texts(acl);
+    EXPECT_EQ(static_cast<int>(out.size()), acl->aceCount);
     if (inherits) *inherits = acl->isInherited != 0;
     KOVAACLFree(acl);
     return true;
@@ -121,6 +121,42 @@ bool WaitForPropagations(int timeoutMs) {
         if (waited >= timeoutMs) return false;
         usleep(20000);
     }
+}
+
+std::vector<std::string> Texts(const KOVA_ACL *acl) {
+    std::vector<std::string> out;
+    for (PKOVA_ACL_ENTRY e = acl ? acl->pHead : nullptr; e; e = e->pNext) {
+        char buf[128];
+        EXPECT_GT(KOVAACLAcePrint(e, buf, sizeof buf), 0);
+        out.push_back(buf);
+    }
+    return out;
+}
+
+std::string OwnerOf(const std::string &path) {
+    KOVA_ACL_ID owner{0, 0};
+    if (KOVAACLOwnerIdGet(path.c_str(), &owner) != 0) return "failed";
+    return (owner.idType == KOVA_ACL_ID_GROUP ? "group:" : "user:") + std::to_string(owner.id);
+}
+
+int Code(int rc) { return rc < 0 ? (KLIBCErrGet() >> 8) : 0; }
+
+int ReadCode(const std::string &path) {
+    PKOVA_ACL acl = nullptr;
+    const int rc = KOVAACLGet(path.c_str(), -1, KOVA_ACL_GET_ALL, &acl);
+    KOVAACLFree(acl);
+    return Code(rc);
+}
+
+int SetOneCode(const std::string &path, const std::string &entry, bool inherits) {
+    PKOVA_ACL acl = KOVAACLAlloc(0);
+    PKOVA_ACL_ENTRY e = KOVAACLAceAlloc();
+    KOVAACLAceParse(entry.c_str(), e);
+    KOVAACLAceAppend(acl, e);
+    acl->isInherited = inherits ? 1 : 0;
+    const int rc = KOVAACLSet(path.c_str(), -1, acl);
+    KOVAACLFree(acl);
+    return Code(rc);
 }
 
 std::string RawRecord(const std::string &path) {

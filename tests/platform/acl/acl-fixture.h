@@ -1,10 +1,13 @@
-// A platform root with one share ("data" at <root>/volumes/volume1/data) and
-// helpers that write and read ACLs in the library's whole-entry text form
-// ("user:1030:allow:r------------:fd--", level optional).
+// A platform root with one share ("data") and ACLs read and written in the library's
+// text form ("user:1030:allow:r------------:fd--", level optional).
 #ifndef KOVA_TEST_ACL_FIXTURE_H
 #define KOVA_TEST_ACL_FIXTURE_H
 
+#include "as-identity.h"
 #include "temp-root.h"
+
+#include "kova/account.h"
+#include "kova/acl.h"
 
 #include <gtest/gtest.h>
 
@@ -14,9 +17,8 @@
 
 namespace kova_acl_test {
 
-// For its lifetime the *xattrat entries of the system-call table answer
-// ENOSYS, as on a kernel before 6.13, so the library takes its fallback.
-// Count() tells how many calls were refused since it was made.
+// While it lives the *xattrat calls answer ENOSYS (a kernel before 6.13); Count() tells
+// how many were refused.
 class WithoutXattrAt {
 public:
     WithoutXattrAt();
@@ -30,13 +32,10 @@ private:
     std::unique_ptr<Saved> saved_;
 };
 
-// Waits until no background propagation is queued or running (a stopped one
-// does not count) and its runner process is gone; false when some still is
-// after timeoutMs.
+// Waits until no propagation is queued or running and its runner is gone; false after timeoutMs.
 bool WaitForPropagations(int timeoutMs = 30000);
 
-// With KOVA_TEST_WITHOUT_XATTRAT set in the environment, every test of the
-// fixture runs without the *xattrat calls (CTest runs each ACL test both ways).
+// With KOVA_TEST_WITHOUT_XATTRAT set, every test of the fixture runs without *xattrat.
 class AclFixture : public ::testing::Test {
 protected:
     void SetUp() override;
@@ -52,14 +51,33 @@ protected:
 
     // Stores an ACL; returns KOVAACLSet's result.
     int SetAcl(const std::string &path, const std::vector<std::string> &entries, bool inherits = true);
-    // Reads with a selector; entries printed "type:id:access:perm:inherit:level".
-    // Returns false when KOVAACLGet fails.
+    // Entries as "type:id:access:perm:inherit:level"; false when KOVAACLGet fails.
     bool GetAcl(const std::string &path, int selector, std::vector<std::string> &out, bool *inherits = nullptr);
 
     kova_test::TempRoot root_;
     std::string share_;
     std::unique_ptr<WithoutXattrAt> withoutAt_;
 };
+
+// Callers of the ACL tests: two users of group 2000 and an administrator.
+const kova_test::Identity kAlice{1030, 1030, {2000}};
+const kova_test::Identity kBob{1031, 1031, {2000}};
+const kova_test::Identity kAdmin{1040, 1040, {KOVA_ADMIN_GID}};
+
+// For calls in a RunAs child: 0, or the high byte of the last error (0x03 permission,
+// 0xD8 ACL write refused, 0x24 owner change, 0x06 no such entry).
+int Code(int rc);
+// The code of reading a path's whole ACL, and of storing one entry.
+int ReadCode(const std::string &path);
+int SetOneCode(const std::string &path, const std::string &entry, bool inherits);
+
+// A new ACL (nullptr, with a test failure, when an entry does not parse); caller frees it.
+PKOVA_ACL MakeAcl(const std::vector<std::string> &entries, bool inherits);
+// An ACL's entries in the text form above.
+std::vector<std::string> Texts(const KOVA_ACL *acl);
+
+// The owner KOVAACLOwnerIdGet reads: "user:ID", "group:ID", or "failed".
+std::string OwnerOf(const std::string &path);
 
 // The raw stored record of a path ("" when there is none).
 std::string RawRecord(const std::string &path);

@@ -1,14 +1,9 @@
-// The kernel enforces what the platform decides: random trees of random ACLs
-// (allow and deny; users, groups, everyone, authenticated users, system,
-// owner; inheritance flags over a few folder depths; user and group owners),
-// then for each random user a child with that user's real ids asks the
-// kernel (open, opendir, faccessat) about every entry and compares with the
-// platform's own answer (KOVAACLPermGet as that user, mapped to r/w/x):
-// the kernel never allows what the platform denies, and on ACLs of named
-// users and groups that only allow, the two agree exactly.
+// The kernel never allows what the platform denies (random trees, ACLs and users, each
+// user's kernel answers against KOVAACLPermGet), and agrees exactly on allow-only named ACLs.
 #include "acl-fixture.h"
 
 #include "as-identity.h"
+#include "run-admin.h"
 #include "kova/account.h"
 #include "kova/acl.h"
 #include "kova/fileshare.h"
@@ -17,7 +12,6 @@
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <grp.h>
 #include <linux/capability.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -39,11 +33,11 @@ namespace {
 using kova_acl_test::AclFixture;
 using kova_acl_test::RawRecord;
 using kova_test::Identity;
+using kova_test::RunAdmin;
 
 constexpr unsigned kR = 4, kW = 2, kX = 1;
 
-// The platform's rights as the kernel's bits (the mapping of
-// docs/platform/enforcement.md).
+// The platform's rights as the kernel's bits (docs/platform/enforcement.md).
 unsigned Mapped(unsigned rights, bool isDir) {
     unsigned b = 0;
     if (rights & KOVA_ACL_PERM_READ_DATA) b |= kR;
@@ -63,15 +57,20 @@ unsigned KernelBits(const std::string &path, bool isDir) {
         }
         if (faccessat(AT_FDCWD, path.c_str(), W_OK, AT_EACCESS) == 0) b |= kW;
     } else {
-        int fd = open(path.c_str(), O_RDONLY | O_NOFOLLOW);
-        if (fd >= 0) b |= kR;
-        if (fd >= 0) close(fd);
-        fd = open(path.c_str(), O_WRONLY | O_NOFOLLOW);
-        if (fd >= 0) b |= kW;
-        if (fd >= 0) close(fd);
+        for (const auto &[flags, bit] : {std::pair<int, unsigned>{O_RDONLY, kR}, {O_WRONLY, kW}}) {
+            const int fd = open(path.c_str(), flags | O_NOFOLLOW);
+            if (fd >= 0) b |= bit;
+            if (fd >= 0) close(fd);
+        }
     }
     if (faccessat(AT_FDCWD, path.c_str(), X_OK, AT_EACCESS) == 0) b |= kX;
     return b;
+}
+
+// Creates a file as a program other than the platform would (no record).
+bool CreateAsProgram(const std::string &path) {
+    const int fd = open(path.c_str(), O_CREAT | O_WRONLY, 0666);
+    return fd >= 0 && close(fd) == 0;
 }
 
 struct Entry {
@@ -93,9 +92,7 @@ protected:
 
     unsigned Pick(unsigned n) { return std::uniform_int_distribution<unsigned>(0, n - 1)(rng); }
 
-    // Allow-only ACLs draw whole kernel bits (write and append, and delete
-    // child, together): a right split over two entries of different groups
-    // is what POSIX cannot say.
+    // Allow-only ACLs draw whole kernel bits: POSIX cannot split a right over two groups.
     std::string RandomPerm(bool whole) {
         static const char *kBundles[] = {"r", "x", "rx", "wpD", "rwxpD", "rwxpdDaARWcCo", "raR", "wpDA",
                                          "w", "wp", "rw"};
@@ -119,25 +116,18 @@ protected:
         std::vector<std::string> out;
         const unsigned n = Pick(5);
         for (unsigned i = 0; i < n; ++i) {
-            std::string who;
-            const unsigned kind = allowOnly ? Pick(2) : Pick(7);
-            switch (kind) {
-            case 0: who = "user:" + std::to_string(kUids[Pick(kUids.size())]); break;
-            case 1: who = "group:" + std::to_string(kGids[Pick(kGids.size())]); break;
-            case 2: who = "everyone:-1"; break;
-            case 3: who = "authenticated_user:-1"; break;
-            case 4: who = "owner:-1"; break;
-            case 5: who = "system:-1"; break;
-            default: who = "user:" + std::to_string(kUids[Pick(kUids.size())]); break;
-            }
+            static const char *kFixed[] = {"everyone:-1", "authenticated_user:-1", "owner:-1", "system:-1"};
+            const unsigned kind = allowOnly ? Pick(2) : Pick(7);  // 2..5 fixed, 6 a user again
+            const std::string who = kind == 1 ? "group:" + std::to_string(kGids[Pick(kGids.size())])
+                                    : kind >= 2 && kind <= 5 ? kFixed[kind - 2]
+                                    : "user:" + std::to_string(kUids[Pick(kUids.size())]);
             const bool deny = !allowOnly && Pick(3) == 0;
             out.push_back(who + (deny ? ":deny:" : ":allow:") + RandomPerm(allowOnly) + ":" + RandomInherit());
         }
         return out;
     }
 
-    // Opens the share's folders above for others to traverse: the kernel
-    // judges every folder on a path.
+    // The kernel judges every folder on a path: the share's folders above open for others.
     void OpenAncestors() {
         for (std::string p = Share(); p.size() > 1; p = p.substr(0, p.rfind('/'))) chmod(p.c_str(), 0755);
         chmod(Share().c_str(), 0777);
@@ -160,7 +150,6 @@ protected:
     }
 };
 
-
 TEST_F(AclEnforce, KernelNeverGrantsMoreThanThePlatformAndAgreesOnAllowOnlyNamedAcls) {
     OpenAncestors();
     std::vector<Entry> entries;
@@ -170,9 +159,7 @@ TEST_F(AclEnforce, KernelNeverGrantsMoreThanThePlatformAndAgreesOnAllowOnlyNamed
         const std::string top = In("t" + std::to_string(t));
         const std::vector<std::string> dirs = {top + "/a", top + "/a/b", top + "/a/b/c"};
         Dir(dirs[2]);
-        chmod(top.c_str(), 0777);
-        chmod(dirs[0].c_str(), 0777);
-        chmod(dirs[1].c_str(), 0777);
+        for (const std::string &d : {top, dirs[0], dirs[1]}) chmod(d.c_str(), 0777);
         std::vector<std::string> files;
         for (const auto &d : dirs) {
             files.push_back(d + "/f1");
@@ -206,12 +193,9 @@ TEST_F(AclEnforce, KernelNeverGrantsMoreThanThePlatformAndAgreesOnAllowOnlyNamed
             }
             entries.push_back(e);
         }
-        // A file made afterwards by a program other than the platform: it
-        // starts with the folder's default ACL and has no record.
+        // A file made later by another program: the folder's default ACL, no record.
         for (const auto &d : dirs) {
-            int fd = open((d + "/late").c_str(), O_CREAT | O_WRONLY, 0666);
-            ASSERT_GE(fd, 0);
-            close(fd);
+            ASSERT_TRUE(CreateAsProgram(d + "/late"));
             Entry e;
             e.path = d + "/late";
             const size_t level = static_cast<size_t>(&d - &dirs[0]);
@@ -250,12 +234,9 @@ TEST_F(AclEnforce, KernelNeverGrantsMoreThanThePlatformAndAgreesOnAllowOnlyNamed
                 if (KOVAACLPermGet(entries[i].path.c_str(), &rights) == 0)
                     platform[i] = static_cast<int>(Mapped(rights, entries[i].isDir));
             }
-            // From here on the real ids too are the user's: nothing is left
-            // of root.
+            // From here on the real ids too are the user's.
             if (setresgid(who.gid, who.gid, who.gid) != 0 || setresuid(who.uid, who.uid, who.uid) != 0) _exit(4);
-            // Where POSIX says what the ACL says: no named user who is also
-            // a member of a named group (POSIX lets his own entry shadow his
-            // groups'), on the entry and on every folder above it.
+            // POSIX lets a named user's own entry shadow his named groups': not expressible.
             std::vector<char> expressible(entries.size(), 0);
             for (size_t i = 0; i < entries.size(); ++i) {
                 const Entry &e = entries[i];
@@ -274,9 +255,7 @@ TEST_F(AclEnforce, KernelNeverGrantsMoreThanThePlatformAndAgreesOnAllowOnlyNamed
                 const unsigned p = static_cast<unsigned>(platform[i]);
                 std::fprintf(out, "C\n");
                 if (k & ~p) std::fprintf(out, "V %s kernel %o platform %o\n", e.path.c_str(), k, p);
-                // Exact: an allow-only ACL of named users and groups that
-                // POSIX can express, with the platform's traverse on every
-                // folder above (the kernel judges the whole path).
+                // Exact where POSIX can express the ACL and the whole path may be traversed.
                 bool traverse = true;
                 for (size_t a : e.ancestors) traverse = traverse && platform[a] >= 0 && (platform[a] & kX);
                 if (e.exactCase && traverse && expressible[i]) {
@@ -322,10 +301,15 @@ unsigned KernelBitsAs(const Identity &who, const std::string &path, bool isDir) 
     return static_cast<unsigned>(rc);
 }
 
-// Dynamic inheritance: a folder's non-recursive set or removal changes what
-// every inheriting descendant's kernel ACL says, down a few levels; a link
-// in the tree is not followed, nothing outside the share changes, and a
-// descendant that does not inherit keeps its own.
+// The kernel's access ACL of a path, raw ("<none>" without one).
+std::string KernelAcl(const std::string &path) {
+    char buf[512];
+    const ssize_t n = lgetxattr(path.c_str(), "system.posix_acl_access", buf, sizeof buf);
+    return n < 0 ? "<none>" : std::string(buf, static_cast<size_t>(n));
+}
+
+// A folder's set or removal reaches every inheriting descendant's kernel ACL, never
+// through a link, outside the share, or into a descendant that does not inherit.
 TEST_F(AclEnforce, DescendantsFollowAFoldersInheritableEntries) {
     OpenAncestors();
     const Identity alice{1030, 1030, {}}, bob{1031, 1031, {}};
@@ -343,8 +327,7 @@ TEST_F(AclEnforce, DescendantsFollowAFoldersInheritableEntries) {
     ASSERT_EQ(SetAcl(outside + "/g", {"user:1030:allow:r:-"}, true), 0);
     ASSERT_EQ(symlink(outside.c_str(), (top + "/a/link").c_str()), 0);
     const std::string outsideBefore = RawRecord(outside + "/g");
-    char before[512] = {};
-    const ssize_t beforeLen = lgetxattr((outside + "/g").c_str(), "system.posix_acl_access", before, sizeof before);
+    const std::string kernelBefore = KernelAcl(outside + "/g");
 
     EXPECT_EQ(KernelBitsAs(alice, top + "/a/b/f", false), kR | kX);
     EXPECT_EQ(KernelBitsAs(bob, top + "/a/b/f", false), 0u);
@@ -363,19 +346,11 @@ TEST_F(AclEnforce, DescendantsFollowAFoldersInheritableEntries) {
     EXPECT_EQ(KernelBitsAs(bob, top + "/a/b", true), 0u);
 
     EXPECT_EQ(RawRecord(outside + "/g"), outsideBefore);
-    char after[512] = {};
-    const ssize_t afterLen = lgetxattr((outside + "/g").c_str(), "system.posix_acl_access", after, sizeof after);
-    ASSERT_EQ(afterLen, beforeLen);
-    EXPECT_EQ(std::string(after, static_cast<size_t>(afterLen > 0 ? afterLen : 0)),
-              std::string(before, static_cast<size_t>(beforeLen > 0 ? beforeLen : 0)));
+    EXPECT_EQ(KernelAcl(outside + "/g"), kernelBefore);
 }
 
-// Traverse is the platform's to judge: a user who may list a folder but
-// not traverse it, and may read a file in it, reads that file's ACL and has
-// the platform find its share and resolve its path, as the user (effective
-// ids, saved uid 0, as a server worker runs); from a shell the kernel,
-// which needs search on the folder, refuses the file. A link in the share
-// that leaves it is still refused.
+// Traverse is the platform's to judge: a user who may list but not traverse a folder
+// reaches a file in it through the platform, while the kernel refuses it.
 TEST_F(AclEnforce, PlatformLookupsDoNotHangOnTheKernelsTraverseCheck) {
     OpenAncestors();
     const Identity alice{1030, 1030, {}};
@@ -407,42 +382,8 @@ TEST_F(AclEnforce, PlatformLookupsDoNotHangOnTheKernelsTraverseCheck) {
     EXPECT_EQ(KernelBitsAs(alice, file, false), 0u);
 }
 
-struct AdminRun {
-    int status;
-    std::string out;
-};
-
-// kova-admin with the test's platform root, output captured.
-AdminRun Admin(const std::string &root, std::vector<std::string> args) {
-    int fds[2];
-    if (pipe(fds) != 0) return {-1, ""};
-    pid_t pid = fork();
-    if (pid == 0) {
-        dup2(fds[1], 1);
-        dup2(fds[1], 2);
-        close(fds[0]);
-        close(fds[1]);
-        args.insert(args.begin(), {kova_test::BuildDir() + "/bin/kova-admin", "--root", root});
-        std::vector<char *> argv;
-        for (auto &a : args) argv.push_back(&a[0]);
-        argv.push_back(nullptr);
-        execv(argv[0], argv.data());
-        _exit(127);
-    }
-    close(fds[1]);
-    std::string out;
-    char buf[4096];
-    ssize_t n;
-    while ((n = read(fds[0], buf, sizeof buf)) > 0) out.append(buf, static_cast<size_t>(n));
-    close(fds[0]);
-    int st = 0;
-    waitpid(pid, &st, 0);
-    return {WIFEXITED(st) ? WEXITSTATUS(st) : -1, out};
-}
-
-// Drift: chmod, setfacl and a removed default ACL behind the platform's
-// back are reported (entries without a record are not: the platform judges
-// them by what the kernel holds), repaired on request, and then gone.
+// Drift behind the platform's back (chmod, setfacl, a removed default ACL) is reported
+// and repaired; entries without a record are judged by the kernel and never reported.
 TEST_F(AclEnforce, VerifyReportsAndRepairsDrift) {
     OpenAncestors();
     const Identity alice{1030, 1030, {}}, carol{1032, 1032, {}};
@@ -456,9 +397,9 @@ TEST_F(AclEnforce, VerifyReportsAndRepairsDrift) {
     ASSERT_EQ(SetAcl(top + "/g", {"user:1031:allow:r:-"}, false), 0);
     File(top + "/plain");
 
-    AdminRun clean = Admin(root_.path(), {"acl", "verify", top});
-    EXPECT_EQ(clean.status, 0) << clean.out;
-    EXPECT_NE(clean.out.find("checked 4, differing 0"), std::string::npos) << clean.out;
+    std::string out;
+    EXPECT_EQ(RunAdmin({"acl", "verify", top}, &out), 0) << out;
+    EXPECT_NE(out.find("checked 4, differing 0"), std::string::npos) << out;
 
     ASSERT_EQ(chmod((top + "/a/f").c_str(), 0777), 0);
     ASSERT_EQ(std::system(("setfacl -m u:1032:rw " + top + "/g").c_str()), 0);
@@ -467,39 +408,30 @@ TEST_F(AclEnforce, VerifyReportsAndRepairsDrift) {
     EXPECT_EQ(KernelBitsAs(carol, top + "/g", false), kR | kW);
     EXPECT_EQ(KernelBitsAs(carol, top + "/a/f", false), kR | kW | kX);
 
-    AdminRun found = Admin(root_.path(), {"acl", "verify", top});
-    EXPECT_EQ(found.status, 1) << found.out;
-    EXPECT_NE(found.out.find("differs " + top + "\n"), std::string::npos) << found.out;
-    EXPECT_NE(found.out.find("differs " + top + "/a/f\n"), std::string::npos) << found.out;
-    EXPECT_NE(found.out.find("differs " + top + "/g\n"), std::string::npos) << found.out;
-    EXPECT_EQ(found.out.find("plain"), std::string::npos) << found.out;
-    EXPECT_NE(found.out.find("checked 4, differing 3, repaired 0"), std::string::npos) << found.out;
+    EXPECT_EQ(RunAdmin({"acl", "verify", top}, &out), 1) << out;
+    for (const std::string &differs : {top, top + "/a/f", top + "/g"})
+        EXPECT_NE(out.find("differs " + differs + "\n"), std::string::npos) << out;
+    EXPECT_EQ(out.find("plain"), std::string::npos) << out;
+    EXPECT_NE(out.find("checked 4, differing 3, repaired 0"), std::string::npos) << out;
     // Reporting alone changes nothing.
     EXPECT_EQ(KernelBitsAs(carol, top + "/g", false), kR | kW);
 
-    AdminRun fixed = Admin(root_.path(), {"acl", "verify", "--repair", top});
-    EXPECT_EQ(fixed.status, 0) << fixed.out;
-    EXPECT_NE(fixed.out.find("differing 3, repaired 3"), std::string::npos) << fixed.out;
+    EXPECT_EQ(RunAdmin({"acl", "verify", "--repair", top}, &out), 0) << out;
+    EXPECT_NE(out.find("differing 3, repaired 3"), std::string::npos) << out;
     EXPECT_EQ(KernelBitsAs(carol, top + "/g", false), 0u);
     EXPECT_EQ(KernelBitsAs(carol, top + "/a/f", false), 0u);
     EXPECT_EQ(KernelBitsAs(alice, top + "/a/f", false), kR | kX);
     // A file a program creates now starts from the restored default ACL.
-    int fd = open((top + "/new").c_str(), O_CREAT | O_WRONLY, 0666);
-    ASSERT_GE(fd, 0);
-    close(fd);
+    ASSERT_TRUE(CreateAsProgram(top + "/new"));
     EXPECT_EQ(KernelBitsAs(alice, top + "/new", false) & kR, kR);
     EXPECT_EQ(KernelBitsAs(carol, top + "/new", false), 0u);
 
-    AdminRun again = Admin(root_.path(), {"acl", "verify", top});
-    EXPECT_EQ(again.status, 0) << again.out;
-    EXPECT_EQ(Admin(root_.path(), {"acl", "verify"}).status, 1);
+    EXPECT_EQ(RunAdmin({"acl", "verify", top}, &out), 0) << out;
+    EXPECT_EQ(RunAdmin("acl verify", &out), 1) << out;
 }
 
-// The module's recursive set: an administrator's task (its ids, and
-// CAP_SYS_ADMIN alone) sets the top folder, then gives every entry below an
-// empty inheriting ACL, top-down; each call projects its entry, so the
-// kernel follows the top's entries everywhere, on a fresh tree and again
-// when the records exist and the top changes.
+// The module's recursive set as an administrator's task projects every entry, on a
+// fresh tree and again when the top changes.
 TEST_F(AclEnforce, RecursiveWalkAsATaskProjectsEveryEntry) {
     OpenAncestors();
     const Identity admin{1040, 1040, {KOVA_ADMIN_GID}};
@@ -517,27 +449,19 @@ TEST_F(AclEnforce, RecursiveWalkAsATaskProjectsEveryEntry) {
             return 0;
         });
     };
-    ASSERT_EQ(walk("1030"), 0);
-    for (const auto &rel : below) {
-        const bool isDir = rel == "a" || rel == "a/b";
-        EXPECT_EQ(KernelBitsAs(alice, top + "/" + rel, isDir), kR | kW | kX) << rel;
-        EXPECT_EQ(KernelBitsAs(bob, top + "/" + rel, isDir), 0u) << rel;
-    }
-    ASSERT_EQ(walk("1031"), 0);
-    for (const auto &rel : below) {
-        const bool isDir = rel == "a" || rel == "a/b";
-        EXPECT_EQ(KernelBitsAs(alice, top + "/" + rel, isDir), 0u) << rel;
-        EXPECT_EQ(KernelBitsAs(bob, top + "/" + rel, isDir), kR | kW | kX) << rel;
+    for (const Identity &granted : {alice, bob}) {
+        ASSERT_EQ(walk(std::to_string(granted.uid)), 0);
+        for (const auto &rel : below) {
+            const bool isDir = rel == "a" || rel == "a/b";
+            for (const Identity &who : {alice, bob})
+                EXPECT_EQ(KernelBitsAs(who, top + "/" + rel, isDir), who.uid == granted.uid ? kR | kW | kX : 0u)
+                    << rel << " granted " << granted.uid << " asked " << who.uid;
+        }
     }
 }
 
-// A task that keeps CAP_FOWNER sets a run of entries of one folder without
-// walking the ancestors for each: what the folder passes down is kept, and
-// so is the last projection computed. Neither may outlive what it was
-// computed from: the folder's record rewritten behind the task's back (the
-// same number of bytes, the same clock tick likely) is seen at the next
-// entry, and two files with different owners in a row get their own
-// projections.
+// A task keeping CAP_FOWNER reuses what a folder passes down over a run of entries,
+// but sees the folder's record rewritten behind its back and each file's own owner.
 TEST_F(AclEnforce, ARunOfEntriesInOneFolderIsProjectedFromWhatHoldsNow) {
     OpenAncestors();
     const Identity admin{1040, 1040, {KOVA_ADMIN_GID}};

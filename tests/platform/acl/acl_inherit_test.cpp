@@ -1,5 +1,4 @@
-// Dynamic inheritance: entries that ancestors pass down, with their levels,
-// where the chain ends, and how f, d, i and n carry an entry.
+// Dynamic inheritance: what ancestors pass down, levels, chain ends, and f, d, i, n.
 #include "acl-fixture.h"
 
 #include "kova/acl.h"
@@ -8,7 +7,6 @@
 #include "as-identity.h"
 #include "kova-internal/sys-calls.h"
 
-#include <fcntl.h>
 #include <stdio.h>
 #include <sys/stat.h>
 
@@ -22,8 +20,7 @@ using V = std::vector<std::string>;
 
 class AclInherit : public AclFixture {
 protected:
-    // share root -> a -> b -> f (file); every path stores an ACL, the three
-    // below the root inherit.
+    // share root -> a -> b -> f (file); each stores an ACL, the three below the root inherit.
     void BuildTree() {
         Dir(In("a/b"));
         File(In("a/b/f"));
@@ -72,9 +69,7 @@ TEST_F(AclInherit, PathThatDoesNotInheritGetsNothing) {
     EXPECT_EQ(Get(In("a/b/f"), KOVA_ACL_GET_INHERITED), V());
 }
 
-// Moves one folder (rename) at the first fstatat the library makes, which
-// is the judged entry's own: the tree changes between the judgement and
-// the walk up to the share root.
+// Renames one folder at the library's first fstatat (the judged entry's own).
 std::string gFrom, gTo;
 bool gMoved = false;
 int MovingFstatat(int dirFd, const char *name, struct stat *st, int flags) {
@@ -82,10 +77,8 @@ int MovingFstatat(int dirFd, const char *name, struct stat *st, int flags) {
     return kova_internal::RealSysCalls().fstatat(dirFd, name, st, flags);
 }
 
-// The walk is made from the judged file upwards through descriptors. It
-// ends at the share root wherever it meets it, and fails when the folder
-// where the path put the root is not the root: nothing above the share is
-// ever passed down.
+// The walk up ends at the share root wherever it meets it, and fails when the folder
+// the path named as root is not it: nothing above the share is passed down.
 TEST_F(AclInherit, AWalkUpATreeThatMovedEndsAtTheShareRootOrFails) {
     BuildTree();
     ASSERT_EQ(SetAcl(Share() + "/..", {"user:4242:allow:rwxpdDaARWcCo:fd--"}, false), 0);
@@ -100,13 +93,11 @@ TEST_F(AclInherit, AWalkUpATreeThatMovedEndsAtTheShareRootOrFails) {
         EXPECT_TRUE(gMoved);
         return ok ? 0 : KLIBCErrGet();
     };
-    // b moves up beside a: the root is met one step early, and the walk
-    // ends there.
+    // b moves up beside a: the root is met one step early and the walk ends there.
     V got;
     EXPECT_EQ(getMoving(In("a/b/f"), In("a/b"), In("b"), got), 0);
     EXPECT_EQ(got, V({"user:1031:allow:--x----------:f---:1", "group:2000:allow:r------------:fd--:2"}));
-    // b moves down below a new folder x that inherits: the step where the
-    // path put the root reaches a instead, and the read fails.
+    // b moves below a new inheriting folder x: the named root step reaches a, and fails.
     Dir(In("a/x"));
     ASSERT_EQ(SetAcl(In("a/x"), {"user:1032:allow:r------------:fd--"}), 0);
     EXPECT_EQ(getMoving(In("b/f"), In("b"), In("a/x/b"), got), KOVA_ERR_NOENT);
@@ -114,8 +105,7 @@ TEST_F(AclInherit, AWalkUpATreeThatMovedEndsAtTheShareRootOrFails) {
 
 class AclPassDown : public AclFixture {
 protected:
-    // share root with a folder D (holding folder E and file G) and a file F;
-    // everything below the root inherits and has no entries of its own.
+    // Share root with D (holding folder E, file G) and file F, all inheriting, no entries.
     void SetUp() override {
         AclFixture::SetUp();
         Dir(In("D/E"));
@@ -123,9 +113,8 @@ protected:
         File(In("F"));
         for (const char *p : {"D", "D/E", "D/G", "F"}) ASSERT_EQ(SetAcl(In(p), {}), 0);
     }
-    // Stores one root entry with the given inherit letters and returns what
-    // reaches D, E, G and F (their inherited entries, "perm-less" summary
-    // "inherit:level", "" when nothing arrives).
+    // Sets one root entry with these inherit letters; "inherit:level" of what reaches D, E,
+    // G and F ("" for nothing).
     V Reach(const std::string &inherit) {
         EXPECT_EQ(SetAcl(Share(), {"user:1030:allow:r------------:" + inherit}), 0);
         V out;
@@ -156,8 +145,7 @@ TEST_F(AclPassDown, NoPropagateStopsAfterOneLevel) {
 
 TEST_F(AclPassDown, InheritOnlyPassesWithoutApplyingToItsHolder) {
     EXPECT_EQ(Reach("fdi-"), V({"fd--:1", "fd--:2", "fd--:2", "fd--:1"}));
-    // The root's own inherit-only entry grants nothing at the root; the
-    // copies below do.
+    // The root's inherit-only entry grants nothing at the root; the copies below do.
     kova_test::Identity user{1030, 1030, {}};
     auto has = [&](const std::string &p) {
         return kova_test::RunAs(user, [&] { return KOVAACLPermCheck(p.c_str(), KOVA_ACL_PERM_READ_DATA); });

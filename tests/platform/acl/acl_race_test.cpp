@@ -1,7 +1,5 @@
-// A user who swaps a folder on the way for a link to a folder outside every
-// share, over and over while ACL calls name paths below it, never gets
-// anything outside the share changed: not an owner, not a mode, not an
-// attribute. Run with and without the *xattrat calls.
+// A user swapping a folder on the way for a link to an outside folder, over and over,
+// never gets anything outside the share changed. Run with and without *xattrat.
 #include "acl-fixture.h"
 
 #include "as-identity.h"
@@ -23,17 +21,13 @@
 #include <map>
 #include <memory>
 #include <string>
-#include <vector>
 
 namespace {
 
-using kova_acl_test::AclFixture;
-using kova_acl_test::WithoutXattrAt;
+using namespace kova_acl_test;
 using kova_test::Identity;
 using kova_test::RunAs;
 
-const Identity kAlice{1030, 1030, {2000}};
-const Identity kAdmin{1040, 1040, {KOVA_ADMIN_GID}};
 constexpr int kFiles = 32;
 constexpr int kRounds = 4000;
 
@@ -98,9 +92,8 @@ class AclRace : public AclFixture {
 protected:
     void SetUp() override {
         AclFixture::SetUp();
-        // Alice's own folder in the share, a folder of hers holding files
-        // she may take, and next to it a link to a root-owned folder outside
-        // every share whose entries have the same names.
+        // Alice's folder of files she may take, and beside it a link to an outside folder of
+        // root's holding files of the same names.
         outside_ = root_.At("outside");
         ASSERT_TRUE(kova_test::MakeDirs(outside_));
         ASSERT_EQ(chmod(outside_.c_str(), 0755), 0);
@@ -123,8 +116,7 @@ protected:
         Snapshot(outside_, before_);
     }
 
-    // Runs body as `who` (a task keeping CAP_SYS_ADMIN when asked), without
-    // the *xattrat calls when asked, while the folder and the link swap.
+    // Runs body as `who` (as a task, without *xattrat, when asked) while the names swap.
     void Race(const Identity &who, bool task, bool withoutAt, const std::function<int()> &body) {
         Swapper swapper(In("u/d"), In("u/swap"));
         ASSERT_TRUE(swapper.Running());
@@ -161,8 +153,7 @@ protected:
     TreeState before_;
 };
 
-// Fails the body unless a fair share of the calls got through: a race that
-// only ever hit refusals would prove nothing.
+// A race that only ever hit refusals would prove nothing.
 int EnoughSucceeded(int ok) { return ok >= kRounds / 10 ? 0 : 1; }
 
 TEST_F(AclRace, APlainUserTakingOwnershipNeverReachesOutside) {
@@ -202,9 +193,7 @@ TEST_F(AclRace, AnAdministratorsTaskSettingAclsAndOwnersNeverReachesOutside) {
     KOVAACLFree(acl);
 }
 
-// The ancestors a user's rights are inherited from are the judged file's
-// own: a folder above it swapped for a link to a folder of the user's,
-// where a folder of the same name grants her everything, lends nothing.
+// Inherited rights never come from a folder of the user's swapped in above the file.
 TEST_F(AclRace, InheritedRightsNeverComeFromAFolderSwappedInAbove) {
     Dir(In("r/s"));
     File(In("r/s/f"));

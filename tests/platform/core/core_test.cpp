@@ -89,8 +89,7 @@ TEST(Fault, FiresOnNthCallOnlyAndWildcardCountsEveryCall) {
 }
 
 TEST(Fault, EnvironmentEntriesAcceptClassMethodNames) {
-    // A child started by exec arms faults from $KOVA_FAULTS; names of class
-    // methods contain "::" and must not be split there.
+    // $KOVA_FAULTS arms an exec'd child; "::" in method names is not a separator.
     pid_t pid = fork();
     ASSERT_GE(pid, 0);
     if (pid == 0) {

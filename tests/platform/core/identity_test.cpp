@@ -1,7 +1,5 @@
-// The platform's identity component: the switch to a user, the root scopes
-// and the way back to root, with each of their id calls refused in turn.
-// A refused call leaves the ids as they were; a refused give-back of root
-// ends the process instead of letting it go on as root.
+// The identity component with each id call refused in turn: ids stay as they were, and a
+// refused give-back of root ends the process.
 #include "as-identity.h"
 #include "sys-fault.h"
 
@@ -53,8 +51,7 @@ std::string Lines(const std::vector<std::string> &problems) {
     return all;
 }
 
-// How a forked child that runs body ended: its exit status, or 1000 + the
-// signal that killed it.
+// A forked child's exit status, or 1000 + the signal that ended it.
 int ChildEnd(const std::function<int()> &body) {
     pid_t pid = fork();
     if (pid == 0) _exit(body() & 0xFF);
@@ -66,8 +63,7 @@ int ChildEnd(const std::function<int()> &body) {
 } // namespace
 
 TEST(Identity, SwitchToUserFailsCleanlyAtEveryIdCall) {
-    // From root (the server's worker) and from a user with saved uid 0 (a
-    // task that switches again).
+    // From root (a worker) and from a user with saved uid 0 (a task).
     for (uid_t start : {0u, 4100u}) {
         Ids before;
         int savedErrno = 0;
@@ -104,9 +100,7 @@ TEST(Identity, SwitchToUserFailsCleanlyAtEveryIdCall) {
 
 TEST(Identity, RootScopeRefusedOnTheWayUpChangesNothing) {
     const kova_test::Identity user{4000, 4001, {4002}};
-    // Call 1 raises the uid, call 2 the gid: each refused, the scope is
-    // not ok and the process keeps the user's ids; none refused, the scope
-    // is root inside and the user's ids are back after it.
+    // Call 1 raises the uid, call 2 the gid; refused, nothing changes.
     for (const char *entry : {"setresuid", "setresgid", ""}) {
         const int rc = kova_test::RunAs(user, [&] {
             const Ids before = Ids::Now();

@@ -1,12 +1,9 @@
-// The path toolkit every part shares: a root holds a path only on a
-// component boundary, trailing slashes go but "/" stays, folders are made
-// with their parents and a file in the way is no folder, and the resolved
-// descriptor of a real-path lookup is held, or given up on failure.
+// The path toolkit every part shares: root boundaries, trailing slashes, MakeDirs and
+// the descriptor a real-path lookup holds.
 #include "kova-internal/paths.h"
 #include "kova-internal/real-path.h"
 #include "temp-root.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 

@@ -1,5 +1,4 @@
-// Parameter schemas: every type code, necessary parameters, nulls,
-// unlisted keys and malformed schemas.
+// Parameter schemas: type codes, necessary parameters, nulls, unlisted keys, bad schemas.
 #include "kova/errcode.h"
 #include "kova/fault.h"
 #include "kova/klibc.h"

@@ -1,5 +1,4 @@
-// String bundles: lookup by language, section and key, with defaults for
-// every missing piece.
+// String bundles by language, section and key, with defaults for every missing piece.
 #include "temp-root.h"
 
 #include "kova/stringbundle.h"

@@ -1,8 +1,7 @@
-// The share table a process keeps: another process's changes to the share
-// database are seen on the next lookup, also when they leave its size and
-// modification time as they were; a database put in place of the old one
-// or removed is noticed; the table names each share's real root, and a
-// link put at a root's path holds nothing.
+// The share table a process keeps sees every change to the share database, names each
+// share's real root, and a link put at a root's path holds nothing.
+#include "share-fixture.h"
+
 #include "kova/errcode.h"
 #include "kova/klibc.h"
 #include "kova/share.h"
@@ -19,13 +18,13 @@
 #include <time.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <algorithm>
-#include <cstring>
 #include <functional>
 #include <string>
 
 namespace {
+
+using namespace kova_share_test;
 
 class ShareCache : public ::testing::Test {
 protected:
@@ -34,35 +33,14 @@ protected:
         db_ = root_.At("etc/shares.db");
         for (const char *d : {"data", "other", "otheR", "real1", "real2"}) ASSERT_TRUE(kova_test::MakeDirs(vol_ + "/" + d));
         ASSERT_EQ(Add("data", vol_ + "/data"), 0);
+        clock_gettime(CLOCK_REALTIME, &old_);
+        old_.tv_sec -= 60;
     }
-    static int Add(const std::string &name, const std::string &path) {
-        KOVA_SHARE s;
-        std::memset(&s, 0, sizeof s);
-        std::snprintf(s.szName, sizeof s.szName, "%s", name.c_str());
-        std::snprintf(s.szPath, sizeof s.szPath, "%s", path.c_str());
-        return KOVAShareSet(&s);
-    }
-    // "name|root" of the share holding p, or "err:0xCODE".
-    static std::string Lookup(const std::string &p) {
-        char name[KOVA_SHARE_NAME_MAX] = "", path[4096] = "";
-        if (KOVAShareNamePathGet(p.c_str(), name, sizeof name, path, sizeof path) < 0) {
-            char buf[32];
-            std::snprintf(buf, sizeof buf, "err:0x%04X", KLIBCErrGet());
-            return buf;
-        }
-        return std::string(name) + "|" + path;
-    }
-    // Makes the database look written a minute ago, so that this process
-    // keeps the table it reads next (a fresh write is re-read every time).
-    void Age(const struct timespec &mtime) {
-        struct timespec times[2] = {mtime, mtime};
+    // Dates the database a minute back (always the same time), so this process keeps
+    // the table it reads next.
+    void Age() {
+        struct timespec times[2] = {old_, old_};
         ASSERT_EQ(utimensat(AT_FDCWD, db_.c_str(), times, 0), 0);
-    }
-    struct timespec MinuteAgo() const {
-        struct timespec t;
-        clock_gettime(CLOCK_REALTIME, &t);
-        t.tv_sec -= 60;
-        return t;
     }
     // Runs body in another process; its exit status.
     static int InOtherProcess(const std::function<int()> &body) {
@@ -74,27 +52,26 @@ protected:
     }
     kova_test::TempRoot root_;
     std::string vol_, db_;
+    struct timespec old_;
 };
 
 TEST_F(ShareCache, AnotherProcessesChangesAreSeenOnTheNextCall) {
-    const struct timespec old = MinuteAgo();
-    Age(old);
+    Age();
     EXPECT_EQ(Lookup(vol_ + "/data/x"), "data|" + vol_ + "/data");
     EXPECT_EQ(Lookup(vol_ + "/other/x"), "err:0x2500");
 
     ASSERT_EQ(InOtherProcess([&] { return Add("other", vol_ + "/other") == 0 ? 0 : 1; }), 0);
     EXPECT_EQ(Lookup(vol_ + "/other/x"), "other|" + vol_ + "/other");
 
-    // A change that keeps the file's size, its modification time put back
-    // as it was: the status change time still tells.
-    Age(old);
+    // Same size, modification time put back: the status change time still tells.
+    Age();
     EXPECT_EQ(Lookup(vol_ + "/other/x"), "other|" + vol_ + "/other");
     struct timespec pause = {0, 50 * 1000 * 1000};  // past one timestamp tick
     nanosleep(&pause, nullptr);
     struct stat before;
     ASSERT_EQ(stat(db_.c_str(), &before), 0);
     ASSERT_EQ(InOtherProcess([&] { return Add("other", vol_ + "/otheR") == 0 ? 0 : 1; }), 0);
-    Age(old);
+    Age();
     struct stat after;
     ASSERT_EQ(stat(db_.c_str(), &after), 0);
     EXPECT_EQ(after.st_size, before.st_size);  // the case this step is about
@@ -102,19 +79,18 @@ TEST_F(ShareCache, AnotherProcessesChangesAreSeenOnTheNextCall) {
     EXPECT_EQ(Lookup(vol_ + "/other/x"), "err:0x2500");
 
     ASSERT_EQ(InOtherProcess([&] { return KOVAShareDelete("other") == 0 ? 0 : 1; }), 0);
-    Age(old);
+    Age();
     EXPECT_EQ(Lookup(vol_ + "/otheR/x"), "err:0x2500");
 }
 
 TEST_F(ShareCache, ADatabasePutInPlaceOrRemovedIsNoticed) {
-    const struct timespec old = MinuteAgo();
-    Age(old);
+    Age();
     EXPECT_EQ(Lookup(vol_ + "/data/x"), "data|" + vol_ + "/data");
     // The database moves aside and one with another share takes its place.
     const std::string aside = db_ + ".aside";
     ASSERT_EQ(rename(db_.c_str(), aside.c_str()), 0);
     ASSERT_EQ(InOtherProcess([&] { return Add("other", vol_ + "/other") == 0 ? 0 : 1; }), 0);
-    Age(old);
+    Age();
     EXPECT_EQ(Lookup(vol_ + "/data/x"), "err:0x2500");
     EXPECT_EQ(Lookup(vol_ + "/other/x"), "other|" + vol_ + "/other");
     // No database: no shares.
@@ -126,13 +102,12 @@ TEST_F(ShareCache, ADatabasePutInPlaceOrRemovedIsNoticed) {
 }
 
 TEST_F(ShareCache, WritesOfThisProcessAndOtherRootsAreSeenAtOnce) {
-    const struct timespec old = MinuteAgo();
-    Age(old);
+    Age();
     EXPECT_EQ(Lookup(vol_ + "/data/x"), "data|" + vol_ + "/data");
     ASSERT_EQ(KOVAShareDelete("data"), 0);
     EXPECT_EQ(Lookup(vol_ + "/data/x"), "err:0x2500");
     ASSERT_EQ(Add("data", vol_ + "/data"), 0);
-    Age(old);
+    Age();
     EXPECT_EQ(Lookup(vol_ + "/data/x"), "data|" + vol_ + "/data");
     {
         // Another platform root has its own database.
@@ -150,7 +125,7 @@ TEST_F(ShareCache, TheTableNamesTheRealRootAndALinkAtItsPathHoldsNothing) {
     ASSERT_TRUE(kova_test::MakeDirs(vol_ + "/real1/sub"));
     ASSERT_TRUE(kova_test::MakeDirs(vol_ + "/real2/sub"));
     ASSERT_EQ(Add("sub", vol_ + "/real1/sub"), 0);
-    Age(MinuteAgo());
+    Age();
     EXPECT_EQ(Lookup(vol_ + "/real1/x"), "linked|" + vol_ + "/real1");
     EXPECT_EQ(Lookup(vol_ + "/real2/x"), "err:0x2500");
     // The link it was given through is pointed elsewhere: the share stays.
@@ -159,9 +134,7 @@ TEST_F(ShareCache, TheTableNamesTheRealRootAndALinkAtItsPathHoldsNothing) {
     EXPECT_EQ(Lookup(vol_ + "/real1/x"), "linked|" + vol_ + "/real1");
     EXPECT_EQ(Lookup(vol_ + "/real2/x"), "err:0x2500");
 
-    // Someone who may rename folders beside the root puts a link in its
-    // place. Whether the table is kept or read afresh (any write reads it
-    // again), the link holds nothing: not where it leads, not through it.
+    // A link put in the root's place holds nothing, whether the table is kept or read afresh.
     const std::string aside = vol_ + "/real1.aside";
     ASSERT_EQ(rename((vol_ + "/real1").c_str(), aside.c_str()), 0);
     ASSERT_EQ(symlink((vol_ + "/real2").c_str(), (vol_ + "/real1").c_str()), 0);
@@ -213,8 +186,7 @@ TEST_F(ShareCache, ARealPathWithANulIsRefused) {
     EXPECT_EQ(name, "untouched");
     ASSERT_EQ(kova_share::ShareOfRealPath(vol_ + "/data/x", name, root), 0);
     EXPECT_EQ(name, "data");
-    // The C call behind it: a buffer too small for the answer is an error,
-    // never a cut name; a path in no share is told apart.
+    // The C call: too small a buffer is an error, never a cut name.
     char small[4] = "abc", full[PATH_MAX];
     EXPECT_LT(KOVAShareOfRealPath((vol_ + "/data/x").c_str(), small, sizeof small, nullptr, 0), 0);
     EXPECT_EQ(KLIBCErrGet(), KOVA_ERR_RANGE);

@@ -1,4 +1,6 @@
 // Which share holds a path, after links and ".." are resolved.
+#include "share-fixture.h"
+
 #include "kova/errcode.h"
 #include "kova/klibc.h"
 #include "kova/share.h"
@@ -6,14 +8,13 @@
 #include "temp-root.h"
 
 #include <gtest/gtest.h>
-#include <stdio.h>
 #include <unistd.h>
 
-#include <cstdio>
-#include <cstring>
 #include <string>
 
 namespace {
+
+using namespace kova_share_test;
 
 class SharePath : public ::testing::Test {
 protected:
@@ -22,27 +23,10 @@ protected:
         ASSERT_TRUE(kova_test::MakeDirs(vol_ + "/data/sub/deep"));
         ASSERT_TRUE(kova_test::MakeDirs(vol_ + "/datax"));
         ASSERT_TRUE(kova_test::MakeDirs(root_.At("outside")));
-        Add("data", vol_ + "/data");
-        Add("nested", vol_ + "/data/sub");
-        Add("homes", vol_ + "/homes");
+        ASSERT_EQ(Add("data", vol_ + "/data"), 0);
+        ASSERT_EQ(Add("nested", vol_ + "/data/sub"), 0);
+        ASSERT_EQ(Add("homes", vol_ + "/homes"), 0);
         ASSERT_TRUE(kova_test::MakeDirs(vol_ + "/homes/alice"));
-    }
-    void Add(const std::string &name, const std::string &path) {
-        KOVA_SHARE s;
-        std::memset(&s, 0, sizeof s);
-        std::snprintf(s.szName, sizeof s.szName, "%s", name.c_str());
-        std::snprintf(s.szPath, sizeof s.szPath, "%s", path.c_str());
-        ASSERT_EQ(KOVAShareSet(&s), 0);
-    }
-    // "name|root" of the share holding p, or "err:0xCODE".
-    std::string Lookup(const std::string &p) {
-        char name[KOVA_SHARE_NAME_MAX] = "", path[4096] = "";
-        if (KOVAShareNamePathGet(p.c_str(), name, sizeof name, path, sizeof path) < 0) {
-            char buf[32];
-            std::snprintf(buf, sizeof buf, "err:0x%04X", KLIBCErrGet());
-            return buf;
-        }
-        return std::string(name) + "|" + path;
     }
     kova_test::TempRoot root_;
     std::string vol_;
@@ -76,8 +60,7 @@ TEST_F(SharePath, LinksAndDotDotCannotLeaveTheShare) {
     // ".." and links that stay inside are fine.
     ASSERT_EQ(symlink((vol_ + "/data/sub").c_str(), (vol_ + "/data/inner").c_str()), 0);
     EXPECT_EQ(Lookup(vol_ + "/data/sub/deep/../new"), "nested|" + vol_ + "/data/sub");
-    // Written inside the nested share, ".." leaves it: refused, even though
-    // the real location lies in the enclosing share.
+    // ".." out of the nested share is refused, though the place lies in the outer one.
     EXPECT_EQ(Lookup(vol_ + "/data/sub/../new"), "err:0xBE00");
     EXPECT_EQ(Lookup(vol_ + "/data/inner/deep"), "nested|" + vol_ + "/data/sub");
     // A path written outside every share is judged where it really is.
@@ -94,8 +77,7 @@ TEST_F(SharePath, SmallBuffersAreRefused) {
     EXPECT_EQ(KLIBCErrGet(), KOVA_ERR_RANGE);
 }
 
-// Swaps a folder for a link the first time the share root is opened, i.e.
-// after the kernel has named the path being looked up.
+// Swaps a folder for a link at the first open of the root, after the path was named.
 struct SwapOnRootOpen {
     static std::string root, folder, target;
     static bool swapped;
@@ -124,8 +106,7 @@ TEST_F(SharePath, AFolderSwappedForALinkAfterNamingIsNotInTheShare) {
         EXPECT_EQ(Lookup(vol_ + "/data/sub/deep"), "err:0xBE00");
     }
     EXPECT_TRUE(SwapOnRootOpen::swapped);
-    // Asked again, the path is simply outside; the nested share's root is
-    // now a link and holds nothing, its folder moved aside is data's.
+    // Now the nested root is a link holding nothing; its folder moved aside is data's.
     EXPECT_EQ(Lookup(vol_ + "/data/sub/deep"), "err:0xBE00");
     EXPECT_EQ(Lookup(vol_ + "/data/sub.old/deep"), "data|" + vol_ + "/data");
 }

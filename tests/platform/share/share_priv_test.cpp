@@ -1,5 +1,6 @@
-// A user's privilege on a share from its own entry, its groups' entries and
-// the share default.
+// A user's share privilege: its own entry, then its groups', then the share default.
+#include "share-fixture.h"
+
 #include "kova/account.h"
 #include "kova/errcode.h"
 #include "kova/klibc.h"
@@ -8,18 +9,12 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
-#include <cstring>
-
 namespace {
 
 class SharePriv : public ::testing::Test {
 protected:
     void SetUp() override {
-        KOVA_SHARE s;
-        std::memset(&s, 0, sizeof s);
-        std::snprintf(s.szName, sizeof s.szName, "data");
-        std::snprintf(s.szPath, sizeof s.szPath, "%s", root_.At("volumes/volume1/data").c_str());
+        KOVA_SHARE s = kova_share_test::Make("data", root_.At("volumes/volume1/data"));
         s.defaultPriv = KOVA_SHARE_PRIV_RO;
         ASSERT_EQ(KOVAShareSet(&s), 0);
         ASSERT_GE(KOVAUserAdd("alice", -1, "Passw0rd!", nullptr, nullptr, 0), 0);
@@ -67,10 +62,7 @@ TEST_F(SharePriv, UnknownUserShareOrValue) {
 TEST_F(SharePriv, DeletingAShareDropsItsPrivileges) {
     ASSERT_EQ(KOVASharePrivSet("data", 1, "alice", KOVA_SHARE_PRIV_NONE), 0);
     ASSERT_EQ(KOVAShareDelete("data"), 0);
-    KOVA_SHARE s;
-    std::memset(&s, 0, sizeof s);
-    std::snprintf(s.szName, sizeof s.szName, "data");
-    std::snprintf(s.szPath, sizeof s.szPath, "/srv/data");
+    KOVA_SHARE s = kova_share_test::Make("data", "/srv/data");
     s.defaultPriv = KOVA_SHARE_PRIV_RW;
     ASSERT_EQ(KOVAShareSet(&s), 0);
     EXPECT_EQ(Priv("alice"), KOVA_SHARE_PRIV_RW);

@@ -1,4 +1,6 @@
 // Share records in the share database.
+#include "share-fixture.h"
+
 #include "kova/errcode.h"
 #include "kova/klibc.h"
 #include "kova/share.h"
@@ -7,18 +9,10 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
-#include <cstring>
-#include <string>
 
 namespace {
 
-KOVA_SHARE Make(const std::string &name, const std::string &path) {
-    KOVA_SHARE s;
-    std::memset(&s, 0, sizeof s);
-    std::snprintf(s.szName, sizeof s.szName, "%s", name.c_str());
-    std::snprintf(s.szPath, sizeof s.szPath, "%s", path.c_str());
-    return s;
-}
+using namespace kova_share_test;
 
 TEST(ShareRecord, StoreReadReplaceEnumerateDelete) {
     kova_test::TempRoot root;
@@ -33,7 +27,7 @@ TEST(ShareRecord, StoreReadReplaceEnumerateDelete) {
     s.aclStatus = 1;
     s.defaultPriv = KOVA_SHARE_PRIV_RO;
     ASSERT_EQ(KOVAShareSet(&s), 0);
-    ASSERT_EQ(KOVAShareSet(&(s = Make("archive", "/srv/archive"))), 0);
+    ASSERT_EQ(Add("archive", "/srv/archive"), 0);
 
     ASSERT_EQ(KOVAShareGet("data", &got), 0);
     EXPECT_STREQ(got->szPath, "/srv/data");
@@ -82,12 +76,10 @@ TEST(ShareRecord, BadRecordsAreRefusedAndChangeNothing) {
     EXPECT_EQ(KOVAShareEnum(&list), 0);  // no database yet: no shares
     KLIBCSzListFree(list);
     for (const char *name : {"", "a/b", ".", "..", "tab\there"}) {
-        KOVA_SHARE s = Make(name, "/srv/x");
-        EXPECT_LT(KOVAShareSet(&s), 0) << name;
+        EXPECT_LT(Add(name, "/srv/x"), 0) << name;
         EXPECT_EQ(KLIBCErrGet(), KOVA_ERR_BADARG);
     }
-    KOVA_SHARE rel = Make("rel", "srv/x");
-    EXPECT_LT(KOVAShareSet(&rel), 0);
+    EXPECT_LT(Add("rel", "srv/x"), 0);
     KOVA_SHARE priv = Make("p", "/srv/p");
     priv.defaultPriv = 7;
     EXPECT_LT(KOVAShareSet(&priv), 0);

@@ -1,5 +1,4 @@
-// Request parameters and defaults, response JSON, and task-bound responses
-// writing their record as root whatever identity the writer acts with.
+// Request parameters, response JSON, and task records written as root for any caller.
 #include "as-identity.h"
 #include "temp-root.h"
 
@@ -13,9 +12,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <fstream>
 #include <memory>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -62,8 +59,7 @@ TEST(APIRequest, ParametersAndDefaults) {
     // A present parameter is handed out in place, not copied.
     EXPECT_EQ(&req.GetParamRef("path", Json::Value()), &req.GetParams()["path"]);
 
-    // Defaults outlive later calls: many references taken one after
-    // another all still read their own value.
+    // Defaults outlive later calls: each reference still reads its own value.
     std::vector<const Json::Value *> refs;
     for (int i = 0; i < 200; ++i) refs.push_back(&req.GetParamRef("absent", Json::Value(i)));
     for (int i = 0; i < 200; ++i) ASSERT_EQ(refs[static_cast<size_t>(i)]->asInt(), i);
@@ -130,8 +126,7 @@ TEST(APIResponse, BoundRecordIsWrittenAsRootForAUser) {
     std::string dir = root.At("var/run/tasks");
     std::string path = dir + "/t1";
 
-    // The writer acts as an ordinary user that could not enter the
-    // directory on its own.
+    // The writer acts as a user that could not enter the folder on its own.
     int rc = kova_test::RunAs({1500, 1500, {1500}}, [&] {
         APIResponse r;
         Json::Value owner(Json::objectValue);
@@ -164,8 +159,7 @@ TEST(APIResponse, BoundRecordIsWrittenAsRootForAUser) {
 
 TEST(APIResponse, UnwritableRecordStillSetsResponse) {
     kova_test::TempRoot root;
-    // The task folder is a link elsewhere: records are never written
-    // through it.
+    // The task folder is a link elsewhere: never written through.
     ASSERT_TRUE(kova_test::MakeDirs(root.At("var/run")));
     ASSERT_TRUE(kova_test::MakeDirs(root.At("elsewhere")));
     ASSERT_EQ(symlink(root.At("elsewhere").c_str(), root.At("var/run/tasks").c_str()), 0);
