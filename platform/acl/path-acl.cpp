@@ -7,6 +7,7 @@
 #include "fs-type.h"
 #include "kernel-acl.h"
 #include "propagation.h"
+#include "propagation-defer.h"
 #include "refresh.h"
 #include "mode-acl.h"
 #include "path-state.h"
@@ -59,12 +60,15 @@ bool LoadForCaller(const char *szPath, const Principal &caller, PathState &s) {
 }
 
 // After a folder's record changed: its descendants' kernel ACLs follow what
-// it now passes down, in the background (propagation.h). A propagation that
+// it now passes down, in the background (propagation.h), or at the end of
+// the task that made the change (propagation-defer.h). A propagation that
 // cannot start leaves them for `kova-admin acl verify --repair`; the set
 // itself has succeeded.
 void FollowInheritance(const Target &t, const PreviousRecord &prev, bool hasNew, const StoredAcl &next) {
     if (!t.hasStat || !t.IsDir()) return;
     if (!prev.damaged && PassesDownTheSame(prev.had, prev.acl, hasNew, next)) return;
+    // A task follows its changes at its end (propagation-defer.h).
+    if (DeferPropagation(t, hasNew && next.inherits)) return;
     (void)StartPropagation(t);
 }
 
