@@ -8,6 +8,7 @@
 #include "kernel-acl.h"
 #include "propagation.h"
 #include "propagation-defer.h"
+#include "walk-coverage.h"
 #include "refresh.h"
 #include "mode-acl.h"
 #include "path-state.h"
@@ -65,6 +66,7 @@ bool LoadForCaller(const char *szPath, const Principal &caller, PathState &s) {
 // cannot start leaves them for `kova-admin acl verify --repair`; the set
 // itself has succeeded.
 void FollowInheritance(const Target &t, const PreviousRecord &prev, bool hasNew, const StoredAcl &next) {
+    CoverageNote(t);
     if (!t.hasStat || !t.IsDir()) return;
     if (!prev.damaged && PassesDownTheSame(prev.had, prev.acl, hasNew, next)) return;
     // A task follows its changes at its end (propagation-defer.h).

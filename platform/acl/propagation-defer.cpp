@@ -5,6 +5,7 @@
 #include "entry-attr.h"
 #include "propagation-job.h"
 #include "propagation-runner.h"
+#include "walk-coverage.h"
 
 #include "kova-internal/identity.h"
 #include "kova-internal/sys-calls.h"
@@ -147,6 +148,8 @@ bool DeferPropagation(const Target &t, bool inherits) {
     Held h;
     if (!HoldJob(t, h)) return false;
     held.push_back(std::move(h));
+    // The task's own sets below it may leave its job nothing to do.
+    CoverageStart(t);
     return true;
 }
 
@@ -157,6 +160,8 @@ void ReleaseHeldPropagations() {
         held.swap(HeldList());
     }
     if (held.empty()) return;
+    // One held job whose whole tree the task has set since: done already.
+    const bool covered = CoverageProven(held.front().dev, held.front().ino) && held.size() == 1;
     JobDir dir;
     // Without the job folder the jobs stay recorded under this process and
     // are taken up as orphaned once it has ended.
@@ -171,11 +176,12 @@ void ReleaseHeldPropagations() {
             // A job stopped or replaced meanwhile is no longer ours to queue.
             if (dir.Read(h.key, j) != 1 || j.seq != h.seq || j.state != JobState::kRunning || j.pid != self)
                 continue;
-            j.state = JobState::kQueued;
+            j.state = covered ? JobState::kDone : JobState::kQueued;
             j.pid = 0;
             j.startTime = 0;
             (void)dir.Write(j);
         }
+        if (covered) return;
         spawn = !NudgeRunner(dir);
     }
     // A runner that cannot be started leaves the jobs queued for the next
