@@ -1,7 +1,7 @@
 // The task process's mark and its end hooks (see kova-internal/task-end.h).
 #include "kova-internal/task-end.h"
 
-#include <unistd.h>
+#include <pthread.h>
 
 #include <atomic>
 #include <mutex>
@@ -10,9 +10,12 @@ namespace kova_internal {
 
 namespace {
 
-// The pid, not a flag: a process forked from the task (the ACL library's
-// propagation runner, for one) inherits memory but is not the task.
-std::atomic<pid_t> gTaskPid{0};
+// A process forked from the task (the ACL library's propagation runner,
+// for one) inherits memory but is not the task: the fork handler clears
+// the mark in the child, so asking costs no system call.
+std::atomic<bool> gMarked{false};
+
+void ClearInChild() { gMarked.store(false); }
 
 std::mutex gHooksMutex;
 TaskEndHook gHooks[kMaxTaskEndHooks] = {};
@@ -20,12 +23,13 @@ int gHookCount = 0;
 
 } // namespace
 
-void MarkTaskProcess() { gTaskPid.store(getpid()); }
-
-bool InTaskProcess() {
-    const pid_t marked = gTaskPid.load();
-    return marked != 0 && marked == getpid();
+void MarkTaskProcess() {
+    static std::once_flag once;
+    std::call_once(once, [] { pthread_atfork(nullptr, nullptr, ClearInChild); });
+    gMarked.store(true);
 }
+
+bool InTaskProcess() { return gMarked.load(std::memory_order_relaxed); }
 
 bool AddTaskEndHook(TaskEndHook hook) {
     if (!hook) return false;

@@ -7,7 +7,7 @@
 // (the ACL library defers following inheritance to the end of the task)
 // registers a hook that completes it, so "finished" still means done.
 // The mark holds for the marked process only: a child forked from it is no
-// task process. Hooks are kept for the process's life; at most
+// task process. Asking costs no system call. Hooks are kept for the process's life; at most
 // kMaxTaskEndHooks, a registration beyond them fails.
 #ifndef KOVA_INTERNAL_TASK_END_H
 #define KOVA_INTERNAL_TASK_END_H

@@ -11,6 +11,7 @@
 #include "kova/account.h"
 #include "kova/webapi.h"
 #include "kova-internal/sys-calls.h"
+#include "kova-internal/task-end.h"
 
 #include "../../../platform/acl/acl-record.h"
 #include "../../../platform/acl/propagation.h"
@@ -20,6 +21,7 @@
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -137,6 +139,13 @@ public:
         if (!plan.walk) {
             for (;;) pause();
         }
+        // A process forked from the task is no task: its sets follow their
+        // changes at once.
+        out["task"] = kova_internal::InTaskProcess();
+        const pid_t child = fork();
+        if (child == 0) _exit(kova_internal::InTaskProcess() ? 1 : 0);
+        int status = -1;
+        out["child is a task"] = child < 0 || waitpid(child, &status, 0) != child || status != 0;
         int failed = 0, jobs = 0;
         for (const std::string &p : t.all_) {
             if (!plan.skip.empty() && p.compare(0, plan.skip.size(), plan.skip) == 0) continue;
@@ -185,6 +194,8 @@ long AclTaskDefer::WalkToTheEnd(const std::string &skip) {
     EXPECT_TRUE(st["finished"].asBool() && st["success"].asBool()) << st;
     const Json::Value &d = st["data"];
     EXPECT_EQ(d["set"].asInt(), 0);
+    EXPECT_TRUE(d["task"].asBool());
+    EXPECT_FALSE(d["child is a task"].asBool());
     // The change was neither waited for nor followed in place ...
     EXPECT_TRUE(d["held"].asBool());
     EXPECT_GT(d["drift"].asUInt64(), 0u);
