@@ -11,8 +11,8 @@
 //   BASE   where the temporary platform root is made (default /var/tmp).
 // KOVA_PROPAGATION_THREADS sets the runner's worker threads (default: four
 // per core). Must run as root.
-#include "acl-share.h"
 #include "timing.h"
+#include "tree-bench.h"
 
 #include "kova/acl.h"
 #include "kova/account.h"
@@ -39,15 +39,10 @@
 
 namespace {
 
-[[noreturn]] void Die(const std::string &what) {
-    std::fprintf(stderr, "propagation-bench: %s\n", what.c_str());
-    std::exit(1);
-}
-
-void MakeDir(const std::string &path, mode_t mode) {
-    if (mkdir(path.c_str(), mode) != 0 && errno != EEXIST) Die("mkdir " + path + ": " + std::strerror(errno));
-    chmod(path.c_str(), mode);
-}
+using kova_bench::BuildTree;
+using kova_bench::CpuOf;
+using kova_bench::Die;
+using kova_bench::RunTool;
 
 std::string InheritingRecord() {
     kova_acl::StoredAcl acl;
@@ -57,73 +52,12 @@ std::string InheritingRecord() {
     return bytes;
 }
 
-// 50 x 20 x perLeaf files below `top`; with records, every entry below top
-// gets one that inherits.
-void BuildTree(const std::string &top, int perLeaf, bool records) {
-    const std::string rec = InheritingRecord();
-    auto mark = [&](int dirFd, const char *name) {
-        if (!records) return;
-        const std::string proc = "/proc/self/fd/" + std::to_string(dirFd) + "/" + name;
-        if (lsetxattr(proc.c_str(), kova_acl::kAttrName, rec.data(), rec.size(), 0) != 0)
-            Die(std::string("record on ") + name + ": " + std::strerror(errno));
-    };
-    MakeDir(top, 0777);
-    int topFd = open(top.c_str(), O_RDONLY | O_DIRECTORY);
-    for (int d = 0; d < 50; ++d) {
-        const std::string dname = "d" + std::to_string(d);
-        MakeDir(top + "/" + dname, 0755);
-        mark(topFd, dname.c_str());
-        int dFd = open((top + "/" + dname).c_str(), O_RDONLY | O_DIRECTORY);
-        for (int s = 0; s < 20; ++s) {
-            const std::string sname = "s" + std::to_string(s);
-            const std::string sub = top + "/" + dname + "/" + sname;
-            MakeDir(sub, 0755);
-            mark(dFd, sname.c_str());
-            int fd = open(sub.c_str(), O_RDONLY | O_DIRECTORY);
-            if (fd < 0) Die("open " + sub);
-            for (int f = 0; f < perLeaf; ++f) {
-                char name[32];
-                std::snprintf(name, sizeof name, "f%d", f);
-                int file = openat(fd, name, O_CREAT | O_WRONLY | O_TRUNC, 0644);
-                if (file < 0) Die("create " + sub + "/" + name + ": " + std::strerror(errno));
-                if (records && fsetxattr(file, kova_acl::kAttrName, rec.data(), rec.size(), 0) != 0)
-                    Die("record on " + sub + "/" + name);
-                close(file);
-            }
-            close(fd);
-        }
-        close(dFd);
-    }
-    close(topFd);
-}
-
-std::string MakePlatformRoot(const std::string &base) {
-    std::string pattern = base + "/kova-bench-XXXXXX";
-    std::vector<char> buf(pattern.begin(), pattern.end());
-    buf.push_back('\0');
-    if (!mkdtemp(buf.data())) Die("mkdtemp in " + base + ": " + std::strerror(errno));
-    const std::string root = buf.data();
-    chmod(root.c_str(), 0755);
-    setenv("KOVA_ROOT", root.c_str(), 1);
-    for (const char *dir : {"/etc", "/var", "/var/run", "/var/log", "/volumes", "/volumes/volume1"})
-        MakeDir(root + dir, 0755);
-    std::ofstream(root + "/etc/kovainfo.conf") << "filebrowserxferlog = \"no\"\n";
-    const std::string sharePath = root + "/volumes/volume1/bench";
-    MakeDir(sharePath, 0777);
-    if (!kova_bench::AddAclShare("bench", sharePath)) Die("cannot create the bench share");
-    return root;
-}
-
 struct RunResult {
     double seconds = 0;
     double cpuSeconds = -1;
     long maxRssKb = -1;
     unsigned long long visited = 0, rewritten = 0, failed = 0;
 };
-
-double CpuOf(const struct rusage &ru) {
-    return ru.ru_utime.tv_sec + ru.ru_stime.tv_sec + (ru.ru_utime.tv_usec + ru.ru_stime.tv_usec) / 1e6;
-}
 
 // Gone, or a zombie (this process is its subreaper and has not reaped it).
 bool Dead(pid_t pid) {
@@ -179,27 +113,6 @@ RunResult Propagate(const std::string &top, int uid) {
     return out;
 }
 
-RunResult RunTool(const std::vector<std::string> &argv) {
-    RunResult out;
-    const double start = kova_bench::Seconds();
-    pid_t pid = fork();
-    if (pid < 0) Die("fork");
-    if (pid == 0) {
-        std::vector<char *> args;
-        for (const auto &a : argv) args.push_back(const_cast<char *>(a.c_str()));
-        args.push_back(nullptr);
-        execvp(args[0], args.data());
-        _exit(127);
-    }
-    int st = 0;
-    struct rusage ru;
-    if (wait4(pid, &st, 0, &ru) != pid || !WIFEXITED(st) || WEXITSTATUS(st) != 0) Die(argv[0] + " failed");
-    out.seconds = kova_bench::Seconds() - start;
-    out.maxRssKb = ru.ru_maxrss;
-    out.cpuSeconds = CpuOf(ru);
-    return out;
-}
-
 } // namespace
 
 int main(int argc, char **argv) {
@@ -216,7 +129,7 @@ int main(int argc, char **argv) {
     if (geteuid() != 0) Die("run as root");
     prctl(PR_SET_CHILD_SUBREAPER, 1);
 
-    const std::string root = MakePlatformRoot(base);
+    const std::string root = kova_bench::MakeBenchRoot(base);
     const std::string share = root + "/volumes/volume1/bench";
     const long dirs = 50 + 50 * 20;
     std::printf("platform root %s\n", root.c_str());
@@ -224,9 +137,10 @@ int main(int argc, char **argv) {
                 dirs, files / 1000, files / 10);
     std::fflush(stdout);
     const double buildStart = kova_bench::Seconds();
-    BuildTree(share + "/ours", static_cast<int>(files / 1000), true);
-    BuildTree(share + "/copy", static_cast<int>(files / 1000), false);
-    BuildTree(share + "/small", static_cast<int>(files / 10000), true);
+    const std::string record = InheritingRecord();
+    BuildTree(share + "/ours", static_cast<int>(files / 1000), record);
+    BuildTree(share + "/copy", static_cast<int>(files / 1000));
+    BuildTree(share + "/small", static_cast<int>(files / 10000), record);
     sync();
     std::printf("built in %.1f s\n", kova_bench::Seconds() - buildStart);
     std::fflush(stdout);
@@ -244,7 +158,7 @@ int main(int argc, char **argv) {
     if (ours.rewritten != static_cast<unsigned long long>(entries) || ours.failed != 0)
         Die("the propagation rewrote " + std::to_string(ours.rewritten) + " entries, failed " +
             std::to_string(ours.failed) + ", expected " + std::to_string(entries));
-    RunResult setfacl = RunTool({"setfacl", "-R", "-m", "u:" + std::to_string(uidB) + ":rwx", share + "/copy"});
+    const kova_bench::ProcessRun setfacl = RunTool({"setfacl", "-R", "-m", "u:" + std::to_string(uidB) + ":rwx", share + "/copy"});
 
     const char *threads = std::getenv("KOVA_PROPAGATION_THREADS");
     std::printf("\nentries                      %ld (runner threads: %s)\n", entries, threads ? threads : "four per core");

@@ -1,6 +1,7 @@
 // Starting, stopping and running background propagation (see propagation.h).
 #include "propagation.h"
 
+#include "propagation-runner.h"
 #include "propagation-walk.h"
 #include "refresh.h"
 
@@ -74,6 +75,8 @@ unsigned WorkerThreads() {
     return std::min(4 * (hw ? hw : 1u), 32u);
 }
 
+} // namespace
+
 uint64_t NowNs() {
     struct timespec ts;
     clock_gettime(CLOCK_REALTIME, &ts);
@@ -82,7 +85,7 @@ uint64_t NowNs() {
 
 // The runner process: detached from the caller's session and descriptors,
 // all ids 0 with every permitted capability effective.
-[[noreturn]] void BecomeRunner() {
+[[noreturn]] static void BecomeRunner() {
     JobLock::ResetAfterFork();
     sigset_t none;
     sigemptyset(&none);
@@ -151,6 +154,8 @@ bool MakeRoom(const JobDir &dir) {
     return count < kMaxPropagationJobs;
 }
 
+namespace {
+
 bool RefreshInPlace(const Target &t) {
     size_t visited = 0;
     return RefreshDescendants(t, visited);
@@ -202,6 +207,8 @@ WalkEnd RunJob(const JobDir &dir, PropagationJob job) {
     return end;
 }
 
+} // namespace
+
 // The caller's change is followed when its job is done: a set reports
 // finished only once every descendant's kernel ACL matches. The wait ends
 // too when the job is stopped, replaced by a newer change (whose own set
@@ -228,8 +235,6 @@ void WaitForJob(const JobDir &dir, const std::string &key, uint64_t seq) {
         pause = std::min<useconds_t>(pause * 2, 20000);
     }
 }
-
-} // namespace
 
 // How many entries a change may have below it to be followed in place,
 // without a job: 2,000, or KOVA_PROPAGATION_IN_PLACE.

@@ -16,7 +16,8 @@
 //
 // Folders outside every share, and changes beyond kMaxPropagationJobs
 // pending jobs, are refreshed in place by the bounded synchronous walk
-// (refresh.h).
+// (refresh.h). In a background task the set path holds its job until the
+// task's end instead of calling StartPropagation (propagation-defer.h).
 #ifndef KOVA_ACL_PROPAGATION_H
 #define KOVA_ACL_PROPAGATION_H
 
