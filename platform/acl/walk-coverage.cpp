@@ -10,7 +10,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstring>
 #include <mutex>
 #include <string>
@@ -57,9 +59,16 @@ struct Proof {
 std::mutex gMutex;
 Proof gProof;
 
-uint64_t NameHash(const Proof &p, const char *name) {
+// The entry's name and inode: a file renamed over one the task set keeps
+// the name but not the inode, and its projection is not the task's.
+uint64_t EntryHash(const Proof &p, const char *name, uint64_t ino) {
+    unsigned char in[NAME_MAX + 1 + sizeof ino];
+    const size_t len = std::min<size_t>(std::strlen(name), NAME_MAX);
+    std::memcpy(in, name, len);
+    in[len] = '\0';
+    std::memcpy(in + len + 1, &ino, sizeof ino);
     unsigned char out[crypto_shorthash_BYTES];
-    crypto_shorthash(out, reinterpret_cast<const unsigned char *>(name), std::strlen(name), p.key);
+    crypto_shorthash(out, in, len + 1 + sizeof ino, p.key);
     uint64_t h;
     std::memcpy(&h, out, sizeof h);
     return h;
@@ -100,7 +109,7 @@ bool ListFolder(const Proof &p, int fd, uint64_t &count, uint64_t &sum) {
         }
         if (countable) {
             ++count;
-            sum += NameHash(p, n);
+            sum += EntryHash(p, n, static_cast<uint64_t>(e->d_ino));
         }
         errno = 0;
     }
@@ -214,7 +223,7 @@ void CoverageNote(const Target &t) {
     Frame *f = FrameOf(p, t);
     if (!f) return;
     ++f->count;
-    f->sum += NameHash(p, t.name.c_str());
+    f->sum += EntryHash(p, t.name.c_str(), static_cast<uint64_t>(t.st.st_ino));
     if (t.IsDir()) {
         if (f->pending.size() >= kMaxPendingFolders) {
             Fail(p);

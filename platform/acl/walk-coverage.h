@@ -4,9 +4,9 @@
 // A task that resets a tree (the module's recursive walk) sets every entry
 // below the held folder itself, each projected from the new inheritance.
 // This follows those sets, in the task process, as a stack of the folders
-// being walked: for each, how many files and folders were set in it and a
-// keyed hash sum of their names (SipHash, a random key per process), and
-// which of its sub-folders were set but not yet entered. When the sets
+// being walked: for each, how many files and folders were set in it, a
+// keyed hash sum of their names and inodes (SipHash, a random key per
+// process), and which of its sub-folders were set but not yet entered. When the sets
 // leave a folder (they go on in one above it, or the task ends), the folder
 // is listed once through the descriptor kept for it: the files and folders
 // it holds must be exactly those set in it, and each sub-folder set but
