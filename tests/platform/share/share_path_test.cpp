@@ -77,12 +77,14 @@ TEST_F(SharePath, SmallBuffersAreRefused) {
     EXPECT_EQ(KLIBCErrGet(), KOVA_ERR_RANGE);
 }
 
-// Swaps a folder for a link at the first open of the root, after the path was named.
+// Swaps a folder for a link at the first open of `root` after one of
+// `after` (when set), so after the path was named.
 struct SwapOnRootOpen {
-    static std::string root, folder, target;
+    static std::string root, folder, target, after;
     static bool swapped;
     static int Openat2(int dirFd, const char *name, const struct open_how *how, size_t size) {
-        if (!swapped && root == name) {
+        if (!after.empty() && after == name) after.clear();
+        if (!swapped && after.empty() && root == name) {
             swapped = true;
             if (rename(folder.c_str(), (folder + ".old").c_str()) != 0 || symlink(target.c_str(), folder.c_str()) != 0)
                 std::abort();
@@ -90,25 +92,34 @@ struct SwapOnRootOpen {
         return kova_internal::RealSysCalls().openat2(dirFd, name, how, size);
     }
 };
-std::string SwapOnRootOpen::root, SwapOnRootOpen::folder, SwapOnRootOpen::target;
+std::string SwapOnRootOpen::root, SwapOnRootOpen::folder, SwapOnRootOpen::target, SwapOnRootOpen::after;
 bool SwapOnRootOpen::swapped = false;
 
+// The swap comes before the path is resolved, or once it was reached
+// (its last name opened) while it is checked to lie beneath its root.
 TEST_F(SharePath, AFolderSwappedForALinkAfterNamingIsNotInTheShare) {
     ASSERT_TRUE(kova_test::MakeDirs(root_.At("outside/deep")));
-    SwapOnRootOpen::root = vol_ + "/data";
     SwapOnRootOpen::folder = vol_ + "/data/sub";
     SwapOnRootOpen::target = root_.At("outside");
-    SwapOnRootOpen::swapped = false;
-    {
-        kova_internal::ScopedSysCall<decltype(kova_internal::SysCalls::openat2)> hook(
-            &kova_internal::SysCalls::openat2, SwapOnRootOpen::Openat2);
-        // Named as the share's folder, judged after it now leads outside.
+    for (const char *when : {"resolving", "reached"}) {
+        SCOPED_TRACE(when);
+        const bool reached = std::string(when) == "reached";
+        SwapOnRootOpen::root = reached ? vol_ + "/data/sub" : vol_ + "/data";
+        SwapOnRootOpen::after = reached ? "deep" : "";
+        SwapOnRootOpen::swapped = false;
+        {
+            kova_internal::ScopedSysCall<decltype(kova_internal::SysCalls::openat2)> hook(
+                &kova_internal::SysCalls::openat2, SwapOnRootOpen::Openat2);
+            // Named as the share's folder, judged after it now leads outside.
+            EXPECT_EQ(Lookup(vol_ + "/data/sub/deep"), "err:0xBE00");
+        }
+        EXPECT_TRUE(SwapOnRootOpen::swapped);
+        // Now the nested root is a link holding nothing; its folder moved aside is data's.
         EXPECT_EQ(Lookup(vol_ + "/data/sub/deep"), "err:0xBE00");
+        EXPECT_EQ(Lookup(vol_ + "/data/sub.old/deep"), "data|" + vol_ + "/data");
+        ASSERT_EQ(unlink((vol_ + "/data/sub").c_str()), 0);
+        ASSERT_EQ(rename((vol_ + "/data/sub.old").c_str(), (vol_ + "/data/sub").c_str()), 0);
     }
-    EXPECT_TRUE(SwapOnRootOpen::swapped);
-    // Now the nested root is a link holding nothing; its folder moved aside is data's.
-    EXPECT_EQ(Lookup(vol_ + "/data/sub/deep"), "err:0xBE00");
-    EXPECT_EQ(Lookup(vol_ + "/data/sub.old/deep"), "data|" + vol_ + "/data");
 }
 
 } // namespace
