@@ -107,23 +107,30 @@ unsigned long long SelfStartTime() {
 bool HoldJob(const Target &t, Held &out) {
     JobDir dir;
     if (!dir.Open()) return false;
-    JobLock lock(dir);
-    if (!lock.ok()) return false;
     PropagationJob job;
-    job.dev = static_cast<uint64_t>(t.st.st_dev);
-    job.ino = static_cast<uint64_t>(t.st.st_ino);
-    job.path = t.path;
-    job.seq = NowNs();
-    job.state = JobState::kRunning;
-    job.pid = getpid();
-    job.startTime = SelfStartTime();
-    if (job.startTime == 0) return false;
-    PropagationJob old;
-    const int had = dir.Read(job.Key(), old);
-    if (had == 1 && old.seq >= job.seq) job.seq = old.seq + 1;
-    if ((had != 1 && !MakeRoom(dir)) || !dir.Write(job)) return false;
-    // A runner walking an older job of this folder stops at its next look.
-    (void)NudgeRunner(dir);
+    bool spawn = false;
+    {
+        JobLock lock(dir);
+        if (!lock.ok()) return false;
+        job.dev = static_cast<uint64_t>(t.st.st_dev);
+        job.ino = static_cast<uint64_t>(t.st.st_ino);
+        job.path = t.path;
+        job.seq = NowNs();
+        job.state = JobState::kRunning;
+        job.pid = getpid();
+        job.startTime = SelfStartTime();
+        if (job.startTime == 0) return false;
+        PropagationJob old;
+        const int had = dir.Read(job.Key(), old);
+        if (had == 1 && old.seq >= job.seq) job.seq = old.seq + 1;
+        if ((had != 1 && !MakeRoom(dir)) || !dir.Write(job)) return false;
+        // A runner walking an older job of this folder stops at its next
+        // look; without one, one is started (once the lock is let go, which
+        // it would inherit), to take the job up should the task die before
+        // it releases it.
+        spawn = !NudgeRunner(dir);
+    }
+    if (spawn) (void)SpawnRunner();
     out.dev = job.dev;
     out.ino = job.ino;
     out.seq = job.seq;

@@ -378,13 +378,21 @@ void RunPropagations() {
                 return;
             }
             (void)dir.WriteRunner(self, selfStart);
+            // A job a live task holds (propagation-defer.h) is the task's
+            // until it ends; the runner stays to take it up should the task
+            // die without releasing it.
+            bool held = false;
             for (const PropagationJob &j : jobs) {
-                if (j.state != JobState::kQueued && !Orphaned(j)) continue;
+                const bool orphaned = Orphaned(j);
+                held = held || (j.state == JobState::kRunning && j.pid != static_cast<int64_t>(self) && !orphaned);
+                if (j.state != JobState::kQueued && !orphaned) continue;
                 if (!found || j.seq < job.seq) job = j;
                 found = true;
             }
             gLookAgain = 0;
-            if (!found) {
+            if (!found && held) {
+                idleSince = 0;
+            } else if (!found) {
                 // A runner stays a moment after its last job: the sets of a
                 // recursive walk follow each other closely.
                 if (idleSince == 0) idleSince = NowNs();
