@@ -371,7 +371,8 @@ TEST_F(AclPropagation, AKilledRunnerIsResumedWhereItStopped) {
 
 // Folders swapped during the walk, between the look at them and their
 // opening: one for a link to a folder outside the share, one for that very
-// folder moved in. Neither is entered; outside the share nothing changes.
+// folder moved in. Neither is entered, by the runner's walk, the in-place
+// refresh or the drift check's repair; outside the share nothing changes.
 std::string gOutside;
 int SwappingOpenat(int dirFd, const char *name, int flags, mode_t mode) {
     if ((flags & O_DIRECTORY) && (std::strcmp(name, "s0") == 0 || std::strcmp(name, "s1") == 0)) {
@@ -387,48 +388,56 @@ int SwappingOpenat(int dirFd, const char *name, int flags, mode_t mode) {
 }
 
 TEST_F(AclPropagation, FoldersSwappedDuringTheWalkChangeNothingOutside) {
-    Tree(1, 2, 2);
-    File(top_ + "/d0/f");
-    Inheriting(top_ + "/d0/f");
-    gOutside = root_.At("outside");
-    for (const std::string &o : {gOutside, gOutside + "-dir"}) {
-        Dir(o);
-        File(o + "/g");
-        ASSERT_EQ(SetAcl(o + "/g", {}, true), 0);
-        ASSERT_EQ(SetAcl(o, {"user:1030:allow:r:fd"}, false), 0);
-    }
-    ASSERT_TRUE(WaitForPropagations());
-    // What the kernel and the platform hold for the outside folders, by
-    // where they are: the second one is moved into the tree by the swap.
-    auto snapshot = [](const std::vector<std::string> &paths) {
-        std::vector<std::string> out;
-        for (const std::string &p : paths) {
-            char buf[512];
-            const ssize_t n = lgetxattr(p.c_str(), "system.posix_acl_access", buf, sizeof buf);
-            out.push_back(RawRecord(p) + "|" + std::string(buf, static_cast<size_t>(n > 0 ? n : 0)));
+    for (const std::string how : {"job", "in-place", "verify"}) {
+        SCOPED_TRACE(how);
+        top_ = In("top-" + how);
+        setenv("KOVA_PROPAGATION_IN_PLACE", how == "in-place" ? "2000" : "0", 1);
+        Tree(1, 2, 2);
+        File(top_ + "/d0/f");
+        Inheriting(top_ + "/d0/f");
+        gOutside = root_.At("outside-" + how);
+        for (const std::string &o : {gOutside, gOutside + "-dir"}) {
+            Dir(o);
+            File(o + "/g");
+            ASSERT_EQ(SetAcl(o + "/g", {}, true), 0);
+            ASSERT_EQ(SetAcl(o, {"user:1030:allow:r:fd"}, false), 0);
         }
-        return out;
-    };
-    const std::vector<std::string> before =
-        snapshot({gOutside, gOutside + "/g", gOutside + "-dir", gOutside + "-dir/g"});
-
-    {
-        ScopedSysCall<decltype(SysCalls::openat)> swap(&SysCalls::openat, SwappingOpenat);
-        ASSERT_EQ(SetAcl(top_, {"user:1031:allow:rwxpD:fd"}, false), 0);
         ASSERT_TRUE(WaitForPropagations());
+        // What the kernel and the platform hold for the outside folders, by
+        // where they are: the second one is moved into the tree by the swap.
+        auto snapshot = [](const std::vector<std::string> &paths) {
+            std::vector<std::string> out;
+            for (const std::string &p : paths) {
+                char buf[512];
+                const ssize_t n = lgetxattr(p.c_str(), "system.posix_acl_access", buf, sizeof buf);
+                out.push_back(RawRecord(p) + "|" + std::string(buf, static_cast<size_t>(n > 0 ? n : 0)));
+            }
+            return out;
+        };
+        const std::vector<std::string> before =
+            snapshot({gOutside, gOutside + "/g", gOutside + "-dir", gOutside + "-dir/g"});
+
+        if (how == "verify") {
+            ASSERT_EQ(SetAcl(top_, {"user:1031:allow:rwxpD:fd"}, false), 0);
+            ASSERT_TRUE(WaitForPropagations());
+            kova_acl::VerifyCounts counts;
+            ScopedSysCall<decltype(SysCalls::openat)> swap(&SysCalls::openat, SwappingOpenat);
+            ASSERT_TRUE(kova_acl::VerifyTree(top_.c_str(), true, [](const kova_acl::Drift &) {}, counts));
+        } else {
+            ScopedSysCall<decltype(SysCalls::openat)> swap(&SysCalls::openat, SwappingOpenat);
+            ASSERT_EQ(SetAcl(top_, {"user:1031:allow:rwxpD:fd"}, false), 0);
+            ASSERT_TRUE(WaitForPropagations());
+        }
+        struct stat st;
+        ASSERT_EQ(lstat((top_ + "/d0/s0").c_str(), &st), 0);
+        EXPECT_TRUE(S_ISLNK(st.st_mode)) << "the link was swapped in";
+        ASSERT_NE(lstat((gOutside + "-dir").c_str(), &st), 0) << "the folder was moved in";
+        EXPECT_EQ(snapshot({gOutside, gOutside + "/g", top_ + "/d0/s1", top_ + "/d0/s1/g"}), before);
+        EXPECT_EQ(KernelBitsAs(kBob, top_ + "/d0/s1/g"), 0u);
+        // The rest of the tree followed.
+        EXPECT_EQ(KernelBitsAs(kBob, top_ + "/d0/f"), kR | kW | kX);
+        EXPECT_EQ(KernelBitsAs(kBob, top_ + "/d0"), kR | kW | kX);
     }
-    PropagationJob job;
-    ASSERT_TRUE(JobOf(top_, job));
-    EXPECT_EQ(job.state, JobState::kDone);
-    struct stat st;
-    ASSERT_EQ(lstat((top_ + "/d0/s0").c_str(), &st), 0);
-    EXPECT_TRUE(S_ISLNK(st.st_mode)) << "the link was swapped in";
-    ASSERT_NE(lstat((gOutside + "-dir").c_str(), &st), 0) << "the folder was moved in";
-    EXPECT_EQ(snapshot({gOutside, gOutside + "/g", top_ + "/d0/s1", top_ + "/d0/s1/g"}), before);
-    EXPECT_EQ(KernelBitsAs(kBob, top_ + "/d0/s1/g"), 0u);
-    // The rest of the tree followed.
-    EXPECT_EQ(KernelBitsAs(kBob, top_ + "/d0/f"), kR | kW | kX);
-    EXPECT_EQ(KernelBitsAs(kBob, top_ + "/d0"), kR | kW | kX);
 }
 
 // A newer change of the folder while its propagation runs replaces the job
