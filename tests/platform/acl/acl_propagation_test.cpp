@@ -15,11 +15,13 @@
 
 #include "../../../platform/acl/acl-record.h"
 #include "../../../platform/acl/propagation.h"
+#include "../../../platform/acl/refresh.h"
 #include "../../../platform/acl/verify.h"
 
 #include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
 #include <unistd.h>
@@ -438,6 +440,59 @@ TEST_F(AclPropagation, FoldersSwappedDuringTheWalkChangeNothingOutside) {
         EXPECT_EQ(KernelBitsAs(kBob, top_ + "/d0/f"), kR | kW | kX);
         EXPECT_EQ(KernelBitsAs(kBob, top_ + "/d0"), kR | kW | kX);
     }
+}
+
+// What the walks leave out: another file system mounted in the tree, the
+// platform's attribute folders, and what lies beyond their bounds (the
+// in-place refresh: kRefreshDepth levels, and as many entries as asked).
+TEST_F(AclPropagation, WalksStayOnTheirFileSystemOutOfAttributeFoldersAndWithinBounds) {
+    Dir(top_ + "/@kova_attr");
+    File(top_ + "/@kova_attr/x");
+    File(top_ + "/f");
+    for (const char *rel : {"/@kova_attr", "/@kova_attr/x", "/f"}) Inheriting(top_ + rel);
+    const std::string mnt = top_ + "/mnt";
+    Dir(mnt);
+    const bool mounted = mount("tmpfs", mnt.c_str(), "tmpfs", 0, "size=1m") == 0;
+    if (mounted) {
+        File(mnt + "/y");
+        Inheriting(mnt);
+        Inheriting(mnt + "/y");
+    }
+    kova_acl::VerifyCounts counts;
+    EXPECT_TRUE(kova_acl::VerifyTree(top_.c_str(), false, [](const kova_acl::Drift &) {}, counts));
+    if (mounted) umount2(mnt.c_str(), MNT_DETACH);
+    EXPECT_EQ(counts.checked, 1u) << "only f is ours to check";
+    EXPECT_EQ(counts.failed, 0u);
+
+    // A chain of inheriting folders below `deep`, as deep as the in-place
+    // refresh goes: followed in place (no job) when the whole chain fits
+    // its bounds, else left to a job.
+    std::string p = top_ + "/deep";
+    Dir(p);
+    for (size_t level = 1; level < kova_acl::kRefreshDepth; ++level) {
+        p += "/c";
+        Dir(p);
+        Inheriting(p);
+    }
+    const std::string deep = top_ + "/deep";
+    auto change = [&](const char *inPlace, const std::string &user) {
+        setenv("KOVA_PROPAGATION_IN_PLACE", inPlace, 1);
+        EXPECT_EQ(SetAcl(deep, {"user:" + user + ":allow:rx:fd"}, false), 0);
+        EXPECT_TRUE(WaitForPropagations());
+        PropagationJob job;
+        return JobOf(deep, job) ? job.seq : 0;
+    };
+    EXPECT_EQ(change("2000", "1030"), 0u);
+    EXPECT_EQ(Drifting(deep), 0u);
+    const std::string fits = std::to_string(kova_acl::kRefreshDepth - 1);
+    const std::string short1 = std::to_string(kova_acl::kRefreshDepth - 2);
+    EXPECT_EQ(change(fits.c_str(), "1031"), 0u) << "every entry within the limit";
+    const uint64_t first = change(short1.c_str(), "1032");
+    EXPECT_NE(first, 0u) << "one entry beyond the limit";
+    Dir(p + "/c");
+    Inheriting(p + "/c");
+    EXPECT_GT(change("2000", "1030"), first) << "one folder beyond the depth";
+    EXPECT_EQ(Drifting(deep), 0u);
 }
 
 // A newer change of the folder while its propagation runs replaces the job
