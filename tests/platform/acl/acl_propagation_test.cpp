@@ -21,12 +21,14 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <new>
 #include <thread>
 #include <cerrno>
 #include <cstring>
@@ -86,8 +88,23 @@ void Inheriting(const std::string &path) {
 
 // Folders slowed down for the runner, which a set forks from this process
 // and which inherits the system-call table: each look at an entry waits.
+// Memory the runner shares with the test also counts its looks and can
+// slow it down further while it runs.
+struct Shared {
+    std::atomic<int> looks{0};
+    std::atomic<int> extraUs{0};
+};
+Shared *SharedWithRunners() {
+    void *m = mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    return m == MAP_FAILED ? nullptr : new (m) Shared();
+}
 std::atomic<int> gDelayUs{0};
+Shared *gShared = nullptr;
 int SlowFstatat(int dirFd, const char *name, struct stat *st, int flags) {
+    if (gShared) {
+        gShared->looks.fetch_add(1);
+        if (const int us = gShared->extraUs.load()) usleep(static_cast<useconds_t>(us));
+    }
     if (const int us = gDelayUs.load()) usleep(static_cast<useconds_t>(us));
     return kova_internal::RealSysCalls().fstatat(dirFd, name, st, flags);
 }
@@ -286,6 +303,9 @@ TEST_F(AclPropagation, AShareRootInsideTheTreeInheritsNothingFromAbove) {
 // a stop holds the job where it is, and a resume finishes it.
 TEST_F(AclPropagation, ProgressIsVisibleAndAStopHolds) {
     const std::vector<std::string> all = Tree(6, 2, 10);
+    static Shared *const shared = SharedWithRunners();
+    ASSERT_NE(shared, nullptr);
+    gShared = shared;
     ASSERT_EQ(SetAcl(top_, {"user:1030:allow:rx:fd"}, false), 0);
     ASSERT_TRUE(WaitForPropagations());
 
@@ -302,19 +322,29 @@ TEST_F(AclPropagation, ProgressIsVisibleAndAStopHolds) {
     EXPECT_NE(out.find("running " + top_ + " visited "), std::string::npos) << out;
     EXPECT_NE(out.find(" at " + top_), std::string::npos) << out;
 
+    // From now on the runner's walk is slower still, so that going on
+    // after the stop would show.
+    shared->extraUs = 100000;
     ASSERT_EQ(kova_test::RunAdmin("acl propagation stop " + top_, &out), 0) << out;
     ASSERT_TRUE(WaitJob(top_, [](const PropagationJob &j) { return j.state == JobState::kStopped; }, job));
     // The set that waited for its propagation returns once it is stopped.
     EXPECT_EQ(set.Join(), 0);
+    // The runner notices within a quarter of a second (and its entry under
+    // way), then looks at nothing more.
     usleep(600000);
+    const int looked = shared->looks.load();
+    usleep(600000);
+    EXPECT_EQ(shared->looks.load(), looked);
+    gShared = nullptr;
+    shared->extraUs = 0;
     PropagationJob later;
     ASSERT_TRUE(JobOf(top_, later));
     EXPECT_EQ(later.state, JobState::kStopped);
     EXPECT_EQ(later.visited, job.visited);
     EXPECT_LT(later.visited, all.size());
+    gDelayUs = 0;  // in this process: the drift check is not slowed down
     EXPECT_GT(Drifting(), 0u);
 
-    gDelayUs = 0;
     ASSERT_EQ(kova_test::RunAdmin("acl propagation resume", &out), 0) << out;
     ASSERT_TRUE(WaitForPropagations());
     ASSERT_TRUE(JobOf(top_, job));
