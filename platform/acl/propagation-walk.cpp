@@ -150,7 +150,12 @@ bool Walk::Entry(WalkEntry &e, Memo &memo) {
     const Passed &passed = *static_cast<const Passed *>(e.folder->data.get());
     const int dirFd = e.dirFd;
     const char *name = e.name;
-    const Target t = e.AsTarget(top_);
+    // The walk's hot path: no path string, nothing but what the writes use.
+    Target t;
+    t.parent = OwnedFd::Borrowed(dirFd);
+    t.name = name;
+    t.st = e.st;
+    t.hasStat = true;
     char raw[kMaxRecordSize + 1];
     ssize_t n = GetEntryAttr(dirFd, name, kAttrName, raw, sizeof raw);
     std::vector<Ace> complete;
