@@ -3,6 +3,7 @@
 
 #include "acl-record.h"
 #include "acl-store.h"
+#include "descriptor-walk.h"
 #include "entry-attr.h"
 #include "inherit.h"
 #include "kernel-acl.h"
@@ -14,8 +15,6 @@
 #include "kova-internal/fault-point.h"
 #include "kova-internal/sys-calls.h"
 
-#include <dirent.h>
-#include <fcntl.h>
 
 #include <chrono>
 #include <condition_variable>
@@ -83,11 +82,6 @@ bool OtherShareRoots(const Target &top, std::vector<std::pair<dev_t, ino_t>> &ou
     return true;
 }
 
-bool Skipped(const char *name) {
-    if (name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'))) return true;
-    return std::strcmp(name, "@kova_attr") == 0;
-}
-
 // The last file's projection a thread wrote: the files of one folder
 // usually share their record, their owner and what they inherit, and then
 // their projection too.
@@ -104,12 +98,10 @@ struct Unit {
     std::atomic<int> pending{1};
 };
 
+// A folder handed to a worker, with the unit it belongs to.
 struct Item {
-    int fd = -1;
-    PassedPtr passed;
-    std::string path;
+    WalkFolder folder;
     Unit *unit = nullptr;
-    unsigned depth = 1;
 };
 
 class Walk {
@@ -121,13 +113,14 @@ public:
     WalkEnd Run(int64_t resume, const std::function<bool(const WalkProgress &)> &tick, unsigned tickMs);
 
 private:
-    // One entry of folder dirFd. descend: it is a folder to walk, whose
-    // descriptor (checked to be the folder looked at) is in childFd and
-    // whose children get childPassed.
-    void Entry(int dirFd, const char *name, const Passed &passed, Memo &memo, int &childFd, PassedPtr &childPassed);
+    // Rewrites one entry; true for a folder to walk, whose children get
+    // e.childData.
+    bool Entry(WalkEntry &e, Memo &memo);
+    // The hooks every walk of this propagation shares.
+    void Hook(DescriptorWalk &w);
     void Folder(Item item);
     void Worker();
-    bool Push(Item &item, bool wait);
+    bool Push(Item &item);
     void Finished(Unit *unit);
     void Current(const std::string &path);
 
@@ -152,32 +145,31 @@ void Walk::Current(const std::string &path) {
     current_ = path;
 }
 
-void Walk::Entry(int dirFd, const char *name, const Passed &passed, Memo &memo, int &childFd,
-                 PassedPtr &childPassed) {
-    childFd = -1;
+bool Walk::Entry(WalkEntry &e, Memo &memo) {
     progress_.visited.fetch_add(1, std::memory_order_relaxed);
+    const Passed &passed = *static_cast<const Passed *>(e.folder->data.get());
+    const int dirFd = e.dirFd;
+    const char *name = e.name;
+    // The walk's hot path: no path string, nothing but what the writes use.
     Target t;
     t.parent = OwnedFd::Borrowed(dirFd);
     t.name = name;
-    if (Sys().fstatat(dirFd, name, &t.st, AT_SYMLINK_NOFOLLOW) != 0) return;
+    t.st = e.st;
     t.hasStat = true;
-    // Another file system mounted here is not ours to walk; links and
-    // special files carry no projection.
-    if (t.st.st_dev != dev_ || !(S_ISDIR(t.st.st_mode) || S_ISREG(t.st.st_mode))) return;
     char raw[kMaxRecordSize + 1];
     ssize_t n = GetEntryAttr(dirFd, name, kAttrName, raw, sizeof raw);
     std::vector<Ace> complete;
     for (int attempt = 0; attempt < 3; ++attempt) {
         if (n < 0) {
             if (errno != ENODATA && errno != ENOENT) progress_.failed.fetch_add(1, std::memory_order_relaxed);
-            return;
+            return false;
         }
         StoredAcl own;
         if (!DecodeRecord(raw, static_cast<size_t>(n), own)) {
             progress_.failed.fetch_add(1, std::memory_order_relaxed);
-            return;
+            return false;
         }
-        if (!own.inherits) return;
+        if (!own.inherits) return false;
         // A share root inherits nothing, whatever its flag says.
         bool shareRoot = false;
         if (t.IsDir())
@@ -206,7 +198,7 @@ void Walk::Entry(int dirFd, const char *name, const Passed &passed, Memo &memo, 
             t.IsDir() ? Project(complete, owner, t.st.st_uid, t.st.st_gid, true, !shareRoot, true) : Projection();
         if (!WriteProjection(t, t.IsDir() ? p : memo.p)) {
             progress_.failed.fetch_add(1, std::memory_order_relaxed);
-            return;
+            return false;
         }
         // A set of this entry between the read and the write has projected
         // its new record already, and this write may have replaced that
@@ -218,31 +210,18 @@ void Walk::Entry(int dirFd, const char *name, const Passed &passed, Memo &memo, 
         n = m;
         if (m < 0 && errno == ENODATA) {
             // Removed meanwhile: the removal has put its own kernel ACL.
-            return;
+            return false;
         }
     }
     progress_.rewritten.fetch_add(1, std::memory_order_relaxed);
-    if (!t.IsDir()) return;
-    const int fd = Sys().openat(dirFd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC, 0);
-    if (fd < 0) {
-        progress_.failed.fetch_add(1, std::memory_order_relaxed);
-        return;
-    }
-    struct stat st;
-    // A folder swapped in after the look is not the one that was judged.
-    if (Sys().fstat(fd, &st) != 0 || st.st_dev != t.st.st_dev || st.st_ino != t.st.st_ino) {
-        Sys().close(fd);
-        return;
-    }
-    childFd = fd;
-    childPassed = PassedOf(complete);
+    if (t.IsDir()) e.childData = PassedOf(complete);
+    return t.IsDir();
 }
 
-bool Walk::Push(Item &item, bool wait) {
-    std::unique_lock<std::mutex> g(m_);
-    if (wait) cv_.wait(g, [this] { return queue_.size() < capacity_ || stop_.load(); });
+bool Walk::Push(Item &item) {
+    std::lock_guard<std::mutex> g(m_);
     // Only handed on when someone is free to take it; else its finder walks it.
-    if (stop_.load() || queue_.size() >= capacity_ || (!wait && idle_ == 0)) return false;
+    if (stop_.load() || queue_.size() >= capacity_ || idle_ == 0) return false;
     queue_.push_back(std::move(item));
     cv_.notify_all();
     return true;
@@ -254,63 +233,30 @@ void Walk::Finished(Unit *unit) {
     cv_.notify_all();
 }
 
-struct Frame {
-    DIR *dir;
-    PassedPtr passed;
-    std::string path;
-    unsigned depth;
-};
+void Walk::Hook(DescriptorWalk &w) {
+    w.stopped = [this] { return stop_.load(std::memory_order_relaxed); };
+    w.entered = [this](const std::string &path) { Current(path); };
+    w.failed = [this] { progress_.failed.fetch_add(1, std::memory_order_relaxed); };
+    w.beyondDepth = [this] { progress_.beyondDepth.fetch_add(1, std::memory_order_relaxed); };
+}
 
 void Walk::Folder(Item item) {
     Unit *unit = item.unit;
     Memo memo;
-    std::vector<Frame> stack;
-    DIR *first = Sys().fdopendir(item.fd);
-    if (!first) {
-        Sys().close(item.fd);
-        progress_.failed.fetch_add(1, std::memory_order_relaxed);
-        Finished(unit);
-        return;
-    }
-    Current(item.path);
-    stack.push_back({first, std::move(item.passed), std::move(item.path), item.depth});
-    while (!stack.empty()) {
-        if (stop_.load(std::memory_order_relaxed)) {
-            for (Frame &f : stack) Sys().closedir(f.dir);
-            return;  // the unit stays unfinished: a resumed walk does it again
-        }
-        Frame &here = stack.back();
-        struct dirent64 *ent = Sys().readdir64(here.dir);
-        if (!ent) {
-            Sys().closedir(here.dir);
-            stack.pop_back();
-            continue;
-        }
-        if (Skipped(ent->d_name)) continue;
-        int childFd = -1;
-        PassedPtr childPassed;
-        Entry(dirfd(here.dir), ent->d_name, *here.passed, memo, childFd, childPassed);
-        if (childFd < 0) continue;
-        Item child{childFd, childPassed, here.path + "/" + ent->d_name, unit, here.depth + 1};
+    DescriptorWalk w(dev_, kWalkDepth);
+    Hook(w);
+    w.visit = [&](WalkEntry &e) { return Entry(e, memo); };
+    // Handed on only when another thread is idle; else walked here.
+    w.handOff = [&](WalkFolder &f) {
+        Item child{std::move(f), unit};
         unit->pending.fetch_add(1);
-        if (Push(child, false)) continue;
+        if (Push(child)) return true;
         unit->pending.fetch_sub(1);
-        if (child.depth > kWalkDepth) {
-            Sys().close(childFd);
-            progress_.beyondDepth.fetch_add(1, std::memory_order_relaxed);
-            continue;
-        }
-        DIR *d = Sys().fdopendir(childFd);
-        if (!d) {
-            Sys().close(childFd);
-            progress_.failed.fetch_add(1, std::memory_order_relaxed);
-            continue;
-        }
-        Current(child.path);
-        // `here` may move with the vector: nothing below uses it.
-        stack.push_back({d, std::move(child.passed), std::move(child.path), child.depth});
-    }
-    Finished(unit);
+        f = std::move(child.folder);
+        return false;
+    };
+    // A stopped unit stays unfinished: a resumed walk does it again.
+    if (w.Walk(std::move(item.folder)) == WalkEnd::kFinished) Finished(unit);
 }
 
 void Walk::Worker() {
@@ -356,21 +302,13 @@ WalkEnd Walk::Run(int64_t resume, const std::function<bool(const WalkProgress &)
     }
 
     if (!OtherShareRoots(top_, shareRoots_)) return WalkEnd::kFailed;
-    const int topFd = Sys().openat(top_.parent.get(), top_.name.empty() ? "." : top_.name.c_str(),
-                                   O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC, 0);
-    struct stat st;
-    if (topFd < 0 || Sys().fstat(topFd, &st) != 0 || st.st_dev != top_.st.st_dev || st.st_ino != top_.st.st_ino ||
-        (resume != 0 && Sys().lseek(topFd, static_cast<off_t>(resume), SEEK_SET) < 0)) {
-        if (topFd >= 0) Sys().close(topFd);
+    WalkFolder topFolder;
+    if (!DescriptorWalk::OpenTop(top_, topFolder) ||
+        (resume != 0 && Sys().lseek(dirfd(topFolder.dir.get()), static_cast<off_t>(resume), SEEK_SET) < 0)) {
         KOVA_FAIL(KOVA_ERR_NOENT);
         return WalkEnd::kFailed;
     }
-    DIR *dir = Sys().fdopendir(topFd);
-    if (!dir) {
-        Sys().close(topFd);
-        KOVA_FAIL(KOVA_ERR_IO);
-        return WalkEnd::kFailed;
-    }
+    topFolder.data = passed;
 
     std::vector<std::thread> workers;
     for (unsigned i = 0; i < threads_; ++i) workers.emplace_back([this] { Worker(); });
@@ -405,67 +343,60 @@ WalkEnd Walk::Run(int64_t resume, const std::function<bool(const WalkProgress &)
         }
         last = std::chrono::steady_clock::now();
     };
-
-    Current(top_.path);
-    Memo memo;
-    while (!stop_.load()) {
-        struct dirent64 *ent = Sys().readdir64(dir);
-        if (!ent) break;
-        const int64_t after = static_cast<int64_t>(ent->d_off);
-        if (!Skipped(ent->d_name)) {
-            int childFd = -1;
-            PassedPtr childPassed;
-            Entry(topFd, ent->d_name, *passed, memo, childFd, childPassed);
-            if (childFd >= 0) {
-                auto unit = std::make_unique<Unit>();
-                Item item{childFd, childPassed, top_.path + "/" + ent->d_name, unit.get(), 1};
-                pending.push_back({std::move(unit), after});
-                // The queue bounds what is handed out; the feeder waits for
-                // room, reporting meanwhile.
-                while (!Push(item, false)) {
-                    if (stop_.load()) break;
-                    {
-                        std::unique_lock<std::mutex> g(m_);
-                        cv_.wait_for(g, std::chrono::milliseconds(20),
-                                     [this] { return (queue_.size() < capacity_ && idle_ > 0) || stop_.load(); });
-                    }
-                    if (std::chrono::steady_clock::now() - last >= every) report();
-                }
-                if (stop_.load()) {
-                    Sys().close(item.fd);
-                    break;
-                }
-                continue;
-            }
-        }
-        if (pending.empty()) done = after;
-        else pending.back().after = after;
+    auto tickDue = [&] {
         if (std::chrono::steady_clock::now() - last >= every) report();
-    }
-    Sys().closedir(dir);
+    };
+    // Waits a little for the workers (until `ready`), then reports if due.
+    auto pause = [&](const std::function<bool()> &ready) {
+        {
+            std::unique_lock<std::mutex> g(m_);
+            cv_.wait_for(g, std::chrono::milliseconds(20), ready);
+        }
+        tickDue();
+    };
+
+    // The top folder's children are fed to the workers, each folder among
+    // them a unit of its own.
+    Memo memo;
+    int64_t unitAfter = 0;
+    DescriptorWalk feed(dev_, kWalkDepth);
+    Hook(feed);
+    feed.stopped = [&] {
+        tickDue();
+        return stop_.load();
+    };
+    feed.visit = [&](WalkEntry &e) {
+        const bool enter = Entry(e, memo);
+        if (enter) unitAfter = e.after;
+        else if (pending.empty()) done = e.after;
+        else pending.back().after = e.after;
+        return enter;
+    };
+    // The queue bounds what is handed out; the feeder waits for room,
+    // reporting meanwhile. A stop drops the folder (and its descriptor).
+    feed.handOff = [&](WalkFolder &f) {
+        auto unit = std::make_unique<Unit>();
+        Item item{std::move(f), unit.get()};
+        pending.push_back({std::move(unit), unitAfter});
+        while (!Push(item) && !stop_.load())
+            pause([this] { return (queue_.size() < capacity_ && idle_ > 0) || stop_.load(); });
+        return true;
+    };
+    feed.Walk(std::move(topFolder));
     {
         std::unique_lock<std::mutex> g(m_);
         feeding_ = false;
         cv_.notify_all();
     }
     // Until every unit is done (or the walk is stopped), reporting.
-    for (;;) {
-        advance();
-        if (pending.empty() || stop_.load()) break;
-        {
-            std::unique_lock<std::mutex> g(m_);
-            cv_.wait_for(g, std::chrono::milliseconds(20));
-        }
-        if (std::chrono::steady_clock::now() - last >= every) report();
-    }
+    for (advance(); !pending.empty() && !stop_.load(); advance())
+        pause([&] { return pending.front().unit->pending.load() == 0 || stop_.load(); });
     {
         std::unique_lock<std::mutex> g(m_);
         cv_.notify_all();
     }
     for (std::thread &t : workers) t.join();
-    // Items a stop left in the queue hold descriptors.
-    for (Item &i : queue_) Sys().close(i.fd);
-    queue_.clear();
+    queue_.clear();  // what a stop left there, descriptors closed
     advance();
     progress_.resume = done;
     progress_.current = current_;

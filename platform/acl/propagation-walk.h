@@ -9,13 +9,9 @@
 // check that no set replaced the record meanwhile (a changed record is
 // projected again).
 //
-// Descriptors only: each folder is opened relative to the one above with
-// O_RDONLY|O_DIRECTORY|O_NOFOLLOW and must be the folder that was looked at
-// (device and inode), other file systems are not entered, links are never
-// followed. Threads take folders from a bounded queue; a thread finding the
-// queue full walks the folder itself, depth first up to kWalkDepth levels,
-// so open descriptors and memory are bounded by threads x depth + queue,
-// whatever the tree's size.
+// Descriptors only (descriptor-walk.h). A thread hands a folder to an idle
+// one through a bounded queue, else walks it itself, up to kWalkDepth
+// levels: descriptors and memory are bounded by threads x depth + queue.
 //
 // Resuming: the top folder's children are units of work; the position
 // (readdir cookie) before which every unit is done is published as the
@@ -23,6 +19,7 @@
 #ifndef KOVA_ACL_PROPAGATION_WALK_H
 #define KOVA_ACL_PROPAGATION_WALK_H
 
+#include "descriptor-walk.h"
 #include "target.h"
 
 #include <atomic>
@@ -42,8 +39,6 @@ struct WalkProgress {
     int64_t resume = 0;     // only read in the tick callback
     std::string current;    // idem
 };
-
-enum class WalkEnd { kFinished, kStopped, kFailed };
 
 // top: judged folder (stat filled), in a share. Needs root. `tick` is called
 // on the calling thread about every `tickMs` with the progress so far; it

@@ -2,24 +2,18 @@
 #include "refresh.h"
 
 #include "acl-store.h"
+#include "descriptor-walk.h"
 #include "kernel-acl.h"
 
 #include "kova/acl.h"
 #include "kova/errcode.h"
 #include "kova/klibc.h"
 #include "kova-internal/fault-point.h"
-#include "kova-internal/sys-calls.h"
 
-#include <dirent.h>
-#include <fcntl.h>
-
-#include <cstring>
 #include <string>
 #include <vector>
 
 namespace kova_acl {
-
-using kova_internal::Sys;
 
 namespace {
 
@@ -35,25 +29,6 @@ std::vector<Ace> PassedPart(const StoredAcl &a) {
 bool SameAce(const Ace &a, const Ace &b) {
     return a.idType == b.idType && a.id == b.id && a.permission == b.permission && a.inherit == b.inherit &&
            a.access == b.access;
-}
-
-bool Skipped(const char *name) {
-    if (name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'))) return true;
-    return std::strcmp(name, "@kova_attr") == 0;
-}
-
-struct Level {
-    DIR *dir = nullptr;
-    std::string path;
-};
-
-// The folder (dirFd, name) opened for reading, never through a link.
-DIR *OpenFolder(int dirFd, const char *name) {
-    const int fd = Sys().openat(dirFd, name[0] ? name : ".", O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC, 0);
-    if (fd < 0) return nullptr;
-    DIR *d = Sys().fdopendir(fd);
-    if (!d) Sys().close(fd);
-    return d;
 }
 
 } // namespace
@@ -80,52 +55,25 @@ bool RefreshDescendants(const Target &t, size_t &visited) {
 bool RefreshDescendants(const Target &t, size_t limit, size_t &visited, bool &complete) {
     visited = 0;
     complete = false;
-    std::vector<Level> stack;
-    DIR *top = OpenFolder(t.parent.get(), t.name.c_str());
-    if (!top) {
+    WalkFolder top;
+    if (!DescriptorWalk::OpenTop(t, top)) {
         KOVA_FAIL(KOVA_ERR_IO);
         return false;
     }
-    stack.push_back({top, t.path});
-    const dev_t dev = t.st.st_dev;
     bool cut = false;
-    while (!stack.empty()) {
-        Level &here = stack.back();
-        struct dirent64 *ent = Sys().readdir64(here.dir);
-        if (!ent) {
-            Sys().closedir(here.dir);
-            stack.pop_back();
-            continue;
-        }
-        if (Skipped(ent->d_name)) continue;
-        if (visited == limit) {
-            cut = true;
-            break;
-        }
-        ++visited;
-        const int dirFd = dirfd(here.dir);
-        Target child;
-        child.path = here.path + "/" + ent->d_name;
-        child.inShare = t.inShare;
-        child.shareRoot = t.shareRoot;
-        child.parent = OwnedFd::Borrowed(dirFd);
-        child.name = ent->d_name;
-        if (Sys().fstatat(dirFd, ent->d_name, &child.st, AT_SYMLINK_NOFOLLOW) != 0) continue;
-        child.hasStat = true;
-        // Another file system mounted here is not ours to walk.
-        if (child.st.st_dev != dev || !(S_ISDIR(child.st.st_mode) || S_ISREG(child.st.st_mode))) continue;
+    DescriptorWalk walk(t.st.st_dev, kRefreshDepth, limit);
+    walk.failed = walk.beyondDepth = [&cut] { cut = true; };
+    walk.visit = [&t](WalkEntry &e) {
+        Target child = e.AsTarget(t);
         StoredAcl own;
         bool present = false;
-        if (!ReadStored(child, own, present) || !present || !own.inherits) continue;
+        if (!ReadStored(child, own, present) || !present || !own.inherits) return false;
         (void)ProjectStored(child, own);
-        if (child.IsDir()) {
-            DIR *d = stack.size() < kRefreshDepth ? OpenFolder(dirFd, ent->d_name) : nullptr;
-            if (d) stack.push_back({d, child.path});
-            else cut = true;
-        }
-    }
-    for (Level &l : stack) Sys().closedir(l.dir);
-    complete = !cut;
+        return true;
+    };
+    const WalkEnd end = walk.Walk(std::move(top));
+    visited = walk.Looked();
+    complete = end == WalkEnd::kFinished && !cut;
     return true;
 }
 

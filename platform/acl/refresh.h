@@ -2,15 +2,12 @@
 // A folder's set (or removal) that changes what it passes down changes the
 // complete ACL of every descendant that inherits through it. Normally the
 // background propagation rewrites them (propagation.h); this synchronous
-// walk is what is left when that cannot be used: a folder outside every
-// share, or every job place taken. It walks descriptors only: each folder is
-// opened relative to the one above it with O_NOFOLLOW (a link put in a
-// folder's place is never entered), other file systems are not entered, and
-// only entries that hold a record and inherit are rewritten and descended
-// into (below any other, nothing depends on the folder). It visits at most
-// kRefreshLimit entries and kRefreshDepth levels; what lies beyond is left
-// as it was for `kova-admin acl verify --repair`
-// (docs/platform/enforcement.md).
+// walk (descriptor-walk.h) is what is left when that cannot be used: a
+// folder outside every share, or every job place taken. Only entries that
+// hold a record and inherit are rewritten and descended into (below any
+// other, nothing depends on the folder). It visits at most kRefreshLimit
+// entries and kRefreshDepth levels; what lies beyond is left as it was for
+// `kova-admin acl verify --repair` (docs/platform/enforcement.md).
 #ifndef KOVA_ACL_REFRESH_H
 #define KOVA_ACL_REFRESH_H
 

@@ -6,12 +6,11 @@
 #include "kova/share.h"
 #include "kova/klibc.h"
 #include "kova-internal/fault-point.h"
+#include "kova-internal/paths.h"
+#include "kova-internal/real-path.h"
 #include "kova-internal/sys-calls.h"
-#include "real-path.h"
-#include "share-lookup.h"
 
 #include <fcntl.h>
-#include <linux/openat2.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -29,18 +28,19 @@ std::string ParentOf(const std::string &canonical) {
 }
 
 bool ShareRootOf(const std::string &canonical, bool &inShare, std::string &root) {
-    std::string name;
-    inShare = false;
+    char name[KOVA_SHARE_NAME_MAX];
+    char rootBuf[PATH_MAX];
     root.clear();
-    // The path is real already: only the share table is consulted.
-    if (kova_share::ShareOfRealPath(canonical, name, root) < 0) {
-        root.clear();
-        int err = KLIBCErrGet();
-        // Not in any share is an answer, not a failure.
-        return err == KOVA_ERR_NOSHARE || err == KOVA_ERR_BADPATH;
+    // The path is real already: only the share table is consulted, through
+    // the share library's C interface.
+    inShare = KOVAShareOfRealPath(canonical.c_str(), name, sizeof name, rootBuf, sizeof rootBuf) == 0;
+    if (inShare) {
+        root = rootBuf;
+        return true;
     }
-    inShare = true;
-    return true;
+    // Not in any share is an answer, not a failure.
+    const int err = KLIBCErrGet();
+    return err == KOVA_ERR_NOSHARE || err == KOVA_ERR_BADPATH;
 }
 
 namespace {
@@ -64,8 +64,7 @@ bool Split(const char *szPath, SplitPath &out) {
         KOVA_FAIL(KOVA_ERR_BADPATH);
         return false;
     }
-    std::string p(szPath, len);
-    while (p.size() > 1 && p.back() == '/') p.pop_back();
+    std::string p = kova_internal::StripTrailingSlashes(std::string(szPath, len));
     const size_t slash = p.rfind('/');
     out.name = p.substr(slash + 1);
     out.wholePath = out.name.empty() || out.name == "." || out.name == "..";
@@ -75,30 +74,13 @@ bool Split(const char *szPath, SplitPath &out) {
 }
 
 // The real path of the folder (or, for a whole path, of the path itself)
-// and a descriptor of what it names. The share library hands back the
-// descriptor it resolved; when it had to ask realpath instead, the real
-// path is opened here without following any link, so the descriptor is
-// always the object the real path names.
+// and the descriptor the kernel resolved it to, so what is judged later is
+// the object the real path names.
 bool Resolve(const SplitPath &sp, std::string &base, OwnedFd &fd) {
-    int dirFd = -1;
-    const int err = kova_share::RealPathOf(sp.folder, base, &dirFd);
-    if (err != 0) {
-        KOVA_FAIL(err == ENOENT || err == ENOTDIR ? KOVA_ERR_NOENT : KOVA_ERR_BADPATH);
-        return false;
-    }
-    fd = OwnedFd(dirFd);
-    if (fd.get() >= 0) return true;
-    struct open_how how;
-    std::memset(&how, 0, sizeof how);
-    how.flags = O_PATH | O_CLOEXEC | (sp.wholePath ? 0 : O_DIRECTORY);
-    how.resolve = RESOLVE_NO_SYMLINKS;
-    const int opened = Sys().openat2(AT_FDCWD, base.c_str(), &how, sizeof how);
-    if (opened < 0) {
-        KOVA_FAIL(errno == ENOENT || errno == ENOTDIR ? KOVA_ERR_NOENT : KOVA_ERR_BADPATH);
-        return false;
-    }
-    fd = OwnedFd(opened);
-    return true;
+    const int err = kova_internal::RealPathOf(sp.folder, base, fd);
+    if (err == 0) return true;
+    KOVA_FAIL(err == ENOENT || err == ENOTDIR ? KOVA_ERR_NOENT : KOVA_ERR_BADPATH);
+    return false;
 }
 
 // Fills t from the resolved folder (or whole path) and its descriptor,

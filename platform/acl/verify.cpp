@@ -2,6 +2,7 @@
 #include "verify.h"
 
 #include "acl-store.h"
+#include "descriptor-walk.h"
 #include "inherit.h"
 #include "kernel-acl.h"
 #include "path-state.h"
@@ -10,19 +11,16 @@
 #include "kova/errcode.h"
 #include "kova/klibc.h"
 #include "kova-internal/fault-point.h"
-#include "kova-internal/sys-calls.h"
 
-#include <dirent.h>
-#include <fcntl.h>
-
-#include <cstring>
 #include <vector>
 
 namespace kova_acl {
 
-using kova_internal::Sys;
-
 namespace {
+
+// Beyond what a propagation walks (kWalkDepth), within the descriptors a
+// process may hold.
+constexpr unsigned kVerifyDepth = 1000;
 
 std::string Text(const PosixAcl &a) {
     static const char *kRwx[] = {"---", "--x", "-w-", "-wx", "r--", "r-x", "rw-", "rwx"};
@@ -101,24 +99,6 @@ bool CheckEntry(Target &t, bool repair, const std::function<void(const Drift &)>
     return true;
 }
 
-bool Skipped(const char *name) {
-    if (name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'))) return true;
-    return std::strcmp(name, "@kova_attr") == 0;
-}
-
-struct Level {
-    DIR *dir;
-    std::string path;
-};
-
-DIR *OpenFolder(int dirFd, const char *name) {
-    const int fd = Sys().openat(dirFd, name[0] ? name : ".", O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC, 0);
-    if (fd < 0) return nullptr;
-    DIR *d = Sys().fdopendir(fd);
-    if (!d) Sys().close(fd);
-    return d;
-}
-
 } // namespace
 
 bool VerifyTree(const char *szPath, bool repair, const std::function<void(const Drift &)> &report,
@@ -129,41 +109,21 @@ bool VerifyTree(const char *szPath, bool repair, const std::function<void(const 
     if (!root.ok() || !ResolveTarget(szPath, top)) return false;
     if (!CheckEntry(top, repair, report, counts)) ++counts.failed;
     if (!top.IsDir()) return true;
-    std::vector<Level> stack;
-    DIR *first = OpenFolder(top.parent.get(), top.name.c_str());
-    if (!first) {
+    WalkFolder first;
+    if (!DescriptorWalk::OpenTop(top, first)) {
         KOVA_FAIL(KOVA_ERR_IO);
         return false;
     }
-    stack.push_back({first, top.path == "/" ? std::string() : top.path});
-    // Memory grows with the depth of the tree only (one open folder a level).
-    while (!stack.empty()) {
-        Level &here = stack.back();
-        struct dirent64 *ent = Sys().readdir64(here.dir);
-        if (!ent) {
-            Sys().closedir(here.dir);
-            stack.pop_back();
-            continue;
-        }
-        if (Skipped(ent->d_name)) continue;
-        const int dirFd = dirfd(here.dir);
-        Target child;
-        child.path = here.path + "/" + ent->d_name;
-        child.inShare = top.inShare;
-        child.shareRoot = top.shareRoot;
-        child.parent = OwnedFd::Borrowed(dirFd);
-        child.name = ent->d_name;
-        if (Sys().fstatat(dirFd, ent->d_name, &child.st, AT_SYMLINK_NOFOLLOW) != 0) continue;
-        child.hasStat = true;
-        if (child.st.st_dev != top.st.st_dev) continue;
+    // Deeper than a propagation goes, since it leaves what lies below its
+    // depth to --repair; folders beyond are counted as failed.
+    DescriptorWalk walk(top.st.st_dev, kVerifyDepth);
+    walk.failed = walk.beyondDepth = [&counts] { ++counts.failed; };
+    walk.visit = [&](WalkEntry &e) {
+        Target child = e.AsTarget(top);
         if (!CheckEntry(child, repair, report, counts)) ++counts.failed;
-        if (child.IsDir()) {
-            if (DIR *d = OpenFolder(dirFd, ent->d_name))
-                stack.push_back({d, child.path});
-            else
-                ++counts.failed;
-        }
-    }
+        return true;
+    };
+    walk.Walk(std::move(first));
     return true;
 }
 

@@ -1,13 +1,10 @@
 // Drift between the stored ACLs and the kernel's: programs may chmod or
 // setfacl behind the platform's back. VerifyTree walks a tree from a path
-// (descriptors only: each folder opened relative to the one above with
-// O_NOFOLLOW, links never followed, other file systems not entered, the
-// platform's attribute folders skipped) and, for every file and folder with
-// a stored record, compares its kernel access ACL (its mode when it has
-// none) and, on folders, its default ACL with the projection of its
-// complete ACL; repair writes the projection. Entries without a record are
-// judged by the platform from their kernel ACL itself, so they cannot
-// drift. Needs root.
+// (descriptor-walk.h) and, for every file and folder with a stored record,
+// compares its kernel access ACL (its mode when it has none) and, on
+// folders, its default ACL with the projection of its complete ACL; repair
+// writes the projection. Entries without a record are judged by the
+// platform from their kernel ACL itself, so they cannot drift. Needs root.
 #ifndef KOVA_ACL_VERIFY_H
 #define KOVA_ACL_VERIFY_H
 

@@ -16,11 +16,14 @@
 
 #include "../../../platform/acl/acl-record.h"
 #include "../../../platform/acl/propagation.h"
+#include "../../../platform/acl/refresh.h"
 #include "../../../platform/acl/verify.h"
 
 #include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/mman.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
 #include <unistd.h>
@@ -30,6 +33,8 @@
 #include <future>
 #include <map>
 #include <memory>
+#include <new>
+#include <thread>
 #include <utility>
 #include <cerrno>
 #include <cstring>
@@ -87,8 +92,23 @@ void Inheriting(const std::string &path) {
 
 // Folders slowed down for the runner, which a set forks from this process
 // and which inherits the system-call table: each look at an entry waits.
+// Memory the runner shares with the test also counts its looks and can
+// slow it down further while it runs.
+struct Shared {
+    std::atomic<int> looks{0};
+    std::atomic<int> extraUs{0};
+};
+Shared *SharedWithRunners() {
+    void *m = mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    return m == MAP_FAILED ? nullptr : new (m) Shared();
+}
 std::atomic<int> gDelayUs{0};
+Shared *gShared = nullptr;
 int SlowFstatat(int dirFd, const char *name, struct stat *st, int flags) {
+    if (gShared) {
+        gShared->looks.fetch_add(1);
+        if (const int us = gShared->extraUs.load()) usleep(static_cast<useconds_t>(us));
+    }
     if (const int us = gDelayUs.load()) usleep(static_cast<useconds_t>(us));
     return kova_internal::RealSysCalls().fstatat(dirFd, name, st, flags);
 }
@@ -350,6 +370,9 @@ TEST_F(AclPropagation, AShareRootInsideTheTreeInheritsNothingFromAbove) {
 // a stop holds the job where it is, and a resume finishes it.
 TEST_F(AclPropagation, ProgressIsVisibleAndAStopHolds) {
     const std::vector<std::string> all = Tree(6, 2, 10, true);
+    static Shared *const shared = SharedWithRunners();
+    ASSERT_NE(shared, nullptr);
+    gShared = shared;
     std::future<int> set;
     PropagationJob job;
     ASSERT_TRUE(SlowSet(20000, {"user:1031:allow:rx:fd"}, set, [](const PropagationJob &j) { return j.visited > 3; },
@@ -360,14 +383,24 @@ TEST_F(AclPropagation, ProgressIsVisibleAndAStopHolds) {
     EXPECT_NE(out.find("running " + top_ + " visited "), std::string::npos) << out;
     EXPECT_NE(out.find(" at " + top_), std::string::npos) << out;
 
+    // From now on the runner's walk is slower still, so that going on
+    // after the stop would show.
+    shared->extraUs = 100000;
     ASSERT_EQ(kova_test::RunAdmin("acl propagation stop " + top_, &out), 0) << out;
     ASSERT_TRUE(WaitJob(top_, [](const PropagationJob &j) { return j.state == JobState::kStopped; }, job));
     // The set that waited for its propagation returns once it is stopped.
     EXPECT_EQ(set.get(), 0);
+    // The runner notices within a quarter of a second (and its entry under
+    // way), then looks at nothing more.
     usleep(600000);
+    const int looked = shared->looks.load();
+    usleep(600000);
+    EXPECT_EQ(shared->looks.load(), looked);
+    gShared = nullptr;
+    shared->extraUs = 0;
+    gDelayUs = 0;  // in this process: the drift check is not slowed down
     EXPECT_EQ(Held(JobState::kStopped, all.size()).visited, job.visited);
 
-    gDelayUs = 0;
     ASSERT_EQ(kova_test::RunAdmin("acl propagation resume", &out), 0) << out;
     Done({{kBob, top_ + "/d5/s1/f9", kR | kX}, {kAlice, top_ + "/d5/s1/f9", 0}});
     EXPECT_NE(kova_test::RunAdmin("acl propagation stop " + top_, &out), 0) << "nothing left to stop";
@@ -405,7 +438,8 @@ TEST_F(AclPropagation, AKilledRunnerIsResumedWhereItStopped) {
 
 // Folders swapped during the walk, between the look at them and their
 // opening: one for a link to a folder outside the share, one for that very
-// folder moved in. Neither is entered; outside the share nothing changes.
+// folder moved in. Neither is entered, by the runner's walk, the in-place
+// refresh or the drift check's repair; outside the share nothing changes.
 std::string gOutside;
 int SwappingOpenat(int dirFd, const char *name, int flags, mode_t mode) {
     if ((flags & O_DIRECTORY) && (std::strcmp(name, "s0") == 0 || std::strcmp(name, "s1") == 0)) {
@@ -421,45 +455,109 @@ int SwappingOpenat(int dirFd, const char *name, int flags, mode_t mode) {
 }
 
 TEST_F(AclPropagation, FoldersSwappedDuringTheWalkChangeNothingOutside) {
-    Tree(1, 2, 2);
-    Make(top_ + "/d0/f", false);
-    gOutside = root_.At("outside");
-    for (const std::string &o : {gOutside, gOutside + "-dir"}) {
-        Dir(o);
-        File(o + "/g");
-        ASSERT_EQ(SetAcl(o + "/g", {}, true), 0);
-        ASSERT_EQ(SetAcl(o, {"user:1030:allow:r:fd"}, false), 0);
-    }
-    ASSERT_TRUE(WaitForPropagations());
-    // What the kernel and the platform hold for the outside folders, by
-    // where they are: the second one is moved into the tree by the swap.
-    auto snapshot = [](const std::vector<std::string> &paths) {
-        std::vector<std::string> out;
-        for (const std::string &p : paths) {
-            char buf[512];
-            const ssize_t n = lgetxattr(p.c_str(), "system.posix_acl_access", buf, sizeof buf);
-            out.push_back(RawRecord(p) + "|" + std::string(buf, static_cast<size_t>(n > 0 ? n : 0)));
+    for (const std::string how : {"job", "in-place", "verify"}) {
+        SCOPED_TRACE(how);
+        top_ = In("top-" + how);
+        setenv("KOVA_PROPAGATION_IN_PLACE", how == "in-place" ? "2000" : "0", 1);
+        Tree(1, 2, 2);
+        File(top_ + "/d0/f");
+        Inheriting(top_ + "/d0/f");
+        gOutside = root_.At("outside-" + how);
+        for (const std::string &o : {gOutside, gOutside + "-dir"}) {
+            Dir(o);
+            File(o + "/g");
+            ASSERT_EQ(SetAcl(o + "/g", {}, true), 0);
+            ASSERT_EQ(SetAcl(o, {"user:1030:allow:r:fd"}, false), 0);
         }
-        return out;
-    };
-    const std::vector<std::string> before =
-        snapshot({gOutside, gOutside + "/g", gOutside + "-dir", gOutside + "-dir/g"});
-
-    {
-        ScopedSysCall<decltype(SysCalls::openat)> swap(&SysCalls::openat, SwappingOpenat);
-        ASSERT_EQ(SetAcl(top_, {"user:1031:allow:rwxpD:fd"}, false), 0);
         ASSERT_TRUE(WaitForPropagations());
+        // What the kernel and the platform hold for the outside folders, by
+        // where they are: the second one is moved into the tree by the swap.
+        auto snapshot = [](const std::vector<std::string> &paths) {
+            std::vector<std::string> out;
+            for (const std::string &p : paths) {
+                char buf[512];
+                const ssize_t n = lgetxattr(p.c_str(), "system.posix_acl_access", buf, sizeof buf);
+                out.push_back(RawRecord(p) + "|" + std::string(buf, static_cast<size_t>(n > 0 ? n : 0)));
+            }
+            return out;
+        };
+        const std::vector<std::string> before =
+            snapshot({gOutside, gOutside + "/g", gOutside + "-dir", gOutside + "-dir/g"});
+
+        if (how == "verify") {
+            ASSERT_EQ(SetAcl(top_, {"user:1031:allow:rwxpD:fd"}, false), 0);
+            ASSERT_TRUE(WaitForPropagations());
+            kova_acl::VerifyCounts counts;
+            ScopedSysCall<decltype(SysCalls::openat)> swap(&SysCalls::openat, SwappingOpenat);
+            ASSERT_TRUE(kova_acl::VerifyTree(top_.c_str(), true, [](const kova_acl::Drift &) {}, counts));
+        } else {
+            ScopedSysCall<decltype(SysCalls::openat)> swap(&SysCalls::openat, SwappingOpenat);
+            ASSERT_EQ(SetAcl(top_, {"user:1031:allow:rwxpD:fd"}, false), 0);
+            ASSERT_TRUE(WaitForPropagations());
+        }
+        struct stat st;
+        ASSERT_EQ(lstat((top_ + "/d0/s0").c_str(), &st), 0);
+        EXPECT_TRUE(S_ISLNK(st.st_mode)) << "the link was swapped in";
+        ASSERT_NE(lstat((gOutside + "-dir").c_str(), &st), 0) << "the folder was moved in";
+        EXPECT_EQ(snapshot({gOutside, gOutside + "/g", top_ + "/d0/s1", top_ + "/d0/s1/g"}), before);
+        EXPECT_EQ(KernelBitsAs(kBob, top_ + "/d0/s1/g"), 0u);
+        // The rest of the tree followed.
+        EXPECT_EQ(KernelBitsAs(kBob, top_ + "/d0/f"), kR | kW | kX);
+        EXPECT_EQ(KernelBitsAs(kBob, top_ + "/d0"), kR | kW | kX);
     }
-    PropagationJob job;
-    ASSERT_TRUE(JobOf(top_, job));
-    EXPECT_EQ(job.state, JobState::kDone);
-    struct stat st;
-    ASSERT_EQ(lstat((top_ + "/d0/s0").c_str(), &st), 0);
-    EXPECT_TRUE(S_ISLNK(st.st_mode)) << "the link was swapped in";
-    ASSERT_NE(lstat((gOutside + "-dir").c_str(), &st), 0) << "the folder was moved in";
-    EXPECT_EQ(snapshot({gOutside, gOutside + "/g", top_ + "/d0/s1", top_ + "/d0/s1/g"}), before);
-    // The rest of the tree followed.
-    ExpectKernel({{kBob, top_ + "/d0/s1/g", 0}, {kBob, top_ + "/d0/f", kR | kW | kX}, {kBob, top_ + "/d0", kR | kW | kX}});
+}
+
+// What the walks leave out: another file system mounted in the tree, the
+// platform's attribute folders, and what lies beyond their bounds (the
+// in-place refresh: kRefreshDepth levels, and as many entries as asked).
+TEST_F(AclPropagation, WalksStayOnTheirFileSystemOutOfAttributeFoldersAndWithinBounds) {
+    Dir(top_ + "/@kova_attr");
+    File(top_ + "/@kova_attr/x");
+    File(top_ + "/f");
+    for (const char *rel : {"/@kova_attr", "/@kova_attr/x", "/f"}) Inheriting(top_ + rel);
+    const std::string mnt = top_ + "/mnt";
+    Dir(mnt);
+    const bool mounted = mount("tmpfs", mnt.c_str(), "tmpfs", 0, "size=1m") == 0;
+    if (mounted) {
+        File(mnt + "/y");
+        Inheriting(mnt);
+        Inheriting(mnt + "/y");
+    }
+    kova_acl::VerifyCounts counts;
+    EXPECT_TRUE(kova_acl::VerifyTree(top_.c_str(), false, [](const kova_acl::Drift &) {}, counts));
+    if (mounted) umount2(mnt.c_str(), MNT_DETACH);
+    EXPECT_EQ(counts.checked, 1u) << "only f is ours to check";
+    EXPECT_EQ(counts.failed, 0u);
+
+    // A chain of inheriting folders below `deep`, as deep as the in-place
+    // refresh goes: followed in place (no job) when the whole chain fits
+    // its bounds, else left to a job.
+    std::string p = top_ + "/deep";
+    Dir(p);
+    for (size_t level = 1; level < kova_acl::kRefreshDepth; ++level) {
+        p += "/c";
+        Dir(p);
+        Inheriting(p);
+    }
+    const std::string deep = top_ + "/deep";
+    auto change = [&](const char *inPlace, const std::string &user) {
+        setenv("KOVA_PROPAGATION_IN_PLACE", inPlace, 1);
+        EXPECT_EQ(SetAcl(deep, {"user:" + user + ":allow:rx:fd"}, false), 0);
+        EXPECT_TRUE(WaitForPropagations());
+        PropagationJob job;
+        return JobOf(deep, job) ? job.seq : 0;
+    };
+    EXPECT_EQ(change("2000", "1030"), 0u);
+    EXPECT_EQ(Drifting(deep), 0u);
+    const std::string fits = std::to_string(kova_acl::kRefreshDepth - 1);
+    const std::string short1 = std::to_string(kova_acl::kRefreshDepth - 2);
+    EXPECT_EQ(change(fits.c_str(), "1031"), 0u) << "every entry within the limit";
+    const uint64_t first = change(short1.c_str(), "1032");
+    EXPECT_NE(first, 0u) << "one entry beyond the limit";
+    Dir(p + "/c");
+    Inheriting(p + "/c");
+    EXPECT_GT(change("2000", "1030"), first) << "one folder beyond the depth";
+    EXPECT_EQ(Drifting(deep), 0u);
 }
 
 // A newer change of the folder while its propagation runs replaces the job
