@@ -381,11 +381,16 @@ void RunPropagations() {
             // A job a live task holds (propagation-defer.h) is the task's
             // until it ends; the runner stays to take it up should the task
             // die without releasing it.
+            // Between walks, a job "running" under this runner is one whose
+            // walk ended without its record being written (the lock or the
+            // write failed): it is taken up again, not left behind.
             bool held = false;
             for (const PropagationJob &j : jobs) {
+                const bool running = j.state == JobState::kRunning;
+                const bool mine = running && j.pid == static_cast<int64_t>(self);
                 const bool orphaned = Orphaned(j);
-                held = held || (j.state == JobState::kRunning && j.pid != static_cast<int64_t>(self) && !orphaned);
-                if (j.state != JobState::kQueued && !orphaned) continue;
+                held = held || (running && !mine && !orphaned);
+                if (j.state != JobState::kQueued && !orphaned && !mine) continue;
                 if (!found || j.seq < job.seq) job = j;
                 found = true;
             }

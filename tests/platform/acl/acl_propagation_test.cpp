@@ -560,6 +560,33 @@ TEST_F(AclPropagation, WalksStayOnTheirFileSystemOutOfAttributeFoldersAndWithinB
     EXPECT_EQ(Drifting(deep), 0u);
 }
 
+// A runner whose job lock fails part-way leaves its job "running" under
+// itself; it takes the job up again rather than going away with it.
+std::atomic<int> *gRunnerLocks = nullptr;
+pid_t gTestPid = 0;
+int FailSecondRunnerLock(int fd, int cmd, struct flock *fl) {
+    if (getpid() != gTestPid && cmd == F_SETLKW && gRunnerLocks->fetch_add(1) == 1) {
+        errno = ENOLCK;
+        return -1;
+    }
+    return kova_internal::RealSysCalls().fcntl_lock(fd, cmd, fl);
+}
+
+TEST_F(AclPropagation, ARunnerThatLosesItsLockPartWayTakesItsJobUpAgain) {
+    Tree(2, 2, 3);
+    void *m = mmap(nullptr, sizeof(std::atomic<int>), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    ASSERT_NE(m, MAP_FAILED);
+    gRunnerLocks = new (m) std::atomic<int>(0);
+    gTestPid = getpid();
+    {
+        ScopedSysCall<decltype(SysCalls::fcntl_lock)> failing(&SysCalls::fcntl_lock, FailSecondRunnerLock);
+        ASSERT_EQ(SetAcl(top_, {"user:1031:allow:rx:fd"}, false), 0);
+        Done({{kBob, top_ + "/d1/s1/f2", kR | kX}});
+    }
+    EXPECT_GE(gRunnerLocks->load(), 2) << "the runner's lock failed once";
+    munmap(m, sizeof(std::atomic<int>));
+}
+
 // A newer change of the folder while its propagation runs replaces the job
 // (one record per folder): the running walk stops, the newer one runs from
 // the start, and the newer entries are what every descendant ends with.
