@@ -13,7 +13,7 @@
 
 // The task process's identity (pid and start time), under which its held
 // jobs are recorded.
-#include "task-process.h"
+#include "kova-internal/task-process.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -97,7 +97,7 @@ unsigned long long SelfStartTime() {
     static unsigned long long start = 0;
     if (pid != getpid()) {
         pid = getpid();
-        start = kova_webapi::ProcessStartTime(pid);
+        start = kova_internal::ProcessStartTime(pid);
     }
     return start;
 }

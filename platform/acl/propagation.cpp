@@ -13,7 +13,7 @@
 
 // The task machinery's process identity (pid and start time) and its
 // pidfd-pinned signals.
-#include "task-process.h"
+#include "kova-internal/task-process.h"
 
 #include <fcntl.h>
 #include <signal.h>
@@ -54,7 +54,7 @@ bool Unfinished(const PropagationJob &j) {
     return j.state == JobState::kQueued || j.state == JobState::kRunning || j.state == JobState::kStopped;
 }
 
-bool RunnerAlive(pid_t pid, unsigned long long start) { return kova_webapi::TaskAlive(pid, start); }
+bool RunnerAlive(pid_t pid, unsigned long long start) { return kova_internal::TaskAlive(pid, start); }
 
 // A job marked running whose runner is gone: killed or crashed mid-way.
 bool Orphaned(const PropagationJob &j) {
@@ -135,7 +135,7 @@ bool SpawnRunner() {
 bool NudgeRunner(const JobDir &dir) {
     pid_t pid = 0;
     unsigned long long start = 0;
-    if (dir.ReadRunner(pid, start) == 1 && kova_webapi::SignalTask(pid, start, SIGUSR1) == 1) return true;
+    if (dir.ReadRunner(pid, start) == 1 && kova_internal::SignalTask(pid, start, SIGUSR1) == 1) return true;
     return false;
 }
 
@@ -359,7 +359,7 @@ void RunPropagations() {
     JobDir dir;
     if (!dir.Open()) return;
     const pid_t self = getpid();
-    const unsigned long long selfStart = kova_webapi::ProcessStartTime(self);
+    const unsigned long long selfStart = kova_internal::ProcessStartTime(self);
     uint64_t idleSince = 0;
     const uint64_t linger = Linger();
     for (;;) {

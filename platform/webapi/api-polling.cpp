@@ -9,7 +9,7 @@
 #include "kova-internal/task-end.h"
 
 #include "task-bounds.h"
-#include "task-process.h"
+#include "kova-internal/task-process.h"
 #include "task-record.h"
 
 #include <errno.h>
@@ -108,7 +108,7 @@ void DetachStdio() {
         Json::Value owner = ownerBase;
         pid_t self = getpid();
         owner["pid"] = static_cast<Json::Int64>(self);
-        owner["starttime"] = static_cast<Json::UInt64>(kova_webapi::ProcessStartTime(self));
+        owner["starttime"] = static_cast<Json::UInt64>(kova_internal::ProcessStartTime(self));
         APIResponse response;
         response.BindTaskRecord(id, owner);
         if (!records.Write(id, RecordFrom(owner, response, false))) rc = 1;
@@ -302,7 +302,7 @@ bool APIPolling::Status(const std::string &taskId, Json::Value &result) {
         long long pid = IntField(record, "pid");
         bool finished = BoolField(record, "finished", false);
         bool alive = finished ||
-                     kova_webapi::TaskAlive(static_cast<pid_t>(pid), static_cast<unsigned long long>(IntField(record, "starttime")));
+                     kova_internal::TaskAlive(static_cast<pid_t>(pid), static_cast<unsigned long long>(IntField(record, "starttime")));
         if (!alive) {
             // The task may have written its final record and exited between
             // the read above and the liveness check. Once it is gone it can
@@ -361,7 +361,7 @@ bool APIPolling::Stop(const std::string &taskId, bool signalTask) {
         if (!root.ok()) return POLL_FAIL(KOVA_POLLING_ERR_SIGNAL, KOVA_ERR_PERM);
         // A task that already ended has nothing left to stop; its pid may
         // belong to another process by now, which is never signalled.
-        if (kova_webapi::SignalTask(pid, start, SIGTERM) < 0) return POLL_FAIL(KOVA_POLLING_ERR_SIGNAL, KOVA_ERR_PERM);
+        if (kova_internal::SignalTask(pid, start, SIGTERM) < 0) return POLL_FAIL(KOVA_POLLING_ERR_SIGNAL, KOVA_ERR_PERM);
         return true;
     } catch (...) {
         return POLL_FAIL(KOVA_POLLING_ERR_IO, KOVA_ERR_NOMEM);

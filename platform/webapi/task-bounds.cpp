@@ -1,7 +1,7 @@
 // Task admission and the sweep of old task records.
 #include "task-bounds.h"
 
-#include "task-process.h"
+#include "kova-internal/task-process.h"
 
 #include "kova/errcode.h"
 #include "kova/klibc.h"
@@ -150,7 +150,7 @@ Admission SweepAndAdmit(const RecordDir &dir, const std::string &user, const Tas
         if (rc > 0) {
             if (record["owner"].isString()) owner = record["owner"].asString();
             const bool marked = record["finished"].isBool() && record["finished"].asBool();
-            done = marked || !TaskAlive(static_cast<pid_t>(JsonInt(record["pid"])),
+            done = marked || !kova_internal::TaskAlive(static_cast<pid_t>(JsonInt(record["pid"])),
                                         static_cast<unsigned long long>(JsonInt(record["starttime"])));
         }
         // An unreadable record is swept like a finished one of nobody's.

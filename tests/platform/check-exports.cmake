@@ -8,7 +8,7 @@ execute_process(COMMAND ${NM} -DC --defined-only ${LIBRARY}
 if(NOT status EQUAL 0)
   message(FATAL_ERROR "${NM} failed on ${LIBRARY}: ${errors}")
 endif()
-set(allowed "^(KOVA|KLIB)[A-Za-z0-9_]*$|^(KOVA|PanoraFileShare|StringBundle|ParameterChecker|KovaDirsvc|KovaAccountCache[A-Za-z]*)::|^kova_acl::(VerifyTree|ListPropagations|ResumePropagations|StopPropagation|JobStateName|PropagationRunnerAlive)\\(|^kova_webapi::(ProcessStartTime|TaskAlive|SignalTask)\\(")
+set(allowed "^(KOVA|KLIB)[A-Za-z0-9_]*$|^(KOVA|PanoraFileShare|StringBundle|ParameterChecker|KovaDirsvc|KovaAccountCache[A-Za-z]*)::|^kova_acl::(VerifyTree|ListPropagations|ResumePropagations|StopPropagation|JobStateName|PropagationRunnerAlive)\\(")
 if(INTERNAL)
   string(APPEND allowed "|^kova_internal::")
 endif()

@@ -1,34 +1,26 @@
 // Identity of a task process over time: a pid plus the kernel's start time
 // of that process, so a reused pid is never mistaken for the task.
-#ifndef KOVA_WEBAPI_TASK_PROCESS_H
-#define KOVA_WEBAPI_TASK_PROCESS_H
-
-#include "kova/export.h"
+#ifndef KOVA_INTERNAL_TASK_PROCESS_H
+#define KOVA_INTERNAL_TASK_PROCESS_H
 
 #include <sys/types.h>
 
-namespace kova_webapi {
+namespace kova_internal {
 
 // Start time (clock ticks since boot, field 22 of /proc/<pid>/stat); 0 when
 // the process does not exist.
-KOVA_API_BEGIN
 unsigned long long ProcessStartTime(pid_t pid);
-KOVA_API_END
 // True while the process with this pid and start time runs (a zombie counts
 // as ended: it will never write its record again).
-KOVA_API_BEGIN
 bool TaskAlive(pid_t pid, unsigned long long startTime);
-KOVA_API_END
 // Sends `sig` to the task only while the process with this pid still has
 // this start time. The process is pinned by a pidfd before its start time
 // is compared, and signalled through that pidfd, so a pid freed and reused
 // between the check and the signal is never signalled (kernels without
 // pidfds fall back to check-then-kill). 1 signalled, 0 the task has ended
 // (nothing sent), -1 the signal could not be sent (errno set).
-KOVA_API_BEGIN
 int SignalTask(pid_t pid, unsigned long long startTime, int sig);
-KOVA_API_END
 
-} // namespace kova_webapi
+} // namespace kova_internal
 
 #endif

@@ -1,5 +1,5 @@
 // Task liveness from /proc, signals through pidfds.
-#include "task-process.h"
+#include "kova-internal/task-process.h"
 
 #include "kova-internal/owned-fd.h"
 #include "kova-internal/sys-calls.h"
@@ -12,7 +12,7 @@
 #include <cstring>
 #include <string>
 
-namespace kova_webapi {
+namespace kova_internal {
 
 namespace {
 
@@ -94,4 +94,4 @@ int SignalTask(pid_t pid, unsigned long long startTime, int sig) {
     return 1;
 }
 
-} // namespace kova_webapi
+} // namespace kova_internal
