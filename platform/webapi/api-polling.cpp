@@ -6,7 +6,6 @@
 #include "kova/klibc.h"
 #include "kova-internal/fault-point.h"
 #include "kova-internal/identity.h"
-#include "kova-internal/task-end.h"
 
 #include "task-bounds.h"
 #include "kova-internal/task-process.h"
@@ -115,11 +114,7 @@ void DetachStdio() {
         WriteByte(readyFd);
         close(readyFd);
         if (rc == 0) {
-            kova_internal::MarkTaskProcess();
             fn(request, &response, data);
-            // Work the task's calls left for its end (the ACL library's
-            // deferred inheritance) is done before "finished" is written.
-            kova_internal::RunTaskEndHooks();
             if (!records.Write(id, RecordFrom(owner, response, true))) rc = 1;
         }
     } catch (...) {
