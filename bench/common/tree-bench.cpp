@@ -7,6 +7,7 @@
 #include "../../platform/acl/acl-record.h"
 
 #include <fcntl.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <sys/xattr.h>
@@ -19,6 +20,20 @@
 #include <fstream>
 
 namespace kova_bench {
+
+TreeBenchArgs ParseTreeBenchArgs(int argc, char **argv) {
+    TreeBenchArgs a;
+    for (int i = 1; i < argc; ++i) {
+        const std::string arg = argv[i];
+        if (arg == "--dir" && i + 1 < argc) a.base = argv[++i];
+        else if (arg == "--keep") a.keep = true;
+        else a.files = std::atol(arg.c_str());
+    }
+    if (a.files < 10000 || a.files % 10000 != 0) Die("FILES must be a multiple of 10000 (the small tree is FILES/10)");
+    if (geteuid() != 0) Die("run as root");
+    prctl(PR_SET_CHILD_SUBREAPER, 1);
+    return a;
+}
 
 void Die(const std::string &what) {
     std::fprintf(stderr, "%s: %s\n", program_invocation_short_name, what.c_str());

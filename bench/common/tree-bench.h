@@ -15,6 +15,16 @@ namespace kova_bench {
 
 [[noreturn]] void Die(const std::string &what);
 
+// The tree benchmarks' command line: [FILES] [--dir BASE] [--keep]. Dies
+// unless FILES is a multiple of 10000 and the program runs as root; makes
+// the program the subreaper of what it starts (so their CPU time counts).
+struct TreeBenchArgs {
+    long files = 1000000;
+    std::string base = "/var/tmp";
+    bool keep = false;
+};
+TreeBenchArgs ParseTreeBenchArgs(int argc, char **argv);
+
 // mkdir (an existing folder is fine), then chmod to mode.
 void MakeDir(const std::string &path, mode_t mode);
 

@@ -17,7 +17,6 @@
 
 #include <dlfcn.h>
 #include <fcntl.h>
-#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -176,18 +175,10 @@ RunResult RunOurs(const Module &module, const std::string &top, const std::strin
 } // namespace
 
 int main(int argc, char **argv) {
-    long files = 1000000;
-    std::string base = "/var/tmp";
-    bool keep = false;
-    for (int i = 1; i < argc; ++i) {
-        std::string arg = argv[i];
-        if (arg == "--dir" && i + 1 < argc) base = argv[++i];
-        else if (arg == "--keep") keep = true;
-        else files = std::atol(arg.c_str());
-    }
-    if (files < 10000 || files % 10000 != 0) Die("FILES must be a multiple of 10000 (the small tree is FILES/10)");
-    if (geteuid() != 0) Die("run as root");
-    prctl(PR_SET_CHILD_SUBREAPER, 1);
+    const kova_bench::TreeBenchArgs args = kova_bench::ParseTreeBenchArgs(argc, argv);
+    const long files = args.files;
+    const std::string &base = args.base;
+    const bool keep = args.keep;
 
     const std::string root = MakePlatformRoot(base);
     const std::string share = root + "/volumes/volume1/bench";

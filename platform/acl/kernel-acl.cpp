@@ -125,25 +125,35 @@ const Encoded &ProjectionFor(const Target &t, std::vector<Ace> &complete, const 
 
 bool WriteProjection(const Target &t, const Projection &p) { return WriteEncoded(t, Encode(p)); }
 
-bool ProjectStored(Target &t, const StoredAcl &own, bool keptFolder) {
-    if (!t.hasStat && !StatTarget(t)) return false;
-    if (!Projectable(t)) return true;
-    std::vector<Ace> complete = own.entries;
+bool CompleteEntries(Target &t, const StoredAcl &own, bool keptFolder, std::vector<Ace> &out) {
+    out = own.entries;
     // A damaged ancestor leaves the own entries: inherited ones come after
     // them, so what own entries surely grant stays granted whatever the
     // ancestors say, and nothing else is.
-    if (own.inherits && !(keptFolder ? CollectInheritedKept(t, complete) : CollectInherited(t, complete))) {
+    if (own.inherits && !(keptFolder ? CollectInheritedKept(t, out) : CollectInherited(t, out))) {
         if (KLIBCErrGet() != KOVA_ERR_CORRUPT) return false;
-        complete = own.entries;
+        out = own.entries;
     }
+    return true;
+}
+
+OwnerId ProjectionOwner(const StoredAcl &own, const struct stat &st) {
     OwnerId owner;
     if (own.hasGroupOwner) {
         owner.idType = KOVA_ACL_ID_GROUP;
         owner.id = static_cast<int>(own.ownerGid);
     } else {
-        owner.id = static_cast<int>(t.st.st_uid);
+        owner.id = static_cast<int>(st.st_uid);
     }
-    return WriteEncoded(t, ProjectionFor(t, complete, owner));
+    return owner;
+}
+
+bool ProjectStored(Target &t, const StoredAcl &own, bool keptFolder) {
+    if (!t.hasStat && !StatTarget(t)) return false;
+    if (!Projectable(t)) return true;
+    std::vector<Ace> complete;
+    if (!CompleteEntries(t, own, keptFolder, complete)) return false;
+    return WriteEncoded(t, ProjectionFor(t, complete, ProjectionOwner(own, t.st)));
 }
 
 bool Unproject(const Target &t) {

@@ -28,6 +28,15 @@ bool WriteProjection(const Target &t, const Projection &p);
 // its inputs, so a run of entries with the same inputs encodes it once.
 bool ProjectStored(Target &t, const StoredAcl &own, bool keptFolder = false);
 
+// The complete ACL a projection is made from: own entries, then (when the
+// record inherits) what the ancestors pass down, read as root. A damaged
+// ancestor leaves the own entries alone; false on any other failure.
+bool CompleteEntries(Target &t, const StoredAcl &own, bool keptFolder, std::vector<Ace> &out);
+
+// Whom the projection treats as the owner: the record's group owner when it
+// has one, else the file's owner (st: the entry's lstat).
+OwnerId ProjectionOwner(const StoredAcl &own, const struct stat &st);
+
 // After the record was removed: the kernel's ACLs go, and the mode keeps
 // the owner, owning-group and other bits of the projection that was there
 // (the owning group's entry, not the mask).

@@ -177,13 +177,7 @@ bool Walk::Entry(WalkEntry &e, Memo &memo) {
         const std::vector<Ace> &inherited = t.IsDir() ? passed.toDir : passed.toFile;
         complete = std::move(own.entries);
         if (!shareRoot) complete.insert(complete.end(), inherited.begin(), inherited.end());
-        OwnerId owner;
-        if (own.hasGroupOwner) {
-            owner.idType = KOVA_ACL_ID_GROUP;
-            owner.id = static_cast<int>(own.ownerGid);
-        } else {
-            owner.id = static_cast<int>(t.st.st_uid);
-        }
+        const OwnerId owner = ProjectionOwner(own, t.st);
         const bool same = !t.IsDir() && memo.serial == passed.serial && memo.uid == t.st.st_uid &&
                           memo.gid == t.st.st_gid && memo.raw.size() == static_cast<size_t>(n) &&
                           std::memcmp(memo.raw.data(), raw, static_cast<size_t>(n)) == 0;

@@ -61,18 +61,9 @@ bool CheckEntry(Target &t, bool repair, const std::function<void(const Drift &)>
     if (!ReadStored(t, own, present)) return false;
     if (!present) return true;
     ++counts.checked;
-    std::vector<Ace> complete = own.entries;
-    if (own.inherits && !CollectInherited(t, complete)) {
-        if (KLIBCErrGet() != KOVA_ERR_CORRUPT) return false;
-        complete = own.entries;
-    }
-    OwnerId owner;
-    if (own.hasGroupOwner) {
-        owner.idType = KOVA_ACL_ID_GROUP;
-        owner.id = static_cast<int>(own.ownerGid);
-    } else {
-        owner.id = static_cast<int>(t.st.st_uid);
-    }
+    std::vector<Ace> complete;
+    if (!CompleteEntries(t, own, false, complete)) return false;
+    const OwnerId owner = ProjectionOwner(own, t.st);
     const Projection p = Project(complete, owner, t.st.st_uid, t.st.st_gid, t.IsDir(), t.BelowShareRoot(), t.inShare);
     PosixAcl access, deflt;
     bool hasDefault = false;
