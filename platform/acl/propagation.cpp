@@ -9,12 +9,14 @@
 #include "kova/klibc.h"
 #include "kova-internal/identity.h"
 #include "kova-internal/fault-point.h"
+#include "kova-internal/owned-fd.h"
 #include "kova-internal/sys-calls.h"
 
 // The task machinery's process identity (pid and start time) and its
 // pidfd-pinned signals.
 #include "kova-internal/task-process.h"
 
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -22,6 +24,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <climits>
 #include <cerrno>
 #include <cstdlib>
 #include <thread>
@@ -83,36 +86,54 @@ uint64_t NowNs() {
     return static_cast<uint64_t>(ts.tv_sec) * 1000000000ull + static_cast<uint64_t>(ts.tv_nsec);
 }
 
-// The runner process: detached from the caller's session and descriptors,
-// all ids 0 with every permitted capability effective.
-[[noreturn]] static void BecomeRunner() {
+// The runner is its own program (kova-acl-runner), installed beside this
+// library: the build tree's lib/ and the package's private library folder
+// alike. Empty when the library cannot say where it was loaded from.
+static std::string RunnerProgram() {
+    Dl_info info;
+    if (dladdr(reinterpret_cast<void *>(&SpawnRunner), &info) == 0 || !info.dli_fname) return {};
+    char dir[PATH_MAX];
+    if (!realpath(info.dli_fname, dir)) return {};
+    std::string path(dir);
+    const size_t slash = path.rfind('/');
+    return slash == std::string::npos ? std::string() : path.substr(0, slash + 1) + "kova-acl-runner";
+}
+
+// In the forked child, which may be the copy of a multi-threaded caller
+// (a server worker, a task): only async-signal-safe steps until the exec, so
+// no lock another thread of the caller held at the fork (the allocator's,
+// stdio's, a library mutex) is ever waited for. The runner gets all ids 0,
+// default signal handling, /dev/null for its standard streams and none of
+// the caller's other descriptors (a client's connection, a pipe someone
+// waits on must not stay open in a process that may run for hours).
+[[noreturn]] static void ExecRunner(const char *program, int devNull) {
     JobLock::ResetAfterFork();
     sigset_t none;
     sigemptyset(&none);
     sigprocmask(SIG_SETMASK, &none, nullptr);
-    for (int s : {SIGTERM, SIGINT, SIGHUP, SIGQUIT, SIGCHLD, SIGPIPE, SIGUSR1, SIGUSR2, SIGALRM}) signal(s, SIG_DFL);
-    // Whatever the caller held open (a client's connection, a pipe someone
-    // waits on) must not be kept open by a process that may run for hours.
+    // An ignored signal would stay ignored across the exec.
+    for (int s = 1; s < NSIG; ++s) signal(s, SIG_DFL);
+    if (devNull < 0 || dup2(devNull, STDIN_FILENO) < 0 || dup2(devNull, STDOUT_FILENO) < 0 ||
+        dup2(devNull, STDERR_FILENO) < 0)
+        _exit(1);
     close_range(3, ~0u, 0);
-    const int null = open("/dev/null", O_RDWR | O_CLOEXEC);
-    if (null >= 0) {
-        dup2(null, STDIN_FILENO);
-        dup2(null, STDOUT_FILENO);
-        dup2(null, STDERR_FILENO);
-        if (null > STDERR_FILENO) close(null);
-    }
     if (!kova_internal::RestoreRoot({})) _exit(1);
-    struct __user_cap_header_struct hdr = {_LINUX_CAPABILITY_VERSION_3, 0};
-    struct __user_cap_data_struct caps[_LINUX_CAPABILITY_U32S_3] = {};
-    if (Sys().capget(&hdr, caps) == 0) {
-        for (auto &c : caps) c.effective = c.permitted;
-        (void)Sys().capset(&hdr, caps);
-    }
-    RunPropagations();
-    _exit(0);
+    char *const argv[] = {const_cast<char *>(program), nullptr};
+    Sys().execve(program, argv, environ);
+    _exit(127);
 }
 
 bool SpawnRunner() {
+    const std::string program = RunnerProgram();
+    if (program.empty()) {
+        KOVA_FAIL(KOVA_ERR_NOENT);
+        return false;
+    }
+    kova_internal::OwnedFd devNull(open("/dev/null", O_RDWR | O_CLOEXEC));
+    if (devNull.get() < 0) {
+        KOVA_FAIL(KOVA_ERR_IO);
+        return false;
+    }
     const pid_t middle = fork();
     if (middle < 0) return false;
     if (middle == 0) {
@@ -121,7 +142,7 @@ bool SpawnRunner() {
         setsid();
         const pid_t runner = fork();
         if (runner != 0) _exit(runner < 0 ? 1 : 0);
-        BecomeRunner();
+        ExecRunner(program.c_str(), devNull.get());
     }
     int status = 0;
     pid_t waited;
@@ -417,3 +438,20 @@ void RunPropagations() {
 }
 
 } // namespace kova_acl
+
+// The runner program's body: every permitted capability made effective (a
+// root whose capabilities the exec left permitted only), then the jobs.
+extern "C" int KOVAACLPropagationRunnerMain(void) {
+    if (getuid() != 0 || geteuid() != 0) {
+        KOVA_FAIL(KOVA_ERR_PERM);
+        return 2;
+    }
+    struct __user_cap_header_struct hdr = {_LINUX_CAPABILITY_VERSION_3, 0};
+    struct __user_cap_data_struct caps[_LINUX_CAPABILITY_U32S_3] = {};
+    if (kova_internal::Sys().capget(&hdr, caps) == 0) {
+        for (auto &c : caps) c.effective = c.permitted;
+        (void)kova_internal::Sys().capset(&hdr, caps);
+    }
+    kova_acl::RunPropagations();
+    return 0;
+}

@@ -7,8 +7,8 @@
 // one) and makes sure the runner works on it: the one runner process is
 // told to look at the jobs again (SIGUSR1: it interrupts the walk it is in,
 // keeping that job's resume point, and takes the jobs in queue order with
-// everything read afresh), or a new runner is started (a detached process,
-// all ids 0). The runner publishes progress in the records, stops a job
+// everything read afresh), or a new runner is started (a detached process
+// of its own program, all ids 0). The runner publishes progress in the records, stops a job
 // whose record says "stopped" or was replaced, ends on SIGTERM leaving its
 // jobs queued, and goes away when no job is left. A runner killed outright
 // leaves its job "running" under a dead pid; the next start or
@@ -57,12 +57,19 @@ KOVA_API_BEGIN
 bool ResumePropagations(size_t &count);
 KOVA_API_END
 
-// The runner's body, for the process that StartPropagation starts. Returns
-// on SIGTERM, or when no job has come for a moment (2 s, or
-// KOVA_PROPAGATION_LINGER_MS): the sets of a recursive walk come close
-// together and find it there.
+// The runner's body. Returns on SIGTERM, or when no job has come for a
+// moment (2 s, or KOVA_PROPAGATION_LINGER_MS): the sets of a recursive walk
+// come close together and find it there.
 void RunPropagations();
 
 } // namespace kova_acl
+
+// The main function of the runner program (kova-acl-runner), which
+// StartPropagation starts detached, with all ids 0, from the program beside
+// this library: the jobs with every permitted capability effective. 0 when
+// the runner ended normally, 2 when it was not started as root.
+KOVA_API_BEGIN
+extern "C" int KOVAACLPropagationRunnerMain(void);
+KOVA_API_END
 
 #endif

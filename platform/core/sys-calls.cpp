@@ -146,6 +146,7 @@ const SysCalls kReal = {
     RealFcntlLock,
     ::faccessat,
     ::lseek,
+    ::execve,
 };
 
 SysCalls gTable = kReal;

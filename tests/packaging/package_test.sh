@@ -31,12 +31,14 @@ for f in usr/sbin/kova-webd usr/sbin/kova-admin usr/lib/kova/modules/libwebapi-K
          usr/share/man/man8/kova-webd.8.gz usr/share/man/man8/kova-admin.8.gz; do
   [[ -f $R/$f ]] || fail "$f is not in the package"
 done
-for f in usr/sbin/kova-webd usr/sbin/kova-admin; do [[ -x $R/$f ]] || fail "$f is not executable"; done
+for f in usr/sbin/kova-webd usr/sbin/kova-admin usr/lib/kova/kova-acl-runner; do
+  [[ -x $R/$f ]] || fail "$f is not executable"
+done
 for f in postinst prerm postrm; do [[ -x $S/control/$f ]] || fail "maintainer script $f missing or not executable"; done
 grep -qx /etc/kova/webd.conf "$S/control/conffiles" || fail "webd.conf is not a conffile"
 grep -q '^Depends:.*libssl3' "$S/control/control" || fail "no dependency on libssl: $(grep Depends "$S/control/control")"
 # Nothing points back into the build tree: libraries are found in /usr/lib/kova.
-for f in "$R"/usr/sbin/* "$R"/usr/lib/kova/modules/*.so; do
+for f in "$R"/usr/sbin/* "$R"/usr/lib/kova/kova-acl-runner "$R"/usr/lib/kova/modules/*.so; do
   rp=$(readelf -d "$f" | sed -n 's/.*(RUNPATH).*\[\(.*\)\]/\1/p')
   [[ $rp == /usr/lib/kova ]] || fail "$f has run path '$rp'"
 done

@@ -76,7 +76,7 @@ const char *Wrap<R (*)(A...), Entry>::name = nullptr;
     X(renameat) X(readlinkat) X(read) X(write) X(fsync) X(fdopendir) X(readdir64) X(closedir) X(getxattrat)        \
     X(setxattrat) X(removexattrat) X(fgetxattr) X(fsetxattr) X(fremovexattr) X(getxattr) X(setxattr)              \
     X(removexattr) X(kill) X(setresuid) X(setresgid) X(setgroups) X(capget) X(capset) X(pidfd_open)   \
-    X(pidfd_send_signal) X(fcntl_lock) X(faccessat) X(lseek)
+    X(pidfd_send_signal) X(fcntl_lock) X(faccessat) X(lseek) X(execve)
 
 // The list must name every entry: a table that grew without it fails here.
 #define KOVA_COUNT_ENTRY(e) +1

@@ -88,6 +88,8 @@ struct SysCalls {
     // A folder's read position (a readdir cookie), for a walk that resumes
     // where an earlier one stopped.
     off_t (*lseek)(int fd, off_t offset, int whence);
+    // Starting one of the platform's own programs in a child just forked.
+    int (*execve)(const char *path, char *const argv[], char *const envp[]);
 };
 
 // The table in force for the whole process.
