@@ -3,7 +3,7 @@
 
 #include "kova-internal/paths.h"
 #include "kova-internal/real-path.h"
-#include "real-path.h"
+#include "kova-internal/traverse-scope.h"
 #include "share-db.h"
 
 #include "kova/errcode.h"
@@ -116,7 +116,7 @@ thread_local Cache tCache;
 // the folders above it does not count (TraverseScope): the table is kept
 // per thread and serves every identity that thread takes on.
 bool OpenRoot(const ShareRoot &r, struct stat &st) {
-    TraverseScope raised;
+    kova_internal::TraverseScope raised;
     int fd = -1;
     if (kova_internal::OpenWithoutLinks(r.stored, O_DIRECTORY, &fd) != 0) return false;
     OwnedFd root(fd);

@@ -12,7 +12,7 @@
 #include "kova-internal/owned-fd.h"
 #include "kova-internal/sys-calls.h"
 #include "kova-internal/real-path.h"
-#include "real-path.h"
+#include "kova-internal/traverse-scope.h"
 #include "share-cache.h"
 #include "share-db.h"
 #include "share-lookup.h"
@@ -97,9 +97,9 @@ bool CanonicaliseAsCaller(const std::string &p, Reached &out) {
 // the kernel would not keep the path beneath the root; else -1 with the
 // last error set as CanonicaliseAsCaller sets it.
 int LookUpBeneath(const kova_share::ShareRoot &s, const std::string &lexical, Reached &out) {
-    kova_share::TraverseScope raised;
+    kova_internal::TraverseScope raised;
     int raw = -1;
-    int err = kova_share::OpenWithoutLinks(s.real, O_DIRECTORY, &raw);
+    int err = kova_internal::OpenWithoutLinks(s.real, O_DIRECTORY, &raw);
     if (err) {
         FolderLookupFailed(err);
         return -1;
@@ -107,13 +107,13 @@ int LookUpBeneath(const kova_share::ShareRoot &s, const std::string &lexical, Re
     kova_internal::OwnedFd rootFd(raw);
     std::string rel = lexical.size() > s.real.size() ? lexical.substr(s.real.size()) : std::string();
     while (!rel.empty() && rel[0] == '/') rel.erase(0, 1);
-    err = kova_share::OpenBeneath(rootFd.get(), rel, 0, &raw);
+    err = kova_internal::OpenBeneath(rootFd.get(), rel, 0, &raw);
     std::string name;
     if (err == ENOENT) {
         // Only the final component may be missing.
         std::string parent;
         if (!SplitLast(rel, parent, name)) return -1;
-        err = kova_share::OpenBeneath(rootFd.get(), parent, 0, &raw);
+        err = kova_internal::OpenBeneath(rootFd.get(), parent, 0, &raw);
         if (err && err != EXDEV) {
             FolderLookupFailed(err);
             return -1;
@@ -125,7 +125,7 @@ int LookUpBeneath(const kova_share::ShareRoot &s, const std::string &lexical, Re
         return -1;
     }
     out.fd = kova_internal::OwnedFd(raw);
-    err = kova_share::NameOfFd(out.fd.get(), out.named);
+    err = kova_internal::NameOfFd(out.fd.get(), out.named);
     if (err) {
         FolderLookupFailed(err);
         return -1;
@@ -154,7 +154,7 @@ bool CanonicaliseBeneath(const kova_share::ShareRoot &s, const std::string &writ
 // way openat2(RESOLVE_BENEATH) walks. A folder on the way swapped for a
 // link since it was named fails here.
 bool ReachedBeneath(const kova_share::ShareRoot &root, const Reached &r) {
-    kova_share::TraverseScope raised;
+    kova_internal::TraverseScope raised;
     int raw = -1;
     if (kova_internal::OpenWithoutLinks(root.real, O_DIRECTORY, &raw) != 0) return false;
     kova_internal::OwnedFd rootFd(raw);

@@ -1,6 +1,6 @@
 // The real-path lookup agrees with realpath on every kind of path, and opens below a
 // share root only as RESOLVE_BENEATH allows, with and without openat2.
-#include "real-path.h"
+#include "kova-internal/real-path.h"
 #include "temp-root.h"
 
 #include "kova-internal/sys-calls.h"
@@ -28,7 +28,7 @@ std::string Expected(const std::string &p) {
 
 std::string Actual(const std::string &p) {
     std::string out;
-    int err = kova_share::RealPathOf(p, out);
+    int err = kova_internal::RealPathOf(p, out);
     return err ? "errno:" + std::to_string(err) : out;
 }
 
@@ -63,7 +63,7 @@ TEST(RealPath, HandsBackADescriptorOfWhatItResolved) {
     for (const char *rel : {"/a/b", "/link/b"}) {
         std::string out;
         int fd = -1;
-        ASSERT_EQ(kova_share::RealPathOf(b + rel, out, &fd), 0) << rel;
+        ASSERT_EQ(kova_internal::RealPathOf(b + rel, out, &fd), 0) << rel;
         ASSERT_GE(fd, 0) << rel;
         struct stat viaFd, viaPath;
         ASSERT_EQ(fstat(fd, &viaFd), 0);
@@ -74,7 +74,7 @@ TEST(RealPath, HandsBackADescriptorOfWhatItResolved) {
     }
     int fd = 7;
     std::string out;
-    EXPECT_EQ(kova_share::RealPathOf(b + "/none/b", out, &fd), ENOENT);
+    EXPECT_EQ(kova_internal::RealPathOf(b + "/none/b", out, &fd), ENOENT);
     EXPECT_EQ(fd, -1);
 }
 
@@ -88,7 +88,7 @@ std::string Opened(const std::function<int(int *)> &open) {
     const int err = open(&fd);
     if (err) return "errno:" + std::to_string(err);
     std::string name;
-    const int nameErr = kova_share::NameOfFd(fd, name);
+    const int nameErr = kova_internal::NameOfFd(fd, name);
     close(fd);
     return nameErr ? "name errno:" + std::to_string(nameErr) : "ok:" + name;
 }
@@ -120,12 +120,12 @@ TEST(RealPath, OpensBeneathAFolderAndWithoutLinksWithAndWithoutOpenat2) {
     for (bool withOpenat2 : {true, false}) {
         std::unique_ptr<NoOpenat2> without(withOpenat2 ? nullptr : new NoOpenat2);
         int base = -1;
-        ASSERT_EQ(kova_share::OpenWithoutLinks(b + "/share", O_DIRECTORY, &base), 0);
+        ASSERT_EQ(kova_internal::OpenWithoutLinks(b + "/share", O_DIRECTORY, &base), 0);
         auto below = [&](const std::string &rel, int flags = 0) {
-            return Opened([&](int *fd) { return kova_share::OpenBeneath(base, rel, flags, fd); });
+            return Opened([&](int *fd) { return kova_internal::OpenBeneath(base, rel, flags, fd); });
         };
         auto rootAt = [](const std::string &path) {
-            return Opened([&](int *fd) { return kova_share::OpenWithoutLinks(path, O_DIRECTORY, fd); });
+            return Opened([&](int *fd) { return kova_internal::OpenWithoutLinks(path, O_DIRECTORY, fd); });
         };
         EXPECT_EQ(below(""), "ok:" + b + "/share");
         EXPECT_EQ(below("a/b"), "ok:" + b + "/share/a/b");
@@ -157,7 +157,7 @@ TEST(RealPath, RefusesANulInThePath) {
     ASSERT_TRUE(kova_test::MakeDirs(root.At("a")));
     std::string out = "untouched";
     int fd = 7;
-    EXPECT_EQ(kova_share::RealPathOf(root.At(std::string("a\0/../..", 8)), out, &fd), EINVAL);
+    EXPECT_EQ(kova_internal::RealPathOf(root.At(std::string("a\0/../..", 8)), out, &fd), EINVAL);
     EXPECT_EQ(out, "untouched");
     EXPECT_EQ(fd, -1);
 }
