@@ -34,6 +34,8 @@ if [[ ! -f "$BUILD/CMakeCache.txt" ]]; then
 fi
 targets=()
 for h in $HARNESSES; do targets+=("kova_fuzz_$h"); done
+# A set that starts a propagation starts the runner program.
+targets+=(kova-acl-runner)
 nice -n 19 cmake --build "$BUILD" -j "$(nproc)" --target "${targets[@]}" >/dev/null || {
   echo "fuzz.sh: build failed" >&2
   exit 1

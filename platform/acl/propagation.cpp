@@ -124,8 +124,10 @@ static std::string RunnerProgram() {
 }
 
 bool SpawnRunner() {
+    // Without the program (a partial install) the caller follows its change
+    // in place rather than waiting for a runner that never comes.
     const std::string program = RunnerProgram();
-    if (program.empty()) {
+    if (program.empty() || access(program.c_str(), X_OK) != 0) {
         KOVA_FAIL(KOVA_ERR_NOENT);
         return false;
     }
