@@ -7,6 +7,8 @@
 
 #include "../../../platform/acl/propagation.h"
 
+#include <dirent.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
 #include <unistd.h>
@@ -45,6 +47,36 @@ struct WithoutXattrAt::Saved {
 WithoutXattrAt::WithoutXattrAt() : saved_(new Saved) { gRefused = 0; }
 WithoutXattrAt::~WithoutXattrAt() = default;
 long WithoutXattrAt::Count() { return gRefused.load(); }
+
+void AclFixture::OpenAncestors() {
+    for (std::string p = Share(); p.size() > 1; p = p.substr(0, p.rfind('/'))) chmod(p.c_str(), 0755);
+    chmod(Share().c_str(), 0777);
+}
+
+unsigned KernelBits(const std::string &path) {
+    struct stat st;
+    if (lstat(path.c_str(), &st) != 0) return errno == EACCES ? 0 : 0100;
+    unsigned b = 0;
+    if (S_ISDIR(st.st_mode)) {
+        DIR *d = opendir(path.c_str());
+        if (d) closedir(d);
+        b |= (d ? kR : 0) | (faccessat(AT_FDCWD, path.c_str(), W_OK, AT_EACCESS) == 0 ? kW : 0);
+    } else {
+        for (int flags : {O_RDONLY, O_WRONLY}) {
+            const int fd = open(path.c_str(), flags | O_NOFOLLOW);
+            b |= fd < 0 ? 0 : flags == O_RDONLY ? kR : kW;
+            if (fd >= 0) close(fd);
+        }
+    }
+    return b | (faccessat(AT_FDCWD, path.c_str(), X_OK, AT_EACCESS) == 0 ? kX : 0);
+}
+
+unsigned KernelBitsAs(const kova_test::Identity &who, const std::string &path) {
+    return static_cast<unsigned>(kova_test::RunAs(who, [&] {
+        if (setresgid(who.gid, who.gid, who.gid) != 0 || setresuid(who.uid, who.uid, who.uid) != 0) return 0200;
+        return static_cast<int>(KernelBits(path));
+    }));
+}
 
 void AclFixture::SetUp() {
     // Runners go as soon as their jobs are done (WaitForPropagations waits for that).

@@ -53,32 +53,11 @@ using kova_internal::ScopedSysCall;
 using kova_internal::SysCalls;
 using kova_test::Identity;
 
-constexpr unsigned kR = 4, kW = 2, kX = 1;
+using kova_acl_test::KernelBitsAs;
+using kova_acl_test::kR;
+using kova_acl_test::kW;
+using kova_acl_test::kX;
 const Identity kAlice{1030, 1030, {}}, kBob{1031, 1031, {}};
-
-// What the kernel lets a child with the user's real ids do.
-unsigned KernelBitsAs(const Identity &who, const std::string &path) {
-    return static_cast<unsigned>(kova_test::RunAs(who, [&] {
-        if (setresgid(who.gid, who.gid, who.gid) != 0 || setresuid(who.uid, who.uid, who.uid) != 0) return 100;
-        struct stat st;
-        // A folder above it that may not be searched: nothing is reachable.
-        if (lstat(path.c_str(), &st) != 0) return errno == EACCES ? 0 : 101;
-        unsigned b = 0;
-        if (S_ISDIR(st.st_mode)) {
-            DIR *d = opendir(path.c_str());
-            if (d) closedir(d);
-            b |= (d ? kR : 0) | (faccessat(AT_FDCWD, path.c_str(), W_OK, AT_EACCESS) == 0 ? kW : 0);
-        } else {
-            for (int flags : {O_RDONLY, O_WRONLY}) {
-                const int fd = open(path.c_str(), flags | O_NOFOLLOW);
-                b |= fd < 0 ? 0 : flags == O_RDONLY ? kR : kW;
-                if (fd >= 0) close(fd);
-            }
-        }
-        if (faccessat(AT_FDCWD, path.c_str(), X_OK, AT_EACCESS) == 0) b |= kX;
-        return static_cast<int>(b);
-    }));
-}
 
 // A record that inherits and has no entries of its own, written directly so
 // that building a tree starts no propagation of its own.
@@ -134,8 +113,7 @@ class AclPropagation : public AclFixture {
 protected:
     void SetUp() override {
         AclFixture::SetUp();
-        for (std::string p = Share(); p.size() > 1; p = p.substr(0, p.rfind('/'))) chmod(p.c_str(), 0755);
-        chmod(Share().c_str(), 0777);
+        OpenAncestors();
         top_ = In("top");
         // Two workers (the tests that slow the walk down count on its pace),
         // and every change, however small its tree, goes to a job.
@@ -201,6 +179,26 @@ protected:
         return counts.differing + counts.failed;
     }
 
+    // What the platform and the kernel hold for each path.
+    static std::vector<std::string> Snapshot(const std::vector<std::string> &paths) {
+        std::vector<std::string> out;
+        for (const std::string &p : paths) {
+            char buf[512];
+            const ssize_t n = lgetxattr(p.c_str(), "system.posix_acl_access", buf, sizeof buf);
+            out.push_back(RawRecord(p) + "|" + std::string(buf, static_cast<size_t>(n > 0 ? n : 0)));
+        }
+        return out;
+    }
+    // A file outside the share with a record, reachable through the link top/d0/out; its snapshot.
+    std::vector<std::string> LinkOutside(const std::string &name) {
+        const std::string outside = root_.At(name);
+        Dir(outside);
+        File(outside + "/g");
+        EXPECT_EQ(SetAcl(outside + "/g", {"user:1030:allow:r:-"}, true), 0);
+        EXPECT_EQ(symlink(outside.c_str(), (top_ + "/d0/out").c_str()), 0);
+        return Snapshot({outside + "/g"});
+    }
+
     // What the kernel lets each user do with each path, as a table.
     struct Access {
         const Identity &who;
@@ -256,10 +254,11 @@ protected:
 
 // The plain case, down three levels: every inheriting entry follows the new
 // entries, one that does not inherit keeps its own (and so does what lies
-// below it), one without a record keeps its mode.
+// below it), one without a record keeps its mode, a link is not followed.
 TEST_F(AclPropagation, NonRecursiveChangeReachesEveryInheritingDescendant) {
     unsetenv("KOVA_PROPAGATION_THREADS");  // as many workers as by default
     const std::vector<std::string> all = Tree(3, 2, 6);
+    const std::vector<std::string> outside = LinkOutside("outside");
     Dir(top_ + "/d0/own");
     Make(top_ + "/d0/own/g", false);
     ASSERT_EQ(SetAcl(top_ + "/d0/own", {"user:1031:allow:rx:fd"}, false), 0);
@@ -291,6 +290,7 @@ TEST_F(AclPropagation, NonRecursiveChangeReachesEveryInheritingDescendant) {
     ASSERT_EQ(KOVAACLRemove(top_.c_str(), -1), 0);
     ASSERT_TRUE(WaitForPropagations());
     Followed({{kBob, top_ + "/d2/s1/f5", 0}});
+    EXPECT_EQ(Snapshot({root_.At("outside/g")}), outside);
 }
 
 // A small tree is followed in place, without a job, and so is a larger one
@@ -299,12 +299,14 @@ TEST_F(AclPropagation, NonRecursiveChangeReachesEveryInheritingDescendant) {
 // finished, it is forgotten and the change goes to a job, which finishes it.
 TEST_F(AclPropagation, SmallTreesAndChangesBeyondTheJobPlacesAreFollowedInPlace) {
     Tree(2, 2, 3);
+    const std::vector<std::string> outside = LinkOutside("outside");
     unsetenv("KOVA_PROPAGATION_IN_PLACE");
     ASSERT_EQ(SetAcl(top_, {"user:1031:allow:rx:fd"}, false), 0);
     std::vector<PropagationJob> jobs;
     ASSERT_TRUE(kova_acl::ListPropagations(jobs));
     EXPECT_TRUE(jobs.empty());
     Followed({{kBob, top_ + "/d1/s1/f2", kR | kX}});
+    EXPECT_EQ(Snapshot({root_.At("outside/g")}), outside) << "the in-place refresh followed a link";
 
     setenv("KOVA_PROPAGATION_IN_PLACE", "5", 1);  // fewer than the tree's 18
     kova_acl::JobDir dir;
@@ -470,19 +472,9 @@ TEST_F(AclPropagation, FoldersSwappedDuringTheWalkChangeNothingOutside) {
             ASSERT_EQ(SetAcl(o, {"user:1030:allow:r:fd"}, false), 0);
         }
         ASSERT_TRUE(WaitForPropagations());
-        // What the kernel and the platform hold for the outside folders, by
-        // where they are: the second one is moved into the tree by the swap.
-        auto snapshot = [](const std::vector<std::string> &paths) {
-            std::vector<std::string> out;
-            for (const std::string &p : paths) {
-                char buf[512];
-                const ssize_t n = lgetxattr(p.c_str(), "system.posix_acl_access", buf, sizeof buf);
-                out.push_back(RawRecord(p) + "|" + std::string(buf, static_cast<size_t>(n > 0 ? n : 0)));
-            }
-            return out;
-        };
+        // The outside folders by where they are: the second one is moved into the tree by the swap.
         const std::vector<std::string> before =
-            snapshot({gOutside, gOutside + "/g", gOutside + "-dir", gOutside + "-dir/g"});
+            Snapshot({gOutside, gOutside + "/g", gOutside + "-dir", gOutside + "-dir/g"});
 
         if (how == "verify") {
             ASSERT_EQ(SetAcl(top_, {"user:1031:allow:rwxpD:fd"}, false), 0);
@@ -499,7 +491,7 @@ TEST_F(AclPropagation, FoldersSwappedDuringTheWalkChangeNothingOutside) {
         ASSERT_EQ(lstat((top_ + "/d0/s0").c_str(), &st), 0);
         EXPECT_TRUE(S_ISLNK(st.st_mode)) << "the link was swapped in";
         ASSERT_NE(lstat((gOutside + "-dir").c_str(), &st), 0) << "the folder was moved in";
-        EXPECT_EQ(snapshot({gOutside, gOutside + "/g", top_ + "/d0/s1", top_ + "/d0/s1/g"}), before);
+        EXPECT_EQ(Snapshot({gOutside, gOutside + "/g", top_ + "/d0/s1", top_ + "/d0/s1/g"}), before);
         EXPECT_EQ(KernelBitsAs(kBob, top_ + "/d0/s1/g"), 0u);
         // The rest of the tree followed.
         EXPECT_EQ(KernelBitsAs(kBob, top_ + "/d0/f"), kR | kW | kX);
