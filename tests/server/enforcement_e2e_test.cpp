@@ -21,6 +21,7 @@
 #include "kova/account.h"
 #include "kova/share.h"
 #include "../../platform/acl/propagation.h"
+#include "share-fixture.h"
 #include "temp-root.h"
 #include "webd-process.h"
 
@@ -107,13 +108,7 @@ protected:
             ASSERT_TRUE(kova_test::WriteFile(f, "data"));
             chmod(f.c_str(), 0666);
         }
-        KOVA_SHARE s = {};
-        snprintf(s.szName, sizeof s.szName, "proj");
-        snprintf(s.szPath, sizeof s.szPath, "%s", share_.c_str());
-        s.supportAcl = 1;
-        s.aclStatus = 1;
-        s.defaultPriv = KOVA_SHARE_PRIV_RW;
-        ASSERT_EQ(0, KOVAShareSet(&s));
+        ASSERT_EQ(0, kova_share_test::AddAclShare("proj", share_, KOVA_SHARE_PRIV_RW));
 
         // However small the tree, a change of what a folder passes down goes
         // to the platform's background propagation, which the server's set

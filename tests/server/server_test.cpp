@@ -15,6 +15,7 @@
 #include "kova/account.h"
 #include "kova/acl.h"
 #include "kova/share.h"
+#include "share-fixture.h"
 #include "temp-root.h"
 #include "text-check.h"
 #include "webd-process.h"
@@ -372,13 +373,7 @@ TEST_F(Server, FilesApiHonoursSharePrivilegesAndFolderRights) {
     ASSERT_TRUE(kova_test::MakeDirs(docs + "/zdir"));
     ASSERT_TRUE(kova_test::MakeDirs(docs + "/secret"));
     chmod((docs + "/secret").c_str(), 0700);
-    KOVA_SHARE s = {};
-    snprintf(s.szName, sizeof s.szName, "docs");
-    snprintf(s.szPath, sizeof s.szPath, "%s", docs.c_str());
-    s.supportAcl = 1;
-    s.aclStatus = 1;
-    s.defaultPriv = KOVA_SHARE_PRIV_NONE;
-    ASSERT_EQ(0, KOVAShareSet(&s));
+    ASSERT_EQ(0, kova_share_test::AddAclShare("docs", docs, KOVA_SHARE_PRIV_NONE));
     ASSERT_EQ(0, KOVASharePrivSet("docs", 1, "alice", KOVA_SHARE_PRIV_RW));
     WebClient a = SignedIn(alice), b = SignedIn(bob);
     auto files = [](WebClient &c, const std::string &method, const Json::Value &p = Json::Value(Json::objectValue)) {

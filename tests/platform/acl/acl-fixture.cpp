@@ -1,4 +1,5 @@
 #include "acl-fixture.h"
+#include "share-fixture.h"
 
 #include "kova/acl.h"
 #include "kova/klibc.h"
@@ -86,14 +87,7 @@ void AclFixture::SetUp() {
     share_ = root_.At("volumes/volume1/data");
     ASSERT_TRUE(kova_test::MakeDirs(share_));
     chmod(share_.c_str(), 0777);
-    KOVA_SHARE s;
-    std::memset(&s, 0, sizeof s);
-    std::snprintf(s.szName, sizeof s.szName, "data");
-    std::snprintf(s.szPath, sizeof s.szPath, "%s", share_.c_str());
-    s.supportAcl = 1;
-    s.aclStatus = 1;
-    s.defaultPriv = KOVA_SHARE_PRIV_RW;
-    ASSERT_EQ(KOVAShareSet(&s), 0);
+    ASSERT_EQ(kova_share_test::AddAclShare("data", share_, KOVA_SHARE_PRIV_RW), 0);
 }
 
 void AclFixture::Dir(const std::string &path) {

@@ -7,6 +7,7 @@
 // the same folder supersedes the running one. With every job place held by
 // an unfinished job, a change is followed in place.
 #include "acl-fixture.h"
+#include "share-fixture.h"
 
 #include "as-identity.h"
 #include "run-admin.h"
@@ -350,13 +351,7 @@ TEST_F(AclPropagation, SmallTreesAndChangesBeyondTheJobPlacesAreFollowedInPlace)
 // the walk gives that folder and what lies below it nothing of the top's.
 TEST_F(AclPropagation, AShareRootInsideTheTreeInheritsNothingFromAbove) {
     Tree(2, 1, 2);
-    KOVA_SHARE inner = {};
-    std::snprintf(inner.szName, sizeof inner.szName, "inner");
-    std::snprintf(inner.szPath, sizeof inner.szPath, "%s", (top_ + "/d0").c_str());
-    inner.supportAcl = 1;
-    inner.aclStatus = 1;
-    inner.defaultPriv = KOVA_SHARE_PRIV_RW;
-    ASSERT_EQ(KOVAShareSet(&inner), 0);
+    ASSERT_EQ(kova_share_test::AddAclShare("inner", top_ + "/d0", KOVA_SHARE_PRIV_RW), 0);
     ASSERT_EQ(SetAcl(top_, {"user:1031:allow:rwxpD:fd"}, false), 0);
     ASSERT_TRUE(WaitForPropagations());
     Followed({{kBob, top_ + "/d1/s0/f1", kR | kW | kX}}, top_ + "/d1");
