@@ -1,6 +1,5 @@
-// The server's parts that need no running server: request parsing, the
-// worker channel's framing, module table validation and lookup, sessions,
-// the sign-in throttle.
+// The server's parts that need no running server: request parsing, the worker channel's framing, module table
+// validation and lookup, sessions, the sign-in throttle.
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -47,9 +46,8 @@ TEST(ApiCall, JsonBodyAndItsErrors) {
     EXPECT_EQ(3, c.version);
     EXPECT_TRUE(c.params.isObject() && c.params.empty());
 
-    // 64 levels in all: the body object, params, and 62 arrays; one more is
-    // its own error. Bad text anywhere in the call: a value, a member name,
-    // the method.
+    // 64 levels in all: the body object, params, and 62 arrays; one more is its own error. Bad text anywhere
+    // in the call: a value, a member name, the method.
     const std::string nested = R"({"api":"A","version":1,"method":"m","params":{"x":)";
     const struct {
         std::string body;
@@ -208,9 +206,8 @@ TEST(ModuleTable, RegistryRefusesTakenRowsWholeAndTellsWhatIsMissing) {
     EXPECT_EQ("a.so", r->origin);
 }
 
-// Sign-in, tokens and logout are checked through the server. Here: a
-// browser cannot pile up sessions, and a cookie the server never gave out
-// is not adopted.
+// Sign-in, tokens and logout are checked through the server. Here: a browser cannot pile up sessions, and a
+// cookie the server never gave out is not adopted.
 TEST(Sessions, IdsAndTokensAreFreshAndChecked) {
     webd::SessionStore store(3600);
     webd::Session a, b;
@@ -370,8 +367,8 @@ TEST(Worker, EveryRequestStartsWithoutTheLastErrorOfTheOneBefore) {
     ASSERT_TRUE(webd::RestoreRoot(rootGroups));
 }
 
-// The request handling as a plain function of the request: no socket, no
-// listener, and a worker pool that can never start a worker.
+// The request handling as a plain function of the request: no socket, no listener, and a worker pool that can
+// never start a worker.
 class Front : public ::testing::Test {
 protected:
     void SetUp() override { ASSERT_TRUE(reg.Add({{"T", 1, "m", H, "t.so"}})); }
@@ -437,9 +434,8 @@ TEST_F(Front, HandlesWholeRequestsInProcess) {
     EXPECT_EQ("close", refused.Header("Connection"));
 }
 
-// The front's own APIs are rows of the registry it serves, looked up like
-// any module's, and leave with it: a later front on the same registry
-// answers them itself instead of calling into one that is gone.
+// The front's own APIs are rows of the registry it serves, looked up like any module's, and leave with it: a
+// later front on the same registry answers them itself instead of calling into one that is gone.
 TEST_F(Front, OwnApisAreRegistryRowsForItsLifetime) {
     const webd::Route *r = nullptr;
     for (int round = 0; round < 2; ++round) {

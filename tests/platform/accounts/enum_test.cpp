@@ -1,6 +1,5 @@
-// Account enumerations: windows and totals, stopping callbacks, literal
-// keyword matching, Unicode case folding, and the LDAP and domain sources
-// read from their caches.
+// Account enumerations: windows and totals, stopping callbacks, literal keyword matching, Unicode case
+// folding, and the LDAP and domain sources read from their caches.
 #include "temp-root.h"
 
 #include "kova-accountdb-admin.h"
