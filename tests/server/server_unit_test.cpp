@@ -208,7 +208,7 @@ TEST(ModuleTable, RegistryRefusesTakenRowsWholeAndTellsWhatIsMissing) {
 
 // Sign-in, tokens and logout are checked through the server. Here: a browser cannot pile up sessions, and a
 // cookie the server never gave out is not adopted.
-TEST(Sessions, IdsAndTokensAreFreshAndChecked) {
+TEST(Sessions, IdsTokensAndCookiesAreFreshAndChecked) {
     webd::SessionStore store(3600);
     webd::Session a, b;
     ASSERT_TRUE(store.Create(a));
@@ -242,6 +242,11 @@ TEST(Sessions, IdsAndTokensAreFreshAndChecked) {
     EXPECT_TRUE(webd::SameSecret("abc", "abc"));
     EXPECT_FALSE(webd::SameSecret("abc", "abd"));
     EXPECT_FALSE(webd::SameSecret("abc", "ab"));
+
+    EXPECT_EQ("v1", webd::CookieValue("kova_sid=v1", "kova_sid"));
+    EXPECT_EQ("v2", webd::CookieValue("a=1; kova_sid=v2; b=3", "kova_sid"));
+    EXPECT_EQ("", webd::CookieValue("xkova_sid=v3; kova_sidx=4", "kova_sid"));
+    EXPECT_EQ("", webd::CookieValue("", "kova_sid"));
 }
 
 TEST(Sessions, IdleSessionsEndAndUseKeepsThemAlive) {
@@ -266,13 +271,6 @@ TEST(Sessions, IdleSessionsEndAndUseKeepsThemAlive) {
     now += 100;
     ASSERT_TRUE(store.Create(d));
     EXPECT_EQ(1u, store.Count());
-}
-
-TEST(Sessions, CookieHeaderParsing) {
-    EXPECT_EQ("v1", webd::CookieValue("kova_sid=v1", "kova_sid"));
-    EXPECT_EQ("v2", webd::CookieValue("a=1; kova_sid=v2; b=3", "kova_sid"));
-    EXPECT_EQ("", webd::CookieValue("xkova_sid=v3; kova_sidx=4", "kova_sid"));
-    EXPECT_EQ("", webd::CookieValue("", "kova_sid"));
 }
 
 using std::chrono::seconds;
