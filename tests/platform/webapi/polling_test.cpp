@@ -253,11 +253,12 @@ TEST_F(Polling, TaskPublishesProgressToItsOwnerAndFinishes) {
     EXPECT_EQ(StatusError("bob", id), noTask_);
     EXPECT_EQ(KLIBCErrGet(), KOVA_ERR_NOTASK);
     EXPECT_EQ(StatusError("admin", id), "ok");  // "admin" is an administrator on a new root
-    for (const auto &pair : {std::make_pair("bob", id), std::make_pair("bob", bobbys), std::make_pair("bobby", bobs)}) {
+    using Pair = std::pair<std::string, std::string>;  // a user and a task that is not theirs, or theirs
+    for (const Pair &pair : {Pair{"bob", id}, Pair{"bob", bobbys}, Pair{"bobby", bobs}}) {
         EXPECT_EQ(StatusError(pair.first, pair.second), noTask_) << pair.first << " " << pair.second;
         EXPECT_EQ(StopError(pair.first, pair.second), noTask_) << pair.first << " " << pair.second;
     }
-    for (const auto &pair : {std::make_pair("alice", id), std::make_pair("bob", bobs), std::make_pair("bobby", bobbys)}) {
+    for (const Pair &pair : {Pair{"alice", id}, Pair{"bob", bobs}, Pair{"bobby", bobbys}}) {
         ASSERT_TRUE(StatusAs(pair.first, pair.second, st)) << pair.first;
         EXPECT_FALSE(st["finished"].asBool()) << pair.first;
     }
