@@ -1,10 +1,8 @@
-// The stored ACL record codec (platform/acl/acl-record.h): anyone with raw
-// access to the disk can change the extended attribute it reads. The first
-// byte picks a mode for the rest: 0 a record as stored; 1 the same with its
-// CRC made right, to reach the fields behind it; 2 a StoredAcl (flags,
-// owner gid, 12 bytes per entry) to encode. Checked: a record that decodes
-// encodes back to the same bytes, a refused one sets KOVA_ERR_CORRUPT, and
-// an ACL that encodes decodes back equal.
+// The stored ACL record codec (platform/acl/acl-record.h): anyone with raw access to the disk can change the
+// extended attribute it reads. The first byte picks a mode for the rest: 0 a record as stored; 1 the same
+// with its CRC made right, to reach the fields behind it; 2 a StoredAcl (flags, owner gid, 12 bytes per
+// entry) to encode. Checked: a record that decodes encodes back to the same bytes, a refused one sets
+// KOVA_ERR_CORRUPT, and an ACL that encodes decodes back equal.
 #include "acl-record.h"
 #include "fuzz-check.h"
 

@@ -1,6 +1,5 @@
-// The worker channel's frame reader (server/frame.h), fed what a worker
-// that was taken over could send, then end of file. Checked: a frame that
-// reads is written back and read again to the same value, and its compact
+// The worker channel's frame reader (server/frame.h), fed what a worker that was taken over could send, then
+// end of file. Checked: a frame that reads is written back and read again to the same value, and its compact
 // text parses to that value.
 #include "frame.h"
 #include "fuzz-check.h"
@@ -12,8 +11,8 @@ namespace {
 
 using kova_fuzz::Check;
 
-// One in-memory file stands in for the channel: no pipe buffer to fill, no
-// reader thread, and the reader sees end of file after the input.
+// One in-memory file stands in for the channel: no pipe buffer to fill, no reader thread, and the reader sees
+// end of file after the input.
 int Channel() {
     static int fd = memfd_create("frame", 0);
     Check(fd >= 0, "memfd_create");
@@ -29,9 +28,8 @@ void Load(const void *data, size_t size) {
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    // The reader sizes its buffer from the length prefix before it reads
-    // (up to kMaxFrameBytes); a prefix far beyond the input only costs the
-    // fuzzer that allocation per run and ends like a short one, at EOF.
+    // The reader sizes its buffer from the length prefix before it reads (up to kMaxFrameBytes); a prefix far
+    // beyond the input only costs the fuzzer that allocation per run and ends like a short one, at EOF.
     if (size >= 4) {
         uint32_t n = (uint32_t(data[0]) << 24) | (uint32_t(data[1]) << 16) | (uint32_t(data[2]) << 8) | data[3];
         if (n > size - 4 + 4096 && n <= webd::kMaxFrameBytes) return 0;

@@ -77,8 +77,8 @@ void RemoveRoot() {
     if (gRoot && gRoot->path.size() > 5) nftw(gRoot->path.c_str(), RemoveEntry, 16, FTW_DEPTH | FTW_PHYS);
 }
 
-// A run that found a crash ends without its exit handlers; the roots it
-// left behind are removed by the next run, once their process is gone.
+// A run that found a crash ends without its exit handlers; the roots it left behind are removed by the next
+// run, once their process is gone.
 void RemoveStaleRoots() {
     DIR *dir = opendir("/tmp");
     if (!dir) return;
@@ -140,9 +140,8 @@ FuzzRoot *Create() {
     SetAcl(root->share + "/project/report.txt", {"user:bob:allow:r------------:----"}, true);
     WriteFile(root->share + "/plain.txt", "plain");
 
-    // A bound LDAP directory and a joined domain, each with a small account
-    // cache, so owner searches run their clauses against real databases.
-    // Nothing is ever contacted: searches read only the caches.
+    // A bound LDAP directory and a joined domain, each with a small account cache, so owner searches run
+    // their clauses against real databases. Nothing is ever contacted: searches read only the caches.
     KovaLdapConfig ldap;
     ldap.bound = true;
     ldap.uri = "ldap://127.0.0.1:9";

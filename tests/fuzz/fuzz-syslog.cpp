@@ -1,7 +1,6 @@
-// The harnesses export these (ENABLE_EXPORTS), so the module's and the
-// platform's system-log lines are formatted, which checks every format
-// against its arguments under the sanitizers, and then dropped instead of
-// costing a socket call per line.
+// The harnesses export these (ENABLE_EXPORTS), so the module's and the platform's system-log lines are
+// formatted, which checks every format against its arguments under the sanitizers, and then dropped instead
+// of costing a socket call per line.
 #include <syslog.h>
 
 #include <cstdarg>

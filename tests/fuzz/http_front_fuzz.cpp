@@ -1,13 +1,10 @@
-// kova-webd's request handling without sockets: the input is what a client
-// sends on one connection, read by Beast's parser with the listener's limits
-// (http-listener.h) into requests for Front::Handle, or refusals for
-// Front::Refuse (not HTTP, over a limit, or cut short: the client went
-// quiet). Calls run in one real kova-webd worker. "@SID_ADMIN@",
-// "@TOKEN_ADMIN@", "@SID_ALICE@", "@TOKEN_ALICE@" and "@SHARE@" become the
-// sessions made at start and the share's path (in a Content-Length body
-// before the parse, the length adjusted). Checked for every reply: a status
-// and header fields the listener can write; on /webapi and in refusals a
-// JSON envelope in valid UTF-8; no worker killed (code 160); no throw.
+// kova-webd's request handling without sockets: the input is what a client sends on one connection, read by
+// Beast's parser with the listener's limits (http-listener.h) into requests for Front::Handle, or refusals
+// for Front::Refuse (not HTTP, over a limit, or cut short: the client went quiet). Calls run in one real
+// kova-webd worker. "@SID_ADMIN@", "@TOKEN_ADMIN@", "@SID_ALICE@", "@TOKEN_ALICE@" and "@SHARE@" become the
+// sessions made at start and the share's path (in a Content-Length body before the parse, the length
+// adjusted). Checked for every reply: a status and header fields the listener can write; on /webapi and in
+// refusals a JSON envelope in valid UTF-8; no worker killed (code 160); no throw.
 #include "fuzz-check.h"
 #include "fuzz-root.h"
 #include "utf8-check.h"
@@ -47,9 +44,8 @@ struct World {
 
 World *gWorld = nullptr;
 
-// The session of `user` behind the placeholders @SID_<tag>@ / @TOKEN_<tag>@,
-// made anew when an input ended it (logout, or a sign-in from its cookie),
-// so later inputs still reach the methods.
+// The session of `user` behind the placeholders @SID_<tag>@ / @TOKEN_<tag>@, made anew when an input ended it
+// (logout, or a sign-in from its cookie), so later inputs still reach the methods.
 void EnsureSession(World &w, const std::string &user, const std::string &tag) {
     webd::Session live, s;
     if (w.sessions.Get(w.tokens["@SID_" + tag + "@"], live)) return;
@@ -78,8 +74,8 @@ std::string Substitute(std::string text) {
     return kova_fuzz::WithSharePath(std::move(text));
 }
 
-// Replaces the placeholders in each Content-Length body of a connection's
-// bytes and corrects the length; everything else passes unchanged.
+// Replaces the placeholders in each Content-Length body of a connection's bytes and corrects the length;
+// everything else passes unchanged.
 std::string SubstituteBodies(const std::string &in) {
     std::string out;
     size_t pos = 0;
@@ -112,8 +108,7 @@ bool IsTokenChar(unsigned char c) {
     return std::isalnum(c) || std::string("!#$%&'*+-.^_`|~").find(static_cast<char>(c)) != std::string::npos;
 }
 
-// What the listener needs to write a reply, and the envelope on /webapi
-// and on every refusal.
+// What the listener needs to write a reply, and the envelope on /webapi and on every refusal.
 void Check(const webd::HttpReply &res, bool api, const std::string &what) {
     if (res.status < 200 || res.status > 599) Die(what + ": status " + std::to_string(res.status));
     for (const auto &h : res.headers) {
@@ -151,8 +146,8 @@ bool IsApi(const webd::HttpRequest &req) {
     return path == "/webapi";
 }
 
-// One connection's requests (up to 8), as the listener reads and answers
-// them; the replies in order, for KOVA_FUZZ_PRINT.
+// One connection's requests (up to 8), as the listener reads and answers them; the replies in order, for
+// KOVA_FUZZ_PRINT.
 std::string Serve(World &w, const std::string &in) {
     std::string all;
     size_t pos = 0;
@@ -208,8 +203,8 @@ std::string Serve(World &w, const std::string &in) {
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {
     const kova_fuzz::FuzzRoot &root = kova_fuzz::Root();
-    // The worker is a separate program: it learns the fault that keeps
-    // set's task from starting from the environment.
+    // The worker is a separate program: it learns the fault that keeps set's task from starting from the
+    // environment.
     setenv("KOVA_FAULTS", "APIPolling::Start:0:0:0x0800", 1);
     // Millions of calls would fill the disk with access-log lines.
     const std::string logDir = root.path + "/var/log";

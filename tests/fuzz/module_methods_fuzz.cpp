@@ -1,9 +1,7 @@
-// Every method of the shipped module, dlopen()ed and called through its
-// GetAPITable as the server calls it. Input: a line "<method>[.<version>]
-// [<login user>]" (admin by default; alice runs with her effective ids as a
-// worker would), then the parameters as a JSON object ("@SHARE@" is the
-// share's path). Checked: the handler set the response, returned with the
-// ids it was called with and threw nothing; the reply is valid UTF-8.
+// Every method of the shipped module, dlopen()ed and called through its GetAPITable as the server calls it.
+// Input: a line "<method>[.<version>] [<login user>]" (admin by default; alice runs with her effective ids as
+// a worker would), then the parameters as a JSON object ("@SHARE@" is the share's path). Checked: the handler
+// set the response, returned with the ids it was called with and threw nothing; the reply is valid UTF-8.
 #include "fuzz-check.h"
 #include "fuzz-root.h"
 #include "utf8-check.h"
@@ -71,8 +69,7 @@ KOVA_API_HANDLER Find(const std::string &method, int version) {
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {
     kova_fuzz::Root();
     gAlice = Resolve("alice");
-    // Loaded here, before the fuzzer starts, so the module's coverage
-    // counters are registered with the rest.
+    // Loaded here, before the fuzzer starts, so the module's coverage counters are registered with the rest.
     void *handle = dlopen(KOVA_FUZZ_MODULE_PATH, RTLD_NOW | RTLD_LOCAL);
     if (!handle) Die(dlerror());
     auto get = reinterpret_cast<KOVA_GET_API_TABLE>(dlsym(handle, KOVA_GET_API_TABLE_SYMBOL));

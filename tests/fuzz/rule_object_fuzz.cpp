@@ -1,9 +1,7 @@
-// The module's rule model (module/acl-object.h), fed the input as JSON (what
-// a client may send in "rules") and as text for the permission and inherit
-// string parsers. Checked: validation and text conversion agree; a rule's
-// strings read back to its flags; an entry built from a rule is valid and
-// prints the same strings; the string parsers take exactly the table's
-// length and write every key.
+// The module's rule model (module/acl-object.h), fed the input as JSON (what a client may send in "rules")
+// and as text for the permission and inherit string parsers. Checked: validation and text conversion agree; a
+// rule's strings read back to its flags; an entry built from a rule is valid and prints the same strings; the
+// string parsers take exactly the table's length and write every key.
 #include "acl-object.h"
 #include "fuzz-check.h"
 #include "fuzz-root.h"

@@ -1,11 +1,9 @@
-// From a client's search keyword to SQL: the module's LIKE helpers
-// (like-clause.h) and the account databases' clause parser and SQL builder
-// (clause.h). The first byte picks a table layout (low three bits) and a
-// mode (bit 3) for the text that follows. A clause is refused or becomes
-// SQL of the layout's column names, operators and one bound parameter per
-// condition, with no byte of a pattern in it. A keyword, escaped into a
-// clause for each column as the directory sources do, parses back to that
-// column and pattern, whose longest literal is the whole keyword.
+// From a client's search keyword to SQL: the module's LIKE helpers (like-clause.h) and the account databases'
+// clause parser and SQL builder (clause.h). The first byte picks a table layout (low three bits) and a mode
+// (bit 3) for the text that follows. A clause is refused or becomes SQL of the layout's column names,
+// operators and one bound parameter per condition, with no byte of a pattern in it. A keyword, escaped into a
+// clause for each column as the directory sources do, parses back to that column and pattern, whose longest
+// literal is the whole keyword.
 #include "clause.h"
 #include "fuzz-check.h"
 #include "like-clause.h"
@@ -20,8 +18,7 @@ namespace {
 
 using kova_fuzz::Check;
 
-// Users (even b) or groups (odd b) of an LDAP directory, a domain's full
-// cache or its enumeration cache.
+// Users (even b) or groups (odd b) of an LDAP directory, a domain's full cache or its enumeration cache.
 const kova_accountdb::Layout *PickLayout(uint8_t b) {
     static const int kSources[3][2] = {{KOVA_ACCOUNTDB_LDAP, 0}, {KOVA_ACCOUNTDB_DOMAIN, KOVA_ACCOUNTDB_TYPE_FULL},
                                        {KOVA_ACCOUNTDB_DOMAIN, KOVA_ACCOUNTDB_TYPE_ENUM}};
@@ -90,8 +87,8 @@ void FuzzKeyword(const kova_accountdb::Layout &layout, const std::string &keywor
         bool isUpper = internal::IsUpperColumn(layout.columns[i].name);
         CheckKeywordClause(layout, static_cast<int>(i), isUpper ? upper : escaped);
     }
-    // Requests reach the search only as valid UTF-8; the literal counts
-    // characters, so stray continuation bytes alone count as nothing.
+    // Requests reach the search only as valid UTF-8; the literal counts characters, so stray continuation
+    // bytes alone count as nothing.
     size_t chars = 0;
     std::string literal = kova_accountdb::LongestLiteral("%" + escaped + "%", &chars);
     if (kova_fuzz::ValidUtf8(keyword))

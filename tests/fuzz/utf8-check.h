@@ -1,6 +1,5 @@
-// Well-formed UTF-8, as the platform requires of every string from a
-// request before it reaches a path, a log line, a query or a reply: no
-// overlong forms, surrogates, values past U+10FFFF or cut sequences.
+// Well-formed UTF-8, as the platform requires of every string from a request before it reaches a path, a log
+// line, a query or a reply: no overlong forms, surrogates, values past U+10FFFF or cut sequences.
 #ifndef KOVA_FUZZ_UTF8_CHECK_H
 #define KOVA_FUZZ_UTF8_CHECK_H
 

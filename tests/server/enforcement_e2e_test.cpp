@@ -1,9 +1,5 @@
-// End to end through kova-webd: an administrator denies bob a folder with
-// the ACL module's set, as the editor does, and from then on the kernel
-// (children with bob's and alice's real ids), a file another program creates
-// there later, a later change of the parent's inheritable rules and the
-// server's own listing all obey it. The folders and files are root's with
-// mode 0777 / 0666, so the mode bits alone would let everybody do anything.
+// Through kova-webd: what the ACL module's set stores binds the kernel, files made later and the server's
+// listing. Folders and files are root's with mode 0777 / 0666: the mode bits alone would allow everything.
 #include <gtest/gtest.h>
 #include <dirent.h>
 #include <fcntl.h>
@@ -21,6 +17,7 @@
 #include "kova/account.h"
 #include "kova/share.h"
 #include "../../platform/acl/propagation.h"
+#include "share-fixture.h"
 #include "temp-root.h"
 #include "webd-process.h"
 
@@ -35,8 +32,8 @@ const char *const kPermKeys[] = {"read_data",  "write_data", "exe_file",   "appe
                                  "delete_sub", "read_attr",  "write_attr", "read_ext_attr", "write_ext_attr",
                                  "read_perm",  "change_perm", "take_ownership"};
 
-// A rule as the editor sends it, inheritable to files and folders; `letters`
-// are the granted (or denied) rights in the ACL text's letters.
+// A rule as the editor sends it, inheritable to files and folders; `letters` are the granted (or denied)
+// rights in the ACL text's letters.
 Json::Value Rule(const std::string &type, const std::string &name, const std::string &access,
                  const std::string &letters) {
     Json::Value r(Json::objectValue);
@@ -67,8 +64,8 @@ int Try(const Identity &who, Op op, const std::string &path) {
             closedir(d);
             return 0;
         }
-        // A new file is readable by everybody as far as its mode goes: only
-        // the folder's default ACL can keep bob out.
+        // A new file is readable by everybody as far as its mode goes: only the folder's default ACL can keep
+        // bob out.
         const int fd = op == Op::kCreate ? open(path.c_str(), O_CREAT | O_EXCL | O_WRONLY, 0666)
                                          : open(path.c_str(), (op == Op::kRead ? O_RDONLY : O_WRONLY) | O_NOFOLLOW);
         if (fd < 0) return errno;
@@ -107,17 +104,10 @@ protected:
             ASSERT_TRUE(kova_test::WriteFile(f, "data"));
             chmod(f.c_str(), 0666);
         }
-        KOVA_SHARE s = {};
-        snprintf(s.szName, sizeof s.szName, "proj");
-        snprintf(s.szPath, sizeof s.szPath, "%s", share_.c_str());
-        s.supportAcl = 1;
-        s.aclStatus = 1;
-        s.defaultPriv = KOVA_SHARE_PRIV_RW;
-        ASSERT_EQ(0, KOVAShareSet(&s));
+        ASSERT_EQ(0, kova_share_test::AddAclShare("proj", share_, KOVA_SHARE_PRIV_RW));
 
-        // However small the tree, a change of what a folder passes down goes
-        // to the platform's background propagation, which the server's set
-        // task starts and waits for; its runner leaves when it is done.
+        // However small the tree, a change of what a folder passes down goes to the platform's background
+        // propagation, which the server's set task starts and waits for; its runner leaves when it is done.
         setenv("KOVA_PROPAGATION_IN_PLACE", "0", 1);
         setenv("KOVA_PROPAGATION_LINGER_MS", "0", 1);
         webd_.reset(new kova_test::WebdProcess(root_.path(), kova_test::BuildDir() + "/modules", 2));
@@ -126,9 +116,8 @@ protected:
         ASSERT_TRUE(webd_->ok()) << webd_->ErrorLog();
         admin_.reset(new WebClient(webd_->port()));
         ASSERT_TRUE(admin_->Login("boss", "boss-Secret1").body["success"].asBool());
-        // Everyone may do everything below the parent, except that bob may
-        // only pass through the folder (traverse is all he keeps, so what
-        // refuses him inside is each entry's own kernel ACL).
+        // Everyone may do everything below the parent, except that bob may only pass through the folder
+        // (traverse is all he keeps, so what refuses him inside is each entry's own kernel ACL).
         ASSERT_NO_FATAL_FAILURE(Set("parent", {Rule("everyone", "everyone", "allow", kAll)}, false));
         ASSERT_NO_FATAL_FAILURE(Set("parent/folder", {Rule("user", "bob", "deny", "rwpdDaARWcCo")}, true));
     }
@@ -144,8 +133,7 @@ protected:
         return id;
     }
 
-    // The editor's apply: the module's set as the administrator, its task
-    // followed to "finished".
+    // The editor's apply: the module's set as the administrator, its task followed to "finished".
     void Set(const std::string &rel, const std::vector<Json::Value> &rules, bool recursive) {
         Json::Value p(Json::objectValue);
         p["file_path"] = share_ + "/" + rel;
@@ -201,9 +189,8 @@ TEST_F(EnforcementE2E, ADeniedFolderIsClosedToTheKernelToNewFilesAndToTheListing
             {&alice_, Op::kList, folder_, 0},
             {&alice_, Op::kCreate, made, 0},
             {&alice_, Op::kDelete, folder_ + "/victim", 0}});
-    // Alice's new file has no record: the folder's default ACL alone keeps
-    // bob out of it and lets its creator in. The module shows it in mode
-    // form, read from what the kernel holds.
+    // Alice's new file has no record: the folder's default ACL alone keeps bob out of it and lets its creator
+    // in. The module shows it in mode form, read from what the kernel holds.
     Expect({{&bob_, Op::kStat, made, 0}, {&bob_, Op::kRead, made, EACCES}, {&alice_, Op::kRead, made, 0}});
     Json::Value g(Json::objectValue);
     g["file_path"] = made;
@@ -232,9 +219,9 @@ TEST_F(EnforcementE2E, ADeniedFolderIsClosedToTheKernelToNewFilesAndToTheListing
     EXPECT_TRUE(ListDir(b, "/proj/parent").body["success"].asBool());
 }
 
-// A non-recursive change of the parent's inheritable rules: everyone may now
-// only read, and bob's group may do everything. Every entry below follows
-// in the kernel once the set has finished; bob's own deny still wins.
+// A non-recursive change of the parent's inheritable rules: everyone may now only read, and bob's group may
+// do everything. Every entry below follows in the kernel once the set has finished; bob's own deny still
+// wins.
 TEST_F(EnforcementE2E, AParentsInheritableChangeReachesEveryDescendantsKernelAcl) {
     const std::string deep = folder_ + "/sub/deep.txt";
     Expect({{&alice_, Op::kWrite, deep, 0},

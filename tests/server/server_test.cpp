@@ -1,6 +1,5 @@
-// kova-webd as a running process with the probe and the malformed module:
-// sessions, the request-forgery token, identities in the workers, worker
-// failures, the Files API and the HTTP side's limits.
+// kova-webd as a running process with the probe and the malformed module: sessions, the request-forgery
+// token, identities in the workers, worker failures, the Files API and the HTTP side's limits.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -15,6 +14,7 @@
 #include "kova/account.h"
 #include "kova/acl.h"
 #include "kova/share.h"
+#include "share-fixture.h"
 #include "temp-root.h"
 #include "text-check.h"
 #include "webd-process.h"
@@ -58,8 +58,7 @@ std::set<unsigned> GroupSet(const Json::Value &v) {
 int Code(const Reply &r) { return r.body["error"]["code"].asInt(); }
 bool Ok(const Reply &r) { return r.body["success"].asBool(); }
 
-// The reply is the server's JSON error envelope with this status and code,
-// in well-formed UTF-8.
+// The reply is the server's JSON error envelope with this status and code, in well-formed UTF-8.
 void ExpectEnvelope(const Reply &r, int status, int code, const std::string &what) {
     EXPECT_EQ(status, r.status) << what << ": " << r.raw;
     EXPECT_TRUE(r.json) << what << ": " << r.raw;
@@ -116,8 +115,8 @@ protected:
 TEST_F(Server, WrongPasswordsAndBadTextBlockTheAccountFromThatAddressOnly) {
     WebClient c(webd->port());
     const std::string nul(1, '\0');
-    // The password check reads C strings: these would be alice and bob. The
-    // client's JSON writer would mend bad UTF-8, so those bodies go by hand.
+    // The password check reads C strings: these would be alice and bob. The client's JSON writer would mend
+    // bad UTF-8, so those bodies go by hand.
     auto rawLogin = [&c](const std::string &account, const std::string &passwd) {
         return c.Raw("POST", "/webapi", LoginBody(account, passwd), "application/json", {});
     };
@@ -128,8 +127,8 @@ TEST_F(Server, WrongPasswordsAndBadTextBlockTheAccountFromThatAddressOnly) {
     }
     EXPECT_EQ(150, Code(c.Login("nobody", "x")));
     for (int i = 0; i < 5; ++i) EXPECT_EQ(150, Code(c.Login(bob.name, "wrong")));
-    // Now even the right password is refused, with the wait to observe, and
-    // a NUL variant of the name does not slip past the block.
+    // Now even the right password is refused, with the wait to observe, and a NUL variant of the name does
+    // not slip past the block.
     Reply blocked = c.Login(bob.name, bob.passwd);
     ExpectEnvelope(blocked, 429, 151, "blocked");
     EXPECT_GT(blocked.body["error"]["data"]["retry_after"].asInt(), 0) << blocked.body;
@@ -143,8 +142,8 @@ TEST_F(Server, WrongPasswordsAndBadTextBlockTheAccountFromThatAddressOnly) {
     EXPECT_TRUE(Ok(c.Login(alice.name, alice.passwd)));
 }
 
-// Each sign-in hashes with a buffer of many MiB, in whichever handler
-// thread took it; none may keep its buffer afterwards.
+// Each sign-in hashes with a buffer of many MiB, in whichever handler thread took it; none may keep its
+// buffer afterwards.
 TEST_F(Server, SignInsFromManyThreadsLeaveTheFrontsMemoryBounded) {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
     GTEST_SKIP() << "the sanitizer's allocator keeps freed memory and shadow memory by design";
@@ -201,9 +200,8 @@ TEST_F(Server, OnlyASessionWithItsOwnTokenRunsAnything) {
     EXPECT_TRUE(Exists("real"));
 }
 
-// Tabs of one browser share the cookie but each keeps its own token: a
-// sign-in in the second tab leaves the first one signed in as it was, and
-// signing out of one leaves the other.
+// Tabs of one browser share the cookie but each keeps its own token: a sign-in in the second tab leaves the
+// first one signed in as it was, and signing out of one leaves the other.
 TEST_F(Server, SigningInInASecondTabKeepsTheFirstTabsSession) {
     WebClient c = SignedIn(alice);
     WebClient first(webd->port());
@@ -303,8 +301,8 @@ TEST_F(Server, TwoUsersInterleavedNeverSeeEachOthersIdentity) {
     EXPECT_EQ(0, wrong.load());
     EXPECT_EQ(48, done.load());
 
-    // Alternating calls one after another go to the same idle worker, so one
-    // process serves both users in turn.
+    // Alternating calls one after another go to the same idle worker, so one process serves both users in
+    // turn.
     WebClient a = SignedIn(alice), b = SignedIn(bob);
     for (int i = 0; i < 6; ++i) {
         const Account &who = i % 2 ? bob : alice;
@@ -328,8 +326,8 @@ TEST_F(Server, AWorkerCrashOrHangAnswers500AndThePoolRecovers) {
     ExpectEnvelope(c.Call("Test.Probe", 1, "hang"), 500, 160, "hang");
     EXPECT_NE(std::string::npos, webd->ErrorLog().find("no answer to Test.Probe.hang")) << webd->ErrorLog();
 
-    // Both slots of the pool work again: two overlapping calls both succeed
-    // and run in two different processes.
+    // Both slots of the pool work again: two overlapping calls both succeed and run in two different
+    // processes.
     std::vector<int> pids(2, 0);
     std::vector<std::thread> threads;
     for (int i = 0; i < 2; ++i) {
@@ -372,13 +370,7 @@ TEST_F(Server, FilesApiHonoursSharePrivilegesAndFolderRights) {
     ASSERT_TRUE(kova_test::MakeDirs(docs + "/zdir"));
     ASSERT_TRUE(kova_test::MakeDirs(docs + "/secret"));
     chmod((docs + "/secret").c_str(), 0700);
-    KOVA_SHARE s = {};
-    snprintf(s.szName, sizeof s.szName, "docs");
-    snprintf(s.szPath, sizeof s.szPath, "%s", docs.c_str());
-    s.supportAcl = 1;
-    s.aclStatus = 1;
-    s.defaultPriv = KOVA_SHARE_PRIV_NONE;
-    ASSERT_EQ(0, KOVAShareSet(&s));
+    ASSERT_EQ(0, kova_share_test::AddAclShare("docs", docs, KOVA_SHARE_PRIV_NONE));
     ASSERT_EQ(0, KOVASharePrivSet("docs", 1, "alice", KOVA_SHARE_PRIV_RW));
     WebClient a = SignedIn(alice), b = SignedIn(bob);
     auto files = [](WebClient &c, const std::string &method, const Json::Value &p = Json::Value(Json::objectValue)) {
@@ -403,8 +395,8 @@ TEST_F(Server, FilesApiHonoursSharePrivilegesAndFolderRights) {
     EXPECT_EQ("a.txt", e[2]["name"].asString());
     EXPECT_FALSE(e[2]["is_dir"].asBool());
     EXPECT_EQ("/docs/a.txt", e[2]["path"].asString());
-    // A plain user is never sent the server's absolute paths; the owning
-    // group and mode bits are listed for items without rules.
+    // A plain user is never sent the server's absolute paths; the owning group and mode bits are listed for
+    // items without rules.
     EXPECT_FALSE(e[2].isMember("real_path"));
     EXPECT_FALSE(dir.body["data"].isMember("real_path"));
     EXPECT_FALSE(shares.body["data"]["shares"][0].isMember("real_path"));
@@ -455,8 +447,8 @@ TEST_F(Server, FilesApiHonoursSharePrivilegesAndFolderRights) {
     ASSERT_EQ(0, KOVAACLSet((docs + "/closed").c_str(), -1, acl));
     KOVAACLFree(acl);
 
-    // Removing rules takes the right to change them (the platform judges it
-    // as the user) and a privilege on the share.
+    // Removing rules takes the right to change them (the platform judges it as the user) and a privilege on
+    // the share.
     struct Refusal {
         WebClient &who;
         const char *method;
@@ -493,9 +485,8 @@ TEST_F(Server, FilesApiHonoursSharePrivilegesAndFolderRights) {
     EXPECT_TRUE(account.body["data"]["groups"].isArray());
 }
 
-// Many connections that send a header line now and then, as a slow or
-// hostile client does, hold no thread: sign-ins and calls from another
-// address keep answering at once.
+// Many connections that send a header line now and then, as a slow or hostile client does, hold no thread:
+// sign-ins and calls from another address keep answering at once.
 TEST_F(Server, SlowClientsDoNotHoldUpOtherRequests) {
     constexpr int kSlow = 200, kAddresses = 10;
     std::vector<std::unique_ptr<kova_test::RawConnection>> slow;
@@ -518,8 +509,8 @@ TEST_F(Server, SlowClientsDoNotHoldUpOtherRequests) {
         EXPECT_LT(ms, 1000) << "round " << round;
         std::this_thread::sleep_for(std::chrono::milliseconds(300));
     }
-    // Well inside the header deadline every slow connection is still open
-    // and unanswered: they were held, not dropped to make room.
+    // Well inside the header deadline every slow connection is still open and unanswered: they were held, not
+    // dropped to make room.
     ASSERT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(8));
     int silent = 0;
     for (auto &s : slow) silent += s->Silent(0) ? 1 : 0;
@@ -527,8 +518,7 @@ TEST_F(Server, SlowClientsDoNotHoldUpOtherRequests) {
 }
 
 TEST_F(Server, ConnectionsPerAddressAreCappedAndSlowRequestsRunOutOfTime) {
-    // The 33rd connection from one address is answered at once and closed;
-    // other addresses are not affected.
+    // The 33rd connection from one address is answered at once and closed; other addresses are not affected.
     std::vector<std::unique_ptr<kova_test::RawConnection>> held;
     for (int i = 0; i < 32; ++i) {
         held.emplace_back(new kova_test::RawConnection(webd->port(), "127.0.0.20"));
@@ -543,8 +533,8 @@ TEST_F(Server, ConnectionsPerAddressAreCappedAndSlowRequestsRunOutOfTime) {
     kova_test::RawConnection again(webd->port(), "127.0.0.20");
     EXPECT_TRUE(again.Silent(300)) << "the count was not released when the connections closed";
 
-    // A header or a body still coming after its time is answered 408 and
-    // closed; a kept-alive connection idle that long is closed without a word.
+    // A header or a body still coming after its time is answered 408 and closed; a kept-alive connection idle
+    // that long is closed without a word.
     WebdProcess quick(root.path(), ModulesDir(), 1, {"--header-timeout", "1", "--body-timeout", "1"});
     ASSERT_TRUE(quick.ok()) << quick.ErrorLog();
     kova_test::RawConnection header(quick.port()), body(quick.port());
@@ -564,8 +554,8 @@ TEST_F(Server, ConnectionsPerAddressAreCappedAndSlowRequestsRunOutOfTime) {
     EXPECT_EQ(std::string::npos, first.find("408")) << first;
 }
 
-// The bodies held at once are bounded: a request whose declared body does
-// not fit beside those being read is refused until they are done.
+// The bodies held at once are bounded: a request whose declared body does not fit beside those being read is
+// refused until they are done.
 TEST_F(Server, BodiesBeingReadShareABoundedBudget) {
     WebdProcess small(root.path(), ModulesDir(), 1, {"--body-budget", "1"});
     ASSERT_TRUE(small.ok()) << small.ErrorLog();
@@ -611,8 +601,8 @@ TEST_F(Server, EveryAnswerOnWebapiIsAJsonEnvelopeWithADocumentedCode) {
         {"header too large", "GET /webapi HTTP/1.1\r\n" + fields + "\r\n", 431, 106},
         {"malformed header", "GET /webapi HTTP/1.1\r\nBad Field\r\n\r\n", 400, 105},
         {"PUT", "PUT /webapi HTTP/1.1\r\nContent-Length: 0\r\n\r\n", 405, 109},
-        // Refused by the request handling: JSON nested deeper than 64 levels,
-        // in a body and in a field, and bad text.
+        // Refused by the request handling: JSON nested deeper than 64 levels, in a body and in a field, and
+        // bad text.
         {"deep JSON body",
          withBody("{\"api\":\"KOVA.Server.Info\",\"version\":1,\"method\":\"query\",\"params\":{\"x\":" + deep + "}}"), 400,
          110},

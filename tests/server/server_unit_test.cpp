@@ -1,6 +1,5 @@
-// The server's parts that need no running server: request parsing, the
-// worker channel's framing, module table validation and lookup, sessions,
-// the sign-in throttle.
+// The server's parts that need no running server: request parsing, the worker channel's framing, module table
+// validation and lookup, sessions, the sign-in throttle.
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -47,9 +46,8 @@ TEST(ApiCall, JsonBodyAndItsErrors) {
     EXPECT_EQ(3, c.version);
     EXPECT_TRUE(c.params.isObject() && c.params.empty());
 
-    // 64 levels in all: the body object, params, and 62 arrays; one more is
-    // its own error. Bad text anywhere in the call: a value, a member name,
-    // the method.
+    // 64 levels in all: the body object, params, and 62 arrays; one more is its own error. Bad text anywhere
+    // in the call: a value, a member name, the method.
     const std::string nested = R"({"api":"A","version":1,"method":"m","params":{"x":)";
     const struct {
         std::string body;
@@ -208,10 +206,9 @@ TEST(ModuleTable, RegistryRefusesTakenRowsWholeAndTellsWhatIsMissing) {
     EXPECT_EQ("a.so", r->origin);
 }
 
-// Sign-in, tokens and logout are checked through the server. Here: a
-// browser cannot pile up sessions, and a cookie the server never gave out
-// is not adopted.
-TEST(Sessions, IdsAndTokensAreFreshAndChecked) {
+// Sign-in, tokens and logout are checked through the server. Here: a browser cannot pile up sessions, and a
+// cookie the server never gave out is not adopted.
+TEST(Sessions, IdsTokensAndCookiesAreFreshAndChecked) {
     webd::SessionStore store(3600);
     webd::Session a, b;
     ASSERT_TRUE(store.Create(a));
@@ -245,6 +242,11 @@ TEST(Sessions, IdsAndTokensAreFreshAndChecked) {
     EXPECT_TRUE(webd::SameSecret("abc", "abc"));
     EXPECT_FALSE(webd::SameSecret("abc", "abd"));
     EXPECT_FALSE(webd::SameSecret("abc", "ab"));
+
+    EXPECT_EQ("v1", webd::CookieValue("kova_sid=v1", "kova_sid"));
+    EXPECT_EQ("v2", webd::CookieValue("a=1; kova_sid=v2; b=3", "kova_sid"));
+    EXPECT_EQ("", webd::CookieValue("xkova_sid=v3; kova_sidx=4", "kova_sid"));
+    EXPECT_EQ("", webd::CookieValue("", "kova_sid"));
 }
 
 TEST(Sessions, IdleSessionsEndAndUseKeepsThemAlive) {
@@ -269,13 +271,6 @@ TEST(Sessions, IdleSessionsEndAndUseKeepsThemAlive) {
     now += 100;
     ASSERT_TRUE(store.Create(d));
     EXPECT_EQ(1u, store.Count());
-}
-
-TEST(Sessions, CookieHeaderParsing) {
-    EXPECT_EQ("v1", webd::CookieValue("kova_sid=v1", "kova_sid"));
-    EXPECT_EQ("v2", webd::CookieValue("a=1; kova_sid=v2; b=3", "kova_sid"));
-    EXPECT_EQ("", webd::CookieValue("xkova_sid=v3; kova_sidx=4", "kova_sid"));
-    EXPECT_EQ("", webd::CookieValue("", "kova_sid"));
 }
 
 using std::chrono::seconds;
@@ -370,8 +365,8 @@ TEST(Worker, EveryRequestStartsWithoutTheLastErrorOfTheOneBefore) {
     ASSERT_TRUE(webd::RestoreRoot(rootGroups));
 }
 
-// The request handling as a plain function of the request: no socket, no
-// listener, and a worker pool that can never start a worker.
+// The request handling as a plain function of the request: no socket, no listener, and a worker pool that can
+// never start a worker.
 class Front : public ::testing::Test {
 protected:
     void SetUp() override { ASSERT_TRUE(reg.Add({{"T", 1, "m", H, "t.so"}})); }
@@ -437,9 +432,8 @@ TEST_F(Front, HandlesWholeRequestsInProcess) {
     EXPECT_EQ("close", refused.Header("Connection"));
 }
 
-// The front's own APIs are rows of the registry it serves, looked up like
-// any module's, and leave with it: a later front on the same registry
-// answers them itself instead of calling into one that is gone.
+// The front's own APIs are rows of the registry it serves, looked up like any module's, and leave with it: a
+// later front on the same registry answers them itself instead of calling into one that is gone.
 TEST_F(Front, OwnApisAreRegistryRowsForItsLifetime) {
     const webd::Route *r = nullptr;
     for (int round = 0; round < 2; ++round) {

@@ -1,6 +1,5 @@
-// Sign-ins against a directory that does not answer: they hold up neither
-// other sign-ins nor other calls, and no more than kMaxSignIns of them are
-// in progress at once (a further one is refused at once with 503, 152).
+// Sign-ins against a directory that does not answer: they hold up neither other sign-ins nor other calls, and
+// no more than kMaxSignIns of them are in progress at once (a further one is refused at once with 503, 152).
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <unistd.h>
@@ -43,8 +42,8 @@ int ConnectionsTo(int port) {
     return n;
 }
 
-// The reply to fn(), which must come well before the directory's own
-// time-out (10 s) would have ended a wait for it.
+// The reply to fn(), which must come well before the directory's own time-out (10 s) would have ended a wait
+// for it.
 template <typename F> Reply Prompt(F fn, const std::string &what) {
     const auto t0 = std::chrono::steady_clock::now();
     Reply r = fn();
@@ -83,8 +82,8 @@ protected:
         if (slapd_ && slapd_->running()) kill(slapd_->pid(), SIGCONT);
     }
 
-    // The sign-in of directory user n ("user000n"), left waiting on the
-    // stopped directory; returns once its bind has reached the directory.
+    // The sign-in of directory user n ("user000n"), left waiting on the stopped directory; returns once its
+    // bind has reached the directory.
     void StartHanging(int n) {
         char user[32];
         snprintf(user, sizeof user, "user%04d@example.com", n);
@@ -116,9 +115,8 @@ TEST_F(SignIn, AHangingDirectoryHoldsUpNoOneElseAndSignInsInProgressAreBounded) 
     Reply info = Prompt([&] { return bob.Call("KOVA.Server.Info", 1, "query"); }, "a call");
     EXPECT_TRUE(info.body["success"].asBool()) << info.raw;
 
-    // Every place taken: a further sign-in is refused at once, before its
-    // password is checked, and refusals are no failed sign-ins (more of
-    // them than the throttle allows failures leave alice free to sign in).
+    // Every place taken: a further sign-in is refused at once, before its password is checked, and refusals
+    // are no failed sign-ins (more of them than the throttle allows failures leave alice free to sign in).
     for (int i = 1; i < kSlots; ++i) StartHanging(i);
     WebClient raw(webd_->port(), 15);
     for (int i = 0; i < 8; ++i) {
@@ -149,8 +147,8 @@ TEST_F(SignIn, ADomainKnownFromItsCacheOnlyIsRefusedWithItsOwnCodeAndNeverThrott
     std::string out;
     ASSERT_EQ(kova_test::RunAdmin("domain join CORP --from-ldif " + root_.At("corp.ldif"), &out), 0) << out;
     WebClient c(webd_->port());
-    // Five wrong passwords block an account; the domain account's sign-ins
-    // were never checked, so none of them counts.
+    // Five wrong passwords block an account; the domain account's sign-ins were never checked, so none of
+    // them counts.
     for (int i = 0; i < 7; ++i) {
         Reply r = c.Login("CORP\\jdoe", "whatever-1");
         EXPECT_EQ(200, r.status) << r.raw;

@@ -1,6 +1,5 @@
-// The server's system-log lines: without a socket that takes messages (a
-// stale one or a plain file counts as none) they reach standard error whole,
-// where the C library would drop them after a failed connect each.
+// The server's system-log lines: without a socket that takes messages (a stale one or a plain file counts as
+// none) they reach standard error whole, where the C library would drop them after a failed connect each.
 #include <gtest/gtest.h>
 #include <fcntl.h>
 #include <stdlib.h>
@@ -36,8 +35,7 @@ std::string StderrOf(const std::string &file, Fn fn) {
     return ss.str();
 }
 
-// A datagram socket bound at path; closed (leaving a stale socket file)
-// when the object goes.
+// A datagram socket bound at path; closed (leaving a stale socket file) when the object goes.
 struct BoundSocket {
     explicit BoundSocket(const std::string &path) {
         fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);

@@ -74,8 +74,7 @@ WebdProcess::WebdProcess(const std::string &root, const std::string &modules, in
         execv(exe.c_str(), argv.data());
         _exit(127);
     }
-    // Start-up is waited for by polling the port file; a server that exits
-    // early ends the wait at once.
+    // Start-up is waited for by polling the port file; a server that exits early ends the wait at once.
     for (int i = 0; i < 400 && pid_ > 0; ++i) {
         std::string text = ReadFile(portFile);
         if (!text.empty()) {

@@ -1,5 +1,5 @@
-// Starts kova-webd on a free loopback port for one test and stops it after.
-// Also a small client that logs in and keeps the session cookie and token.
+// Starts kova-webd on a free loopback port for one test and stops it after. Also a small client that logs in
+// and keeps the session cookie and token.
 #ifndef KOVA_TEST_WEBD_PROCESS_H
 #define KOVA_TEST_WEBD_PROCESS_H
 
@@ -49,8 +49,7 @@ struct Reply {
     std::string retryAfter;    // Retry-After header, if any
 };
 
-// A connection made by hand, from a chosen loopback address (what the
-// server's per-address limit counts).
+// A connection made by hand, from a chosen loopback address (what the server's per-address limit counts).
 class RawConnection {
 public:
     RawConnection(int port, const std::string &from = "127.0.0.1");

@@ -1,5 +1,5 @@
-// How kova-webd is reached and configured: HTTPS with the certificate it
-// makes for itself, plain HTTP on loopback only, the configuration file.
+// How kova-webd is reached and configured: HTTPS with the certificate it makes for itself, plain HTTP on
+// loopback only, the configuration file.
 #include <gtest/gtest.h>
 #include <openssl/x509.h>
 #include <stdio.h>
@@ -96,8 +96,7 @@ TlsReply PostTls(int port, const std::string &body) {
     return out;
 }
 
-// Runs kova-webd to its end (it is expected to refuse to start): exit
-// status and everything it printed.
+// Runs kova-webd to its end (it is expected to refuse to start): exit status and everything it printed.
 int RunWebd(const std::string &args, std::string *printed) {
     FILE *p = popen((Webd() + " " + args + " 2>&1").c_str(), "r");
     if (!p) return -1;
@@ -135,8 +134,8 @@ TEST_F(Https, TheGeneratedCertificateIsServedKeptPrivateAndKeptAcrossRestarts) {
     EXPECT_NE(std::string::npos, r.setCookie.find("kova_sid=")) << r.setCookie;
     EXPECT_NE(std::string::npos, r.setCookie.find("; Secure")) << r.setCookie;
 
-    // Plain HTTP on loopback still answers, without Secure or HSTS (a
-    // browser would drop a Secure cookie sent over it).
+    // Plain HTTP on loopback still answers, without Secure or HSTS (a browser would drop a Secure cookie sent
+    // over it).
     kova_test::WebClient plain(webd->port());
     kova_test::Reply p = plain.Login("alice", "Alice-Secret1");
     EXPECT_TRUE(p.body["success"].asBool()) << p.raw;
@@ -154,8 +153,7 @@ TEST_F(Https, TheGeneratedCertificateIsServedKeptPrivateAndKeptAcrossRestarts) {
     EXPECT_EQ(printed, PostTls(httpsPort, "{}").servedFingerprint) << "a restart made a new certificate";
 }
 
-// The HTTP side's deadlines hold over TLS too, for the header and for a
-// handshake never made.
+// The HTTP side's deadlines hold over TLS too, for the header and for a handshake never made.
 TEST_F(Https, DeadlinesCoverTheHandshakeAndTheHeader) {
     Start({"--header-timeout", "1"});
     TlsConnection slow(httpsPort);

@@ -1,6 +1,5 @@
-// Runs a piece of a test under another effective identity, the way the
-// server runs a request: a forked child sets its supplementary groups,
-// effective gid and uid (real and saved ids stay 0) and runs the body; the
+// Runs a piece of a test under another effective identity, the way the server runs a request: a forked child
+// sets its supplementary groups, effective gid and uid (real and saved ids stay 0) and runs the body; the
 // body's int result comes back as the child's exit status (0..255).
 #ifndef KOVA_TEST_AS_IDENTITY_H
 #define KOVA_TEST_AS_IDENTITY_H
@@ -24,8 +23,8 @@ int RunAs(const Identity &who, const std::function<int()> &body);
 
 // The calling thread's effective capabilities (bit n is capability n).
 uint64_t EffectiveCapabilities();
-// Leaves `cap` alone in the effective set, as a background task's switch to
-// its user does; false when the kernel refused.
+// Leaves `cap` alone in the effective set, as a background task's switch to its user does; false when the
+// kernel refused.
 bool KeepOnlyCapability(unsigned cap);
 
 } // namespace kova_test

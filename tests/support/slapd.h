@@ -1,8 +1,6 @@
-// A throw-away OpenLDAP server for tests: a temporary directory with a
-// generated slapd.conf (mdb backend, a low size limit so that only paged
-// searches read everything), N users and M groups loaded with slapadd, and
-// slapd listening on a free loopback port. Stopped and removed by the
-// destructor.
+// A throw-away OpenLDAP server for tests: a temporary directory with a generated slapd.conf (mdb backend, a
+// low size limit so that only paged searches read everything), N users and M groups loaded with slapadd, and
+// slapd listening on a free loopback port. Stopped and removed by the destructor.
 #ifndef KOVA_TEST_SLAPD_H
 #define KOVA_TEST_SLAPD_H
 
@@ -21,9 +19,8 @@ public:
         bool group = false;
     };
 
-    // Generated accounts: users "user0000".. with mail "userNNNN@example.com",
-    // displayName "Person NNNN", description "Staff NNNN"; groups "group00"..
-    // (posixGroup) with description "Team NN".
+    // Generated accounts: users "user0000".. with mail "userNNNN@example.com", displayName "Person NNNN",
+    // description "Staff NNNN"; groups "group00".. (posixGroup) with description "Team NN".
     Slapd(int users, int groups);
     ~Slapd();
     Slapd(const Slapd &) = delete;
@@ -33,8 +30,7 @@ public:
     static bool Installed();
     // Extra accounts; call before Start.
     void Add(const Account &a) { extra_.push_back(a); }
-    // Writes the config and data, loads it and starts the server; false
-    // with a reason in *error.
+    // Writes the config and data, loads it and starts the server; false with a reason in *error.
     bool Start(std::string *error);
     void Stop();
     bool running() const { return pid_ > 0; }

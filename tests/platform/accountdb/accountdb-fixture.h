@@ -1,14 +1,16 @@
-// Helpers shared by the account-database and directory-account tests: an
-// owning query handle, a count of the half-built caches a rebuild leaves in a
-// directory, and name <-> id lookups through the platform's account calls.
+// Helpers shared by the account-database and directory-account tests: an owning query handle, cache
+// entries and a cache built of them, a count of the half-built caches a rebuild leaves in a directory, and
+// name <-> id lookups through the platform's account calls.
 #ifndef KOVA_TEST_ACCOUNTDB_FIXTURE_H
 #define KOVA_TEST_ACCOUNTDB_FIXTURE_H
 
+#include "kova-accountdb-admin.h"
 #include "kova/account.h"
 #include "kova/accountdb.h"
 #include "kova/klibc.h"
 
 #include <dirent.h>
+#include <gtest/gtest.h>
 
 #include <memory>
 #include <string>
@@ -20,6 +22,26 @@ struct Closer {
     void operator()(PKOVA_ACCOUNTDB h) const { KOVAACCOUNTDBClose(h); }
 };
 using Handle = std::unique_ptr<KOVA_ACCOUNTDB, Closer>;
+
+inline KovaCacheEntry U(const std::string &name, const std::string &desc = "", const std::string &mail = "",
+                        const std::string &full = "", const std::string &dn = "", bool group = false) {
+    KovaCacheEntry e;
+    e.name = name;
+    e.desc = desc;
+    e.mail = mail;
+    e.fullname = full;
+    e.dn = dn;
+    e.group = group;
+    return e;
+}
+
+// Replaces the cache of a source (and domain) with these entries.
+inline void Build(int selector, const std::string &domain, const std::vector<KovaCacheEntry> &entries) {
+    auto b = KovaAccountCacheBuilder::Begin(selector, domain);
+    ASSERT_TRUE(b);
+    for (const auto &e : entries) ASSERT_EQ(b->Add(e), 0);
+    ASSERT_EQ(b->Commit(), 0);
+}
 
 // Files of `dir` whose name marks a cache still being built (".new.").
 inline int TempFiles(const std::string &dir) {

@@ -1,6 +1,5 @@
-// Changes a test slapd's directory as its administrator would (bound as
-// the root DN): passwords, group members, extra entries. Header-only, for
-// the LDAP account tests of the platform and of the module.
+// Changes a test slapd's directory as its administrator would (bound as the root DN): passwords, group
+// members, extra entries. Header-only, for the LDAP account tests of the platform and of the module.
 #ifndef KOVA_TEST_DIRECTORY_ADMIN_H
 #define KOVA_TEST_DIRECTORY_ADMIN_H
 

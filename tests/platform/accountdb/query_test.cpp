@@ -19,25 +19,9 @@ using Names = std::vector<std::string>;
 
 namespace {
 
-KovaCacheEntry U(const std::string &name, const std::string &desc = "", const std::string &mail = "",
-                 const std::string &full = "", const std::string &dn = "") {
-    KovaCacheEntry e;
-    e.name = name;
-    e.desc = desc;
-    e.mail = mail;
-    e.fullname = full;
-    e.dn = dn;
-    return e;
-}
-
-void Build(int selector, const std::string &domain, const std::vector<KovaCacheEntry> &entries) {
-    auto b = KovaAccountCacheBuilder::Begin(selector, domain);
-    ASSERT_TRUE(b);
-    for (const auto &e : entries) ASSERT_EQ(b->Add(e), 0);
-    ASSERT_EQ(b->Commit(), 0);
-}
-
+using kova_accountdb_test::Build;
 using kova_accountdb_test::Handle;
+using kova_accountdb_test::U;
 using kova_accountdb_test::TempFiles;
 
 struct Rows {

@@ -54,13 +54,53 @@ bool SameOpenFile(pid_t a, int fdA, pid_t b, int fdB) {
 
 } // namespace
 
-TEST(AccountConnection, WarmProcessSeesOtherProcessesAndReplacedFiles) {
+TEST(AccountConnection, OnePerProcessAndThreadSeeingOtherProcessesAndReplacedFiles) {
     TempRoot root;
     ASSERT_TRUE(UserExists("admin"));  // opens and keeps the connection
     std::string db = root.At("etc/accounts.db");
-    // Repeated calls reuse one connection rather than opening the file anew.
+    // Repeated calls reuse one connection rather than opening the file anew; another thread has its own.
     for (int i = 0; i < 20; ++i) ASSERT_TRUE(UserExists("admin"));
-    EXPECT_EQ(FdsOn(db).size(), 1u);
+    std::vector<int> parentFds = FdsOn(db);
+    ASSERT_EQ(parentFds.size(), 1u);
+    int failures = 0;
+    size_t fdsInThread = 0;
+    std::thread t([&] {
+        for (int i = 0; i < 200; ++i)
+            if (KLIBGroupIsAdminGroupMem("admin", 0) != 1) ++failures;
+        fdsInThread = FdsOn(db).size();
+    });
+    int mine = 0;
+    for (int i = 0; i < 200; ++i)
+        if (!UserExists("admin")) ++mine;
+    t.join();
+    EXPECT_EQ(failures, 0);
+    EXPECT_EQ(mine, 0);
+    EXPECT_EQ(fdsInThread, 2u);  // the main thread's and its own
+    EXPECT_EQ(FdsOn(db).size(), 1u);  // closed when the thread ended
+
+    // A forked child opens its own and keeps using it.
+    pid_t parent = getpid();
+    pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        if (!UserExists("admin")) _exit(1);
+        // Some descriptor on the file must be one the child opened itself.
+        int own = -1;
+        for (int fd : FdsOn(db))
+            if (!SameOpenFile(getpid(), fd, parent, parentFds[0])) own = fd;
+        if (own < 0) _exit(2);
+        if (KOVAUserAdd("kid", -1, nullptr, nullptr, nullptr, 0) != 0) _exit(3);
+        if (!UserExists("kid")) _exit(4);
+        _exit(FdsOn(db).size() <= 2 ? 0 : 5);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+    // The parent's connection is intact and sees the child's change.
+    EXPECT_TRUE(UserExists("kid"));
+    EXPECT_EQ(KOVAUserAdd("mom", -1, nullptr, nullptr, nullptr, 0), 0);
+    EXPECT_TRUE(UserExists("mom"));
 
     ASSERT_EQ(RunAdmin("user add zed"), 0);
     EXPECT_TRUE(UserExists("zed"));
@@ -135,57 +175,4 @@ TEST(AccountConnection, UnraisedReadsOfAWarmConnectionSeeChanges) {
     changer.join();
     for (int fd : {toParent[0], toParent[1], toChild[0], toChild[1]}) close(fd);
     EXPECT_EQ(rc, 0);
-}
-
-TEST(AccountConnection, ForkedChildOpensItsOwn) {
-    TempRoot root;
-    ASSERT_TRUE(UserExists("admin"));
-    std::string db = root.At("etc/accounts.db");
-    std::vector<int> parentFds = FdsOn(db);
-    ASSERT_EQ(parentFds.size(), 1u);
-    pid_t parent = getpid();
-    pid_t child = fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-        if (!UserExists("admin")) _exit(1);
-        // Some descriptor on the file must be one the child opened itself.
-        int own = -1;
-        for (int fd : FdsOn(db))
-            if (!SameOpenFile(getpid(), fd, parent, parentFds[0])) own = fd;
-        if (own < 0) _exit(2);
-        if (KOVAUserAdd("kid", -1, nullptr, nullptr, nullptr, 0) != 0) _exit(3);
-        if (!UserExists("kid")) _exit(4);
-        // And it keeps using that one.
-        std::vector<int> after = FdsOn(db);
-        _exit(after.size() <= 2 ? 0 : 5);
-    }
-    int status = 0;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    ASSERT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(WEXITSTATUS(status), 0);
-    // The parent's connection is intact and sees the child's change.
-    EXPECT_TRUE(UserExists("kid"));
-    EXPECT_EQ(KOVAUserAdd("mom", -1, nullptr, nullptr, nullptr, 0), 0);
-    EXPECT_TRUE(UserExists("mom"));
-}
-
-TEST(AccountConnection, ThreadsUseTheirOwnConnections) {
-    TempRoot root;
-    ASSERT_TRUE(UserExists("admin"));
-    std::string db = root.At("etc/accounts.db");
-    int failures = 0;
-    size_t fdsInThread = 0;
-    std::thread t([&] {
-        for (int i = 0; i < 200; ++i)
-            if (KLIBGroupIsAdminGroupMem("admin", 0) != 1) ++failures;
-        fdsInThread = FdsOn(db).size();
-    });
-    int mine = 0;
-    for (int i = 0; i < 200; ++i)
-        if (!UserExists("admin")) ++mine;
-    t.join();
-    EXPECT_EQ(failures, 0);
-    EXPECT_EQ(mine, 0);
-    EXPECT_EQ(fdsInThread, 2u);  // the main thread's and its own
-    EXPECT_EQ(FdsOn(db).size(), 1u);  // closed when the thread ended
 }

@@ -1,6 +1,6 @@
-// Account enumerations: windows and totals, stopping callbacks, literal
-// keyword matching, Unicode case folding, and the LDAP and domain sources
-// read from their caches.
+// Account enumerations: windows and totals, stopping callbacks, literal keyword matching, Unicode case
+// folding, and the LDAP and domain sources read from their caches.
+#include "../accountdb/accountdb-fixture.h"
 #include "temp-root.h"
 
 #include "kova-accountdb-admin.h"
@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+using kova_accountdb_test::U;
 using kova_test::TempRoot;
 
 namespace {
@@ -78,7 +79,7 @@ TEST(Enumeration, LocalUsersAreOrderedPagedAndCountedInFull) {
     EXPECT_EQ(KLIBCErrGet(), KOVA_ERR_BADARG);
 }
 
-TEST(Enumeration, KeywordsMatchLiterally) {
+TEST(Enumeration, KeywordsMatchLiterallyAndIgnoreCaseByUnicodeUpperCase) {
     TempRoot root;
     const Names names = {"100%", "1000", "a_b", "axb", "backslash", "o'neil", "oneil", "*)(uid=*", "star"};
     for (const auto &n : names) ASSERT_EQ(KOVAUserAdd(n.c_str(), -1, nullptr, nullptr, nullptr, 0), 0) << n;
@@ -92,10 +93,7 @@ TEST(Enumeration, KeywordsMatchLiterally) {
     int total = -1;
     EXPECT_TRUE(Substr(1, "%%", 0, 0, 0xFFFFFFFFu, &total).empty());
     EXPECT_EQ(total, 0);
-}
-
-TEST(Enumeration, IgnoreCaseUsesUnicodeUpperCase) {
-    TempRoot root;
+    // Ignoring case goes by the Unicode upper case.
     for (const char *n : {"Émile", "straße", "STRASSE-2", "plain"}) ASSERT_EQ(KOVAUserAdd(n, -1, nullptr, nullptr, nullptr, 0), 0);
     EXPECT_EQ(Substr(1, "émi", 1), (Names{"Émile"}));
     EXPECT_TRUE(Substr(1, "émi", 0).empty());
@@ -124,21 +122,6 @@ TEST(Enumeration, InternalAccountsAndGroupFilters) {
     EXPECT_EQ(g3.names, (Names{"administrators"}));  // window over Admins-Extra, administrators, services, users
 }
 
-namespace {
-void Cache(int selector, const std::string &domain, const std::vector<KovaCacheEntry> &entries) {
-    auto b = KovaAccountCacheBuilder::Begin(selector, domain);
-    ASSERT_TRUE(b);
-    for (const auto &e : entries) ASSERT_EQ(b->Add(e), 0);
-    ASSERT_EQ(b->Commit(), 0);
-}
-KovaCacheEntry U(const std::string &n, bool group = false) {
-    KovaCacheEntry e;
-    e.name = n;
-    e.group = group;
-    return e;
-}
-} // namespace
-
 TEST(Enumeration, LdapSourceReadsItsCacheWithTheLoginSuffix) {
     TempRoot root;
     // Not bound: the service is not there.
@@ -151,8 +134,8 @@ TEST(Enumeration, LdapSourceReadsItsCacheWithTheLoginSuffix) {
     ASSERT_EQ(KovaDirsvc::LdapBind(cfg), 0);
     // Bound but never synced: empty, not an error.
     EXPECT_EQ(KLIBUserInfoEnum(KOVA_ACCOUNT_SRC_LDAP, 0, 0, 10, OnUser, nullptr), 0);
-    Cache(KOVA_ACCOUNTDB_LDAP, "",
-          {U("jdoe"), U("JSmith"), U("100%"), U("1000"), U("a\\b"), U("ab"), U("staff", true)});
+    kova_accountdb_test::Build(KOVA_ACCOUNTDB_LDAP, "",
+          {U("jdoe"), U("JSmith"), U("100%"), U("1000"), U("a\\b"), U("ab"), U("staff", "", "", "", "", true)});
     Seen s;
     EXPECT_EQ(KLIBUserInfoEnum(KOVA_ACCOUNT_SRC_LDAP, 0, 1, 2, OnUser, &s), 6);
     EXPECT_EQ(s.names, (Names{"1000@example.com", "ab@example.com"}));  // by upper-cased name: "AB" < "A\\B"
@@ -171,8 +154,8 @@ TEST(Enumeration, DomainSourceRunsOneWindowAcrossDomains) {
     TempRoot root;
     EXPECT_LT(KLIBUserInfoEnum(KOVA_ACCOUNT_SRC_DOMAIN, 0, 0, 10, OnUser, nullptr), 0);
     EXPECT_EQ(KLIBCErrGet(), KOVA_ERR_DIRSVC);
-    Cache(KOVA_ACCOUNTDB_DOMAIN, "CORP", {U("ann"), U("ben"), U("cat")});
-    Cache(KOVA_ACCOUNTDB_DOMAIN, "LAB", {U("dan"), U("eve")});
+    kova_accountdb_test::Build(KOVA_ACCOUNTDB_DOMAIN, "CORP", {U("ann"), U("ben"), U("cat")});
+    kova_accountdb_test::Build(KOVA_ACCOUNTDB_DOMAIN, "LAB", {U("dan"), U("eve")});
     ASSERT_EQ(KovaDirsvc::DomainAdd("CORP"), 0);
     ASSERT_EQ(KovaDirsvc::DomainAdd("LAB"), 0);
     // Every joined domain counts, also with trusted domains off.

@@ -1,4 +1,5 @@
 #include "acl-fixture.h"
+#include "share-fixture.h"
 
 #include "kova/acl.h"
 #include "kova/klibc.h"
@@ -7,6 +8,8 @@
 
 #include "../../../platform/acl/propagation.h"
 
+#include <dirent.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
 #include <unistd.h>
@@ -46,6 +49,36 @@ WithoutXattrAt::WithoutXattrAt() : saved_(new Saved) { gRefused = 0; }
 WithoutXattrAt::~WithoutXattrAt() = default;
 long WithoutXattrAt::Count() { return gRefused.load(); }
 
+void AclFixture::OpenAncestors() {
+    for (std::string p = Share(); p.size() > 1; p = p.substr(0, p.rfind('/'))) chmod(p.c_str(), 0755);
+    chmod(Share().c_str(), 0777);
+}
+
+unsigned KernelBits(const std::string &path) {
+    struct stat st;
+    if (lstat(path.c_str(), &st) != 0) return errno == EACCES ? 0 : 0100;
+    unsigned b = 0;
+    if (S_ISDIR(st.st_mode)) {
+        DIR *d = opendir(path.c_str());
+        if (d) closedir(d);
+        b |= (d ? kR : 0) | (faccessat(AT_FDCWD, path.c_str(), W_OK, AT_EACCESS) == 0 ? kW : 0);
+    } else {
+        for (int flags : {O_RDONLY, O_WRONLY}) {
+            const int fd = open(path.c_str(), flags | O_NOFOLLOW);
+            b |= fd < 0 ? 0 : flags == O_RDONLY ? kR : kW;
+            if (fd >= 0) close(fd);
+        }
+    }
+    return b | (faccessat(AT_FDCWD, path.c_str(), X_OK, AT_EACCESS) == 0 ? kX : 0);
+}
+
+unsigned KernelBitsAs(const kova_test::Identity &who, const std::string &path) {
+    return static_cast<unsigned>(kova_test::RunAs(who, [&] {
+        if (setresgid(who.gid, who.gid, who.gid) != 0 || setresuid(who.uid, who.uid, who.uid) != 0) return 0200;
+        return static_cast<int>(KernelBits(path));
+    }));
+}
+
 void AclFixture::SetUp() {
     // Runners go as soon as their jobs are done (WaitForPropagations waits for that).
     setenv("KOVA_PROPAGATION_LINGER_MS", "0", 1);
@@ -54,14 +87,7 @@ void AclFixture::SetUp() {
     share_ = root_.At("volumes/volume1/data");
     ASSERT_TRUE(kova_test::MakeDirs(share_));
     chmod(share_.c_str(), 0777);
-    KOVA_SHARE s;
-    std::memset(&s, 0, sizeof s);
-    std::snprintf(s.szName, sizeof s.szName, "data");
-    std::snprintf(s.szPath, sizeof s.szPath, "%s", share_.c_str());
-    s.supportAcl = 1;
-    s.aclStatus = 1;
-    s.defaultPriv = KOVA_SHARE_PRIV_RW;
-    ASSERT_EQ(KOVAShareSet(&s), 0);
+    ASSERT_EQ(kova_share_test::AddAclShare("data", share_, KOVA_SHARE_PRIV_RW), 0);
 }
 
 void AclFixture::Dir(const std::string &path) {

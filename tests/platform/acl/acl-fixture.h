@@ -43,6 +43,8 @@ protected:
     void TearDown() override { WaitForPropagations(); }
 
     std::string Share() const { return share_; }
+    // The kernel judges every folder on a path: the share's folders above open for others.
+    void OpenAncestors();
     std::string In(const std::string &rel) const { return share_ + "/" + rel; }
 
     // Creates a folder or file (mode 0777 / 0666, owned by root).
@@ -75,6 +77,12 @@ int SetOneCode(const std::string &path, const std::string &entry, bool inherits)
 PKOVA_ACL MakeAcl(const std::vector<std::string> &entries, bool inherits);
 // An ACL's entries in the text form above.
 std::vector<std::string> Texts(const KOVA_ACL *acl);
+
+// The kernel's answers as read, write and execute bits: for the calling process (0 when a
+// folder above may not be searched), and for a child with the user's real ids.
+constexpr unsigned kR = 4, kW = 2, kX = 1;
+unsigned KernelBits(const std::string &path);
+unsigned KernelBitsAs(const kova_test::Identity &who, const std::string &path);
 
 // The owner KOVAACLOwnerIdGet reads: "user:ID", "group:ID", or "failed".
 std::string OwnerOf(const std::string &path);

@@ -35,7 +35,11 @@ using kova_acl_test::RawRecord;
 using kova_test::Identity;
 using kova_test::RunAdmin;
 
-constexpr unsigned kR = 4, kW = 2, kX = 1;
+using kova_acl_test::KernelBits;
+using kova_acl_test::KernelBitsAs;
+using kova_acl_test::kR;
+using kova_acl_test::kW;
+using kova_acl_test::kX;
 
 // The platform's rights as the kernel's bits (docs/platform/enforcement.md).
 unsigned Mapped(unsigned rights, bool isDir) {
@@ -44,26 +48,6 @@ unsigned Mapped(unsigned rights, bool isDir) {
     const unsigned w = KOVA_ACL_PERM_WRITE_DATA | KOVA_ACL_PERM_APPEND_DATA | (isDir ? KOVA_ACL_PERM_DELETE_CHILD : 0);
     if ((rights & w) == w) b |= kW;
     if (rights & KOVA_ACL_PERM_EXECUTE) b |= kX;
-    return b;
-}
-
-// What the kernel lets the calling process (real ids = effective ids) do.
-unsigned KernelBits(const std::string &path, bool isDir) {
-    unsigned b = 0;
-    if (isDir) {
-        if (DIR *d = opendir(path.c_str())) {
-            closedir(d);
-            b |= kR;
-        }
-        if (faccessat(AT_FDCWD, path.c_str(), W_OK, AT_EACCESS) == 0) b |= kW;
-    } else {
-        for (const auto &[flags, bit] : {std::pair<int, unsigned>{O_RDONLY, kR}, {O_WRONLY, kW}}) {
-            const int fd = open(path.c_str(), flags | O_NOFOLLOW);
-            if (fd >= 0) b |= bit;
-            if (fd >= 0) close(fd);
-        }
-    }
-    if (faccessat(AT_FDCWD, path.c_str(), X_OK, AT_EACCESS) == 0) b |= kX;
     return b;
 }
 
@@ -125,12 +109,6 @@ protected:
             out.push_back(who + (deny ? ":deny:" : ":allow:") + RandomPerm(allowOnly) + ":" + RandomInherit());
         }
         return out;
-    }
-
-    // The kernel judges every folder on a path: the share's folders above open for others.
-    void OpenAncestors() {
-        for (std::string p = Share(); p.size() > 1; p = p.substr(0, p.rfind('/'))) chmod(p.c_str(), 0755);
-        chmod(Share().c_str(), 0777);
     }
 
     // Fills entries from the complete ACL that the platform now reports.
@@ -251,7 +229,7 @@ TEST_F(AclEnforce, KernelNeverGrantsMoreThanThePlatformAndAgreesOnAllowOnlyNamed
                     std::fprintf(out, "E %s platform evaluation failed\n", e.path.c_str());
                     continue;
                 }
-                const unsigned k = KernelBits(e.path, e.isDir);
+                const unsigned k = KernelBits(e.path);
                 const unsigned p = static_cast<unsigned>(platform[i]);
                 std::fprintf(out, "C\n");
                 if (k & ~p) std::fprintf(out, "V %s kernel %o platform %o\n", e.path.c_str(), k, p);
@@ -292,63 +270,6 @@ TEST_F(AclEnforce, KernelNeverGrantsMoreThanThePlatformAndAgreesOnAllowOnlyNamed
     EXPECT_GT(exactChecked, 2000);
 }
 
-// The kernel bits a user (real ids, no root left) has on a path.
-unsigned KernelBitsAs(const Identity &who, const std::string &path, bool isDir) {
-    int rc = kova_test::RunAs(who, [&] {
-        if (setresgid(who.gid, who.gid, who.gid) != 0 || setresuid(who.uid, who.uid, who.uid) != 0) return 100;
-        return static_cast<int>(KernelBits(path, isDir));
-    });
-    return static_cast<unsigned>(rc);
-}
-
-// The kernel's access ACL of a path, raw ("<none>" without one).
-std::string KernelAcl(const std::string &path) {
-    char buf[512];
-    const ssize_t n = lgetxattr(path.c_str(), "system.posix_acl_access", buf, sizeof buf);
-    return n < 0 ? "<none>" : std::string(buf, static_cast<size_t>(n));
-}
-
-// A folder's set or removal reaches every inheriting descendant's kernel ACL, never
-// through a link, outside the share, or into a descendant that does not inherit.
-TEST_F(AclEnforce, DescendantsFollowAFoldersInheritableEntries) {
-    OpenAncestors();
-    const Identity alice{1030, 1030, {}}, bob{1031, 1031, {}};
-    const std::string top = In("top");
-    Dir(top + "/a/b");
-    File(top + "/a/b/f");
-    File(top + "/a/own");
-    ASSERT_EQ(SetAcl(top, {"user:1030:allow:rx:fd"}, false), 0);
-    for (const char *p : {"a", "a/b", "a/b/f"}) ASSERT_EQ(SetAcl(top + "/" + p, {}, true), 0) << p;
-    ASSERT_EQ(SetAcl(top + "/a/own", {"user:1031:allow:r:-"}, false), 0);
-    // Outside the share, reachable through a link inside the tree.
-    const std::string outside = root_.At("outside");
-    Dir(outside);
-    File(outside + "/g");
-    ASSERT_EQ(SetAcl(outside + "/g", {"user:1030:allow:r:-"}, true), 0);
-    ASSERT_EQ(symlink(outside.c_str(), (top + "/a/link").c_str()), 0);
-    const std::string outsideBefore = RawRecord(outside + "/g");
-    const std::string kernelBefore = KernelAcl(outside + "/g");
-
-    EXPECT_EQ(KernelBitsAs(alice, top + "/a/b/f", false), kR | kX);
-    EXPECT_EQ(KernelBitsAs(bob, top + "/a/b/f", false), 0u);
-
-    ASSERT_EQ(SetAcl(top, {"user:1031:allow:rwxpD:fd"}, false), 0);
-    ASSERT_TRUE(kova_acl_test::WaitForPropagations());
-    EXPECT_EQ(KernelBitsAs(alice, top + "/a/b/f", false), 0u);
-    EXPECT_EQ(KernelBitsAs(bob, top + "/a/b/f", false), kR | kW | kX);
-    EXPECT_EQ(KernelBitsAs(bob, top + "/a/b", true), kR | kW | kX);
-    // Not inheriting: its own entry only.
-    EXPECT_EQ(KernelBitsAs(bob, top + "/a/own", false), kR);
-
-    ASSERT_EQ(KOVAACLRemove(top.c_str(), -1), 0);
-    ASSERT_TRUE(kova_acl_test::WaitForPropagations());
-    EXPECT_EQ(KernelBitsAs(bob, top + "/a/b/f", false), 0u);
-    EXPECT_EQ(KernelBitsAs(bob, top + "/a/b", true), 0u);
-
-    EXPECT_EQ(RawRecord(outside + "/g"), outsideBefore);
-    EXPECT_EQ(KernelAcl(outside + "/g"), kernelBefore);
-}
-
 // Traverse is the platform's to judge: a user who may list but not traverse a folder
 // reaches a file in it through the platform, while the kernel refuses it.
 TEST_F(AclEnforce, PlatformLookupsDoNotHangOnTheKernelsTraverseCheck) {
@@ -379,7 +300,7 @@ TEST_F(AclEnforce, PlatformLookupsDoNotHangOnTheKernelsTraverseCheck) {
         return open(file.c_str(), O_RDONLY) < 0 && errno == EACCES ? 0 : 7;
     });
     EXPECT_EQ(rc, 0);
-    EXPECT_EQ(KernelBitsAs(alice, file, false), 0u);
+    EXPECT_EQ(KernelBitsAs(alice, file), 0u);
 }
 
 // Drift behind the platform's back (chmod, setfacl, a removed default ACL) is reported
@@ -405,8 +326,8 @@ TEST_F(AclEnforce, VerifyReportsAndRepairsDrift) {
     ASSERT_EQ(std::system(("setfacl -m u:1032:rw " + top + "/g").c_str()), 0);
     ASSERT_EQ(removexattr(top.c_str(), "system.posix_acl_default"), 0);
     ASSERT_EQ(chmod((top + "/plain").c_str(), 0600), 0);
-    EXPECT_EQ(KernelBitsAs(carol, top + "/g", false), kR | kW);
-    EXPECT_EQ(KernelBitsAs(carol, top + "/a/f", false), kR | kW | kX);
+    EXPECT_EQ(KernelBitsAs(carol, top + "/g"), kR | kW);
+    EXPECT_EQ(KernelBitsAs(carol, top + "/a/f"), kR | kW | kX);
 
     EXPECT_EQ(RunAdmin({"acl", "verify", top}, &out), 1) << out;
     for (const std::string &differs : {top, top + "/a/f", top + "/g"})
@@ -414,17 +335,17 @@ TEST_F(AclEnforce, VerifyReportsAndRepairsDrift) {
     EXPECT_EQ(out.find("plain"), std::string::npos) << out;
     EXPECT_NE(out.find("checked 4, differing 3, repaired 0"), std::string::npos) << out;
     // Reporting alone changes nothing.
-    EXPECT_EQ(KernelBitsAs(carol, top + "/g", false), kR | kW);
+    EXPECT_EQ(KernelBitsAs(carol, top + "/g"), kR | kW);
 
     EXPECT_EQ(RunAdmin({"acl", "verify", "--repair", top}, &out), 0) << out;
     EXPECT_NE(out.find("differing 3, repaired 3"), std::string::npos) << out;
-    EXPECT_EQ(KernelBitsAs(carol, top + "/g", false), 0u);
-    EXPECT_EQ(KernelBitsAs(carol, top + "/a/f", false), 0u);
-    EXPECT_EQ(KernelBitsAs(alice, top + "/a/f", false), kR | kX);
+    EXPECT_EQ(KernelBitsAs(carol, top + "/g"), 0u);
+    EXPECT_EQ(KernelBitsAs(carol, top + "/a/f"), 0u);
+    EXPECT_EQ(KernelBitsAs(alice, top + "/a/f"), kR | kX);
     // A file a program creates now starts from the restored default ACL.
     ASSERT_TRUE(CreateAsProgram(top + "/new"));
-    EXPECT_EQ(KernelBitsAs(alice, top + "/new", false) & kR, kR);
-    EXPECT_EQ(KernelBitsAs(carol, top + "/new", false), 0u);
+    EXPECT_EQ(KernelBitsAs(alice, top + "/new") & kR, kR);
+    EXPECT_EQ(KernelBitsAs(carol, top + "/new"), 0u);
 
     EXPECT_EQ(RunAdmin({"acl", "verify", top}, &out), 0) << out;
     EXPECT_EQ(RunAdmin("acl verify", &out), 1) << out;
@@ -451,12 +372,10 @@ TEST_F(AclEnforce, RecursiveWalkAsATaskProjectsEveryEntry) {
     };
     for (const Identity &granted : {alice, bob}) {
         ASSERT_EQ(walk(std::to_string(granted.uid)), 0);
-        for (const auto &rel : below) {
-            const bool isDir = rel == "a" || rel == "a/b";
+        for (const auto &rel : below)
             for (const Identity &who : {alice, bob})
-                EXPECT_EQ(KernelBitsAs(who, top + "/" + rel, isDir), who.uid == granted.uid ? kR | kW | kX : 0u)
+                EXPECT_EQ(KernelBitsAs(who, top + "/" + rel), who.uid == granted.uid ? kR | kW | kX : 0u)
                     << rel << " granted " << granted.uid << " asked " << who.uid;
-        }
     }
 }
 
@@ -491,10 +410,10 @@ TEST_F(AclEnforce, ARunOfEntriesInOneFolderIsProjectedFromWhatHoldsNow) {
         return 0;
     });
     ASSERT_EQ(rc, 0);
-    EXPECT_EQ(KernelBitsAs(bob, run + "/f1", false), kR) << "set before the change";
+    EXPECT_EQ(KernelBitsAs(bob, run + "/f1"), kR) << "set before the change";
     for (const char *f : {"f2", "f3"}) {
-        EXPECT_EQ(KernelBitsAs(bob, run + "/" + f, false), kR | kW | kX) << f;
-        EXPECT_EQ(KernelBitsAs(alice, run + "/" + f, false), kR | kX) << f;
+        EXPECT_EQ(KernelBitsAs(bob, run + "/" + f), kR | kW | kX) << f;
+        EXPECT_EQ(KernelBitsAs(alice, run + "/" + f), kR | kX) << f;
     }
 }
 

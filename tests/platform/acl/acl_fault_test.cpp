@@ -110,8 +110,7 @@ int FailingSetxattr(const char *, const char *, const void *, size_t, int) {
     return -1;
 }
 
-// A user owner replacing a group owner whose record write fails puts the uid back,
-// through the judged folder.
+// A user owner replacing a group owner whose record write fails puts the uid back, through the judged folder.
 TEST_F(AclFault, OwnerChangeWhoseRecordWriteFailsPutsTheUidBack) {
     File(In("f"));
     const KOVA_ACL_ID group{KOVA_ACL_ID_GROUP, 2000};

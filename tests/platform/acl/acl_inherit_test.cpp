@@ -48,24 +48,17 @@ TEST_F(AclInherit, SelectorsListOwnAndInheritedEntriesWithLevels) {
     EXPECT_EQ(Get(In("a/b/f"), KOVA_ACL_GET_INHERITED), inherited);
     // The share root is where the chain ends, whatever its own flag says.
     EXPECT_EQ(Get(Share(), KOVA_ACL_GET_INHERITED), V());
-}
 
-TEST_F(AclInherit, AncestorThatDoesNotInheritContributesAndCutsTheChain) {
-    BuildTree();
+    // A path that does not inherit gets nothing.
+    ASSERT_EQ(SetAcl(In("a/b/f"), {"everyone:-1:allow:------a------:----"}, false), 0);
+    EXPECT_EQ(Get(In("a/b/f"), KOVA_ACL_GET_INHERITED), V());
+    ASSERT_EQ(SetAcl(In("a/b/f"), {"everyone:-1:allow:------a------:----"}, true), 0);
+    // An ancestor that does not inherit contributes and cuts the chain.
     ASSERT_EQ(SetAcl(In("a"), {"user:1030:allow:-w-----------:fd--"}, false), 0);
     EXPECT_EQ(Get(In("a/b/f"), KOVA_ACL_GET_INHERITED),
               V({"user:1031:allow:--x----------:f---:1", "user:1030:allow:-w-----------:fd--:2"}));
-}
-
-TEST_F(AclInherit, AncestorWithoutStoredAclEndsTheChain) {
-    BuildTree();
+    // An ancestor without a stored ACL ends the chain.
     ASSERT_EQ(KOVAACLRemove(In("a/b").c_str(), -1), 0);
-    EXPECT_EQ(Get(In("a/b/f"), KOVA_ACL_GET_INHERITED), V());
-}
-
-TEST_F(AclInherit, PathThatDoesNotInheritGetsNothing) {
-    BuildTree();
-    ASSERT_EQ(SetAcl(In("a/b/f"), {"everyone:-1:allow:------a------:----"}, false), 0);
     EXPECT_EQ(Get(In("a/b/f"), KOVA_ACL_GET_INHERITED), V());
 }
 
@@ -129,15 +122,13 @@ protected:
     }
 };
 
-TEST_F(AclPassDown, FileAndFolderFlags) {
+TEST_F(AclPassDown, FileFolderAndNoPropagateFlags) {
     //                      D            E            G            F
     EXPECT_EQ(Reach("f---"), V({"f-i-:1", "f-i-:2", "f---:2", "f---:1"}));
     EXPECT_EQ(Reach("-d--"), V({"-d--:1", "-d--:2", "", ""}));
     EXPECT_EQ(Reach("fd--"), V({"fd--:1", "fd--:2", "fd--:2", "fd--:1"}));
     EXPECT_EQ(Reach("----"), V({"", "", "", ""}));
-}
-
-TEST_F(AclPassDown, NoPropagateStopsAfterOneLevel) {
+    // No-propagate stops after one level.
     EXPECT_EQ(Reach("fd-n"), V({"---n:1", "", "", "---n:1"}));
     EXPECT_EQ(Reach("-d-n"), V({"---n:1", "", "", ""}));
     EXPECT_EQ(Reach("f--n"), V({"", "", "", "---n:1"}));

@@ -119,30 +119,24 @@ TEST(AclObject, ValidityOfFieldsAndLevelOrder) {
     unsigned int state = 0;
     EXPECT_NE(KOVAACLAceIsValid(&e, &state), 0);
 
-    auto invalid = [](KOVA_ACL_ENTRY x) {
+    // One field changed from e; a user needs a uid, fixed principals carry -1.
+    const struct {
+        const char *what;
+        void (*change)(KOVA_ACL_ENTRY &);
+    } cases[] = {{"permission 0x2000", [](KOVA_ACL_ENTRY &x) { x.permission = 0x2000; }},
+                 {"inherit 0x10", [](KOVA_ACL_ENTRY &x) { x.inherit = 0x10; }},
+                 {"access type 2", [](KOVA_ACL_ENTRY &x) { x.accessType = 2; }},
+                 {"id type 3", [](KOVA_ACL_ENTRY &x) { x.idType = 3; }},
+                 {"user -1", [](KOVA_ACL_ENTRY &x) { x.id = -1; }},
+                 {"everyone 1030", [](KOVA_ACL_ENTRY &x) { x.idType = KOVA_ACL_ID_EVERYONE; }}};
+    for (const auto &c : cases) {
+        KOVA_ACL_ENTRY x = e;
+        c.change(x);
         unsigned int s = 0;
-        return KOVAACLAceIsValid(&x, &s) == 0;
-    };
-    KOVA_ACL_ENTRY bad = e;
-    bad.permission = 0x2000;
-    EXPECT_TRUE(invalid(bad));
-    bad = e;
-    bad.inherit = 0x10;
-    EXPECT_TRUE(invalid(bad));
-    bad = e;
-    bad.accessType = 2;
-    EXPECT_TRUE(invalid(bad));
-    bad = e;
-    bad.idType = 3;
-    EXPECT_TRUE(invalid(bad));
-    bad = e;
-    bad.id = -1;  // a user needs a uid
-    EXPECT_TRUE(invalid(bad));
-    bad = e;
-    bad.idType = KOVA_ACL_ID_EVERYONE;  // fixed principals carry -1
-    EXPECT_TRUE(invalid(bad));
-    bad.id = -1;
-    EXPECT_FALSE(invalid(bad));
+        EXPECT_EQ(KOVAACLAceIsValid(&x, &s), 0) << c.what;
+        x.id = -1;
+        EXPECT_EQ(KOVAACLAceIsValid(&x, &s) != 0, x.idType == KOVA_ACL_ID_EVERYONE) << c.what << ", id -1";
+    }
 
     // Levels may repeat or grow along one ACL, never go back.
     state = 0;

@@ -1,12 +1,7 @@
-// Background propagation: a non-recursive change of a folder's inheritable
-// entries reaches every inheriting descendant's kernel ACL once the
-// propagation ends (checked by a child with a user's real ids and by the
-// drift check), progress is visible, a stop holds, a runner killed mid-way
-// is resumed from its resume point, a link or foreign folder swapped in
-// during the walk changes nothing outside the share, and a newer change of
-// the same folder supersedes the running one. With every job place held by
-// an unfinished job, a change is followed in place.
+// Background propagation of a folder's inheritable entries to its descendants' kernel ACLs (checked by a
+// child with a user's real ids and by the drift check): progress, stops, resumes, swaps and bounds.
 #include "acl-fixture.h"
+#include "share-fixture.h"
 
 #include "as-identity.h"
 #include "run-admin.h"
@@ -53,35 +48,14 @@ using kova_internal::ScopedSysCall;
 using kova_internal::SysCalls;
 using kova_test::Identity;
 
-constexpr unsigned kR = 4, kW = 2, kX = 1;
+using kova_acl_test::KernelBitsAs;
+using kova_acl_test::kR;
+using kova_acl_test::kW;
+using kova_acl_test::kX;
 const Identity kAlice{1030, 1030, {}}, kBob{1031, 1031, {}};
 
-// What the kernel lets a child with the user's real ids do.
-unsigned KernelBitsAs(const Identity &who, const std::string &path) {
-    return static_cast<unsigned>(kova_test::RunAs(who, [&] {
-        if (setresgid(who.gid, who.gid, who.gid) != 0 || setresuid(who.uid, who.uid, who.uid) != 0) return 100;
-        struct stat st;
-        // A folder above it that may not be searched: nothing is reachable.
-        if (lstat(path.c_str(), &st) != 0) return errno == EACCES ? 0 : 101;
-        unsigned b = 0;
-        if (S_ISDIR(st.st_mode)) {
-            DIR *d = opendir(path.c_str());
-            if (d) closedir(d);
-            b |= (d ? kR : 0) | (faccessat(AT_FDCWD, path.c_str(), W_OK, AT_EACCESS) == 0 ? kW : 0);
-        } else {
-            for (int flags : {O_RDONLY, O_WRONLY}) {
-                const int fd = open(path.c_str(), flags | O_NOFOLLOW);
-                b |= fd < 0 ? 0 : flags == O_RDONLY ? kR : kW;
-                if (fd >= 0) close(fd);
-            }
-        }
-        if (faccessat(AT_FDCWD, path.c_str(), X_OK, AT_EACCESS) == 0) b |= kX;
-        return static_cast<int>(b);
-    }));
-}
-
-// A record that inherits and has no entries of its own, written directly so
-// that building a tree starts no propagation of its own.
+// A record that inherits and has no entries of its own, written directly so that building a tree starts no
+// propagation of its own.
 void Inheriting(const std::string &path) {
     kova_acl::StoredAcl acl;
     acl.inherits = true;
@@ -90,9 +64,8 @@ void Inheriting(const std::string &path) {
     ASSERT_TRUE(WriteRawRecord(path, bytes)) << path;
 }
 
-// Folders slowed down for the runner, which a set forks from this process
-// and which inherits the system-call table: each look at an entry waits.
-// Memory the runner shares with the test also counts its looks and can
+// Folders slowed down for the runner, which a set forks from this process and which inherits the system-call
+// table: each look at an entry waits. Memory the runner shares with the test also counts its looks and can
 // slow it down further while it runs.
 struct Shared {
     std::atomic<int> looks{0};
@@ -113,8 +86,7 @@ int SlowFstatat(int dirFd, const char *name, struct stat *st, int flags) {
     return kova_internal::RealSysCalls().fstatat(dirFd, name, st, flags);
 }
 
-// Polls the job of path until pred holds (false after `tries` looks, 20 ms
-// apart); JobOf looks once.
+// Polls the job of path until pred holds (false after `tries` looks, 20 ms apart); JobOf looks once.
 template <typename Pred>
 bool WaitJob(const std::string &path, Pred pred, PropagationJob &out, int tries = 1000) {
     for (int i = 0; i < tries; ++i) {
@@ -134,11 +106,10 @@ class AclPropagation : public AclFixture {
 protected:
     void SetUp() override {
         AclFixture::SetUp();
-        for (std::string p = Share(); p.size() > 1; p = p.substr(0, p.rfind('/'))) chmod(p.c_str(), 0755);
-        chmod(Share().c_str(), 0777);
+        OpenAncestors();
         top_ = In("top");
-        // Two workers (the tests that slow the walk down count on its pace),
-        // and every change, however small its tree, goes to a job.
+        // Two workers (the tests that slow the walk down count on its pace), and every change, however small
+        // its tree, goes to a job.
         setenv("KOVA_PROPAGATION_THREADS", "2", 1);
         setenv("KOVA_PROPAGATION_IN_PLACE", "0", 1);
         // Looks at entries wait gDelayUs (0 unless a test slows the walk).
@@ -159,9 +130,8 @@ protected:
         return path;
     }
 
-    // top/dD/sS/fF: folders x subs x files, every entry inheriting; returns
-    // the entries below top. With `followed`, top already passes
-    // user:1030:allow:rx down and every entry follows it.
+    // top/dD/sS/fF: folders x subs x files, every entry inheriting; returns the entries below top. With
+    // `followed`, top already passes user:1030:allow:rx down and every entry follows it.
     std::vector<std::string> Tree(int folders, int subs, int files, bool followed = false) {
         std::vector<std::string> all;
         Dir(top_);
@@ -181,9 +151,8 @@ protected:
         return all;
     }
 
-    // A set waits for the propagation it starts; the tests that watch one
-    // under way start a set of top on a thread of its own (joined at the
-    // latest when the future goes), with every look at an entry delayed by
+    // A set waits for the propagation it starts; the tests that watch one under way start a set of top on a
+    // thread of its own (joined at the latest when the future goes), with every look at an entry delayed by
     // delayUs, and wait until its job runs and `until` holds.
     template <typename Pred>
     bool SlowSet(int delayUs, const std::vector<std::string> &entries, std::future<int> &set, Pred until,
@@ -193,12 +162,31 @@ protected:
         return WaitJob(top_, [&](const PropagationJob &j) { return j.state == JobState::kRunning && until(j); }, job);
     }
 
-    // Entries below top (or `below`) whose kernel ACL differs from their
-    // projection.
+    // Entries below top (or `below`) whose kernel ACL differs from their projection.
     size_t Drifting(const std::string &below = "") {
         kova_acl::VerifyCounts counts;
         EXPECT_TRUE(kova_acl::VerifyTree((below.empty() ? top_ : below).c_str(), false, [](const kova_acl::Drift &) {}, counts));
         return counts.differing + counts.failed;
+    }
+
+    // What the platform and the kernel hold for each path.
+    static std::vector<std::string> Snapshot(const std::vector<std::string> &paths) {
+        std::vector<std::string> out;
+        for (const std::string &p : paths) {
+            char buf[512];
+            const ssize_t n = lgetxattr(p.c_str(), "system.posix_acl_access", buf, sizeof buf);
+            out.push_back(RawRecord(p) + "|" + std::string(buf, static_cast<size_t>(n > 0 ? n : 0)));
+        }
+        return out;
+    }
+    // A file outside the share with a record, reachable through the link top/d0/out; its snapshot.
+    std::vector<std::string> LinkOutside(const std::string &name) {
+        const std::string outside = root_.At(name);
+        Dir(outside);
+        File(outside + "/g");
+        EXPECT_EQ(SetAcl(outside + "/g", {"user:1030:allow:r:-"}, true), 0);
+        EXPECT_EQ(symlink(outside.c_str(), (top_ + "/d0/out").c_str()), 0);
+        return Snapshot({outside + "/g"});
     }
 
     // What the kernel lets each user do with each path, as a table.
@@ -211,8 +199,8 @@ protected:
         for (const Access &a : table)
             EXPECT_EQ(KernelBitsAs(a.who, a.path), a.bits) << (&a.who == &kAlice ? "alice " : "bob ") << a.path;
     }
-    // After "user:1031:allow:rwxpD:fd everyone:-1:allow:x:d": bob may do
-    // everything, alice only traverse the folders.
+    // After "user:1031:allow:rwxpD:fd everyone:-1:allow:x:d": bob may do everything, alice only traverse the
+    // folders.
     static std::vector<Access> BobAllAliceTraverse(const std::vector<std::string> &paths) {
         std::vector<Access> table;
         for (const std::string &p : paths) {
@@ -222,8 +210,7 @@ protected:
         return table;
     }
 
-    // Nothing below top (or `below`) drifts and the kernel answers as
-    // `table` says.
+    // Nothing below top (or `below`) drifts and the kernel answers as `table` says.
     void Followed(const std::vector<Access> &table, const std::string &below = "") {
         EXPECT_EQ(Drifting(below), 0u);
         ExpectKernel(table);
@@ -238,9 +225,8 @@ protected:
         return job;
     }
 
-    // A job left unfinished part-way (stopped, or under a killed runner)
-    // stays so: in `state`, short of the `total` entries, and entries below
-    // top still drift.
+    // A job left unfinished part-way (stopped, or under a killed runner) stays so: in `state`, short of the
+    // `total` entries, and entries below top still drift.
     PropagationJob Held(JobState state, size_t total) {
         PropagationJob job;
         EXPECT_TRUE(JobOf(top_, job));
@@ -254,19 +240,19 @@ protected:
     std::unique_ptr<ScopedSysCall<decltype(SysCalls::fstatat)>> slow_;
 };
 
-// The plain case, down three levels: every inheriting entry follows the new
-// entries, one that does not inherit keeps its own (and so does what lies
-// below it), one without a record keeps its mode.
+// The plain case, down three levels: every inheriting entry follows the new entries, one that does not
+// inherit keeps its own (and so does what lies below it), one without a record keeps its mode, a link is not
+// followed.
 TEST_F(AclPropagation, NonRecursiveChangeReachesEveryInheritingDescendant) {
     unsetenv("KOVA_PROPAGATION_THREADS");  // as many workers as by default
     const std::vector<std::string> all = Tree(3, 2, 6);
+    const std::vector<std::string> outside = LinkOutside("outside");
     Dir(top_ + "/d0/own");
     Make(top_ + "/d0/own/g", false);
     ASSERT_EQ(SetAcl(top_ + "/d0/own", {"user:1031:allow:rx:fd"}, false), 0);
     File(top_ + "/d1/plain");
     chmod((top_ + "/d1/plain").c_str(), 0604);
-    // Files of one folder that differ from their siblings: another owner,
-    // an entry of their own.
+    // Files of one folder that differ from their siblings: another owner, an entry of their own.
     ASSERT_EQ(chown((top_ + "/d2/s1/f2").c_str(), 1032, 1032), 0);
     ASSERT_EQ(SetAcl(top_ + "/d2/s1/f3", {"user:1030:allow:wp:-"}, true), 0);
 
@@ -274,8 +260,8 @@ TEST_F(AclPropagation, NonRecursiveChangeReachesEveryInheritingDescendant) {
     ASSERT_TRUE(WaitForPropagations());
     EXPECT_EQ(KernelBitsAs(kAlice, top_ + "/d2/s1/f5"), kR | kX);
 
-    // Bob gets everything; everyone may only traverse the folders, so
-    // alice still reaches each entry but no longer reads the files.
+    // Bob gets everything; everyone may only traverse the folders, so alice still reaches each entry but no
+    // longer reads the files.
     ASSERT_EQ(SetAcl(top_, {"user:1031:allow:rwxpD:fd", "everyone:-1:allow:x:d"}, false), 0);
     const PropagationJob job =
         Done(BobAllAliceTraverse({top_ + "/d0", top_ + "/d1/s0", top_ + "/d2/s1/f5", top_ + "/d0/s0/f0"}));
@@ -291,20 +277,22 @@ TEST_F(AclPropagation, NonRecursiveChangeReachesEveryInheritingDescendant) {
     ASSERT_EQ(KOVAACLRemove(top_.c_str(), -1), 0);
     ASSERT_TRUE(WaitForPropagations());
     Followed({{kBob, top_ + "/d2/s1/f5", 0}});
+    EXPECT_EQ(Snapshot({root_.At("outside/g")}), outside);
 }
 
-// A small tree is followed in place, without a job, and so is a larger one
-// while every place of the job directory is held by an unfinished job: no
-// record is added and none of the held ones is lost. Once one of them has
-// finished, it is forgotten and the change goes to a job, which finishes it.
+// A small tree is followed in place, without a job, and so is a larger one while every place of the job
+// directory is held by an unfinished job: no record is added and none of the held ones is lost. Once one of
+// them has finished, it is forgotten and the change goes to a job, which finishes it.
 TEST_F(AclPropagation, SmallTreesAndChangesBeyondTheJobPlacesAreFollowedInPlace) {
     Tree(2, 2, 3);
+    const std::vector<std::string> outside = LinkOutside("outside");
     unsetenv("KOVA_PROPAGATION_IN_PLACE");
     ASSERT_EQ(SetAcl(top_, {"user:1031:allow:rx:fd"}, false), 0);
     std::vector<PropagationJob> jobs;
     ASSERT_TRUE(kova_acl::ListPropagations(jobs));
     EXPECT_TRUE(jobs.empty());
     Followed({{kBob, top_ + "/d1/s1/f2", kR | kX}});
+    EXPECT_EQ(Snapshot({root_.At("outside/g")}), outside) << "the in-place refresh followed a link";
 
     setenv("KOVA_PROPAGATION_IN_PLACE", "5", 1);  // fewer than the tree's 18
     kova_acl::JobDir dir;
@@ -344,30 +332,24 @@ TEST_F(AclPropagation, SmallTreesAndChangesBeyondTheJobPlacesAreFollowedInPlace)
     EXPECT_EQ(after, expected);
 }
 
-// A share whose root lies inside the tree starts its own inheritance there:
-// the walk gives that folder and what lies below it nothing of the top's.
+// A share whose root lies inside the tree starts its own inheritance there: the walk gives that folder and
+// what lies below it nothing of the top's.
 TEST_F(AclPropagation, AShareRootInsideTheTreeInheritsNothingFromAbove) {
     Tree(2, 1, 2);
-    KOVA_SHARE inner = {};
-    std::snprintf(inner.szName, sizeof inner.szName, "inner");
-    std::snprintf(inner.szPath, sizeof inner.szPath, "%s", (top_ + "/d0").c_str());
-    inner.supportAcl = 1;
-    inner.aclStatus = 1;
-    inner.defaultPriv = KOVA_SHARE_PRIV_RW;
-    ASSERT_EQ(KOVAShareSet(&inner), 0);
+    ASSERT_EQ(kova_share_test::AddAclShare("inner", top_ + "/d0", KOVA_SHARE_PRIV_RW), 0);
     ASSERT_EQ(SetAcl(top_, {"user:1031:allow:rwxpD:fd"}, false), 0);
     ASSERT_TRUE(WaitForPropagations());
     Followed({{kBob, top_ + "/d1/s0/f1", kR | kW | kX}}, top_ + "/d1");
-    // The platform gives bob nothing there (the inner share's root has an
-    // empty ACL), and neither does the kernel.
+    // The platform gives bob nothing there (the inner share's root has an empty ACL), and neither does the
+    // kernel.
     std::vector<std::string> acl;
     ASSERT_TRUE(GetAcl(top_ + "/d0", KOVA_ACL_GET_ALL, acl));
     EXPECT_TRUE(acl.empty());
     EXPECT_EQ(KernelBitsAs(kBob, top_ + "/d0"), 0u);
 }
 
-// Progress shows while the walk runs (in the record and through kova-admin),
-// a stop holds the job where it is, and a resume finishes it.
+// Progress shows while the walk runs (in the record and through kova-admin), a stop holds the job where it
+// is, and a resume finishes it.
 TEST_F(AclPropagation, ProgressIsVisibleAndAStopHolds) {
     const std::vector<std::string> all = Tree(6, 2, 10, true);
     static Shared *const shared = SharedWithRunners();
@@ -383,15 +365,13 @@ TEST_F(AclPropagation, ProgressIsVisibleAndAStopHolds) {
     EXPECT_NE(out.find("running " + top_ + " visited "), std::string::npos) << out;
     EXPECT_NE(out.find(" at " + top_), std::string::npos) << out;
 
-    // From now on the runner's walk is slower still, so that going on
-    // after the stop would show.
+    // From now on the runner's walk is slower still, so that going on after the stop would show.
     shared->extraUs = 100000;
     ASSERT_EQ(kova_test::RunAdmin("acl propagation stop " + top_, &out), 0) << out;
     ASSERT_TRUE(WaitJob(top_, [](const PropagationJob &j) { return j.state == JobState::kStopped; }, job));
     // The set that waited for its propagation returns once it is stopped.
     EXPECT_EQ(set.get(), 0);
-    // The runner notices within a quarter of a second (and its entry under
-    // way), then looks at nothing more.
+    // The runner notices within a quarter of a second (and its entry under way), then looks at nothing more.
     usleep(600000);
     const int looked = shared->looks.load();
     usleep(600000);
@@ -406,9 +386,8 @@ TEST_F(AclPropagation, ProgressIsVisibleAndAStopHolds) {
     EXPECT_NE(kova_test::RunAdmin("acl propagation stop " + top_, &out), 0) << "nothing left to stop";
 }
 
-// A runner killed outright: the job reads as running under a dead process,
-// a resume takes it up at its resume point (what lies before it is not
-// looked at again) and finishes it.
+// A runner killed outright: the job reads as running under a dead process, a resume takes it up at its resume
+// point (what lies before it is not looked at again) and finishes it.
 TEST_F(AclPropagation, AKilledRunnerIsResumedWhereItStopped) {
     const std::vector<std::string> all = Tree(8, 2, 8, true);
     PropagationJob job;
@@ -431,15 +410,14 @@ TEST_F(AclPropagation, AKilledRunnerIsResumedWhereItStopped) {
     ASSERT_TRUE(kova_acl::ResumePropagations(waiting));
     EXPECT_EQ(waiting, 1u);
     job = Done({{kBob, top_ + "/d7/s1/f7", kR | kX}});
-    // Only what lay from the resume point on was looked at again: the whole
-    // tree once more would add every entry to the count.
+    // Only what lay from the resume point on was looked at again: the whole tree once more would add every
+    // entry to the count.
     EXPECT_LT(job.visited, killed.visited + all.size());
 }
 
-// Folders swapped during the walk, between the look at them and their
-// opening: one for a link to a folder outside the share, one for that very
-// folder moved in. Neither is entered, by the runner's walk, the in-place
-// refresh or the drift check's repair; outside the share nothing changes.
+// Folders swapped during the walk, between the look at them and their opening: one for a link to a folder
+// outside the share, one for that very folder moved in. Neither is entered, by the runner's walk, the
+// in-place refresh or the drift check's repair; outside the share nothing changes.
 std::string gOutside;
 int SwappingOpenat(int dirFd, const char *name, int flags, mode_t mode) {
     if ((flags & O_DIRECTORY) && (std::strcmp(name, "s0") == 0 || std::strcmp(name, "s1") == 0)) {
@@ -470,19 +448,9 @@ TEST_F(AclPropagation, FoldersSwappedDuringTheWalkChangeNothingOutside) {
             ASSERT_EQ(SetAcl(o, {"user:1030:allow:r:fd"}, false), 0);
         }
         ASSERT_TRUE(WaitForPropagations());
-        // What the kernel and the platform hold for the outside folders, by
-        // where they are: the second one is moved into the tree by the swap.
-        auto snapshot = [](const std::vector<std::string> &paths) {
-            std::vector<std::string> out;
-            for (const std::string &p : paths) {
-                char buf[512];
-                const ssize_t n = lgetxattr(p.c_str(), "system.posix_acl_access", buf, sizeof buf);
-                out.push_back(RawRecord(p) + "|" + std::string(buf, static_cast<size_t>(n > 0 ? n : 0)));
-            }
-            return out;
-        };
+        // The outside folders by where they are: the second one is moved into the tree by the swap.
         const std::vector<std::string> before =
-            snapshot({gOutside, gOutside + "/g", gOutside + "-dir", gOutside + "-dir/g"});
+            Snapshot({gOutside, gOutside + "/g", gOutside + "-dir", gOutside + "-dir/g"});
 
         if (how == "verify") {
             ASSERT_EQ(SetAcl(top_, {"user:1031:allow:rwxpD:fd"}, false), 0);
@@ -499,7 +467,7 @@ TEST_F(AclPropagation, FoldersSwappedDuringTheWalkChangeNothingOutside) {
         ASSERT_EQ(lstat((top_ + "/d0/s0").c_str(), &st), 0);
         EXPECT_TRUE(S_ISLNK(st.st_mode)) << "the link was swapped in";
         ASSERT_NE(lstat((gOutside + "-dir").c_str(), &st), 0) << "the folder was moved in";
-        EXPECT_EQ(snapshot({gOutside, gOutside + "/g", top_ + "/d0/s1", top_ + "/d0/s1/g"}), before);
+        EXPECT_EQ(Snapshot({gOutside, gOutside + "/g", top_ + "/d0/s1", top_ + "/d0/s1/g"}), before);
         EXPECT_EQ(KernelBitsAs(kBob, top_ + "/d0/s1/g"), 0u);
         // The rest of the tree followed.
         EXPECT_EQ(KernelBitsAs(kBob, top_ + "/d0/f"), kR | kW | kX);
@@ -507,9 +475,8 @@ TEST_F(AclPropagation, FoldersSwappedDuringTheWalkChangeNothingOutside) {
     }
 }
 
-// What the walks leave out: another file system mounted in the tree, the
-// platform's attribute folders, and what lies beyond their bounds (the
-// in-place refresh: kRefreshDepth levels, and as many entries as asked).
+// What the walks leave out: another file system mounted in the tree, the platform's attribute folders, and
+// what lies beyond their bounds (the in-place refresh: kRefreshDepth levels, and as many entries as asked).
 TEST_F(AclPropagation, WalksStayOnTheirFileSystemOutOfAttributeFoldersAndWithinBounds) {
     Dir(top_ + "/@kova_attr");
     File(top_ + "/@kova_attr/x");
@@ -529,9 +496,8 @@ TEST_F(AclPropagation, WalksStayOnTheirFileSystemOutOfAttributeFoldersAndWithinB
     EXPECT_EQ(counts.checked, 1u) << "only f is ours to check";
     EXPECT_EQ(counts.failed, 0u);
 
-    // A chain of inheriting folders below `deep`, as deep as the in-place
-    // refresh goes: followed in place (no job) when the whole chain fits
-    // its bounds, else left to a job.
+    // A chain of inheriting folders below `deep`, as deep as the in-place refresh goes: followed in place (no
+    // job) when the whole chain fits its bounds, else left to a job.
     std::string p = top_ + "/deep";
     Dir(p);
     for (size_t level = 1; level < kova_acl::kRefreshDepth; ++level) {
@@ -560,8 +526,8 @@ TEST_F(AclPropagation, WalksStayOnTheirFileSystemOutOfAttributeFoldersAndWithinB
     EXPECT_EQ(Drifting(deep), 0u);
 }
 
-// A runner whose job lock fails part-way leaves its job "running" under
-// itself; it takes the job up again rather than going away with it.
+// A runner whose job lock fails part-way leaves its job "running" under itself; it takes the job up again
+// rather than going away with it.
 std::atomic<int> *gRunnerLocks = nullptr;
 pid_t gTestPid = 0;
 int FailSecondRunnerLock(int fd, int cmd, struct flock *fl) {
@@ -587,9 +553,9 @@ TEST_F(AclPropagation, ARunnerThatLosesItsLockPartWayTakesItsJobUpAgain) {
     munmap(m, sizeof(std::atomic<int>));
 }
 
-// A newer change of the folder while its propagation runs replaces the job
-// (one record per folder): the running walk stops, the newer one runs from
-// the start, and the newer entries are what every descendant ends with.
+// A newer change of the folder while its propagation runs replaces the job (one record per folder): the
+// running walk stops, the newer one runs from the start, and the newer entries are what every descendant ends
+// with.
 TEST_F(AclPropagation, ANewerChangeSupersedesTheRunningOne) {
     const std::vector<std::string> all = Tree(6, 2, 8, true);
     PropagationJob first;
@@ -597,8 +563,7 @@ TEST_F(AclPropagation, ANewerChangeSupersedesTheRunningOne) {
     const bool seen =
         SlowSet(5000, {"user:1030:allow:r:fd"}, set, [](const PropagationJob &j) { return j.visited > 5; }, first);
     gDelayUs = 0;
-    // The newer set waits for its own propagation; the older one's wait
-    // ends when its job is replaced.
+    // The newer set waits for its own propagation; the older one's wait ends when its job is replaced.
     EXPECT_EQ(SetAcl(top_, {"user:1031:allow:rwxpD:fd", "everyone:-1:allow:x:d"}, false), 0);
     EXPECT_EQ(set.get(), 0);
     ASSERT_TRUE(seen);

@@ -181,6 +181,9 @@ TEST_F(AclRecord, MaximumEntriesFitAndOneMoreIsRefused) {
     entries.push_back("user:9999:deny:rwxpdDaARWcCo:----");
     EXPECT_LT(SetAcl(In("f"), entries), 0);
     EXPECT_EQ(KLIBCErrGet(), KOVA_ERR_ACL_NOSPACE);
+    // The bound is the list's own: checked before the caller's rights are.
+    const auto setAsAlice = [&] { return kova_acl_test::Code(SetAcl(In("f"), entries)); };
+    EXPECT_EQ(kova_test::RunAs(kova_acl_test::kAlice, setAsAlice), KOVA_ERR_ACL_NOSPACE >> 8);
     ASSERT_TRUE(GetAcl(In("f"), KOVA_ACL_GET_OWN, got));
     EXPECT_EQ(got.size(), static_cast<size_t>(max));
     EXPECT_EQ(got.back(), "user:" + std::to_string(2000 + max - 1) + ":allow:r------------:----:0");

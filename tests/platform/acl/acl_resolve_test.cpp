@@ -1,5 +1,6 @@
 // Where the path calls act and with which ids, when folders move or become links.
 #include "acl-fixture.h"
+#include "share-fixture.h"
 
 #include "as-identity.h"
 #include "kova/account.h"
@@ -64,14 +65,7 @@ TEST_F(AclResolve, AFolderSwappedForALinkIsJudgedWhereItLeads) {
 
 // A link at a share root's own path is an entry of the share around it.
 TEST_F(AclResolve, ALinkAtAShareRootsPathBelongsToTheShareAroundIt) {
-    KOVA_SHARE outer;
-    std::memset(&outer, 0, sizeof outer);
-    std::snprintf(outer.szName, sizeof outer.szName, "vol");
-    std::snprintf(outer.szPath, sizeof outer.szPath, "%s", root_.At("volumes/volume1").c_str());
-    outer.supportAcl = 1;
-    outer.aclStatus = 1;
-    outer.defaultPriv = KOVA_SHARE_PRIV_RW;
-    ASSERT_EQ(KOVAShareSet(&outer), 0);
+    ASSERT_EQ(kova_share_test::AddAclShare("vol", root_.At("volumes/volume1"), KOVA_SHARE_PRIV_RW), 0);
     // Wait until the share table is kept, so that it still knows data's root.
     usleep(2100 * 1000);
     char name[64], root[4096];

@@ -11,7 +11,7 @@
 
 namespace {
 
-TEST(Paths, UnderRootOnlyOnAComponentBoundary) {
+TEST(Paths, UnderRootOnlyOnAComponentBoundaryAndTrailingSlashes) {
     using kova_internal::UnderRoot;
     EXPECT_TRUE(UnderRoot("/vol/pub", "/vol/pub"));
     EXPECT_TRUE(UnderRoot("/vol/pub/a/b", "/vol/pub"));
@@ -22,9 +22,7 @@ TEST(Paths, UnderRootOnlyOnAComponentBoundary) {
     EXPECT_TRUE(UnderRoot("/", "/"));
     EXPECT_FALSE(UnderRoot("relative", "/"));
     EXPECT_FALSE(UnderRoot("", "/"));
-}
-
-TEST(Paths, TrailingSlashesGoButTheRootStays) {
+    // Trailing slashes go but the root stays.
     using kova_internal::StripTrailingSlashes;
     EXPECT_EQ("/vol/pub", StripTrailingSlashes("/vol/pub//"));
     EXPECT_EQ("/vol/pub", StripTrailingSlashes("/vol/pub"));

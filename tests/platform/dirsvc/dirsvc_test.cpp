@@ -1,6 +1,5 @@
-// Directory-service state: defaults of a new root, the LDAP binding, the
-// domain list with trusted domains on and off, organisational units, the
-// unreachable state, and LDIF reading.
+// Directory-service state: defaults of a new root, the LDAP binding, the domain list with trusted domains on
+// and off, organisational units, the unreachable state, and LDIF reading.
 #include "temp-root.h"
 
 #include "kova-dirsvc-admin.h"

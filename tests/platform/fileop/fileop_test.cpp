@@ -1,6 +1,7 @@
 // The file-share helper against real shares and accounts: resolution and escapes, path
 // checks, privileges, the identity switch, bad text, and each system call refused in turn.
 #include "as-identity.h"
+#include "share-fixture.h"
 #include "sys-fault.h"
 #include "temp-root.h"
 
@@ -65,15 +66,8 @@ protected:
     }
 
     void AddShare(const char *name, bool readOnly) {
-        KOVA_SHARE s;
-        std::memset(&s, 0, sizeof(s));
-        std::strcpy(s.szName, name);
-        std::strcpy(s.szPath, root_.At(std::string("volume1/") + name).c_str());
-        s.supportAcl = 1;
-        s.aclStatus = 1;
-        s.isReadOnly = readOnly;
-        s.defaultPriv = KOVA_SHARE_PRIV_NONE;
-        ASSERT_EQ(KOVAShareSet(&s), 0) << name;
+        const std::string path = root_.At(std::string("volume1/") + name);
+        ASSERT_EQ(kova_share_test::AddAclShare(name, path, KOVA_SHARE_PRIV_NONE, readOnly), 0) << name;
     }
 
     // Resolves for alice; returns the method's result and fills the outputs.

@@ -35,7 +35,7 @@ protected:
 
 } // namespace
 
-TEST_F(Bundle, ReadsTheSectionsKeys) {
+TEST_F(Bundle, ReadsTheSectionsKeysOrDefaults) {
     StringBundle b(3, "property");
     EXPECT_EQ(b.Text("privilege_recursive", "dflt"), "Apply to this folder, sub-folders and files");
     EXPECT_EQ(b.Text("quoted", ""), "say \"hi\"\tnow");
@@ -44,9 +44,7 @@ TEST_F(Bundle, ReadsTheSectionsKeys) {
     EXPECT_EQ(b.Text("only_other", "dflt"), "dflt");
     EXPECT_EQ(b.Text("missing", "dflt"), "dflt");
     EXPECT_EQ(StringBundle(3, "common").Text("privilege_recursive", ""), "common text");
-}
-
-TEST_F(Bundle, MissingFileOrSectionGivesDefaults) {
+    // A missing file, section or key gives the default.
     EXPECT_EQ(StringBundle(4, "property").Text("privilege_recursive", "d1"), "d1");
     EXPECT_EQ(StringBundle(3, "nosuch").Text("privilege_recursive", "d2"), "d2");
     EXPECT_EQ(StringBundle(3, "property").Text("", "d3"), "d3");

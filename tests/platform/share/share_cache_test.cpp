@@ -1,5 +1,5 @@
-// The share table a process keeps sees every change to the share database, names each
-// share's real root, and a link put at a root's path holds nothing.
+// The share table a process keeps sees every change to the share database, names each share's real root, and
+// a link put at a root's path holds nothing.
 #include "share-fixture.h"
 
 #include "kova/errcode.h"
@@ -36,8 +36,7 @@ protected:
         clock_gettime(CLOCK_REALTIME, &old_);
         old_.tv_sec -= 60;
     }
-    // Dates the database a minute back (always the same time), so this process keeps
-    // the table it reads next.
+    // Dates the database a minute back (always the same time), so this process keeps the table it reads next.
     void Age() {
         struct timespec times[2] = {old_, old_};
         ASSERT_EQ(utimensat(AT_FDCWD, db_.c_str(), times, 0), 0);

@@ -96,26 +96,11 @@ void Rewrite(APIRequest *, APIResponse *resp, void *) {
 
 void Quick(APIRequest *, APIResponse *resp, void *) { resp->SetError(6201); }
 
-// Sets an environment entry for the object's lifetime.
-class ScopedEnv {
-public:
-    ScopedEnv(const char *name, const std::string &value) : name_(name) {
-        const char *old = std::getenv(name);
-        had_ = old != nullptr;
-        if (had_) old_ = old;
-        setenv(name, value.c_str(), 1);
-    }
-    ~ScopedEnv() {
-        if (had_)
-            setenv(name_, old_.c_str(), 1);
-        else
-            unsetenv(name_);
-    }
-
-private:
-    const char *name_;
-    std::string old_;
-    bool had_;
+// Sets a bound's environment entry (unset in the test environment) for the object's lifetime.
+struct ScopedEnv {
+    const char *name;
+    ScopedEnv(const char *n, const char *value) : name(n) { setenv(n, value, 1); }
+    ~ScopedEnv() { unsetenv(name); }
 };
 
 // Start time of a process as /proc/<pid>/stat field 22 tells it.
@@ -241,10 +226,15 @@ protected:
 
 } // namespace
 
-TEST_F(Polling, TaskPublishesProgressAndFinishes) {
+// Owners compare exactly (an administrator excepted): neither another user nor a
+// name's prefix reaches a task; a refused stop leaves it running.
+TEST_F(Polling, TaskPublishesProgressToItsOwnerAndFinishes) {
+    ASSERT_EQ(KOVAUserAdd("bobby", -1, "pw", nullptr, nullptr, 0), 0);
     Gate gate{root_.At("go")};
     std::string id = Started("alice", ProgressThenFinish, &gate);
     EXPECT_EQ(id.rfind("setacl", 0), 0u);
+    std::string bobs = Started("bob", ProgressThenFinish, &gate);
+    std::string bobbys = Started("bobby", ProgressThenFinish, &gate);
 
     Json::Value st;
     ASSERT_TRUE(Eventually([&] { return StatusAs("alice", id, st) && st["data"].isObject(); }));
@@ -260,50 +250,45 @@ TEST_F(Polling, TaskPublishesProgressAndFinishes) {
     EXPECT_EQ(ds.st_mode & 07777, 0700u);
     EXPECT_EQ(ds.st_uid, 0u);
 
+    EXPECT_EQ(StatusError("bob", id), noTask_);
+    EXPECT_EQ(KLIBCErrGet(), KOVA_ERR_NOTASK);
+    EXPECT_EQ(StatusError("admin", id), "ok");  // "admin" is an administrator on a new root
+    using Pair = std::pair<std::string, std::string>;  // a user and a task that is not theirs, or theirs
+    for (const Pair &pair : {Pair{"bob", id}, Pair{"bob", bobbys}, Pair{"bobby", bobs}}) {
+        EXPECT_EQ(StatusError(pair.first, pair.second), noTask_) << pair.first << " " << pair.second;
+        EXPECT_EQ(StopError(pair.first, pair.second), noTask_) << pair.first << " " << pair.second;
+    }
+    for (const Pair &pair : {Pair{"alice", id}, Pair{"bob", bobs}, Pair{"bobby", bobbys}}) {
+        ASSERT_TRUE(StatusAs(pair.first, pair.second, st)) << pair.first;
+        EXPECT_FALSE(st["finished"].asBool()) << pair.first;
+    }
+
     ASSERT_TRUE(kova_test::WriteFile(gate.goFile, "go"));
     st = WaitFinished("alice", id);
     EXPECT_TRUE(st["success"].asBool());
     EXPECT_TRUE(st["data"]["finished"].asBool());
     // Kept after the end unless removal was asked for.
     EXPECT_TRUE(Exists(RecordPath(id)));
+    EXPECT_TRUE(WaitFinished("bob", bobs)["success"].asBool());
+    EXPECT_TRUE(WaitFinished("bobby", bobbys)["success"].asBool());
 }
 
-TEST_F(Polling, OnlyOwnerOrAdministratorSeesTask) {
-    Gate gate{root_.At("go")};
-    std::string id = Started("alice", ProgressThenFinish, &gate);
-
-    EXPECT_EQ(StatusError("bob", id), noTask_);
-    EXPECT_EQ(KLIBCErrGet(), KOVA_ERR_NOTASK);
-    EXPECT_EQ(StatusError("admin", id), "ok");  // "admin" is an administrator on a new root
-    EXPECT_EQ(StopError("bob", id), noTask_);
-    // Bob's refused stop did not touch the task.
-    Json::Value st;
-    ASSERT_TRUE(StatusAs("alice", id, st));
-    EXPECT_FALSE(st["finished"].asBool());
-
-    ASSERT_TRUE(kova_test::WriteFile(gate.goFile, "go"));
-    EXPECT_TRUE(WaitFinished("alice", id)["success"].asBool());
-}
-
-TEST_F(Polling, StopDeliversSigterm) {
-    std::string id = Started("alice", WaitForTerm, nullptr);
+// A stop delivers SIGTERM to the task's own handling; a task killed outright reads as failed.
+TEST_F(Polling, StopDeliversSigtermAndAKilledTaskReadsAsFailed) {
+    std::string id = Started("alice", WaitForTerm, nullptr), killed = Started("alice", SleepLong, nullptr);
     Json::Value st;
     // The handler is installed before the task reports "waiting".
     ASSERT_TRUE(Eventually([&] { return StatusAs("alice", id, st) && st["data"].asString() == "waiting"; }));
     ASSERT_TRUE(StopAs("alice", id));
     st = WaitFinished("alice", id);
     EXPECT_FALSE(st["success"].asBool());
-    EXPECT_EQ(st["error"]["code"].asInt(), 4242);  // the task's own handling ran
+    EXPECT_EQ(st["error"]["code"].asInt(), 4242);
     EXPECT_TRUE(StopAs("alice", id)) << "stopping a finished task is harmless";
-}
 
-TEST_F(Polling, KilledTaskReadsAsFailed) {
-    std::string id = Started("alice", SleepLong, nullptr);
-    Json::Value st;
-    ASSERT_TRUE(Eventually([&] { return StatusAs("alice", id, st) && st["data"].asString() == "sleeping"; }));
+    ASSERT_TRUE(Eventually([&] { return StatusAs("alice", killed, st) && st["data"].asString() == "sleeping"; }));
     EXPECT_FALSE(st["finished"].asBool());
     ASSERT_EQ(kill(static_cast<pid_t>(st["pid"].asInt()), SIGKILL), 0);
-    st = WaitFinished("alice", id);
+    st = WaitFinished("alice", killed);
     EXPECT_FALSE(st["success"].asBool());
     EXPECT_EQ(st["error"]["code"].asInt(), 6200);
 }
@@ -332,29 +317,6 @@ TEST_F(Polling, RecordsAreNeverTorn) {
     EXPECT_EQ(st["data"]["i"].asInt(), 399);
 }
 
-TEST_F(Polling, RemoveAttrDropsFinishedRecordOnRead) {
-    std::string id = Started("alice", Quick, nullptr);
-    Json::Value st;
-    ASSERT_TRUE(Eventually([&] { return StatusAs("alice", id, st) && st["finished"].asBool(); }));
-    EXPECT_EQ(st["error"]["code"].asInt(), 6201);
-    EXPECT_TRUE(Exists(RecordPath(id)));
-    ASSERT_TRUE(StatusAs("alice", id, st, nullptr, true));
-    EXPECT_FALSE(Exists(RecordPath(id)));
-    EXPECT_EQ(StatusError("alice", id), noTask_);
-}
-
-TEST_F(Polling, StatusWorksForAUserIdentity) {
-    std::string id = Started("alice", Quick, nullptr);
-    ASSERT_FALSE(WaitFinished("alice", id).isString());
-    // As the server runs handlers: effective ids of alice, saved uid 0.
-    int rc = kova_test::RunAs({1500, 1500, {}}, [&] {
-        Json::Value st;
-        if (!StatusAs("alice", id, st)) return 1;
-        if (st["error"]["code"].asInt() != 6201) return 2;
-        return geteuid() == 1500 ? 0 : 3;
-    });
-    EXPECT_EQ(rc, 0);
-}
 
 // Running tasks are bounded per user and in total; a refused start does nothing.
 TEST_F(Polling, RunningTasksAreBoundedPerUserAndInTotal) {
@@ -528,30 +490,25 @@ TEST_F(Polling, StopNeverSignalsAProcessThatReusedTheTasksPid) {
     EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM);
 }
 
-// Owners compare exactly: a name's prefix reaches neither way.
-TEST_F(Polling, PrefixNamedUsersDoNotReachEachOthersTasks) {
-    ASSERT_EQ(KOVAUserAdd("bobby", -1, "pw", nullptr, nullptr, 0), 0);
-    Gate gate{root_.At("go")};
-    std::string bobs = Started("bob", ProgressThenFinish, &gate);
-    std::string bobbys = Started("bobby", ProgressThenFinish, &gate);
-    for (const auto &pair : {std::make_pair("bob", bobbys), std::make_pair("bobby", bobs)}) {
-        EXPECT_EQ(StatusError(pair.first, pair.second), noTask_) << pair.first;
-        EXPECT_EQ(StopError(pair.first, pair.second), noTask_) << pair.first;
-    }
+// A finished record reads as a user's identity does (the server's handlers), and goes when
+// a read asks so. Only plain names of the task folder are task ids, whoever a file claims.
+TEST_F(Polling, FinishedRecordsReadAsAUserAndOnlyPlainNamesAreTaskIds) {
+    std::string id = Started("alice", Quick, nullptr), dropped = Started("alice", Quick, nullptr);
+    ASSERT_EQ(WaitFinished("alice", id)["error"]["code"].asInt(), 6201);
+    // As the server runs handlers: effective ids of alice, saved uid 0.
+    EXPECT_EQ(kova_test::RunAs({1500, 1500, {}}, [&] {
+        Json::Value st;
+        if (!StatusAs("alice", id, st)) return 1;
+        if (st["error"]["code"].asInt() != 6201) return 2;
+        return geteuid() == 1500 ? 0 : 3;
+    }), 0);
     Json::Value st;
-    for (const auto &pair : {std::make_pair("bob", bobs), std::make_pair("bobby", bobbys)}) {
-        ASSERT_TRUE(StatusAs(pair.first, pair.second, st)) << pair.first;
-        EXPECT_FALSE(st["finished"].asBool()) << pair.first;
-    }
-    ASSERT_TRUE(kova_test::WriteFile(gate.goFile, "go"));
-    EXPECT_TRUE(WaitFinished("bob", bobs)["success"].asBool());
-    EXPECT_TRUE(WaitFinished("bobby", bobbys)["success"].asBool());
-}
+    ASSERT_TRUE(Eventually([&] { return StatusAs("alice", dropped, st) && st["finished"].asBool(); }));
+    EXPECT_TRUE(Exists(RecordPath(dropped)));
+    ASSERT_TRUE(StatusAs("alice", dropped, st, nullptr, true));
+    EXPECT_FALSE(Exists(RecordPath(dropped)));
+    EXPECT_EQ(StatusError("alice", dropped), noTask_);
 
-// Only plain names of the task folder are task ids, whoever a file claims to belong to.
-TEST_F(Polling, OnlyPlainNamesAreTaskIds) {
-    std::string id = Started("alice", Quick, nullptr);
-    WaitFinished("alice", id);
     const std::string text = ReadFile(RecordPath(id));
     const std::string longId(129, 'a');
     for (const std::string &name : {std::string("alice.rec"), std::string("x"), longId})
@@ -565,7 +522,6 @@ TEST_F(Polling, OnlyPlainNamesAreTaskIds) {
     EXPECT_EQ(StatusError("alice", "x"), "ok") << "the same record under a plain name";
     // No id, or no request, is a bad argument.
     EXPECT_EQ(StatusError("alice", ""), std::to_string(KOVA_POLLING_ERR_BADARG));
-    Json::Value st;
     APIPolling noRequest;
     EXPECT_FALSE(noRequest.Status("x", st));
     APIResponse resp;

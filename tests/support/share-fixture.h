@@ -1,4 +1,4 @@
-// Share test helpers: a record of a name and a root, and a path's share as one string.
+// Share test helpers: a record of a name and a root, one with ACLs on, and a path's share as one string.
 #ifndef KOVA_TEST_SHARE_FIXTURE_H
 #define KOVA_TEST_SHARE_FIXTURE_H
 
@@ -22,6 +22,16 @@ inline KOVA_SHARE Make(const std::string &name, const std::string &path) {
 
 inline int Add(const std::string &name, const std::string &path) {
     KOVA_SHARE s = Make(name, path);
+    return KOVAShareSet(&s);
+}
+
+// A share with ACLs on and the given default privilege; KOVAShareSet's result.
+inline int AddAclShare(const std::string &name, const std::string &path, int defaultPriv, bool readOnly = false) {
+    KOVA_SHARE s = Make(name, path);
+    s.supportAcl = 1;
+    s.aclStatus = 1;
+    s.defaultPriv = defaultPriv;
+    s.isReadOnly = readOnly;
     return KOVAShareSet(&s);
 }
 
