@@ -346,17 +346,14 @@ TEST_F(OwnersV2, BindonFiltersOrSelectsTheDomain) {
 }
 
 TEST_F(OwnersV2, UnavailableDirectoriesContributeNothing) {
-    PlatformRoot bare;  // neither bound nor joined
+    PlatformRoot root;  // neither bound nor joined
     CallResult r = List(Scope("{\"type\": \"ldap\"}, {\"type\": \"domain\"}, {\"type\": \"builtin\"}"));
     ASSERT_TRUE(r.success()) << r.Dump();
     EXPECT_EQ(4u, Total(r));
     EXPECT_TRUE(r.HasLog(LOG_DEBUG, "acl:1220 ldap is not bound")) << r.LogDump();
     EXPECT_TRUE(r.HasLog(LOG_DEBUG, "acl:1240 domain is not joined")) << r.LogDump();
-}
 
-TEST_F(OwnersV2, DomainWithoutDatabaseFiles) {
     // Joined to GHOST only by state: no cache of any domain exists.
-    PlatformRoot root;
     ASSERT_TRUE(root.AddDomain("GHOST")) << root.lastError();
     CallResult none = List(Scope("{\"type\": \"domain\"}"));
     ASSERT_TRUE(none.success()) << none.Dump();
