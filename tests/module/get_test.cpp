@@ -181,15 +181,13 @@ TEST_F(Get, ChangePermissionFollowsTheCallersRights) {
     EXPECT_EQ(6205, daveInherited.errorCode()) << daveInherited.Dump();
     CallResult admin = Call("admin", "private", "all");
     EXPECT_TRUE(admin.success()) << admin.Dump();
-}
 
-// A failed administrator lookup (a negative answer) is not a yes: the
-// caller reads with its own rights and is refused what it cannot read.
-TEST_F(Get, AFailedAdministratorCheckReadsWithTheCallersOwnRights) {
+    // A failed administrator lookup (a negative answer) is not a yes: the
+    // caller reads with its own rights and is refused what it cannot read.
     const Fault failed{"KLIBGroupIsAdminGroupMem", 1, -1, 0x0800};
-    CallResult dave = Call("dave", "private", "all", {failed});
-    EXPECT_EQ(6205, dave.errorCode()) << dave.Dump();
-    EXPECT_FALSE(dave.HasLog(39, "acl:239 WARNING: setresuid(-1, 0, -1)")) << dave.LogDump();
+    CallResult failedDave = Call("dave", "private", "all", {failed});
+    EXPECT_EQ(6205, failedDave.errorCode()) << failedDave.Dump();
+    EXPECT_FALSE(failedDave.HasLog(39, "acl:239 WARNING: setresuid(-1, 0, -1)")) << failedDave.LogDump();
     CallResult plain = Call("dave", "plain.txt", "all", {failed, Fault{"KOVAGetFSType", 0, 14, 0}});
     ASSERT_TRUE(plain.success()) << plain.Dump();
     EXPECT_FALSE(plain.data()["acl_editable"].asBool()) << "only an administrator edits a type without ACLs";

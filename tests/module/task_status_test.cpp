@@ -49,16 +49,15 @@ protected:
     }
 };
 
-TEST_F(TaskTest, EmptyTaskIdIsABadRequest) {
+// An empty task id is a bad request; an unknown one is unreadable and
+// cannot be stopped.
+TEST_F(TaskTest, EmptyOrUnknownTaskIds) {
     for (const char *method : {"status", "stop"}) {
         CallResult r = host_.Call(method, TaskId(""), alice_);
         EXPECT_EQ(403, r.errorCode()) << method << ": " << r.Dump();
         EXPECT_TRUE(r.response["error"]["data"].isNull() || !r.response["error"].isMember("data")) << r.Dump();
         EXPECT_TRUE(r.logs.empty()) << r.LogDump();
     }
-}
-
-TEST_F(TaskTest, UnknownTaskIsUnreadableAndCannotBeStopped) {
     CallResult status = host_.Call("status", TaskId("setacl-nope"), alice_);
     EXPECT_EQ(117, status.errorCode()) << status.Dump();
     EXPECT_EQ(KOVA_POLLING_ERR_NOTASK, status.response["error"]["data"].asInt()) << status.Dump();
