@@ -234,9 +234,7 @@ test('a wrong password is refused with a readable message', async () => {
 });
 
 test('sign in and open a folder: own and inherited rules, the owner, the folder in the address', async () => {
-  await page.getByLabel('Password').fill('Admin-2024');
-  await page.getByRole('button', { name: 'Sign in' }).click();
-  await page.getByRole('button', { name: 'projects', exact: true }).waitFor();
+  await signIn('admin', 'Admin-2024');
   await openPath('projects', 'engineering', 'project-01');
   const inherited = page.locator('#rules-body tr.inherited');
   assert.ok(await inherited.count() >= 2, 'inherited rows are listed');
