@@ -120,7 +120,24 @@ TEST_F(SelfDeniedTest, OnlyAnApplyingAllowKeepsTheCallersAccess) {
     for (const auto &c : cases) EXPECT_EQ(c.denied, Denied(file_, c.rules, false)) << c.what;
 }
 
-TEST_F(SelfDeniedTest, AnOwnerEntryCountsOnlyForTheOwner) {
+// An administrator's owner lookup is privileged; an owner entry counts only
+// for the owner.
+TEST_F(SelfDeniedTest, TheOwnerLookupAndTheOwnerEntry) {
+    const Json::Value rules = Rules({Rule("user", "admin", "allow", "r")});
+    CallResult admin = Check(file_, rules, false, As("admin"));
+    EXPECT_FALSE(Denied(admin));
+    EXPECT_TRUE(admin.HasLog(39, "acl:1644 WARNING: setresuid(-1, 0, -1)")) << admin.LogDump();
+    EXPECT_TRUE(admin.HasLog(39, "acl:1646 WARNING: setresuid(-1, 0, -1)")) << admin.LogDump();
+
+    CallResult alice = Check(file_, rules, false);
+    EXPECT_TRUE(Denied(alice));
+    EXPECT_FALSE(alice.HasLog(39, "acl:1644 WARNING: setresuid(-1, 0, -1)")) << alice.LogDump();
+
+    // A failed administrator check (negative) is not a yes.
+    CallResult failed = Check(file_, rules, false, As("alice", {{"KLIBGroupIsAdminGroupMemByUid", 1, -1, 0x0800}}));
+    EXPECT_TRUE(Denied(failed));
+    EXPECT_FALSE(failed.HasLog(39, "acl:1644 WARNING: setresuid(-1, 0, -1)")) << failed.LogDump();
+
     const Json::Value ownerRead = Rules({Rule("owner", "Owner", "allow", "r")});
     EXPECT_TRUE(Denied(file_, ownerRead, false));  // bob owns the file
     const std::string mine = share_ + "/mine.txt";
@@ -262,23 +279,6 @@ TEST_F(SelfDeniedTest, FailuresAndTheirCodes) {
                                               {"KOVAACLAlloc", 0, 0, KOVA_ERR_NOMEM}}),
                                  false);
     EXPECT_FALSE(Denied(unchanged));
-}
-
-TEST_F(SelfDeniedTest, AnAdministratorsOwnerLookupIsPrivileged) {
-    const Json::Value rules = Rules({Rule("user", "admin", "allow", "r")});
-    CallResult admin = Check(file_, rules, false, As("admin"));
-    EXPECT_FALSE(Denied(admin));
-    EXPECT_TRUE(admin.HasLog(39, "acl:1644 WARNING: setresuid(-1, 0, -1)")) << admin.LogDump();
-    EXPECT_TRUE(admin.HasLog(39, "acl:1646 WARNING: setresuid(-1, 0, -1)")) << admin.LogDump();
-
-    CallResult alice = Check(file_, rules, false);
-    EXPECT_TRUE(Denied(alice));
-    EXPECT_FALSE(alice.HasLog(39, "acl:1644 WARNING: setresuid(-1, 0, -1)")) << alice.LogDump();
-
-    // A failed administrator check (negative) is not a yes.
-    CallResult failed = Check(file_, rules, false, As("alice", {{"KLIBGroupIsAdminGroupMemByUid", 1, -1, 0x0800}}));
-    EXPECT_TRUE(Denied(failed));
-    EXPECT_FALSE(failed.HasLog(39, "acl:1644 WARNING: setresuid(-1, 0, -1)")) << failed.LogDump();
 }
 
 } // namespace
