@@ -125,8 +125,9 @@ TEST_F(SetChecksTest, ShareStateAndPrivilegeRefusalsChangeNothing) {
 
     // A non-administrator with read-only privilege on the share.
     ASSERT_GE(KOVASharePrivSet("pub", 1, "alice", KOVA_SHARE_PRIV_RO), 0);
-    CallResult denied = RunSet(AclParams("sub"), alice_);
+    CallResult denied = RunSet(AclParams("sub"), alice_);  // the task's own failure, handed through by status
     EXPECT_EQ(6209, denied.errorCode()) << denied.Dump();
+    EXPECT_TRUE(denied.response["error"]["data"].isNull()) << denied.Dump();
     EXPECT_EQ(-1, StoredCount(share_ + "/sub"));
     // With read-write privilege she gets through on a folder she owns.
     ASSERT_GE(KOVASharePrivSet("pub", 1, "alice", KOVA_SHARE_PRIV_RW), 0);
