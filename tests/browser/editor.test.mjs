@@ -60,11 +60,12 @@ async function until(fn, what) {
   throw new Error(`timed out waiting for ${what}`);
 }
 
-async function signIn(account, passwd, tab = page) {
+// `refused`: only submits the form (the caller checks the refusal).
+async function signIn(account, passwd, tab = page, refused = false) {
   await tab.getByLabel('Account').fill(account);
   await tab.getByLabel('Password').fill(passwd);
   await tab.getByRole('button', { name: 'Sign in' }).click();
-  await tab.getByRole('button', { name: 'Sign out' }).waitFor();
+  if (!refused) await tab.getByRole('button', { name: 'Sign out' }).waitFor();
 }
 
 async function signOut(tab = page) {
@@ -226,20 +227,15 @@ after(async () => {
 
 test('a wrong password is refused with a readable message', async () => {
   await page.goto(URL);
-  await page.getByLabel('Account').fill('admin');
-  await page.getByLabel('Password').fill('not-the-password');
-  await page.getByRole('button', { name: 'Sign in' }).click();
+  await signIn('admin', 'not-the-password', page, true);
   await page.locator('#login-error').filter({ hasText: 'Wrong account or password' }).waitFor();
   await shot('00-login-refused');
 });
 
 test('sign in and open a folder: own and inherited rules, the owner, the folder in the address', async () => {
-  await page.getByLabel('Password').fill('Admin-2024');
-  await page.getByRole('button', { name: 'Sign in' }).click();
-  await page.getByRole('button', { name: 'projects', exact: true }).waitFor();
+  await signIn('admin', 'Admin-2024');
   await openPath('projects', 'engineering', 'project-01');
   const inherited = page.locator('#rules-body tr.inherited');
-  assert.ok(await inherited.count() >= 2, 'inherited rows are listed');
   assert.equal(await page.locator('#rules-body tr.inherited button').count(), 0, 'inherited rows cannot be edited');
   const from = await inherited.locator('td.from').allTextContents();
   assert.ok(from.includes('/projects/engineering') && from.includes('/projects'), `the folders that set them are named, got ${from}`);

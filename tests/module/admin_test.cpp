@@ -160,7 +160,7 @@ TEST_F(UiInfo, DomainListFailures) {
     EXPECT_TRUE(own.logs.empty()) << own.Dump();
 }
 
-TEST_F(UiInfo, OrganisationalUnitsWithAndWithoutDetails) {
+TEST_F(UiInfo, OrganisationalUnitsWithAndWithoutDetailsAndTheirFailures) {
     JoinWithTrust(false);
     ASSERT_TRUE(root_->AddOu("Sales", "OU=Sales,DC=corp")) << root_->lastError();
     ASSERT_TRUE(root_->AddOu("Lab", "")) << root_->lastError();
@@ -176,25 +176,19 @@ TEST_F(UiInfo, OrganisationalUnitsWithAndWithoutDetails) {
     ASSERT_TRUE(user.success()) << user.Dump();
     EXPECT_EQ(Answer("domain:ou", items), user.data());
     EXPECT_TRUE(LogsAre(Bracket(2004, 2009), user));
-}
-
-TEST_F(UiInfo, OuFailures) {
-    JoinWithTrust(false);
-    ASSERT_TRUE(root_->AddOu("Sales", "x")) << root_->lastError();
 
     CallResult enumFails = Info({Fault{"KOVAWinsEnumOU", 0, -1, 0x0800}});
     ASSERT_TRUE(enumFails.success()) << enumFails.Dump();
     EXPECT_EQ(Answer("domain:ou", Json::Value(Json::arrayValue)), enumFails.data());
     EXPECT_TRUE(LogsAre({{LOG_ERR, "acl:2007 failed to get ou"}}, enumFails));
-
     const struct {
         int nth;
         const char *log;
     } allocs[] = {{1, "acl:1996 out of memory"}, {2, "acl:2000 out of memory"}};
     for (const auto &a : allocs) {
-        CallResult r = Info({Fault{"KLIBCSzListAlloc", a.nth, 0, 0x0700}});
-        EXPECT_EQ(2617, r.errorCode()) << r.Dump();
-        EXPECT_TRUE(LogsAre({{LOG_ERR, a.log}}, r));
+        CallResult failed = Info({Fault{"KLIBCSzListAlloc", a.nth, 0, 0x0700}});
+        EXPECT_EQ(2617, failed.errorCode()) << failed.Dump();
+        EXPECT_TRUE(LogsAre({{LOG_ERR, a.log}}, failed));
     }
 }
 

@@ -123,9 +123,17 @@ TEST_F(Get, AdministratorReadsEveryNameableEntry) {
     });
     EXPECT_EQ(want, d["acl"]) << r.Dump();
     EXPECT_TRUE(LogsAre(Join({Bracket(210, 212), Bracket(239, 241)}), r));
+
+    // Entries of deleted principals only: an empty list, still an ACL.
+    CallResult orphans = Call("admin", "orphans", "all");
+    ASSERT_TRUE(orphans.success()) << orphans.Dump();
+    EXPECT_TRUE(orphans.data()["is_acl"].asBool());
+    EXPECT_EQ(Json::Value(Json::arrayValue), orphans.data()["acl"]);
 }
 
-TEST_F(Get, OwnAndInheritedEntriesWithTheInheritFlag) {
+// report.txt inherits: "all" lists its own entry then what reaches it;
+// "inherite" only the latter and never reads as an ACL.
+TEST_F(Get, OwnAndInheritedEntriesOfAnInheritingFile) {
     CallResult r = Call("admin", "project/report.txt", "all");
     ASSERT_TRUE(r.success()) << r.Dump();
     EXPECT_TRUE(r.data()["is_acl"].asBool());
@@ -135,21 +143,19 @@ TEST_F(Get, OwnAndInheritedEntriesWithTheInheritFlag) {
     EXPECT_EQ(ExpectedRule("user", "bob", "allow", "r------------", "---n", 0), acl[0]);
     // Entries passed to files (f) arrive; the deleted carol's is skipped.
     EXPECT_EQ((std::set<std::string>{"alice", "Everyone", "SYSTEM", "Owner"}), InheritedNames(acl, 1)) << r.Dump();
-}
 
-TEST_F(Get, InheriteListsOnlyInheritedEntriesAndIsNeverAcl) {
-    CallResult r = Call("bob", "project/report.txt", "inherite");
-    ASSERT_TRUE(r.success()) << r.Dump();
-    EXPECT_FALSE(r.data()["is_acl"].asBool()) << "even though the path supports ACLs";
-    EXPECT_FALSE(r.data()["is_inherited"].asBool());
-    EXPECT_EQ((std::set<std::string>{"alice", "Everyone", "SYSTEM", "Owner"}), InheritedNames(r.data()["acl"], 0))
-        << r.Dump();
-    EXPECT_FALSE(r.data()["change_permission"].asBool()) << "bob lacks change_perm: " << r.Dump();
-    EXPECT_TRUE(LogsAre(Bracket(210, 212), r)) << "a non-administrator reads under its own ids";
+    CallResult bob = Call("bob", "project/report.txt", "inherite");
+    ASSERT_TRUE(bob.success()) << bob.Dump();
+    EXPECT_FALSE(bob.data()["is_acl"].asBool()) << "even though the path supports ACLs";
+    EXPECT_FALSE(bob.data()["is_inherited"].asBool());
+    EXPECT_EQ((std::set<std::string>{"alice", "Everyone", "SYSTEM", "Owner"}), InheritedNames(bob.data()["acl"], 0))
+        << bob.Dump();
+    EXPECT_FALSE(bob.data()["change_permission"].asBool()) << "bob lacks change_perm: " << bob.Dump();
+    EXPECT_TRUE(LogsAre(Bracket(210, 212), bob)) << "a non-administrator reads under its own ids";
 
     CallResult admin = Call("admin", "project/report.txt", "inherite");
     ASSERT_TRUE(admin.success()) << admin.Dump();
-    EXPECT_EQ(r.data()["acl"], admin.data()["acl"]);
+    EXPECT_EQ(bob.data()["acl"], admin.data()["acl"]);
     EXPECT_TRUE(LogsAre(Join({Bracket(210, 212), Bracket(219, 221)}), admin));
 }
 
@@ -175,25 +181,16 @@ TEST_F(Get, ChangePermissionFollowsTheCallersRights) {
     EXPECT_EQ(6205, daveInherited.errorCode()) << daveInherited.Dump();
     CallResult admin = Call("admin", "private", "all");
     EXPECT_TRUE(admin.success()) << admin.Dump();
-}
 
-// A failed administrator lookup (a negative answer) is not a yes: the
-// caller reads with its own rights and is refused what it cannot read.
-TEST_F(Get, AFailedAdministratorCheckReadsWithTheCallersOwnRights) {
+    // A failed administrator lookup (a negative answer) is not a yes: the
+    // caller reads with its own rights and is refused what it cannot read.
     const Fault failed{"KLIBGroupIsAdminGroupMem", 1, -1, 0x0800};
-    CallResult dave = Call("dave", "private", "all", {failed});
-    EXPECT_EQ(6205, dave.errorCode()) << dave.Dump();
-    EXPECT_FALSE(dave.HasLog(39, "acl:239 WARNING: setresuid(-1, 0, -1)")) << dave.LogDump();
+    CallResult failedDave = Call("dave", "private", "all", {failed});
+    EXPECT_EQ(6205, failedDave.errorCode()) << failedDave.Dump();
+    EXPECT_FALSE(failedDave.HasLog(39, "acl:239 WARNING: setresuid(-1, 0, -1)")) << failedDave.LogDump();
     CallResult plain = Call("dave", "plain.txt", "all", {failed, Fault{"KOVAGetFSType", 0, 14, 0}});
     ASSERT_TRUE(plain.success()) << plain.Dump();
     EXPECT_FALSE(plain.data()["acl_editable"].asBool()) << "only an administrator edits a type without ACLs";
-}
-
-TEST_F(Get, EntriesOfDeletedPrincipalsOnlyGiveAnEmptyList) {
-    CallResult r = Call("admin", "orphans", "all");
-    ASSERT_TRUE(r.success()) << r.Dump();
-    EXPECT_TRUE(r.data()["is_acl"].asBool());
-    EXPECT_EQ(Json::Value(Json::arrayValue), r.data()["acl"]);
 }
 
 TEST_F(Get, ModeOnlyPathsGiveRulesFromTheModeBits) {
@@ -241,13 +238,12 @@ TEST_F(Get, FileSystemVerdictOnlyAffectsEditability) {
     CallResult noSupport = Call("alice", "plain.txt", "all", {Fault{"KOVAACLIsSupport", 2, 0, 0}});
     ASSERT_TRUE(noSupport.success()) << noSupport.Dump();
     EXPECT_FALSE(noSupport.data()["acl_editable"].asBool());
-}
-
-TEST_F(Get, AnErrorAnswerToTheSupportQuestionCountsAsSupport) {
-    CallResult r = Call("admin", "plain.txt", "all", {Fault{"KOVAACLIsSupport", 1, -1, 0x0800}});
-    ASSERT_TRUE(r.success()) << r.Dump();
-    EXPECT_TRUE(r.data()["is_acl"].asBool());
-    EXPECT_EQ(Json::Value(Json::arrayValue), r.data()["acl"]) << "a path without a stored ACL reads as empty";
+    // An error answer to the support question counts as support: a path
+    // without a stored ACL reads as an empty one.
+    CallResult error = Call("admin", "plain.txt", "all", {Fault{"KOVAACLIsSupport", 1, -1, 0x0800}});
+    ASSERT_TRUE(error.success()) << error.Dump();
+    EXPECT_TRUE(error.data()["is_acl"].asBool());
+    EXPECT_EQ(Json::Value(Json::arrayValue), error.data()["acl"]);
 }
 
 TEST_F(Get, BadTypeOrPathIs403) {

@@ -82,13 +82,17 @@ TEST_F(InspectTest, EachPrincipalKindSeesOnlyTheEntriesThatNameIt) {
     EXPECT_EQ(A, MaskFor(f, "user", "guest"));
 }
 
-TEST_F(InspectTest, DenyWinsOverAllowOfTheSameLevelWhateverTheOrder) {
+TEST_F(InspectTest, DenyWinsOverAllowOfTheSameLevelAndInheritOnlyEntriesNeverCount) {
     const std::string f = File("f.txt");
     Acl(f, {"user:alice:allow:rw:----", "user:alice:deny:w:----", "group:staff:allow:rwx:----",
             "everyone:-:deny:x:----", "user:carol:allow:a:----", "user:carol:deny:a:----"});
     EXPECT_EQ(R, MaskFor(f, "user", "alice"));
     EXPECT_EQ(R | W, MaskFor(f, "user", "bob"));
     EXPECT_EQ(0u, MaskFor(f, "user", "carol"));
+    // Inherit-only entries never contribute.
+    const std::string dir = Dir("io");
+    Acl(dir, {"user:alice:allow:r:--i-", "user:alice:allow:x:----"});
+    EXPECT_EQ(X, MaskFor(dir, "user", "alice"));
 }
 
 TEST_F(InspectTest, AnEarlierLevelDecidesOverALaterOne) {
@@ -108,14 +112,18 @@ TEST_F(InspectTest, AnEarlierLevelDecidesOverALaterOne) {
     EXPECT_EQ(0u, MaskFor(f, "user", "carol"));
 }
 
-TEST_F(InspectTest, InheritOnlyEntriesNeverContribute) {
-    const std::string dir = Dir("io");
-    Acl(dir, {"user:alice:allow:r:--i-", "user:alice:allow:x:----"});
-    EXPECT_EQ(X, MaskFor(dir, "user", "alice"));
-}
+// Without a stored ACL the mode bits decide; with one the owner keeps its
+// implicit bits.
+TEST_F(InspectTest, ModeBitsAndTheOwnersImplicitBits) {
+    const std::string f = File("owned.txt", 2001, 3001, 0640);
+    EXPECT_TRUE(MaskFor(f, "user", "bob") & R);
+    EXPECT_FALSE(MaskFor(f, "user", "bob") & W);
+    EXPECT_TRUE(MaskFor(f, "user", "alice") & W);
+    EXPECT_FALSE(MaskFor(f, "user", "carol") & R);
+    // A failing support query counts as "has an ACL": the (empty) stored ACL
+    // is read instead of the mode bits, so bob's group read disappears.
+    EXPECT_EQ(0u, Mask(Inspect(f, "user", "bob", As("admin", {{"KOVAACLIsSupport", 0, -1, KOVA_ERR_IO}}))));
 
-TEST_F(InspectTest, TheOwnerKeepsItsImplicitBits) {
-    const std::string f = File("owned.txt", 2001, 3001);
     Acl(f, {"everyone:-:deny:rwxpdDaARWcCo:----", "user:alice:deny:rwxpdDaARWcCo:----"});
     EXPECT_EQ(OWNER, MaskFor(f, "user", "alice"));
     EXPECT_EQ(0u, MaskFor(f, "user", "bob"));
@@ -148,19 +156,6 @@ TEST_F(InspectTest, AdministratorsHoldEverythingBelowAShareRootButNotAtIt) {
     EXPECT_EQ(0u, MaskFor(share_ + "/", "group", "administrators"));
 }
 
-TEST_F(InspectTest, PathsWithoutAStoredAclUseTheirModeBits) {
-    const std::string f = File("plain.txt", 2001, 3001, 0640);
-    EXPECT_TRUE(MaskFor(f, "user", "bob") & R);
-    EXPECT_FALSE(MaskFor(f, "user", "bob") & W);
-    EXPECT_TRUE(MaskFor(f, "user", "alice") & W);
-    EXPECT_FALSE(MaskFor(f, "user", "carol") & R);
-
-    // A failing support query counts as "has an ACL": the (empty) stored ACL
-    // is read instead of the mode bits, so bob's group read disappears.
-    CallResult r = Inspect(f, "user", "bob", As("admin", {{"KOVAACLIsSupport", 0, -1, KOVA_ERR_IO}}));
-    EXPECT_EQ(0u, Mask(r));
-}
-
 TEST_F(InspectTest, PrivilegedSectionsStandAroundTheReadsOfAnAdministratorCaller) {
     const std::string f = File("f.txt");
     Acl(f, {"everyone:-:allow:rc:----"});
@@ -184,44 +179,36 @@ TEST_F(InspectTest, PrivilegedSectionsStandAroundTheReadsOfAnAdministratorCaller
     EXPECT_TRUE(carol.HasLog(39, "acl:1526 WARNING: setresuid(-1, 0, -1)")) << carol.LogDump();
     EXPECT_FALSE(carol.HasLog(39, "acl:1502 WARNING: setresuid(-1, 0, -1)")) << carol.LogDump();
     EXPECT_FALSE(carol.HasLog(39, "acl:1532 WARNING: setresuid(-1, 0, -1)")) << carol.LogDump();
-}
 
-// A failed administrator check of the caller raises no read: what the
-// caller cannot read stays unread.
-TEST_F(InspectTest, AFailedAdministratorCheckOfTheCallerRaisesNothing) {
-    const std::string f = File("closed.txt");
-    Acl(f, {"user:alice:allow:rwc:----"}, false);
+    // A failed administrator check of the caller raises no read: what the
+    // caller cannot read stays unread; an administrator is answered.
+    const std::string closed = File("closed.txt");
+    Acl(closed, {"user:alice:allow:rwc:----"}, false);
     const Fault failed{"KLIBGroupIsAdminGroupMem", 1, -1, KOVA_ERR_IO};
-    CallResult carol = Inspect(f, "user", "alice", As("carol", {failed}));
-    EXPECT_EQ(6209, carol.errorCode()) << carol.Dump();
+    CallResult refused = Inspect(closed, "user", "alice", As("carol", {failed}));
+    EXPECT_EQ(6209, refused.errorCode()) << refused.Dump();
     for (int line : {1502, 1532})
-        EXPECT_FALSE(carol.HasLog(39, "acl:" + std::to_string(line) + " WARNING: setresuid(-1, 0, -1)"))
-            << carol.LogDump();
-    // The same request by an administrator is answered.
-    EXPECT_EQ(R | W | KOVA_ACL_PERM_READ_ACL, MaskFor(f, "user", "alice"));
+        EXPECT_FALSE(refused.HasLog(39, "acl:" + std::to_string(line) + " WARNING: setresuid(-1, 0, -1)"))
+            << refused.LogDump();
+    EXPECT_EQ(R | W | KOVA_ACL_PERM_READ_ACL, MaskFor(closed, "user", "alice"));
 }
 
-TEST_F(InspectTest, RequestsThatNameNoUsablePathOrPrincipalAreRefused) {
+TEST_F(InspectTest, RefusalsAndPlatformFailuresMapToTheirCodes) {
     const std::string f = File("f.txt");
+    Acl(f, {"user:alice:allow:rwc:----"});
+    const std::string plain = File("plain.txt");
     ASSERT_TRUE(kova_test::WriteFile(root_.At("outside/x.txt"), "x"));
 
+    // No usable path or principal.
     EXPECT_EQ(403, Inspect("", "user", "alice").errorCode());
     EXPECT_EQ(403, Inspect(root_.At("outside/x.txt"), "user", "alice").errorCode());
     EXPECT_EQ(403, Inspect(share_ + "/../../outside/x.txt", "user", "alice").errorCode());
-
     EXPECT_EQ(6211, Inspect(f, "user", "nobody").errorCode());
     EXPECT_EQ(6211, Inspect(f, "group", "nogroup").errorCode());
     EXPECT_EQ(6211, Inspect(f, "owner", "alice").errorCode());
     EXPECT_EQ(6211, Inspect(f, "User", "alice").errorCode());
-
     // A path inside the share that does not exist has no owner.
     EXPECT_EQ(6207, Inspect(share_ + "/missing.txt", "user", "alice").errorCode());
-}
-
-TEST_F(InspectTest, PlatformFailuresMapToTheirCodes) {
-    const std::string f = File("f.txt");
-    Acl(f, {"user:alice:allow:rwc:----"});
-    const std::string plain = File("plain.txt");
 
     struct Case {
         const char *name;

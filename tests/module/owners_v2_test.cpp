@@ -175,21 +175,15 @@ TEST_F(OwnersV2, LocalKeywordInEachField) {
                                         "group:kxstaff"}),
               Names(all));
     EXPECT_EQ(6u, Total(all));
-}
 
-TEST_F(OwnersV2, LocalNamesThatBeginOneAnother) {
-    auto local = [](const std::string &keyword) {
-        CallResult r = Search("local", keyword);
-        EXPECT_TRUE(r.success()) << r.Dump();
-        EXPECT_EQ(Names(r).size(), Total(r)) << r.Dump();
-        return Names(r);
-    };
-    EXPECT_EQ((std::vector<std::string>{"user:zqpat", "user:zqpatrick", "group:zqpatrol"}), local("zqpat"));
-    EXPECT_EQ((std::vector<std::string>{"user:zqpatrick", "group:zqpatrol"}), local("ZQPATR"));
-    EXPECT_EQ(std::vector<std::string>{"user:zqpatrick"}, local("zqpatrick"));
-    // Inside a name, not only at its start.
-    EXPECT_EQ(std::vector<std::string>{"user:zqpatrick"}, local("trick"));
-    EXPECT_EQ(std::vector<std::string>{"group:zqpatrol"}, local("patro"));
+    // Names that begin one another; the text is found inside a name too.
+    EXPECT_EQ((std::vector<std::string>{"user:zqpat", "user:zqpatrick", "group:zqpatrol"}), Names(local("zqpat", "{}")));
+    EXPECT_EQ((std::vector<std::string>{"user:zqpatrick", "group:zqpatrol"}), Names(local("ZQPATR", "{}")));
+    EXPECT_EQ(std::vector<std::string>{"user:zqpatrick"}, Names(local("zqpatrick", "{}")));
+    EXPECT_EQ(std::vector<std::string>{"user:zqpatrick"}, Names(local("trick", "{}")));
+    CallResult patro = local("patro", "{}");
+    EXPECT_EQ(std::vector<std::string>{"group:zqpatrol"}, Names(patro));
+    EXPECT_EQ(1u, Total(patro));
 }
 
 TEST_F(OwnersV2, InternalScopeMarksEveryEntry) {
@@ -203,9 +197,7 @@ TEST_F(OwnersV2, InternalScopeMarksEveryEntry) {
     for (Json::ArrayIndex i = 0; i < r.data()["owners"].size(); ++i) {
         const Json::Value &o = r.data()["owners"][i];
         EXPECT_EQ(i >= 6, o.isMember("internal")) << o;
-        if (i >= 6) {
-            EXPECT_TRUE(o["internal"].isBool() && o["internal"].asBool());
-        }
+        EXPECT_TRUE(i < 6 || o["internal"] == Json::Value(true)) << o;
     }
     // The description field works for internal accounts too.
     CallResult byDesc = Search("internal", "agent", "{\"description\": true}");
@@ -346,17 +338,14 @@ TEST_F(OwnersV2, BindonFiltersOrSelectsTheDomain) {
 }
 
 TEST_F(OwnersV2, UnavailableDirectoriesContributeNothing) {
-    PlatformRoot bare;  // neither bound nor joined
+    PlatformRoot root;  // neither bound nor joined
     CallResult r = List(Scope("{\"type\": \"ldap\"}, {\"type\": \"domain\"}, {\"type\": \"builtin\"}"));
     ASSERT_TRUE(r.success()) << r.Dump();
     EXPECT_EQ(4u, Total(r));
     EXPECT_TRUE(r.HasLog(LOG_DEBUG, "acl:1220 ldap is not bound")) << r.LogDump();
     EXPECT_TRUE(r.HasLog(LOG_DEBUG, "acl:1240 domain is not joined")) << r.LogDump();
-}
 
-TEST_F(OwnersV2, DomainWithoutDatabaseFiles) {
     // Joined to GHOST only by state: no cache of any domain exists.
-    PlatformRoot root;
     ASSERT_TRUE(root.AddDomain("GHOST")) << root.lastError();
     CallResult none = List(Scope("{\"type\": \"domain\"}"));
     ASSERT_TRUE(none.success()) << none.Dump();
@@ -465,11 +454,42 @@ TEST_F(OwnersV2, SmallFailuresCostOnlyOneValue) {
     EXPECT_EQ(failedNames[0].compare(0, 2, "kx") == 0 ? 1u : 2u, Total(users)) << users.Dump();
 }
 
+// The built-in source: every config key writes the owner flag (the last
+// boolean key in table order wins, other values are ignored); the keyword
+// is matched against the lower-cased id; paging counts only what is on.
 TEST_F(OwnersV2, BuiltinThroughTheModule) {
+    auto builtin = [](const std::string &config, const std::string &keyword = "") {
+        CallResult r = List("{\"keyword\": \"" + keyword + "\", \"keywordFields\": {}, \"searchScope\": [{\"type\": "
+                            "\"builtin\", \"config\": " + config + "}]}");
+        EXPECT_TRUE(r.success()) << r.Dump();
+        EXPECT_EQ(Names(r).size(), Total(r)) << r.Dump();
+        for (const Json::Value &o : r.data()["owners"])
+            EXPECT_EQ("", o["description"].asString() + o["email"].asString() + o["fullname"].asString()) << o;
+        return Names(r);
+    };
+    const std::vector<std::string> all = {"owner:Owner", "everyone:Everyone", "authenticated_user:Authenticated Users",
+                                          "system:SYSTEM"};
+    const std::vector<std::string> noOwner(all.begin() + 1, all.end());
+    EXPECT_EQ(all, builtin("{}"));
+    EXPECT_EQ(all, builtin("null"));
+    EXPECT_EQ(noOwner, builtin("{\"owner\": false}"));
+    EXPECT_EQ(noOwner, builtin("{\"everyone\": false}"));  // Everyone stays
+    EXPECT_EQ(all, builtin("{\"owner\": false, \"system\": true}"));
+    EXPECT_EQ(noOwner, builtin("{\"owner\": true, \"authenticatedUsers\": false}"));
+    EXPECT_EQ(noOwner, builtin("{\"owner\": false, \"everyone\": false, \"authenticatedUsers\": false, "
+                               "\"system\": false}"));
+    for (const char *ignored : {"{\"owner\": \"no\", \"system\": 0}", "[1]", "7"})
+        EXPECT_EQ(all, builtin(ignored)) << ignored;
+
+    EXPECT_EQ(std::vector<std::string>{"authenticated_user:Authenticated Users"}, builtin("{}", "auth"));
+    EXPECT_EQ(std::vector<std::string>{"authenticated_user:Authenticated Users"}, builtin("{}", "user"));
+    EXPECT_EQ(std::vector<std::string>{"system:SYSTEM"}, builtin("{}", "SyS"));
+    EXPECT_EQ(std::vector<std::string>{"everyone:Everyone"}, builtin("{}", "ONE"));
+    EXPECT_TRUE(builtin("{}", "authenticated users").empty());
+
     CallResult r = List("{\"keyword\": \"e\", \"offset\": 1, \"limit\": 2, \"keywordFields\": {}, "
                         "\"searchScope\": [{\"type\": \"builtin\", \"config\": {\"everyone\": false}}]}");
     ASSERT_TRUE(r.success()) << r.Dump();
-    // "everyone": false drops Owner (the key writes the owner flag).
     EXPECT_EQ((std::vector<std::string>{"authenticated_user:Authenticated Users", "system:SYSTEM"}), Names(r));
     EXPECT_EQ(3u, Total(r));
 }

@@ -33,12 +33,11 @@ using kova_host::Fault;
 using kova_host::LogLine;
 
 // The 13 permission keys in the order the ACL text prints their letters
-// ("rwxpdDaARWcCo"), and the 4 inherit keys.
+// ("rwxpdDaARWcCo").
 constexpr const char kPermLetters[] = "rwxpdDaARWcCo";
 const char *const kPermKeys[] = {"read_data",  "write_data", "exe_file",   "append_data",   "delete",
                                  "delete_sub", "read_attr",  "write_attr", "read_ext_attr", "write_ext_attr",
                                  "read_perm",  "change_perm", "take_ownership"};
-const char *const kInheritKeys[] = {"child_files", "child_folders", "this_folder", "all_descendants"};
 // The platform's bit for each of kPermKeys.
 const unsigned int kPermBits[] = {
     KOVA_ACL_PERM_READ_DATA, KOVA_ACL_PERM_WRITE_DATA,  KOVA_ACL_PERM_EXECUTE,    KOVA_ACL_PERM_APPEND_DATA,

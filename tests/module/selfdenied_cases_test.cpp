@@ -120,7 +120,24 @@ TEST_F(SelfDeniedTest, OnlyAnApplyingAllowKeepsTheCallersAccess) {
     for (const auto &c : cases) EXPECT_EQ(c.denied, Denied(file_, c.rules, false)) << c.what;
 }
 
-TEST_F(SelfDeniedTest, AnOwnerEntryCountsOnlyForTheOwner) {
+// An administrator's owner lookup is privileged; an owner entry counts only
+// for the owner.
+TEST_F(SelfDeniedTest, TheOwnerLookupAndTheOwnerEntry) {
+    const Json::Value rules = Rules({Rule("user", "admin", "allow", "r")});
+    CallResult admin = Check(file_, rules, false, As("admin"));
+    EXPECT_FALSE(Denied(admin));
+    EXPECT_TRUE(admin.HasLog(39, "acl:1644 WARNING: setresuid(-1, 0, -1)")) << admin.LogDump();
+    EXPECT_TRUE(admin.HasLog(39, "acl:1646 WARNING: setresuid(-1, 0, -1)")) << admin.LogDump();
+
+    CallResult alice = Check(file_, rules, false);
+    EXPECT_TRUE(Denied(alice));
+    EXPECT_FALSE(alice.HasLog(39, "acl:1644 WARNING: setresuid(-1, 0, -1)")) << alice.LogDump();
+
+    // A failed administrator check (negative) is not a yes.
+    CallResult failed = Check(file_, rules, false, As("alice", {{"KLIBGroupIsAdminGroupMemByUid", 1, -1, 0x0800}}));
+    EXPECT_TRUE(Denied(failed));
+    EXPECT_FALSE(failed.HasLog(39, "acl:1644 WARNING: setresuid(-1, 0, -1)")) << failed.LogDump();
+
     const Json::Value ownerRead = Rules({Rule("owner", "Owner", "allow", "r")});
     EXPECT_TRUE(Denied(file_, ownerRead, false));  // bob owns the file
     const std::string mine = share_ + "/mine.txt";
@@ -153,7 +170,7 @@ TEST_F(SelfDeniedTest, InheritedEntriesFollowTheProposedOnes) {
     EXPECT_TRUE(Denied(child, Rules({}), false));
 }
 
-TEST_F(SelfDeniedTest, ADenyAtANearerLevelKeepsMaskingFartherLevels) {
+TEST_F(SelfDeniedTest, DenyAndAllowAcrossInheritedLevels) {
     const std::string g = share_ + "/g";
     const std::string p = g + "/p";
     ASSERT_TRUE(root_.MakeDir(p)) << root_.lastError();
@@ -168,21 +185,14 @@ TEST_F(SelfDeniedTest, ADenyAtANearerLevelKeepsMaskingFartherLevels) {
     // Without the nearer deny the farther allow does reach the file.
     ASSERT_TRUE(root_.SetAcl(p, {}, true)) << root_.lastError();
     EXPECT_FALSE(Denied(child, Rules({}), true));
-}
 
-TEST_F(SelfDeniedTest, ADenyBeatsAnAllowOfItsOwnLevelButNotANearerOne) {
-    const std::string g = share_ + "/g";
-    const std::string p = g + "/p";
-    ASSERT_TRUE(root_.MakeDir(p)) << root_.lastError();
-    const std::string child = InheritingChild(p);
     // Level 1 allows r and, listed after it, denies r; level 2 follows, so
-    // the evaluation moves past level 1 before it ends.
+    // the evaluation moves past level 1 before it ends. What level 1 allows
+    // and denies at once is not carried to level 2, but an allow of the
+    // proposed level is decided before level 1 is reached.
     ASSERT_TRUE(root_.SetAcl(p, {"user:alice:allow:r:fd--", "user:alice:deny:r:fd--"})) << root_.lastError();
     ASSERT_TRUE(root_.SetAcl(g, {"user:bob:allow:w:fd--"})) << root_.lastError();
-
-    // What level 1 allows and denies at once is not carried to level 2.
     EXPECT_TRUE(Denied(child, Rules({}), true));
-    // An allow of the proposed level is decided before level 1 is reached.
     EXPECT_FALSE(Denied(child, Rules({Rule("user", "alice", "allow", "r")}), true));
 }
 
@@ -228,16 +238,6 @@ TEST_F(SelfDeniedTest, RulesThatCannotBecomeEntries) {
     }
 }
 
-TEST_F(SelfDeniedTest, NothingIsEvaluatedWithoutAnAclChange) {
-    // Every read would fail, yet the answer is "not denied".
-    CallResult r = Check(file_, Rules({Rule("user", "alice", "deny", "rwxpdDaARWcCo")}), true,
-                         As("alice", {{"KOVAACLOwnerIdGet", 0, -1, KOVA_ERR_IO},
-                                      {"KOVAACLGet", 0, -1, KOVA_ERR_IO},
-                                      {"KOVAACLAlloc", 0, 0, KOVA_ERR_NOMEM}}),
-                         false);
-    EXPECT_FALSE(Denied(r));
-}
-
 TEST_F(SelfDeniedTest, FailuresAndTheirCodes) {
     const Json::Value rules = Rules({Rule("user", "alice", "allow", "r")});
     ASSERT_TRUE(kova_test::WriteFile(root_.At("outside/x.txt"), "x"));
@@ -271,23 +271,14 @@ TEST_F(SelfDeniedTest, FailuresAndTheirCodes) {
         EXPECT_EQ(c.code, r.errorCode()) << c.name << "\n" << r.Dump();
         EXPECT_TRUE(r.response["error"]["data"].isNull()) << c.name << "\n" << r.Dump();
     }
-}
-
-TEST_F(SelfDeniedTest, AnAdministratorsOwnerLookupIsPrivileged) {
-    const Json::Value rules = Rules({Rule("user", "admin", "allow", "r")});
-    CallResult admin = Check(file_, rules, false, As("admin"));
-    EXPECT_FALSE(Denied(admin));
-    EXPECT_TRUE(admin.HasLog(39, "acl:1644 WARNING: setresuid(-1, 0, -1)")) << admin.LogDump();
-    EXPECT_TRUE(admin.HasLog(39, "acl:1646 WARNING: setresuid(-1, 0, -1)")) << admin.LogDump();
-
-    CallResult alice = Check(file_, rules, false);
-    EXPECT_TRUE(Denied(alice));
-    EXPECT_FALSE(alice.HasLog(39, "acl:1644 WARNING: setresuid(-1, 0, -1)")) << alice.LogDump();
-
-    // A failed administrator check (negative) is not a yes.
-    CallResult failed = Check(file_, rules, false, As("alice", {{"KLIBGroupIsAdminGroupMemByUid", 1, -1, 0x0800}}));
-    EXPECT_TRUE(Denied(failed));
-    EXPECT_FALSE(failed.HasLog(39, "acl:1644 WARNING: setresuid(-1, 0, -1)")) << failed.LogDump();
+    // Without an ACL change nothing is evaluated: every read would fail, yet
+    // the answer is "not denied".
+    CallResult unchanged = Check(file_, Rules({Rule("user", "alice", "deny", "rwxpdDaARWcCo")}), true,
+                                 As("alice", {{"KOVAACLOwnerIdGet", 0, -1, KOVA_ERR_IO},
+                                              {"KOVAACLGet", 0, -1, KOVA_ERR_IO},
+                                              {"KOVAACLAlloc", 0, 0, KOVA_ERR_NOMEM}}),
+                                 false);
+    EXPECT_FALSE(Denied(unchanged));
 }
 
 } // namespace

@@ -125,8 +125,9 @@ TEST_F(SetChecksTest, ShareStateAndPrivilegeRefusalsChangeNothing) {
 
     // A non-administrator with read-only privilege on the share.
     ASSERT_GE(KOVASharePrivSet("pub", 1, "alice", KOVA_SHARE_PRIV_RO), 0);
-    CallResult denied = RunSet(AclParams("sub"), alice_);
+    CallResult denied = RunSet(AclParams("sub"), alice_);  // the task's own failure, handed through by status
     EXPECT_EQ(6209, denied.errorCode()) << denied.Dump();
+    EXPECT_TRUE(denied.response["error"]["data"].isNull()) << denied.Dump();
     EXPECT_EQ(-1, StoredCount(share_ + "/sub"));
     // With read-write privilege she gets through on a folder she owns.
     ASSERT_GE(KOVASharePrivSet("pub", 1, "alice", KOVA_SHARE_PRIV_RW), 0);
@@ -270,24 +271,21 @@ TEST_F(SetChecksTest, EntryLimitIsInclusive) {
     EXPECT_EQ(1, StoredCount(share_ + "/over")) << "the old ACL stays";
 }
 
+// "rules": null is kept as given and builds the same empty ACL as [].
 TEST_F(SetChecksTest, EmptyRulesWriteAnEmptyAclWithTheRequestedInheritance) {
-    ASSERT_TRUE(root_.MakeDir(share_ + "/e", 0777));
-    Json::Value params = AclParams("e");
-    params["rules"] = Json::Value(Json::arrayValue);
-    params["inherited"] = false;
-    ASSERT_TRUE(RunSet(params, admin_).success());
-    const kova_module_test::StoredAcl empty = kova_module_test::ReadStored(share_ + "/e");
-    ASSERT_TRUE(empty.readable);
-    EXPECT_EQ(0, empty.count);
-    EXPECT_EQ(0, empty.inherited);
-
-    // "rules": null is kept as given and builds the same empty ACL.
-    ASSERT_TRUE(root_.MakeDir(share_ + "/n", 0777));
-    Json::Value nullRules = AclParams("n");
-    nullRules["rules"] = Json::Value();
-    CallResult withNull = RunSet(nullRules, admin_);
-    EXPECT_TRUE(withNull.success()) << withNull.Dump();
-    EXPECT_EQ(0, StoredCount(share_ + "/n"));
+    for (const Json::Value &rules : {Json::Value(Json::arrayValue), Json::Value()}) {
+        const std::string rel = rules.isNull() ? "null" : "empty";
+        ASSERT_TRUE(root_.MakeDir(share_ + "/" + rel, 0777));
+        Json::Value params = AclParams(rel);
+        params["rules"] = rules;
+        params["inherited"] = false;
+        CallResult r = RunSet(params, admin_);
+        ASSERT_TRUE(r.success()) << rel << ": " << r.Dump();
+        const kova_module_test::StoredAcl empty = kova_module_test::ReadStored(share_ + "/" + rel);
+        ASSERT_TRUE(empty.readable) << rel;
+        EXPECT_EQ(0, empty.count) << rel;
+        EXPECT_EQ(0, empty.inherited) << rel;
+    }
 }
 
 // In their own home a user needs no share privilege at all.

@@ -41,23 +41,6 @@ protected:
     kova_test::TempRoot root_;
 };
 
-TEST_F(AdminTool, InitLaysOutTheRootAndKeepsSettingsWhenRepeated) {
-    for (const char *d : {"etc", "var/run/tasks", "var/log", "volumes/volume1", "usr/share/strings/enu"}) {
-        struct stat st;
-        EXPECT_EQ(stat(root_.At(d).c_str(), &st), 0) << d;
-        EXPECT_TRUE(S_ISDIR(st.st_mode)) << d;
-    }
-    EXPECT_NE(KLIBCFileCheckKeyValue("/etc/kovainfo.conf", "filebrowserxferlog", "no", 0), 0);
-    std::string ini = kova_test::ReadFile(root_.At("usr/share/strings/enu/module-3.ini"));
-    EXPECT_NE(ini.find("[property]"), std::string::npos);
-    EXPECT_NE(ini.find("privilege_recursive = \"Apply to this folder, sub-folders and files\""), std::string::npos);
-
-    ASSERT_EQ(KLIBCFileSetKeyValue("/etc/kovainfo.conf", "filebrowserxferlog", "yes"), 0);
-    ASSERT_EQ(Run({"init"}).status, 0);
-    EXPECT_NE(KLIBCFileCheckKeyValue("/etc/kovainfo.conf", "filebrowserxferlog", "yes", 0), 0);
-    EXPECT_EQ(kova_test::ReadFile(root_.At("usr/share/strings/enu/module-3.ini")), ini);
-}
-
 TEST_F(AdminTool, ShareAddShowListAndPrivileges) {
     Out({"share", "add", "data", "--read-only", "--default-priv", "ro", "--acl-status", "0"});
     struct stat st;
@@ -162,8 +145,10 @@ TEST_F(AdminTool, AclSetGetOwnerRemove) {
     EXPECT_NE(r.out.find("owner:Owner:allow:"), std::string::npos) << r.out;
 }
 
-TEST_F(AdminTool, InitEmptyShowCommandsTransferLogAndHelp) {
-    // A new root without default users; the built-in groups stay.
+// --empty makes a root without default users; init lays out the root and
+// keeps its settings when repeated.
+TEST_F(AdminTool, InitShowCommandsTransferLogAndHelp) {
+    // The built-in groups stay in a root without default users.
     Result r;
     {
         kova_test::TempRoot fresh;  // KOVA_ROOT points at it until the end of this block
@@ -214,6 +199,20 @@ TEST_F(AdminTool, InitEmptyShowCommandsTransferLogAndHelp) {
     r = Run({"user", "frobnicate"});
     EXPECT_EQ(r.status, 2);
     EXPECT_NE(r.out.find("unknown command 'user'"), std::string::npos) << r.out;
+
+    for (const char *d : {"etc", "var/run/tasks", "var/log", "volumes/volume1", "usr/share/strings/enu"}) {
+        struct stat st;
+        EXPECT_EQ(stat(root_.At(d).c_str(), &st), 0) << d;
+        EXPECT_TRUE(S_ISDIR(st.st_mode)) << d;
+    }
+    std::string ini = kova_test::ReadFile(root_.At("usr/share/strings/enu/module-3.ini"));
+    EXPECT_NE(ini.find("[property]"), std::string::npos);
+    EXPECT_NE(ini.find("privilege_recursive = \"Apply to this folder, sub-folders and files\""), std::string::npos);
+
+    ASSERT_EQ(KLIBCFileSetKeyValue("/etc/kovainfo.conf", "filebrowserxferlog", "yes"), 0);
+    ASSERT_EQ(Run({"init"}).status, 0);
+    EXPECT_NE(KLIBCFileCheckKeyValue("/etc/kovainfo.conf", "filebrowserxferlog", "yes", 0), 0);
+    EXPECT_EQ(kova_test::ReadFile(root_.At("usr/share/strings/enu/module-3.ini")), ini);
 }
 
 } // namespace

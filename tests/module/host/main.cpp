@@ -53,13 +53,7 @@ int main(int argc, char **argv) {
     out["delivered"] = r.delivered;
     out["hostError"] = r.hostError;
     out["response"] = r.response;
-    out["logs"] = Json::Value(Json::arrayValue);
-    for (const auto &line : r.logs) {
-        Json::Value pair(Json::arrayValue);
-        pair.append(line.priority);
-        pair.append(line.text);
-        out["logs"].append(pair);
-    }
+    out["logs"] = kova_host::LogsToJson(r.logs);
     Json::StreamWriterBuilder builder;
     builder["indentation"] = "  ";
     std::cout << Json::writeString(builder, out) << '\n';

@@ -19,6 +19,10 @@
 #include <cstring>
 #include <sstream>
 
+// Present only in sanitizer builds: a leak check that the forked call can run
+// before it exits with _exit (which skips the check made at normal exit).
+extern "C" int __lsan_do_recoverable_leak_check(void) __attribute__((weak));
+
 namespace kova_host {
 
 const char *const kApi = "KOVA.Core.ACL";
@@ -31,34 +35,6 @@ const Json::Value kNullValue;
 // safety net, not a timing assertion.
 constexpr unsigned kChildAlarmSeconds = 600;
 
-} // namespace
-} // namespace kova_host
-
-// Present only in sanitizer builds: a leak check that the forked call can run
-// before it exits with _exit (which skips the check made at normal exit).
-extern "C" int __lsan_do_recoverable_leak_check(void) __attribute__((weak));
-
-namespace kova_host {
-namespace {
-
-Json::Value LogsToJson(const std::vector<LogLine> &logs) {
-    Json::Value out(Json::arrayValue);
-    for (const auto &line : logs) {
-        Json::Value pair(Json::arrayValue);
-        pair.append(line.priority);
-        pair.append(line.text);
-        out.append(pair);
-    }
-    return out;
-}
-
-// The ids as the server's worker takes them on; false with error set.
-bool SwitchIds(uid_t uid, gid_t gid, const std::vector<gid_t> &groups, std::string &error) {
-    if (webd::BecomeUser(uid, gid, groups)) return true;
-    error = "cannot switch to uid " + std::to_string(uid) + " gid " + std::to_string(gid);
-    return false;
-}
-
 // The child's side of one call; returns the report.
 Json::Value RunInChild(KOVA_API_HANDLER handler, const std::string &api, int version, const std::string &method,
                        const Json::Value &params, const CallOptions &options) {
@@ -66,29 +42,21 @@ Json::Value RunInChild(KOVA_API_HANDLER handler, const std::string &api, int ver
     report["delivered"] = false;
     for (const auto &kv : options.env) setenv(kv.first.c_str(), kv.second.c_str(), 1);
 
-    std::string error;
-    switch (options.ids) {
-    case Ids::LoginUser: {
+    // The ids as the server's worker takes them on.
+    if (options.ids != Ids::Root) {
         webd::UserIds ids;
-        if (!webd::LookupUserIds(options.user, ids)) {
+        ids.uid = options.uid;
+        ids.gid = options.gid;
+        ids.groups = options.groups;
+        if (options.ids == Ids::LoginUser && !webd::LookupUserIds(options.user, ids)) {
             report["hostError"] = "ids of login user '" + options.user + "' unavailable, last error " +
                                   std::to_string(KLIBCErrGet());
             return report;
         }
-        if (!SwitchIds(ids.uid, ids.gid, ids.groups, error)) {
-            report["hostError"] = error;
+        if (!webd::BecomeUser(ids.uid, ids.gid, ids.groups)) {
+            report["hostError"] = "cannot switch to uid " + std::to_string(ids.uid) + " gid " + std::to_string(ids.gid);
             return report;
         }
-        break;
-    }
-    case Ids::Explicit:
-        if (!SwitchIds(options.uid, options.gid, options.groups, error)) {
-            report["hostError"] = error;
-            return report;
-        }
-        break;
-    case Ids::Root:
-        break;
     }
 
     try {
@@ -293,6 +261,17 @@ CallResult ModuleHost::Call(const std::string &api, int version, const std::stri
 }
 
 // ---- JSON ---------------------------------------------------------------
+
+Json::Value LogsToJson(const std::vector<LogLine> &logs) {
+    Json::Value out(Json::arrayValue);
+    for (const auto &line : logs) {
+        Json::Value pair(Json::arrayValue);
+        pair.append(line.priority);
+        pair.append(line.text);
+        out.append(pair);
+    }
+    return out;
+}
 
 bool ParseJson(const std::string &text, Json::Value &out, std::string *error) {
     if (webd::ParseJsonText(text, out)) return true;

@@ -121,6 +121,9 @@ std::string DefaultModulePath();
 void StartLogCapture();
 std::vector<LogLine> StopLogCapture();
 
+// Log lines as [[priority, text], ...].
+Json::Value LogsToJson(const std::vector<LogLine> &logs);
+
 // Parses JSON text as the server's frames do; false (and a message) on
 // malformed input.
 bool ParseJson(const std::string &text, Json::Value &out, std::string *error = nullptr);

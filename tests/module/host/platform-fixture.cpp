@@ -5,10 +5,10 @@
 #include "kova/klibc.h"
 #include "kova/share.h"
 #include "kova-dirsvc-admin.h"
+#include "run-admin.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -56,42 +56,11 @@ bool PlatformRoot::Fail(const std::string &what) {
 }
 
 int PlatformRoot::Admin(const std::vector<std::string> &args, std::string *output) {
-    int fds[2];
-    if (pipe(fds) != 0) return -1;
-    pid_t pid = fork();
-    if (pid < 0) {
-        close(fds[0]);
-        close(fds[1]);
-        return -1;
-    }
-    if (pid == 0) {
-        dup2(fds[1], 1);
-        dup2(fds[1], 2);
-        close(fds[0]);
-        close(fds[1]);
-        std::vector<std::string> all = {AdminTool(), "--root", path()};
-        all.insert(all.end(), args.begin(), args.end());
-        std::vector<char *> argv;
-        for (auto &a : all) argv.push_back(&a[0]);
-        argv.push_back(nullptr);
-        execv(argv[0], argv.data());
-        _exit(127);
-    }
-    close(fds[1]);
+    std::vector<std::string> all = {"--root", path()};
+    all.insert(all.end(), args.begin(), args.end());
     std::string text;
-    char buf[4096];
-    for (;;) {
-        ssize_t n = read(fds[0], buf, sizeof buf);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) break;
-        text.append(buf, static_cast<size_t>(n));
-    }
-    close(fds[0]);
-    int status = 0;
-    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-    }
+    const int rc = kova_test::RunAdmin(all, &text);
     if (output) *output = text;
-    int rc = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     if (rc != 0) {
         std::string cmd = "kova-admin";
         for (const auto &a : args) cmd += " " + a;
