@@ -18,7 +18,7 @@
 #include "kova/account.h"
 
 #include "../../platform/acl/acl-record.h"
-#include "../../platform/acl/propagation.h"
+#include "../../platform/acl/propagation-job.h"
 
 #include <fcntl.h>
 #include <sys/resource.h>
@@ -37,6 +37,12 @@
 #include <vector>
 
 namespace {
+
+// The job records, read as the runner reads them.
+bool ListJobs(std::vector<kova_acl::PropagationJob> &jobs) {
+    kova_acl::JobDir dir;
+    return dir.Open() && dir.List(jobs);
+}
 
 using kova_bench::BuildTree;
 using kova_bench::CpuOf;
@@ -83,7 +89,7 @@ RunResult Propagate(const std::string &top, int uid) {
     long long runner = 0;
     for (;;) {
         std::vector<kova_acl::PropagationJob> jobs;
-        if (!kova_acl::ListPropagations(jobs)) Die("cannot read the jobs");
+        if (!ListJobs(jobs)) Die("cannot read the jobs");
         bool done = false;
         for (const auto &j : jobs) {
             if (j.path != top) continue;

@@ -30,9 +30,7 @@ namespace kova_acl {
 constexpr size_t kMaxPropagationJobs = 256;
 
 enum class JobState { kQueued, kRunning, kStopped, kDone, kGone };
-KOVA_API_BEGIN
 const char *JobStateName(JobState s);
-KOVA_API_END
 
 struct PropagationJob {
     uint64_t dev = 0;

@@ -5,6 +5,7 @@
 #include "propagation-walk.h"
 #include "refresh.h"
 
+#include "kova/acladmin.h"
 #include "kova/errcode.h"
 #include "kova/klibc.h"
 #include "kova-internal/identity.h"

@@ -20,8 +20,6 @@
 #ifndef KOVA_ACL_PROPAGATION_H
 #define KOVA_ACL_PROPAGATION_H
 
-#include "kova/export.h"
-
 #include "propagation-job.h"
 #include "target.h"
 
@@ -35,41 +33,25 @@ namespace kova_acl {
 bool StartPropagation(const Target &t);
 
 // Whether a runner process is there (working or waiting for more jobs).
-KOVA_API_BEGIN
 bool PropagationRunnerAlive();
-KOVA_API_END
 
 // Every job record; false with the last error set.
-KOVA_API_BEGIN
 bool ListPropagations(std::vector<PropagationJob> &jobs);
-KOVA_API_END
 
 // Marks the job of the folder at path (resolved as the set resolves it)
 // stopped; the runner leaves it at its resume point. False with
 // KOVA_ERR_NOENT when that folder has no unfinished job.
-KOVA_API_BEGIN
 bool StopPropagation(const char *path);
-KOVA_API_END
 
 // Queues every stopped job and every job whose runner died again and makes
 // sure a runner works on them. count: how many jobs are now waiting.
-KOVA_API_BEGIN
 bool ResumePropagations(size_t &count);
-KOVA_API_END
 
-// The runner's body. Returns on SIGTERM, or when no job has come for a
+// The runner's body (KOVAACLPropagationRunnerMain, kova/acladmin.h). Returns on SIGTERM, or when no job has come for a
 // moment (2 s, or KOVA_PROPAGATION_LINGER_MS): the sets of a recursive walk
 // come close together and find it there.
 void RunPropagations();
 
 } // namespace kova_acl
-
-// The main function of the runner program (kova-acl-runner), which
-// StartPropagation starts detached, with all ids 0, from the program beside
-// this library: the jobs with every permitted capability effective. 0 when
-// the runner ended normally, 2 when it was not started as root.
-KOVA_API_BEGIN
-extern "C" int KOVAACLPropagationRunnerMain(void);
-KOVA_API_END
 
 #endif

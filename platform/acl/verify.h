@@ -8,8 +8,6 @@
 #ifndef KOVA_ACL_VERIFY_H
 #define KOVA_ACL_VERIFY_H
 
-#include "kova/export.h"
-
 #include <cstddef>
 #include <functional>
 #include <string>
@@ -32,10 +30,8 @@ struct VerifyCounts {
 
 // False with the last error set when the path cannot be resolved; each
 // drift found is handed to report.
-KOVA_API_BEGIN
 bool VerifyTree(const char *szPath, bool repair, const std::function<void(const Drift &)> &report,
                 VerifyCounts &counts);
-KOVA_API_END
 
 } // namespace kova_acl
 

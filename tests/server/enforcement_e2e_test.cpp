@@ -16,7 +16,7 @@
 #include "as-identity.h"
 #include "kova/account.h"
 #include "kova/share.h"
-#include "../../platform/acl/propagation.h"
+#include "kova/acladmin.h"
 #include "share-fixture.h"
 #include "temp-root.h"
 #include "webd-process.h"
@@ -229,12 +229,14 @@ TEST_F(EnforcementE2E, AParentsInheritableChangeReachesEveryDescendantsKernelAcl
             {&alice_, Op::kCreate, folder_ + "/sub/before", 0}});
     ASSERT_NO_FATAL_FAILURE(
         Set("parent", {Rule("everyone", "everyone", "allow", "rxaRc"), Rule("group", "lab", "allow", kAll)}, false));
-    std::vector<kova_acl::PropagationJob> jobs;
-    ASSERT_TRUE(kova_acl::ListPropagations(jobs));
-    const auto job = std::find_if(jobs.begin(), jobs.end(),
-                                  [&](const kova_acl::PropagationJob &j) { return j.path == share_ + "/parent"; });
-    ASSERT_NE(job, jobs.end()) << "the change went to a job";
-    EXPECT_EQ(kova_acl::JobState::kDone, job->state);
+    KOVA_ACL_PROPAGATION *jobs = nullptr;
+    size_t count = 0;
+    ASSERT_EQ(0, KOVAACLPropagationList(&jobs, &count));
+    std::string state;
+    for (size_t i = 0; i < count; ++i)
+        if (jobs[i].szPath == share_ + "/parent") state = jobs[i].szState;
+    KOVAACLPropagationListFree(jobs, count);
+    EXPECT_EQ("done", state) << "the change went to a job that is done";
     Expect({{&alice_, Op::kRead, deep, 0},
             {&alice_, Op::kWrite, deep, EACCES},
             {&alice_, Op::kWrite, folder_ + "/secret.txt", EACCES},

@@ -6,7 +6,7 @@
 // down) where they stopped.
 #include "command.h"
 
-#include "../../platform/acl/propagation.h"
+#include "kova/acladmin.h"
 
 #include <cstdio>
 #include <string>
@@ -14,28 +14,27 @@
 
 namespace {
 
-using kova_acl::PropagationJob;
-
 int List(const std::vector<std::string> &args) {
     if (!kova_admin::Positionals(args, {}).empty()) return kova_admin::FailPlain("usage: acl propagation [list]");
-    std::vector<PropagationJob> jobs;
-    if (!kova_acl::ListPropagations(jobs)) return kova_admin::Fail("cannot read the propagation jobs");
-    for (const PropagationJob &j : jobs) {
-        std::printf("%s %s visited %llu rewritten %llu failed %llu", kova_acl::JobStateName(j.state), j.path.c_str(),
-                    static_cast<unsigned long long>(j.visited), static_cast<unsigned long long>(j.rewritten),
-                    static_cast<unsigned long long>(j.failed));
-        if (j.beyondDepth) std::printf(" beyond-depth %llu", static_cast<unsigned long long>(j.beyondDepth));
-        if (!j.current.empty()) std::printf(" at %s", j.current.c_str());
+    KOVA_ACL_PROPAGATION *jobs = nullptr;
+    size_t count = 0;
+    if (KOVAACLPropagationList(&jobs, &count) < 0) return kova_admin::Fail("cannot read the propagation jobs");
+    for (size_t i = 0; i < count; ++i) {
+        const KOVA_ACL_PROPAGATION &j = jobs[i];
+        std::printf("%s %s visited %llu rewritten %llu failed %llu", j.szState, j.szPath, j.visited, j.rewritten,
+                    j.failed);
+        if (j.beyondDepth) std::printf(" beyond-depth %llu", j.beyondDepth);
+        if (*j.szCurrent) std::printf(" at %s", j.szCurrent);
         std::printf("\n");
     }
+    KOVAACLPropagationListFree(jobs, count);
     return 0;
 }
 
 int Stop(const std::vector<std::string> &args) {
     const std::vector<std::string> paths = kova_admin::Positionals(args, {});
     if (paths.size() != 1) return kova_admin::FailPlain("usage: acl propagation stop PATH");
-    if (!kova_acl::StopPropagation(paths[0].c_str()))
-        return kova_admin::Fail("no propagation to stop for " + paths[0]);
+    if (KOVAACLPropagationStop(paths[0].c_str()) < 0) return kova_admin::Fail("no propagation to stop for " + paths[0]);
     std::printf("stopped %s\n", paths[0].c_str());
     return 0;
 }
@@ -43,7 +42,7 @@ int Stop(const std::vector<std::string> &args) {
 int Resume(const std::vector<std::string> &args) {
     if (!kova_admin::Positionals(args, {}).empty()) return kova_admin::FailPlain("usage: acl propagation resume");
     size_t count = 0;
-    if (!kova_acl::ResumePropagations(count)) return kova_admin::Fail("cannot resume the propagations");
+    if (KOVAACLPropagationResume(&count) < 0) return kova_admin::Fail("cannot resume the propagations");
     std::printf("%zu propagation(s) waiting or running\n", count);
     return 0;
 }

@@ -5,7 +5,7 @@
 // nothing differs (or everything was repaired), 1 otherwise.
 #include "command.h"
 
-#include "../../platform/acl/verify.h"
+#include "kova/acladmin.h"
 
 #include <cstdio>
 #include <string>
@@ -17,15 +17,15 @@ int Verify(const std::vector<std::string> &args) {
     const std::vector<std::string> paths = kova_admin::Positionals(args, {});
     if (paths.size() != 1) return kova_admin::Fail("usage: acl verify [--repair] PATH");
     const bool repair = kova_admin::HasFlag(args, "--repair");
-    kova_acl::VerifyCounts counts;
-    const bool ok = kova_acl::VerifyTree(
-        paths[0].c_str(), repair,
-        [](const kova_acl::Drift &d) {
-            std::printf("%s %s\n  kernel:     %s\n  projection: %s\n", d.repaired ? "repaired" : "differs",
-                        d.path.c_str(), d.kernel.c_str(), d.projection.c_str());
+    KOVA_ACL_VERIFY_COUNTS counts = {};
+    const int rc = KOVAACLVerifyTree(
+        paths[0].c_str(), repair ? 1 : 0,
+        [](const KOVA_ACL_DRIFT *d, void *) {
+            std::printf("%s %s\n  kernel:     %s\n  projection: %s\n", d->repaired ? "repaired" : "differs", d->szPath,
+                        d->szKernel, d->szProjection);
         },
-        counts);
-    if (!ok) return kova_admin::Fail("cannot verify " + paths[0]);
+        nullptr, &counts);
+    if (rc < 0) return kova_admin::Fail("cannot verify " + paths[0]);
     std::printf("checked %zu, differing %zu, repaired %zu, failed %zu\n", counts.checked, counts.differing,
                 counts.repaired, counts.failed);
     return counts.failed == 0 && counts.differing == counts.repaired ? 0 : 1;

@@ -1,6 +1,8 @@
 #include "acl-fixture.h"
 #include "share-fixture.h"
 
+#include "kova/acladmin.h"
+
 #include "kova/acl.h"
 #include "kova/klibc.h"
 #include "kova/share.h"
@@ -137,13 +139,15 @@ bool AclFixture::GetAcl(const std::string &path, int selector, std::vector<std::
 
 bool WaitForPropagations(int timeoutMs) {
     for (int waited = 0;; waited += 20) {
-        std::vector<kova_acl::PropagationJob> jobs;
-        bool busy = !kova_acl::ListPropagations(jobs);
-        for (const auto &j : jobs)
-            busy = busy || j.state == kova_acl::JobState::kQueued || j.state == kova_acl::JobState::kRunning;
+        KOVA_ACL_PROPAGATION *jobs = nullptr;
+        size_t count = 0;
+        bool busy = KOVAACLPropagationList(&jobs, &count) < 0;
+        for (size_t i = 0; i < count; ++i)
+            busy = busy || std::strcmp(jobs[i].szState, "queued") == 0 || std::strcmp(jobs[i].szState, "running") == 0;
+        KOVAACLPropagationListFree(jobs, count);
         // A runner waiting for more jobs has the system-call table it was
         // started with, which a test may be about to change.
-        if (!busy && !kova_acl::PropagationRunnerAlive()) return true;
+        if (!busy && KOVAACLPropagationRunnerAlive() == 0) return true;
         if (waited >= timeoutMs) return false;
         usleep(20000);
     }

@@ -6,6 +6,7 @@
 #include "as-identity.h"
 #include "run-admin.h"
 #include "kova/acl.h"
+#include "kova/acladmin.h"
 #include "kova/share.h"
 #include "kova-internal/sys-calls.h"
 
@@ -37,6 +38,12 @@
 #include <vector>
 
 namespace {
+
+// The job records, read as the runner reads them.
+bool ListJobs(std::vector<kova_acl::PropagationJob> &jobs) {
+    kova_acl::JobDir dir;
+    return dir.Open() && dir.List(jobs);
+}
 
 using kova_acl::JobState;
 using kova_acl::PropagationJob;
@@ -92,7 +99,7 @@ bool WaitJob(const std::string &path, Pred pred, PropagationJob &out, int tries 
     for (int i = 0; i < tries; ++i) {
         if (i > 0) usleep(20000);
         std::vector<PropagationJob> jobs;
-        if (!kova_acl::ListPropagations(jobs)) continue;
+        if (!ListJobs(jobs)) continue;
         const auto it = std::find_if(jobs.begin(), jobs.end(), [&](const PropagationJob &j) { return j.path == path; });
         if (it != jobs.end() && pred(out = *it)) return true;
     }
@@ -164,8 +171,8 @@ protected:
 
     // Entries below top (or `below`) whose kernel ACL differs from their projection.
     size_t Drifting(const std::string &below = "") {
-        kova_acl::VerifyCounts counts;
-        EXPECT_TRUE(kova_acl::VerifyTree((below.empty() ? top_ : below).c_str(), false, [](const kova_acl::Drift &) {}, counts));
+        KOVA_ACL_VERIFY_COUNTS counts = {};
+        EXPECT_EQ(0, KOVAACLVerifyTree((below.empty() ? top_ : below).c_str(), 0, nullptr, nullptr, &counts));
         return counts.differing + counts.failed;
     }
 
@@ -289,7 +296,7 @@ TEST_F(AclPropagation, SmallTreesAndChangesBeyondTheJobPlacesAreFollowedInPlace)
     unsetenv("KOVA_PROPAGATION_IN_PLACE");
     ASSERT_EQ(SetAcl(top_, {"user:1031:allow:rx:fd"}, false), 0);
     std::vector<PropagationJob> jobs;
-    ASSERT_TRUE(kova_acl::ListPropagations(jobs));
+    ASSERT_TRUE(ListJobs(jobs));
     EXPECT_TRUE(jobs.empty());
     Followed({{kBob, top_ + "/d1/s1/f2", kR | kX}});
     EXPECT_EQ(Snapshot({root_.At("outside/g")}), outside) << "the in-place refresh followed a link";
@@ -309,7 +316,7 @@ TEST_F(AclPropagation, SmallTreesAndChangesBeyondTheJobPlacesAreFollowedInPlace)
     auto records = [] {
         std::map<std::string, std::string> out;
         std::vector<PropagationJob> list;
-        EXPECT_TRUE(kova_acl::ListPropagations(list));
+        EXPECT_TRUE(ListJobs(list));
         for (const PropagationJob &j : list)
             out[j.Key()] = j.path + " " + std::to_string(j.seq) + " " + kova_acl::JobStateName(j.state) + " " +
                            std::to_string(j.visited);
@@ -407,7 +414,7 @@ TEST_F(AclPropagation, AKilledRunnerIsResumedWhereItStopped) {
 
     gDelayUs = 0;
     size_t waiting = 0;
-    ASSERT_TRUE(kova_acl::ResumePropagations(waiting));
+    ASSERT_EQ(0, KOVAACLPropagationResume(&waiting));
     EXPECT_EQ(waiting, 1u);
     job = Done({{kBob, top_ + "/d7/s1/f7", kR | kX}});
     // Only what lay from the resume point on was looked at again: the whole tree once more would add every
@@ -455,9 +462,9 @@ TEST_F(AclPropagation, FoldersSwappedDuringTheWalkChangeNothingOutside) {
         if (how == "verify") {
             ASSERT_EQ(SetAcl(top_, {"user:1031:allow:rwxpD:fd"}, false), 0);
             ASSERT_TRUE(WaitForPropagations());
-            kova_acl::VerifyCounts counts;
+            KOVA_ACL_VERIFY_COUNTS counts = {};
             ScopedSysCall<decltype(SysCalls::openat)> swap(&SysCalls::openat, SwappingOpenat);
-            ASSERT_TRUE(kova_acl::VerifyTree(top_.c_str(), true, [](const kova_acl::Drift &) {}, counts));
+            ASSERT_EQ(0, KOVAACLVerifyTree(top_.c_str(), 1, nullptr, nullptr, &counts));
         } else {
             ScopedSysCall<decltype(SysCalls::openat)> swap(&SysCalls::openat, SwappingOpenat);
             ASSERT_EQ(SetAcl(top_, {"user:1031:allow:rwxpD:fd"}, false), 0);
@@ -490,8 +497,8 @@ TEST_F(AclPropagation, WalksStayOnTheirFileSystemOutOfAttributeFoldersAndWithinB
         Inheriting(mnt);
         Inheriting(mnt + "/y");
     }
-    kova_acl::VerifyCounts counts;
-    EXPECT_TRUE(kova_acl::VerifyTree(top_.c_str(), false, [](const kova_acl::Drift &) {}, counts));
+    KOVA_ACL_VERIFY_COUNTS counts = {};
+    EXPECT_EQ(0, KOVAACLVerifyTree(top_.c_str(), 0, nullptr, nullptr, &counts));
     if (mounted) umount2(mnt.c_str(), MNT_DETACH);
     EXPECT_EQ(counts.checked, 1u) << "only f is ours to check";
     EXPECT_EQ(counts.failed, 0u);
@@ -569,7 +576,7 @@ TEST_F(AclPropagation, ANewerChangeSupersedesTheRunningOne) {
     ASSERT_TRUE(seen);
     const PropagationJob last = Done(BobAllAliceTraverse({top_ + "/d5/s1/f7", top_ + "/d0/s0/f0", top_ + "/d3"}));
     std::vector<PropagationJob> jobs;
-    ASSERT_TRUE(kova_acl::ListPropagations(jobs));
+    ASSERT_TRUE(ListJobs(jobs));
     EXPECT_EQ(std::count_if(jobs.begin(), jobs.end(), [&](const PropagationJob &j) { return j.path == top_; }), 1);
     EXPECT_GT(last.seq, first.seq);
     // One whole walk of the newer change, not the older one's count added.

@@ -4,10 +4,10 @@
 // caller's code instead of its own program.
 #include "acl-fixture.h"
 
+#include "kova/acladmin.h"
 #include "kova/fault.h"
 
 #include "../../../platform/acl/propagation-job.h"
-#include "../../../platform/acl/verify.h"
 
 #include <signal.h>
 #include <sys/wait.h>
@@ -69,8 +69,8 @@ TEST_F(Runner, StartedWhileAnotherThreadHoldsAPlatformLockFollowsEveryChange) {
         KillRunner();
         FAIL() << "a runner never finished its job";
     }
-    kova_acl::VerifyCounts counts;
-    ASSERT_TRUE(kova_acl::VerifyTree(In("top").c_str(), false, [](const kova_acl::Drift &) {}, counts));
+    KOVA_ACL_VERIFY_COUNTS counts = {};
+    ASSERT_EQ(0, KOVAACLVerifyTree(In("top").c_str(), 0, nullptr, nullptr, &counts));
     EXPECT_EQ(3u, counts.checked);
     EXPECT_EQ(0u, counts.differing) << "kernel ACLs left behind the last change";
 }

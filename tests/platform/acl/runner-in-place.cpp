@@ -4,7 +4,7 @@
 // exec'ing the program, keeping the test's table.
 #include "kova-internal/sys-calls.h"
 
-#include "../../../platform/acl/propagation.h"
+#include "kova/acladmin.h"
 
 #include <unistd.h>
 
