@@ -16,7 +16,9 @@ namespace kova_acl {
 
 // Writes the projection of an entry's stored ACL: access ACL, and on a
 // folder the default ACL (removed when nothing passes down). Symbolic links
-// and special files are left alone. Needs root. t.st must be filled.
+// and special files are left alone. An ACL the entry already holds is not
+// written again (one read instead of a write). Needs root. t.st must be
+// filled and current.
 // False with KOVA_ERR_ACL_NOTSUP (no POSIX ACLs on the file system),
 // KOVA_ERR_ACL_NOSPACE, KOVA_ERR_NOENT or KOVA_ERR_IO.
 bool WriteProjection(const Target &t, const Projection &p);
