@@ -3,8 +3,6 @@
 
 #include "entry-attr.h"
 #include "inherit.h"
-#include "kernel-acl-queue.h"
-#include "walk-coverage.h"
 #include "mode-acl.h"
 #include "passdown-cache.h"
 
@@ -49,6 +47,12 @@ bool Drop(const Target &t, const char *attr) {
 }
 
 bool Set(const Target &t, const char *attr, const PosixAcl &acl) { return SetEncoded(t, attr, EncodePosixAcl(acl)); }
+
+// A projection in the kernel's binary form, ready to be written.
+struct Encoded {
+    std::string access, coarse, deflt;
+    bool hasDefault = false;
+};
 
 Encoded Encode(const Projection &p) {
     Encoded e;
@@ -135,7 +139,6 @@ const Encoded &ProjectionFor(const Target &t, std::vector<Ace> &complete, const 
 
 bool WriteProjection(const Target &t, const Projection &p) {
     if (!Projectable(t)) return true;
-    WaitForKernelAclWrites();
     const Encoded e = Encode(p);
     // t.st must be fresh for the mode comparison: the walks that call this
     // have just taken it. A default ACL not wanted is an absent one.
@@ -173,17 +176,11 @@ bool ProjectStored(Target &t, const StoredAcl &own, bool keptFolder) {
     if (!Projectable(t)) return true;
     std::vector<Ace> complete;
     if (!CompleteEntries(t, own, keptFolder, complete)) return false;
-    const Encoded &e = ProjectionFor(t, complete, ProjectionOwner(own, t.st));
-    // A task's walk below the folder whose job it holds leaves the write to
-    // its writer thread (kernel-acl-queue.h).
-    if (keptFolder && CoverageCovers(t) && QueueKernelAclWrite(t, e, WriteEncoded)) return true;
-    WaitForKernelAclWrites();
-    return WriteEncoded(t, e);
+    return WriteEncoded(t, ProjectionFor(t, complete, ProjectionOwner(own, t.st)));
 }
 
 bool Unproject(const Target &t) {
     if (!Projectable(t)) return true;
-    WaitForKernelAclWrites();
     PosixAcl cur;
     bool present = false;
     if (!ReadKernelAcl(t, kPosixAccess, cur, present)) return false;

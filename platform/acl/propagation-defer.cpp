@@ -3,7 +3,6 @@
 
 #include "acl-record.h"
 #include "entry-attr.h"
-#include "kernel-acl-queue.h"
 #include "propagation-job.h"
 #include "propagation-runner.h"
 #include "walk-coverage.h"
@@ -162,10 +161,6 @@ bool DeferPropagation(const Target &t, bool inherits) {
 }
 
 void ReleaseHeldPropagations() {
-    // The writer thread's writes first: one that failed leaves the job to
-    // the runner's walk (kernel-acl-queue.h).
-    WaitForKernelAclWrites();
-    const bool writeFailed = KernelAclWriteFailed();
     std::vector<Held> held;
     {
         std::lock_guard<std::mutex> g(gMutex);
@@ -173,8 +168,7 @@ void ReleaseHeldPropagations() {
     }
     if (held.empty()) return;
     // One held job whose whole tree the task has set since: done already.
-    const bool covered =
-        CoverageProven(held.front().dev, held.front().ino) && held.size() == 1 && !writeFailed;
+    const bool covered = CoverageProven(held.front().dev, held.front().ino) && held.size() == 1;
     JobDir dir;
     // Without the job folder the jobs stay recorded under this process and
     // are taken up as orphaned once it has ended.

@@ -210,13 +210,6 @@ void CoverageStart(const Target &t) {
     p.stack.push_back(std::move(f));
 }
 
-bool CoverageCovers(const Target &t) {
-    std::lock_guard<std::mutex> g(gMutex);
-    Proof &p = gProof;
-    if (!p.active || !p.ok || !t.hasStat || t.name.empty() || !Countable(t.st.st_mode)) return false;
-    return FrameOf(p, t) != nullptr;
-}
-
 void CoverageNote(const Target &t) {
     std::lock_guard<std::mutex> g(gMutex);
     Proof &p = gProof;

@@ -31,10 +31,6 @@ constexpr size_t kMaxPendingFolders = 4096;
 // Starts following the sets below folder t (judged, stat filled), whose
 // job was just held; a proof already under way fails (one at a time).
 void CoverageStart(const Target &t);
-// Whether t (stat filled, about to be set) lies in the walk the proof
-// follows: below the held folder, in a folder the walk has reached. False
-// when no proof is under way or it has failed.
-bool CoverageCovers(const Target &t);
 // A set of t (stat filled) in the task succeeded.
 void CoverageNote(const Target &t);
 // Ends the proof: true when (dev, ino) is the folder given to CoverageStart
