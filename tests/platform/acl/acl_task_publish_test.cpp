@@ -11,6 +11,7 @@
 #include "as-identity.h"
 #include "kova/account.h"
 #include "kova/webapi.h"
+#include "kova-internal/identity.h"
 #include "kova-internal/sys-calls.h"
 #include "kova-internal/task-end.h"
 
@@ -282,6 +283,25 @@ TEST_F(AclTaskDefer, ARecordThatIsNotProgressIsPublishedOnlyOnceTheChangeIsFollo
     ASSERT_TRUE(st["data"]["finished"].asBool()) << st;
     EXPECT_EQ(Drifting(), 0u);
     for (int i = 0; i < 500 && !(Status(id, st) && st["finished"].asBool()); ++i) usleep(10000);
+}
+
+// A task keeps its caller's groups between calls, but a switch of its groups
+// through the identity component is seen by the next call.
+TEST_F(AclTaskDefer, ATaskSeesItsGroupsChangeThroughTheIdentityComponent) {
+    const std::string file = top_ + "/d0/s0/f0";
+    ASSERT_EQ(SetAcl(file, {"group:2000:allow:r------------:----"}, false), 0);
+    EXPECT_EQ(kova_test::RunAs(kBob, [&] {
+                  kova_internal::MarkTaskProcess();
+                  unsigned without = 0, with = 0, again = 0;
+                  if (KOVAACLPermGet(file.c_str(), &without) != 0 ||
+                      !kova_internal::SwitchToUser(kBob.uid, kBob.gid, {2000}) ||
+                      KOVAACLPermGet(file.c_str(), &with) != 0 ||
+                      !kova_internal::SwitchToUser(kBob.uid, kBob.gid, {}) ||
+                      KOVAACLPermGet(file.c_str(), &again) != 0)
+                      return 100;
+                  return (without == 0 && with != 0 && again == 0) ? 0 : 1;
+              }),
+              0);
 }
 
 TEST_F(AclTaskDefer, AKilledTaskLeavesItsJobToTheRunner) {
