@@ -137,9 +137,10 @@ const Encoded &ProjectionFor(const Target &t, std::vector<Ace> &complete, const 
 
 } // namespace
 
-bool WriteProjection(const Target &t, const Projection &p) {
+bool WriteProjection(const Target &t, const Projection &p, bool checkFirst) {
     if (!Projectable(t)) return true;
     const Encoded e = Encode(p);
+    if (!checkFirst) return WriteEncoded(t, e);
     // t.st must be fresh for the mode comparison: the walks that call this
     // have just taken it. A default ACL not wanted is an absent one.
     if (AlreadyHolds(t, kPosixAccess, e.access, &p.access) &&

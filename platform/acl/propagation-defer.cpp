@@ -117,6 +117,7 @@ bool HoldJob(const Target &t, Held &out) {
         job.path = t.path;
         job.seq = NowNs();
         job.state = JobState::kRunning;
+        job.checkFirst = true;
         job.pid = getpid();
         job.startTime = SelfStartTime();
         if (job.startTime == 0) return false;
@@ -184,6 +185,7 @@ void ReleaseHeldPropagations() {
             if (dir.Read(h.key, j) != 1 || j.seq != h.seq || j.state != JobState::kRunning || j.pid != self)
                 continue;
             j.state = covered ? JobState::kDone : JobState::kQueued;
+            j.checkFirst = true;
             j.pid = 0;
             j.startTime = 0;
             (void)dir.Write(j);

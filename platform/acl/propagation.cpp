@@ -180,7 +180,7 @@ WalkEnd RunJob(const JobDir &dir, PropagationJob job) {
         out.current = p.current;
     };
     if (same) {
-        end = PropagateBelow(top, job.resume, WorkerThreads(), progress, [&](const WalkProgress &p) {
+        auto tick = [&](const WalkProgress &p) {
             if (gLookAgain || gEnd) return false;
             JobLock lock(dir);
             PropagationJob cur;
@@ -191,7 +191,8 @@ WalkEnd RunJob(const JobDir &dir, PropagationJob job) {
             record(p, cur);
             (void)dir.Write(cur);
             return true;
-        });
+        };
+        end = PropagateBelow(top, job.resume, WorkerThreads(), progress, tick, 250, job.checkFirst);
     }
     JobLock lock(dir);
     PropagationJob cur;
