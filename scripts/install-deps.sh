@@ -6,7 +6,7 @@ set -euo pipefail
 
 PACKAGES=(
   build-essential cmake pkg-config git
-  libjsoncpp-dev libsqlite3-dev sqlite3 libicu-dev libldap-dev libargon2-dev libssl-dev
+  libjsoncpp-dev libsqlite3-dev sqlite3 libicu-dev libldap-dev libargon2-dev libssl-dev libsodium-dev
   libboost-dev libcpp-httplib-dev libgtest-dev libgmock-dev libbenchmark-dev
   attr acl slapd ldap-utils curl chromium
   openssl systemd  # the package test: certificate fingerprints, systemd-analyze verify

@@ -2,6 +2,8 @@
 #include "evaluate.h"
 
 #include "kova/account.h"
+#include "kova-internal/identity.h"
+#include "kova-internal/task-end.h"
 #include <unistd.h>
 
 #include <cerrno>
@@ -10,11 +12,33 @@
 
 namespace kova_acl {
 
+namespace {
+
+// A background task acts as one user for its run and changes its groups
+// only through the identity component: its supplementary groups are asked
+// once per effective uid, gid and groups generation (kova-internal/identity.h)
+// instead of once per call.
+struct KeptCaller {
+    bool valid = false;
+    uid_t uid = 0;
+    gid_t gid = 0;
+    uint64_t generation = 0;
+    Principal p;
+};
+thread_local KeptCaller tKeptCaller;
+
+} // namespace
+
 Principal Principal::Caller() {
+    const uid_t euid = geteuid();
+    const gid_t egid = getegid();
+    const bool task = kova_internal::InTaskProcess();
+    const uint64_t generation = kova_internal::GroupsGeneration();
+    KeptCaller &k = tKeptCaller;
+    if (task && k.valid && k.uid == euid && k.gid == egid && k.generation == generation) return k.p;
     Principal p;
     p.kind = KOVA_ACL_ID_USER;
-    p.uid = geteuid();
-    const gid_t egid = getegid();
+    p.uid = euid;
     p.isRoot = p.uid == 0;
     // One getgroups call for the usual few groups; only a caller with more
     // than fit here pays for asking the count first.
@@ -36,6 +60,13 @@ Principal Principal::Caller() {
     for (int i = 0; i < n; ++i)
         if (groups[i] != egid) p.gids.push_back(groups[i]);
     p.isAdmin = std::find(p.gids.begin(), p.gids.end(), static_cast<uint32_t>(KOVA_ADMIN_GID)) != p.gids.end();
+    if (task) {
+        k.valid = true;
+        k.uid = euid;
+        k.gid = egid;
+        k.generation = generation;
+        k.p = p;
+    }
     return p;
 }
 

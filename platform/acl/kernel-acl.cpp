@@ -11,6 +11,7 @@
 #include "kova-internal/fault-point.h"
 
 #include <cerrno>
+#include <cstring>
 #include <string>
 
 namespace kova_acl {
@@ -76,6 +77,19 @@ bool WriteEncoded(const Target &t, const Encoded &p) {
     return Drop(t, kPosixDefault);
 }
 
+// Whether the entry's kernel ACL attr is already `want` (acl: its decoded
+// form, for an access ACL that the kernel keeps as mode bits only). Reading
+// is far cheaper than writing: a walk over entries that are already right
+// (the runner after a task that set them itself) then writes nothing.
+bool AlreadyHolds(const Target &t, const char *attr, const std::string &want, const PosixAcl *acl) {
+    char buf[8 * 1024];
+    const ssize_t n = GetEntryAttr(t.parent.get(), t.name.c_str(), attr, buf, sizeof buf);
+    if (n >= 0) return static_cast<size_t>(n) == want.size() && std::memcmp(buf, want.data(), want.size()) == 0;
+    if (errno != ENODATA) return false;
+    if (!acl) return want.empty();
+    return acl->MinimalForm() && (t.st.st_mode & 0777) == acl->ModeBits();
+}
+
 bool SameAces(const std::vector<Ace> &a, const std::vector<Ace> &b) {
     if (a.size() != b.size()) return false;
     for (size_t i = 0; i < a.size(); ++i) {
@@ -123,7 +137,17 @@ const Encoded &ProjectionFor(const Target &t, std::vector<Ace> &complete, const 
 
 } // namespace
 
-bool WriteProjection(const Target &t, const Projection &p) { return WriteEncoded(t, Encode(p)); }
+bool WriteProjection(const Target &t, const Projection &p, bool checkFirst) {
+    if (!Projectable(t)) return true;
+    const Encoded e = Encode(p);
+    if (!checkFirst) return WriteEncoded(t, e);
+    // t.st must be fresh for the mode comparison: the walks that call this
+    // have just taken it. A default ACL not wanted is an absent one.
+    if (AlreadyHolds(t, kPosixAccess, e.access, &p.access) &&
+        (!t.IsDir() || AlreadyHolds(t, kPosixDefault, e.hasDefault ? e.deflt : std::string(), nullptr)))
+        return true;
+    return WriteEncoded(t, e);
+}
 
 bool CompleteEntries(Target &t, const StoredAcl &own, bool keptFolder, std::vector<Ace> &out) {
     out = own.entries;

@@ -16,10 +16,13 @@ namespace kova_acl {
 
 // Writes the projection of an entry's stored ACL: access ACL, and on a
 // folder the default ACL (removed when nothing passes down). Symbolic links
-// and special files are left alone. Needs root. t.st must be filled.
+// and special files are left alone. checkFirst: an ACL the entry already
+// holds is not written again (one read instead of a write; a walk over a
+// tree a task has mostly set itself), at the cost of that read everywhere
+// else. Needs root. t.st must be filled and current.
 // False with KOVA_ERR_ACL_NOTSUP (no POSIX ACLs on the file system),
 // KOVA_ERR_ACL_NOSPACE, KOVA_ERR_NOENT or KOVA_ERR_IO.
-bool WriteProjection(const Target &t, const Projection &p);
+bool WriteProjection(const Target &t, const Projection &p, bool checkFirst = false);
 
 // After a record was written: reads what the entry inherits (as root), and
 // writes the projection of own + inherited entries. keptFolder: t was

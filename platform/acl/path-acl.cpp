@@ -7,6 +7,8 @@
 #include "fs-type.h"
 #include "kernel-acl.h"
 #include "propagation.h"
+#include "propagation-defer.h"
+#include "walk-coverage.h"
 #include "refresh.h"
 #include "mode-acl.h"
 #include "path-state.h"
@@ -15,6 +17,7 @@
 #include "kova/share.h"
 #include "kova/klibc.h"
 #include "kova-internal/fault-point.h"
+#include "kova-internal/task-end.h"
 
 #include <linux/capability.h>
 
@@ -59,12 +62,16 @@ bool LoadForCaller(const char *szPath, const Principal &caller, PathState &s) {
 }
 
 // After a folder's record changed: its descendants' kernel ACLs follow what
-// it now passes down, in the background (propagation.h). A propagation that
+// it now passes down, in the background (propagation.h), or at the end of
+// the task that made the change (propagation-defer.h). A propagation that
 // cannot start leaves them for `kova-admin acl verify --repair`; the set
 // itself has succeeded.
 void FollowInheritance(const Target &t, const PreviousRecord &prev, bool hasNew, const StoredAcl &next) {
+    CoverageNote(t);
     if (!t.hasStat || !t.IsDir()) return;
     if (!prev.damaged && PassesDownTheSame(prev.had, prev.acl, hasNew, next)) return;
+    // A task follows its changes at its end (propagation-defer.h).
+    if (DeferPropagation(t, hasNew && next.inherits)) return;
     (void)StartPropagation(t);
 }
 
@@ -87,8 +94,13 @@ bool SetWithoutRaising(const char *szPath, const Principal &caller, StoredAcl &n
     // Root never raises anyway, and only an administrator's rights can
     // ignore the entries once the path is known.
     if (caller.isRoot || !caller.isAdmin) return false;
+    // A task process keeps CAP_SYS_ADMIN and CAP_FOWNER for its run
+    // (kova/fileshare.h): it tries the writes without asking the kernel
+    // first. Should it have dropped one, the kernel refuses the write
+    // (EPERM), as it would anyway, and the raised attempt follows.
+    const bool task = kova_internal::InTaskProcess();
     kova_internal::ThreadCapabilities caps;
-    if (!caps.Read() || !caps.Effective(CAP_SYS_ADMIN)) return false;
+    if (!task && (!caps.Read() || !caps.Effective(CAP_SYS_ADMIN))) return false;
     Target t;
     if (!LocateTargetInKeptFolder(szPath, caller.uid, t) || !RightsIgnoreEntries(caller, t.BelowShareRoot()))
         return false;
@@ -103,7 +115,7 @@ bool SetWithoutRaising(const char *szPath, const Principal &caller, StoredAcl &n
     // the share root, which an administrator may search (the projection's
     // administrators' entry says so); where the kernel refuses, the raised
     // attempt follows.
-    if (caps.Effective(CAP_FOWNER) && ProjectStored(t, next, true)) {
+    if ((task || caps.Effective(CAP_FOWNER)) && ProjectStored(t, next, true)) {
         FollowInheritance(t, prev, true, next);
         return true;
     }

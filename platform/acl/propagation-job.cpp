@@ -82,7 +82,8 @@ std::string Format(const PropagationJob &j) {
                   "\npid=%" PRId64 "\nstarttime=%" PRIu64 "\n",
                   j.dev, j.ino, j.seq, JobStateName(j.state), j.visited, j.rewritten, j.failed, j.beyondDepth,
                   j.resume, j.pid, j.startTime);
-    return std::string(buf) + "path=" + Escape(j.path) + "\ncurrent=" + Escape(j.current) + "\n";
+    return std::string(buf) + "check_first=" + (j.checkFirst ? "1" : "0") + "\npath=" + Escape(j.path) +
+           "\ncurrent=" + Escape(j.current) + "\n";
 }
 
 bool Parse(const std::string &text, PropagationJob &j) {
@@ -120,6 +121,7 @@ bool Parse(const std::string &text, PropagationJob &j) {
         else if (k == "resume") ok = s(j.resume);
         else if (k == "pid") ok = s(j.pid);
         else if (k == "starttime") ok = u(j.startTime);
+        else if (k == "check_first") { ok = v == "0" || v == "1"; j.checkFirst = v == "1"; }
         else if (k == "path") { j.path = Unescape(v); havePath = !j.path.empty(); }
         else if (k == "current") j.current = Unescape(v);
         if (!ok) return false;

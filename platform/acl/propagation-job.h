@@ -46,6 +46,9 @@ struct PropagationJob {
     int64_t resume = 0;        // position in the top folder; 0 from the start
     int64_t pid = 0;           // the runner working on it
     uint64_t startTime = 0;
+    // Released by a task whose own walk set much of the tree already: the
+    // runner reads each entry's kernel ACLs and writes only what differs.
+    bool checkFirst = false;
 
     std::string Key() const;   // the record's name
 };

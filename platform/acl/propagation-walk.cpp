@@ -106,9 +106,9 @@ struct Item {
 
 class Walk {
 public:
-    Walk(const Target &top, unsigned threads, WalkProgress &progress)
+    Walk(const Target &top, unsigned threads, WalkProgress &progress, bool checkFirst)
         : top_(top), dev_(top.st.st_dev), threads_(threads ? threads : 1), capacity_(4 * threads_),
-          progress_(progress) {}
+          progress_(progress), checkFirst_(checkFirst) {}
 
     WalkEnd Run(int64_t resume, const std::function<bool(const WalkProgress &)> &tick, unsigned tickMs);
 
@@ -129,6 +129,7 @@ private:
     const unsigned threads_;
     const size_t capacity_;
     WalkProgress &progress_;
+    const bool checkFirst_;
     std::atomic<bool> stop_{false};
     std::vector<std::pair<dev_t, ino_t>> shareRoots_;
 
@@ -190,7 +191,7 @@ bool Walk::Entry(WalkEntry &e, Memo &memo) {
         }
         const Projection p =
             t.IsDir() ? Project(complete, owner, t.st.st_uid, t.st.st_gid, true, !shareRoot, true) : Projection();
-        if (!WriteProjection(t, t.IsDir() ? p : memo.p)) {
+        if (!WriteProjection(t, t.IsDir() ? p : memo.p, checkFirst_)) {
             progress_.failed.fetch_add(1, std::memory_order_relaxed);
             return false;
         }
@@ -400,8 +401,8 @@ WalkEnd Walk::Run(int64_t resume, const std::function<bool(const WalkProgress &)
 } // namespace
 
 WalkEnd PropagateBelow(const Target &top, int64_t resume, unsigned threads, WalkProgress &progress,
-                       const std::function<bool(const WalkProgress &)> &tick, unsigned tickMs) {
-    Walk w(top, threads, progress);
+                       const std::function<bool(const WalkProgress &)> &tick, unsigned tickMs, bool checkFirst) {
+    Walk w(top, threads, progress, checkFirst);
     return w.Run(resume, tick, tickMs);
 }
 

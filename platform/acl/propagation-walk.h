@@ -44,8 +44,10 @@ struct WalkProgress {
 // on the calling thread about every `tickMs` with the progress so far; it
 // returns false to stop the walk (the walk then ends as soon as every
 // thread has finished its entry). threads: worker threads (at least 1).
+// checkFirst: write only the kernel ACLs that differ (WriteProjection).
 WalkEnd PropagateBelow(const Target &top, int64_t resume, unsigned threads, WalkProgress &progress,
-                       const std::function<bool(const WalkProgress &)> &tick, unsigned tickMs = 250);
+                       const std::function<bool(const WalkProgress &)> &tick, unsigned tickMs = 250,
+                       bool checkFirst = false);
 
 } // namespace kova_acl
 

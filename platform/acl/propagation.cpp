@@ -204,7 +204,7 @@ WalkEnd RunJob(const JobDir &dir, PropagationJob job) {
         out.current = p.current;
     };
     if (same) {
-        end = PropagateBelow(top, job.resume, WorkerThreads(), progress, [&](const WalkProgress &p) {
+        auto tick = [&](const WalkProgress &p) {
             if (gLookAgain || gEnd) return false;
             JobLock lock(dir);
             PropagationJob cur;
@@ -215,7 +215,8 @@ WalkEnd RunJob(const JobDir &dir, PropagationJob job) {
             record(p, cur);
             (void)dir.Write(cur);
             return true;
-        });
+        };
+        end = PropagateBelow(top, job.resume, WorkerThreads(), progress, tick, 250, job.checkFirst);
     }
     JobLock lock(dir);
     PropagationJob cur;
@@ -402,17 +403,26 @@ void RunPropagations() {
                 return;
             }
             (void)dir.WriteRunner(self, selfStart);
+            // A job a live task holds (propagation-defer.h) is the task's
+            // until it ends; the runner stays to take it up should the task
+            // die without releasing it.
             // Between walks, a job "running" under this runner is one whose
             // walk ended without its record being written (the lock or the
             // write failed): it is taken up again, not left behind.
+            bool held = false;
             for (const PropagationJob &j : jobs) {
-                const bool mine = j.state == JobState::kRunning && j.pid == static_cast<int64_t>(self);
-                if (j.state != JobState::kQueued && !Orphaned(j) && !mine) continue;
+                const bool running = j.state == JobState::kRunning;
+                const bool mine = running && j.pid == static_cast<int64_t>(self);
+                const bool orphaned = Orphaned(j);
+                held = held || (running && !mine && !orphaned);
+                if (j.state != JobState::kQueued && !orphaned && !mine) continue;
                 if (!found || j.seq < job.seq) job = j;
                 found = true;
             }
             gLookAgain = 0;
-            if (!found) {
+            if (!found && held) {
+                idleSince = 0;
+            } else if (!found) {
                 // A runner stays a moment after its last job: the sets of a
                 // recursive walk follow each other closely.
                 if (idleSince == 0) idleSince = NowNs();

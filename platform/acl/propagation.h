@@ -10,13 +10,15 @@
 // everything read afresh), or a new runner is started (a detached process
 // of its own program, all ids 0). The runner publishes progress in the records, stops a job
 // whose record says "stopped" or was replaced, ends on SIGTERM leaving its
-// jobs queued, and goes away when no job is left. A runner killed outright
-// leaves its job "running" under a dead pid; the next start or
+// jobs queued, and goes away when no job is left and no live task holds
+// one (propagation-defer.h). A runner killed
+// outright leaves its job "running" under a dead pid; the next start or
 // ResumePropagations takes it up from its resume point.
 //
 // Folders outside every share, and changes beyond kMaxPropagationJobs
 // pending jobs, are refreshed in place by the bounded synchronous walk
-// (refresh.h).
+// (refresh.h). In a background task the set path holds its job until the
+// task's end instead of calling StartPropagation (propagation-defer.h).
 #ifndef KOVA_ACL_PROPAGATION_H
 #define KOVA_ACL_PROPAGATION_H
 

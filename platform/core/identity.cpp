@@ -6,10 +6,18 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 
 namespace kova_internal {
+
+namespace {
+// Bumped before every setgroups of this component (see GroupsGeneration).
+std::atomic<uint64_t> gGroupsGeneration{0};
+} // namespace
+
+uint64_t GroupsGeneration() { return gGroupsGeneration.load(std::memory_order_acquire); }
 
 Caller Caller::Current() {
     Caller c;
@@ -135,6 +143,7 @@ bool SwitchToUser(uid_t uid, gid_t gid, const std::vector<gid_t> &groups) {
     // Only an effective root may set groups and ids; the saved uid 0 that
     // servers and tasks keep lets us become it first.
     if (eu != 0 && Sys().setresuid(static_cast<uid_t>(-1), 0, static_cast<uid_t>(-1)) != 0) return false;
+    gGroupsGeneration.fetch_add(1, std::memory_order_acq_rel);
     if (Sys().setgroups(groups.size(), groups.data()) == 0 && Sys().setresgid(0, gid, 0) == 0 &&
         Sys().setresuid(0, uid, 0) == 0)
         return true;
@@ -151,6 +160,7 @@ bool RestoreRoot(const std::vector<gid_t> &rootGroups) {
     // Uid first: changing groups and gids needs an effective uid of 0.
     const bool uidOk = Sys().setresuid(0, 0, 0) == 0;
     const bool gidOk = uidOk && Sys().setresgid(0, 0, 0) == 0;
+    gGroupsGeneration.fetch_add(1, std::memory_order_acq_rel);
     const bool groupsOk = gidOk && Sys().setgroups(rootGroups.size(), rootGroups.data()) == 0;
     uid_t ru, eu, su;
     gid_t rg, eg, sg;

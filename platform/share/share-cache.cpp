@@ -11,6 +11,7 @@
 #include "kova-internal/fault-point.h"
 #include "kova-internal/owned-fd.h"
 #include "kova-internal/sys-calls.h"
+#include "kova-internal/task-end.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -34,6 +35,12 @@ std::atomic<unsigned long> gGeneration{0};
 
 // A modification this recent may share its timestamp with a later one.
 const long long kSettleNs = 2000000000LL;
+
+// A background task looks at the database file at most this often: its
+// walk asks for the table once per entry, and two fstat calls each time
+// were a tenth of a recursive set's cost. Another process's change thus
+// reaches a running task within this time (share-cache.h).
+const long long kTaskRecheckNs = 100000000LL;
 
 long long Ns(const struct timespec &ts) { return static_cast<long long>(ts.tv_sec) * 1000000000LL + ts.tv_nsec; }
 
@@ -99,6 +106,7 @@ struct Cache {
     bool valid = false;
     DbWatch watch;
     unsigned long generation = 0;
+    long long checkedNs = 0;  // CLOCK_MONOTONIC_COARSE of the last look at the file
     std::shared_ptr<const ShareRoots> roots;
 
     void Drop() {
@@ -165,7 +173,10 @@ bool CurrentShareRoots(std::shared_ptr<const ShareRoots> &out) {
     if (KLIBCRootPath("/etc/shares.db", buf, sizeof buf) < 0) return false;
     const unsigned long generation = gGeneration.load();
 
-    if (!tCache.valid || generation != tCache.generation || !tCache.watch.Unchanged(buf)) {
+    struct timespec mono;
+    clock_gettime(CLOCK_MONOTONIC_COARSE, &mono);
+    const bool recent = tCache.valid && kova_internal::InTaskProcess() && Ns(mono) - tCache.checkedNs < kTaskRecheckNs;
+    if (!tCache.valid || generation != tCache.generation || (!recent && !tCache.watch.Unchanged(buf))) {
         tCache.Drop();
         // The keys are taken before the table is read: a write that lands
         // in between leaves the table newer than the keys, which only costs
@@ -184,11 +195,13 @@ bool CurrentShareRoots(std::shared_ptr<const ShareRoots> &out) {
             tCache.watch = std::move(watch);
             tCache.generation = generation;
             tCache.roots = fresh;
+            tCache.checkedNs = Ns(mono);
         }
         out = fresh;
         return true;
     }
 
+    if (!recent) tCache.checkedNs = Ns(mono);
     bool moved = false;
     for (const ShareRoot &r : *tCache.roots)
         if (!StillThere(r)) moved = true;

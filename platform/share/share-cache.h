@@ -6,7 +6,9 @@
 // - the database file and its folder are kept open (O_PATH) and fstat-ed
 //   on every use; the path (the platform root may change) and the device,
 //   inode, size, mtime and ctime (nanoseconds) of both must match those
-//   seen when the table was read. A write changes the file; its journal,
+//   seen when the table was read (a background task, kova-internal/task-end.h,
+//   looks at most every 100 ms, so another process's change reaches it
+//   within that time). A write changes the file; its journal,
 //   and a database put in place of the old one or removed, change the
 //   folder; so another process's change is seen on the next call. The
 //   folder itself is the platform's own configuration folder and is not

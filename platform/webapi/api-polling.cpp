@@ -6,6 +6,7 @@
 #include "kova/klibc.h"
 #include "kova-internal/fault-point.h"
 #include "kova-internal/identity.h"
+#include "kova-internal/task-end.h"
 
 #include "task-bounds.h"
 #include "kova-internal/task-process.h"
@@ -114,7 +115,12 @@ void DetachStdio() {
         WriteByte(readyFd);
         close(readyFd);
         if (rc == 0) {
+            kova_internal::MarkTaskProcess();
             fn(request, &response, data);
+            // The final record follows the publication rule too
+            // (kova-internal/task-end.h): what the calls left for later is
+            // done before "finished" is written.
+            kova_internal::RunTaskEndHooks();
             if (!records.Write(id, RecordFrom(owner, response, true))) rc = 1;
         }
     } catch (...) {

@@ -4,6 +4,7 @@
 #include "kova/errcode.h"
 #include "kova/klibc.h"
 #include "kova-internal/fault-point.h"
+#include "kova-internal/task-end.h"
 
 #include "task-record.h"
 
@@ -21,8 +22,16 @@ struct APIResponse::Impl {
     Json::Value owner;        // fields the task record keeps besides the state
     std::unique_ptr<kova_webapi::RecordDir> records;
 
+    // A progress record: success data saying the work is not finished.
+    bool Progress() const {
+        return set && success && data.isObject() && data["finished"].isBool() && !data["finished"].asBool();
+    }
+
     void Publish() {
         if (taskId.empty()) return;
+        // Anything but progress tells the client what the task did: the work
+        // its calls left for later is completed first (kova-internal/task-end.h).
+        if (!Progress()) kova_internal::RunTaskEndHooks();
         // Opened on first use and kept: a task publishes progress often.
         if (!records) records.reset(new kova_webapi::RecordDir);
         if (!records->IsOpen() && !records->Open()) return;

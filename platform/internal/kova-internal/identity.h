@@ -111,6 +111,12 @@ private:
     bool ok_;
 };
 
+// Changes whenever SwitchToUser or RestoreRoot set the supplementary
+// groups: a copy of the groups taken under one value is current while the
+// value is the same and the process changes its groups through them alone
+// (a background task does, kova-internal/task-end.h).
+uint64_t GroupsGeneration();
+
 // The process's supplementary groups right now (empty on failure).
 std::vector<gid_t> CurrentGroups();
 

@@ -1,0 +1,344 @@
+// Inheritance followed at the end of a background task: a task's set of a
+// folder holds its job (no wait, no refresh), sets below it add none, and
+// the task publishes anything but progress only once every descendant's
+// kernel ACL matches (the publication rule, kova-internal/task-end.h):
+// a walk that set every entry leaves the job nothing to do, and after one
+// that left something out the runner, finding the task's own writes already
+// right, writes only the rest. A task killed mid-way leaves its job for
+// resume. A set outside a task still waits for its propagation.
+#include "acl-fixture.h"
+
+#include "as-identity.h"
+#include "kova/account.h"
+#include "kova/acladmin.h"
+#include "kova/webapi.h"
+#include "kova-internal/identity.h"
+#include "kova-internal/sys-calls.h"
+#include "kova-internal/task-end.h"
+
+#include "../../../platform/acl/acl-record.h"
+#include "../../../platform/acl/propagation-job.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstring>
+#include <fstream>
+#include <string>
+#include <vector>
+
+namespace {
+
+using kova_acl::JobState;
+using kova_acl::PropagationJob;
+using kova_acl_test::AclFixture;
+using kova_acl_test::WaitForPropagations;
+using kova_internal::ScopedSysCall;
+using kova_internal::SysCalls;
+
+const kova_test::Identity kBob{1031, 1031, {}};
+
+bool JobOf(const std::string &path, PropagationJob &out) {
+    std::vector<PropagationJob> jobs;
+    kova_acl::JobDir dir;
+    if (!dir.Open() || !dir.List(jobs)) return false;
+    for (const auto &j : jobs)
+        if (j.path == path) {
+            out = j;
+            return true;
+        }
+    return false;
+}
+
+// Neither gone nor a zombie.
+bool Running(pid_t pid) {
+    std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
+    std::string line;
+    if (!std::getline(in, line)) return false;
+    const size_t paren = line.rfind(')');
+    return paren != std::string::npos && paren + 2 < line.size() && line[paren + 2] != 'Z';
+}
+
+// Kernel ACL writes made by processes other than the task (the runner),
+// counted across the fork in shared memory.
+std::atomic<long> *gForeignAclWrites = nullptr;
+pid_t gTaskPid = 0;
+int CountingSetxattrat(int dirFd, const char *name, int atFlags, const char *attr, const void *value, size_t size,
+                       int flags) {
+    if (getpid() != gTaskPid && std::strncmp(attr, "system.posix_acl", 16) == 0) ++*gForeignAclWrites;
+    return kova_internal::RealSysCalls().setxattrat(dirFd, name, atFlags, attr, value, size, flags);
+}
+
+class AclTaskDefer : public AclFixture {
+public:
+    void SetUp() override {
+        AclFixture::SetUp();
+        for (std::string p = Share(); p.size() > 1; p = p.substr(0, p.rfind('/'))) chmod(p.c_str(), 0755);
+        chmod(Share().c_str(), 0777);
+        ASSERT_EQ(KOVAUserAdd("tasker", -1, "pw", nullptr, nullptr, 0), 0);
+        setenv("KOVA_PROPAGATION_IN_PLACE", "0", 1);
+        top_ = In("top");
+        Dir(top_);
+        for (const char *d : {"d0", "d1"})
+            for (const char *s : {"", "/s0", "/s1"}) {
+                const std::string dir = top_ + "/" + d + s;
+                Dir(dir);
+                Inheriting(dir);
+                all_.push_back(dir);
+                for (int f = 0; f < 3 && *s; ++f) {
+                    File(dir + "/f" + std::to_string(f));
+                    Inheriting(dir + "/f" + std::to_string(f));
+                    all_.push_back(dir + "/f" + std::to_string(f));
+                }
+            }
+        // The first change is made outside a task: it waits for its job.
+        ASSERT_EQ(SetAcl(top_, {"user:1030:allow:rx:fd"}, false), 0);
+        PropagationJob job;
+        ASSERT_TRUE(JobOf(top_, job));
+        EXPECT_EQ(job.state, JobState::kDone);
+        EXPECT_EQ(Drifting(), 0u);
+    }
+    void TearDown() override {
+        AclFixture::TearDown();
+        unsetenv("KOVA_PROPAGATION_IN_PLACE");
+    }
+
+    void Inheriting(const std::string &path) {
+        kova_acl::StoredAcl acl;
+        acl.inherits = true;
+        std::string bytes;
+        ASSERT_TRUE(kova_acl::EncodeRecord(acl, bytes));
+        ASSERT_TRUE(kova_acl_test::WriteRawRecord(path, bytes)) << path;
+    }
+
+    size_t Drifting() {
+        KOVA_ACL_VERIFY_COUNTS counts = {};
+        EXPECT_EQ(0, KOVAACLVerifyTree(top_.c_str(), 0, nullptr, nullptr, &counts));
+        return counts.differing + counts.failed;
+    }
+
+    // The task's body: the top folder's change, a look at what it left,
+    // then (walk) every entry below reset to inherit, parents first, as the
+    // recursive set's walk does; or a wait to be killed.
+    struct Plan {
+        AclTaskDefer *self;
+        bool walk;
+        std::string skip;  // entries under this prefix are left out of the walk
+        std::string swap;  // a file renamed over this one just after the walk set it
+    };
+    static void Body(KOVA::APIRequest *, KOVA::APIResponse *resp, void *data) {
+        const Plan &plan = *static_cast<Plan *>(data);
+        AclTaskDefer &t = *plan.self;
+        gTaskPid = getpid();
+        Json::Value out(Json::objectValue);
+        out["set"] = t.SetAcl(t.top_, {"user:1031:allow:rx:fd"}, false);
+        PropagationJob job;
+        out["held"] = JobOf(t.top_, job) && job.state == JobState::kRunning && job.pid == getpid();
+        out["drift"] = static_cast<Json::UInt64>(t.Drifting());
+        if (!plan.walk) {
+            for (;;) pause();
+        }
+        // A process forked from the task is no task: its sets follow their
+        // changes at once.
+        out["task"] = kova_internal::InTaskProcess();
+        const pid_t child = fork();
+        if (child == 0) _exit(kova_internal::InTaskProcess() ? 1 : 0);
+        int status = -1;
+        out["child is a task"] = child < 0 || waitpid(child, &status, 0) != child || status != 0;
+        int failed = 0, jobs = 0;
+        for (const std::string &p : t.all_) {
+            if (!plan.skip.empty() && p.compare(0, plan.skip.size(), plan.skip) == 0) continue;
+            failed += t.SetAcl(p, {}, true) != 0;
+            jobs += JobOf(p, job);
+            if (p == plan.swap) failed += rename(t.In("stray").c_str(), p.c_str()) != 0;
+        }
+        out["failed"] = failed;
+        out["jobs below"] = jobs;
+        resp->SetSuccess(out);
+    }
+
+    // Publishes progress after the top folder's change, waits for the test
+    // to have seen it, then publishes the module's last record and stays a
+    // while: the record must not be readable before the change is followed.
+    static void PublishBody(KOVA::APIRequest *, KOVA::APIResponse *resp, void *data) {
+        AclTaskDefer &t = *static_cast<AclTaskDefer *>(data);
+        Json::Value out(Json::objectValue);
+        out["finished"] = false;
+        out["set"] = t.SetAcl(t.top_, {"user:1031:allow:rx:fd"}, false);
+        resp->SetSuccess(out);
+        for (int i = 0; i < 500 && access(t.In("seen").c_str(), F_OK) != 0; ++i) usleep(10000);
+        out["finished"] = true;
+        resp->SetSuccess(out);
+        sleep(1);
+    }
+
+    long WalkToTheEnd(const std::string &skip, const std::string &swap = "");
+
+    // Starts the task; returns its id.
+    std::string Start(Plan &plan) { return Start(Body, &plan); }
+    std::string Start(KOVA::APIPolling::TaskFunc fn, void *data) {
+        KOVA::APIRequest req(Json::Value(Json::objectValue), "tasker", "sid");
+        KOVA::APIPolling poll(&req);
+        KOVA::APIResponse resp;
+        if (!poll.Start(&resp, fn, data) || !resp.IsSuccess()) return "";
+        return resp.GetData()["task_id"].asString();
+    }
+    bool Status(const std::string &id, Json::Value &out) {
+        KOVA::APIRequest req(Json::Value(Json::objectValue), "tasker", "sid");
+        KOVA::APIPolling poll(&req);
+        return poll.Status(id, out);
+    }
+
+    std::string top_;
+    std::vector<std::string> all_;
+};
+
+// Runs a walking task (leaving out `skip`) to its end; returns the kernel
+// ACL writes its runner made, or -1 when a check failed.
+long AclTaskDefer::WalkToTheEnd(const std::string &skip, const std::string &swap) {
+    void *shared = mmap(nullptr, sizeof(std::atomic<long>), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    if (shared == MAP_FAILED) return -1;
+    gForeignAclWrites = new (shared) std::atomic<long>(0);
+    ScopedSysCall<decltype(SysCalls::setxattrat)> counting(&SysCalls::setxattrat, CountingSetxattrat);
+    Plan plan{this, true, skip, swap};
+    const std::string id = Start(plan);
+    Json::Value st;
+    for (int i = 0; !id.empty() && i < 1500 && !(Status(id, st) && st["finished"].asBool()); ++i) usleep(20000);
+    const long writes = gForeignAclWrites->load();
+    gForeignAclWrites = nullptr;
+    munmap(shared, sizeof(std::atomic<long>));
+    EXPECT_TRUE(st["finished"].asBool() && st["success"].asBool()) << st;
+    const Json::Value &d = st["data"];
+    EXPECT_EQ(d["set"].asInt(), 0);
+    EXPECT_TRUE(d["task"].asBool());
+    EXPECT_FALSE(d["child is a task"].asBool());
+    // The change was neither waited for nor followed in place ...
+    EXPECT_TRUE(d["held"].asBool());
+    EXPECT_GT(d["drift"].asUInt64(), 0u);
+    // ... the sets below it added no job of their own ...
+    EXPECT_EQ(d["failed"].asInt(), 0);
+    EXPECT_EQ(d["jobs below"].asInt(), 0);
+    // ... and at "finished" every descendant's kernel access matches.
+    EXPECT_EQ(Drifting(), 0u);
+    EXPECT_EQ(kova_test::RunAs(kBob, [&] {
+                  if (setresgid(kBob.gid, kBob.gid, kBob.gid) != 0 || setresuid(kBob.uid, kBob.uid, kBob.uid) != 0)
+                      return 100;
+                  const int fd = open((top_ + "/d1/s1/f2").c_str(), O_RDONLY);
+                  if (fd >= 0) close(fd);
+                  return fd >= 0 ? 1 : 0;
+              }),
+              1);
+    return ::testing::Test::HasFailure() ? -1 : writes;
+}
+
+// The task's walk set every entry below: its job is done without a walk.
+TEST_F(AclTaskDefer, AWalkThatSetEverythingLeavesItsJobNothingToDo) {
+    EXPECT_EQ(WalkToTheEnd(""), 0);
+    PropagationJob job;
+    ASSERT_TRUE(JobOf(top_, job));
+    EXPECT_EQ(job.state, JobState::kDone);
+    EXPECT_EQ(job.visited, 0u);
+}
+
+// A folder the walk left out: the runner walks the tree and writes only what
+// the task did not (d1/s1's access and default ACLs, its files' access ACLs).
+TEST_F(AclTaskDefer, WhatTheWalkLeftOutIsFollowedByTheRunnerBeforeFinished) {
+    const long writes = WalkToTheEnd(top_ + "/d1/s1");
+    EXPECT_GT(writes, 0);
+    EXPECT_LE(writes, 5);
+    PropagationJob job;
+    ASSERT_TRUE(JobOf(top_, job));
+    EXPECT_EQ(job.state, JobState::kDone);
+    EXPECT_GE(job.visited, all_.size());
+}
+
+// A file with its own old projection renamed over one the walk had set: the
+// folder still lists the same names, yet the runner must project the newcomer.
+TEST_F(AclTaskDefer, AFileRenamedOverOneTheWalkSetIsFollowedByTheRunner) {
+    File(In("stray"));
+    Inheriting(In("stray"));
+    EXPECT_GT(WalkToTheEnd("", top_ + "/d0/s0/f1"), 0);
+    PropagationJob job;
+    ASSERT_TRUE(JobOf(top_, job));
+    EXPECT_GE(job.visited, all_.size());
+}
+
+// Progress is published at once, with the change still held; the record
+// that says finished (the module's, before the task's own end) only once
+// every descendant's kernel access matches.
+TEST_F(AclTaskDefer, ARecordThatIsNotProgressIsPublishedOnlyOnceTheChangeIsFollowed) {
+    const std::string id = Start(PublishBody, this);
+    ASSERT_FALSE(id.empty());
+    Json::Value st;
+    for (int i = 0; i < 500 && !(Status(id, st) && st["data"].isMember("set")); ++i) usleep(10000);
+    EXPECT_FALSE(st["data"]["finished"].asBool()) << st;
+    EXPECT_EQ(st["data"]["set"].asInt(), 0);
+    EXPECT_GT(Drifting(), 0u);
+    File(In("seen"));
+    for (int i = 0; i < 1500 && !(Status(id, st) && st["data"]["finished"].asBool()); ++i) usleep(2000);
+    ASSERT_TRUE(st["data"]["finished"].asBool()) << st;
+    EXPECT_EQ(Drifting(), 0u);
+    for (int i = 0; i < 500 && !(Status(id, st) && st["finished"].asBool()); ++i) usleep(10000);
+}
+
+// A task keeps its caller's groups between calls, but a switch of its groups
+// through the identity component is seen by the next call.
+TEST_F(AclTaskDefer, ATaskSeesItsGroupsChangeThroughTheIdentityComponent) {
+    const std::string file = top_ + "/d0/s0/f0";
+    ASSERT_EQ(SetAcl(file, {"group:2000:allow:r------------:----"}, false), 0);
+    EXPECT_EQ(kova_test::RunAs(kBob, [&] {
+                  kova_internal::MarkTaskProcess();
+                  unsigned without = 0, with = 0, again = 0;
+                  if (KOVAACLPermGet(file.c_str(), &without) != 0 ||
+                      !kova_internal::SwitchToUser(kBob.uid, kBob.gid, {2000}) ||
+                      KOVAACLPermGet(file.c_str(), &with) != 0 ||
+                      !kova_internal::SwitchToUser(kBob.uid, kBob.gid, {}) ||
+                      KOVAACLPermGet(file.c_str(), &again) != 0)
+                      return 100;
+                  return (without == 0 && with != 0 && again == 0) ? 0 : 1;
+              }),
+              0);
+}
+
+TEST_F(AclTaskDefer, AKilledTaskLeavesItsJobToTheRunner) {
+    Plan plan{this, false, "", ""};
+    const std::string id = Start(plan);
+    ASSERT_FALSE(id.empty());
+    Json::Value st;
+    ASSERT_TRUE(Status(id, st));
+    const pid_t task = static_cast<pid_t>(st["pid"].asInt64());
+    ASSERT_GT(task, 0);
+    // The task waits to be killed, whatever this test finds.
+    struct Killer {
+        pid_t pid;
+        ~Killer() { kill(pid, SIGKILL); }
+    } killer{task};
+    PropagationJob job;
+    bool held = false;
+    for (int i = 0; i < 250 && !held; ++i) {
+        held = JobOf(top_, job) && job.state == JobState::kRunning && job.pid == task;
+        if (!held) usleep(20000);
+    }
+    ASSERT_TRUE(held);
+    // Until the task ends, the runner leaves the held job alone.
+    usleep(200000);
+    ASSERT_TRUE(JobOf(top_, job));
+    EXPECT_EQ(job.state, JobState::kRunning);
+    EXPECT_GT(Drifting(), 0u);
+    // The runner started with the held job takes it up once the task is
+    // gone, with nobody asking it to resume.
+    EXPECT_EQ(1, KOVAACLPropagationRunnerAlive());
+    ASSERT_EQ(kill(task, SIGKILL), 0);
+    for (int i = 0; i < 250 && Running(task); ++i) usleep(20000);
+    ASSERT_TRUE(WaitForPropagations());
+    ASSERT_TRUE(JobOf(top_, job));
+    EXPECT_EQ(job.state, JobState::kDone);
+    EXPECT_EQ(Drifting(), 0u);
+}
+
+} // namespace
