@@ -140,7 +140,7 @@ bool HoldJob(const Target &t, Held &out) {
     return true;
 }
 
-void ReleaseHook() { ReleaseHeldPropagations(); }
+void ReleaseHook(bool wait) { ReleaseHeldPropagations(wait); }
 
 } // namespace
 
@@ -161,7 +161,7 @@ bool DeferPropagation(const Target &t, bool inherits) {
     return true;
 }
 
-void ReleaseHeldPropagations() {
+void ReleaseHeldPropagations(bool wait) {
     std::vector<Held> held;
     {
         std::lock_guard<std::mutex> g(gMutex);
@@ -197,6 +197,7 @@ void ReleaseHeldPropagations() {
     // start or `kova-admin acl propagation resume`; the wait gives up on
     // them after a few seconds without a runner.
     if (spawn) (void)SpawnRunner();
+    if (!wait) return;
     for (const Held &h : held) WaitForJob(dir, h.key, h.seq);
 }
 

@@ -33,9 +33,9 @@ constexpr size_t kMaxHeldJobs = 64;
 // could be held (the caller then follows it at once).
 bool DeferPropagation(const Target &t, bool inherits);
 
-// The task-end hook's work: queues the held jobs for the runner and waits
-// until each is done (or stopped, replaced, gone). Also called by tests.
-void ReleaseHeldPropagations();
+// The task-end hook's work: queues the held jobs for the runner and, with
+// wait, waits until each is done (or stopped, replaced, gone).
+void ReleaseHeldPropagations(bool wait);
 
 } // namespace kova_acl
 

@@ -41,7 +41,7 @@ bool AddTaskEndHook(TaskEndHook hook) {
     return true;
 }
 
-void RunTaskEndHooks() {
+void RunTaskEndHooks(bool wait) {
     if (!InTaskProcess()) return;
     TaskEndHook hooks[kMaxTaskEndHooks];
     int count = 0;
@@ -50,7 +50,7 @@ void RunTaskEndHooks() {
         count = gHookCount;
         for (int i = 0; i < count; ++i) hooks[i] = gHooks[i];
     }
-    for (int i = 0; i < count; ++i) hooks[i]();
+    for (int i = 0; i < count; ++i) hooks[i](wait);
 }
 
 } // namespace kova_internal

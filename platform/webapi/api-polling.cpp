@@ -120,7 +120,7 @@ void DetachStdio() {
             // The final record follows the publication rule too
             // (kova-internal/task-end.h): what the calls left for later is
             // done before "finished" is written.
-            kova_internal::RunTaskEndHooks();
+            kova_internal::RunTaskEndHooks(response.IsSuccess() || !response.IsSet());
             if (!records.Write(id, RecordFrom(owner, response, true))) rc = 1;
         }
     } catch (...) {

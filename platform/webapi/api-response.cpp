@@ -30,8 +30,9 @@ struct APIResponse::Impl {
     void Publish() {
         if (taskId.empty()) return;
         // Anything but progress tells the client what the task did: the work
-        // its calls left for later is completed first (kova-internal/task-end.h).
-        if (!Progress()) kova_internal::RunTaskEndHooks();
+        // its calls left for later is completed first, or on an error handed
+        // on without waiting (kova-internal/task-end.h).
+        if (!Progress()) kova_internal::RunTaskEndHooks(success || !set);
         // Opened on first use and kept: a task publishes progress often.
         if (!records) records.reset(new kova_webapi::RecordDir);
         if (!records->IsOpen() && !records->Open()) return;

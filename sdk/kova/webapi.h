@@ -8,11 +8,13 @@
  *   wins. A task's response writes the task record on every SetSuccess /
  *   SetError, replacing it atomically, so status readers never see a torn
  *   record. A progress record (success data that is an object whose
- *   "finished" member is false) is written at once; any other record
- *   (success, error), and the record written when fn returns, only after
- *   the work the task's earlier platform calls left for later is complete
- *   (such as following an ACL change down a folder's tree), so a record a
- *   client reads as done describes work that is done.
+ *   "finished" member is false) is written at once; a success record (also
+ *   the one written when fn returns) only after the work the task's earlier
+ *   platform calls left for later is complete (such as following an ACL
+ *   change down a folder's tree), so a record a client reads as done
+ *   describes work that is done; an error record once that work is handed
+ *   on to the platform's own background process, without waiting for it,
+ *   so a stopped or failed task ends at once.
  * - APIPolling::Start forks a detached task process running fn(request,
  *   taskResponse, data) and writes {"task_id": id} as success data into the
  *   caller's response. Task ids begin with the prefix set by SetPrefixAttr.

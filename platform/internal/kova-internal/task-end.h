@@ -6,10 +6,12 @@
 // propagation-defer.h) registers a hook that completes it. The task's
 // response publishes by one rule (kova/webapi.h): a progress record (success
 // data that is an object whose "finished" member is false) is written at
-// once; any other record (success, error) and the task's final record are
-// written only after RunTaskEndHooks has completed that work, so what a
-// client reads as done is done. Hooks run in order of registration and may
-// run several times (each run completes what was left since the last one).
+// once; a success record (and a final record that is one) only after
+// RunTaskEndHooks(true) has completed that work, so what a client reads as
+// done is done; an error record after RunTaskEndHooks(false) has handed it
+// on (the ACL library's runner) without waiting for it, so a stopped or
+// failed task ends at once. Hooks run in order of registration and may run
+// several times (each run deals with what was left since the last one).
 // The mark holds for the marked process only: a child forked from it is no
 // task process. Asking costs no system call. Hooks are kept for the
 // process's life; at most kMaxTaskEndHooks, a registration beyond them fails.
@@ -20,7 +22,8 @@ namespace kova_internal {
 
 constexpr int kMaxTaskEndHooks = 8;
 
-using TaskEndHook = void (*)();
+// wait: complete the work before returning, or only hand it on.
+using TaskEndHook = void (*)(bool wait);
 
 void MarkTaskProcess();
 // Whether the calling process is the one MarkTaskProcess marked.
@@ -29,7 +32,7 @@ bool InTaskProcess();
 // false when every place is taken.
 bool AddTaskEndHook(TaskEndHook hook);
 // Runs the hooks in the marked task process; nothing elsewhere.
-void RunTaskEndHooks();
+void RunTaskEndHooks(bool wait);
 
 } // namespace kova_internal
 

@@ -74,6 +74,15 @@ int CountingSetxattrat(int dirFd, const char *name, int atFlags, const char *att
     return kova_internal::RealSysCalls().setxattrat(dirFd, name, atFlags, attr, value, size, flags);
 }
 
+// Kernel ACL writes of processes forked from the task (the runner) wait
+// this many microseconds, set across the fork in shared memory.
+std::atomic<int> *gRunnerWriteUs = nullptr;
+int SlowRunnerSetxattrat(int dirFd, const char *name, int atFlags, const char *attr, const void *value,
+                         size_t size, int flags) {
+    if (gTaskPid != 0 && getpid() != gTaskPid) usleep(static_cast<useconds_t>(gRunnerWriteUs->load()));
+    return kova_internal::RealSysCalls().setxattrat(dirFd, name, atFlags, attr, value, size, flags);
+}
+
 class AclTaskDefer : public AclFixture {
 public:
     void SetUp() override {
@@ -175,6 +184,14 @@ public:
         out["finished"] = true;
         resp->SetSuccess(out);
         sleep(1);
+    }
+
+    // The top folder's change, then the error a stopped set ends with.
+    static void FailBody(KOVA::APIRequest *, KOVA::APIResponse *resp, void *data) {
+        AclTaskDefer &t = *static_cast<AclTaskDefer *>(data);
+        gTaskPid = getpid();
+        (void)t.SetAcl(t.top_, {"user:1031:allow:rx:fd"}, false);
+        resp->SetError(6200, Json::Value());
     }
 
     long WalkToTheEnd(const std::string &skip, const std::string &swap = "");
@@ -284,6 +301,27 @@ TEST_F(AclTaskDefer, ARecordThatIsNotProgressIsPublishedOnlyOnceTheChangeIsFollo
     ASSERT_TRUE(st["data"]["finished"].asBool()) << st;
     EXPECT_EQ(Drifting(), 0u);
     for (int i = 0; i < 500 && !(Status(id, st) && st["finished"].asBool()); ++i) usleep(10000);
+}
+
+// An error claims nothing done: a stopped task ends at once and its held
+// change goes on in the (here slowed) runner.
+TEST_F(AclTaskDefer, AnErrorIsPublishedWithoutWaitingForTheHeldChange) {
+    void *shared = mmap(nullptr, sizeof(std::atomic<int>), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    ASSERT_NE(shared, MAP_FAILED);
+    gRunnerWriteUs = new (shared) std::atomic<int>(1000000);
+    ScopedSysCall<decltype(SysCalls::setxattrat)> slow(&SysCalls::setxattrat, SlowRunnerSetxattrat);
+    const std::string id = Start(FailBody, this);
+    ASSERT_FALSE(id.empty());
+    Json::Value st;
+    for (int i = 0; i < 500 && !(Status(id, st) && st.isMember("error")); ++i) usleep(10000);
+    EXPECT_EQ(st["error"]["code"].asInt(), 6200) << st;
+    PropagationJob job;
+    ASSERT_TRUE(JobOf(top_, job));
+    EXPECT_TRUE(job.state == JobState::kQueued || job.state == JobState::kRunning) << kova_acl::JobStateName(job.state);
+    gRunnerWriteUs->store(0);
+    EXPECT_TRUE(WaitForPropagations());
+    EXPECT_EQ(Drifting(), 0u);
+    munmap(shared, sizeof(std::atomic<int>));
 }
 
 // A task keeps its caller's groups between calls, but a switch of its groups
