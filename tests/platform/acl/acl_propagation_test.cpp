@@ -372,17 +372,17 @@ TEST_F(AclPropagation, ProgressIsVisibleAndAStopHolds) {
     EXPECT_NE(out.find("running " + top_ + " visited "), std::string::npos) << out;
     EXPECT_NE(out.find(" at " + top_), std::string::npos) << out;
 
-    // From now on the runner's walk is slower still, so that going on after the stop would show.
-    shared->extraUs = 100000;
+    // From now on each look of the runner takes 0.4 s, so that going on after the stop would show.
+    shared->extraUs = 400000;
     ASSERT_EQ(kova_test::RunAdmin("acl propagation stop " + top_, &out), 0) << out;
     ASSERT_TRUE(WaitJob(top_, [](const PropagationJob &j) { return j.state == JobState::kStopped; }, job));
     // The set that waited for its propagation returns once it is stopped.
     EXPECT_EQ(set.get(), 0);
-    // The runner notices within a quarter of a second (and its entries under way, slower still under a
-    // sanitizer on a busy machine), then looks at nothing more.
+    // The runner notices within a quarter of a second and finishes the entries under way (slower under a
+    // sanitizer on a busy machine), then looks at nothing more; walking on would look every 0.4 s.
     usleep(1500000);
     const int looked = shared->looks.load();
-    usleep(600000);
+    usleep(1000000);
     EXPECT_EQ(shared->looks.load(), looked);
     gShared = nullptr;
     shared->extraUs = 0;
