@@ -38,12 +38,6 @@
 
 namespace {
 
-// The job records, read as the runner reads them.
-bool ListJobs(std::vector<kova_acl::PropagationJob> &jobs) {
-    kova_acl::JobDir dir;
-    return dir.Open() && dir.List(jobs);
-}
-
 using kova_bench::BuildTree;
 using kova_bench::CpuOf;
 using kova_bench::Die;
@@ -89,7 +83,7 @@ RunResult Propagate(const std::string &top, int uid) {
     long long runner = 0;
     for (;;) {
         std::vector<kova_acl::PropagationJob> jobs;
-        if (!ListJobs(jobs)) Die("cannot read the jobs");
+        if (!kova_acl::ListPropagations(jobs)) Die("cannot read the jobs");
         bool done = false;
         for (const auto &j : jobs) {
             if (j.path != top) continue;

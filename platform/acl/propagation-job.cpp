@@ -331,4 +331,9 @@ JobLock::~JobLock() {
     (void)Sys().fcntl_lock(file_.get(), F_SETLK, &fl);
 }
 
+bool ListPropagations(std::vector<PropagationJob> &jobs) {
+    JobDir dir;
+    return dir.Open() && dir.List(jobs);
+}
+
 } // namespace kova_acl

@@ -98,6 +98,9 @@ private:
     bool ok_ = false;
 };
 
+// Every job record; false with the last error set.
+bool ListPropagations(std::vector<PropagationJob> &jobs);
+
 } // namespace kova_acl
 
 #endif

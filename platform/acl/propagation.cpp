@@ -322,11 +322,6 @@ bool PropagationRunnerAlive() {
     return dir.Open() && dir.ReadRunner(pid, start) == 1 && RunnerAlive(pid, start);
 }
 
-bool ListPropagations(std::vector<PropagationJob> &jobs) {
-    JobDir dir;
-    return dir.Open() && dir.List(jobs);
-}
-
 bool StopPropagation(const char *path) {
     kova_internal::RootScope root;
     Target t;

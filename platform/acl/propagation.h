@@ -37,9 +37,6 @@ bool StartPropagation(const Target &t);
 // Whether a runner process is there (working or waiting for more jobs).
 bool PropagationRunnerAlive();
 
-// Every job record; false with the last error set.
-bool ListPropagations(std::vector<PropagationJob> &jobs);
-
 // Marks the job of the folder at path (resolved as the set resolves it)
 // stopped; the runner leaves it at its resume point. False with
 // KOVA_ERR_NOENT when that folder has no unfinished job.

@@ -39,12 +39,6 @@
 
 namespace {
 
-// The job records, read as the runner reads them.
-bool ListJobs(std::vector<kova_acl::PropagationJob> &jobs) {
-    kova_acl::JobDir dir;
-    return dir.Open() && dir.List(jobs);
-}
-
 using kova_acl::JobState;
 using kova_acl::PropagationJob;
 using kova_acl_test::AclFixture;
@@ -99,7 +93,7 @@ bool WaitJob(const std::string &path, Pred pred, PropagationJob &out, int tries 
     for (int i = 0; i < tries; ++i) {
         if (i > 0) usleep(20000);
         std::vector<PropagationJob> jobs;
-        if (!ListJobs(jobs)) continue;
+        if (!kova_acl::ListPropagations(jobs)) continue;
         const auto it = std::find_if(jobs.begin(), jobs.end(), [&](const PropagationJob &j) { return j.path == path; });
         if (it != jobs.end() && pred(out = *it)) return true;
     }
@@ -296,7 +290,7 @@ TEST_F(AclPropagation, SmallTreesAndChangesBeyondTheJobPlacesAreFollowedInPlace)
     unsetenv("KOVA_PROPAGATION_IN_PLACE");
     ASSERT_EQ(SetAcl(top_, {"user:1031:allow:rx:fd"}, false), 0);
     std::vector<PropagationJob> jobs;
-    ASSERT_TRUE(ListJobs(jobs));
+    ASSERT_TRUE(kova_acl::ListPropagations(jobs));
     EXPECT_TRUE(jobs.empty());
     Followed({{kBob, top_ + "/d1/s1/f2", kR | kX}});
     EXPECT_EQ(Snapshot({root_.At("outside/g")}), outside) << "the in-place refresh followed a link";
@@ -316,7 +310,7 @@ TEST_F(AclPropagation, SmallTreesAndChangesBeyondTheJobPlacesAreFollowedInPlace)
     auto records = [] {
         std::map<std::string, std::string> out;
         std::vector<PropagationJob> list;
-        EXPECT_TRUE(ListJobs(list));
+        EXPECT_TRUE(kova_acl::ListPropagations(list));
         for (const PropagationJob &j : list)
             out[j.Key()] = j.path + " " + std::to_string(j.seq) + " " + kova_acl::JobStateName(j.state) + " " +
                            std::to_string(j.visited);
@@ -577,7 +571,7 @@ TEST_F(AclPropagation, ANewerChangeSupersedesTheRunningOne) {
     ASSERT_TRUE(seen);
     const PropagationJob last = Done(BobAllAliceTraverse({top_ + "/d5/s1/f7", top_ + "/d0/s0/f0", top_ + "/d3"}));
     std::vector<PropagationJob> jobs;
-    ASSERT_TRUE(ListJobs(jobs));
+    ASSERT_TRUE(kova_acl::ListPropagations(jobs));
     EXPECT_EQ(std::count_if(jobs.begin(), jobs.end(), [&](const PropagationJob &j) { return j.path == top_; }), 1);
     EXPECT_GT(last.seq, first.seq);
     // One whole walk of the newer change, not the older one's count added.

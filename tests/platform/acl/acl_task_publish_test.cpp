@@ -45,8 +45,7 @@ const kova_test::Identity kBob{1031, 1031, {}};
 
 bool JobOf(const std::string &path, PropagationJob &out) {
     std::vector<PropagationJob> jobs;
-    kova_acl::JobDir dir;
-    if (!dir.Open() || !dir.List(jobs)) return false;
+    if (!kova_acl::ListPropagations(jobs)) return false;
     for (const auto &j : jobs)
         if (j.path == path) {
             out = j;
