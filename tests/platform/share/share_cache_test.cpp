@@ -5,6 +5,7 @@
 #include "kova/errcode.h"
 #include "kova/klibc.h"
 #include "kova/share.h"
+#include "kova-internal/task-end.h"
 #include "share-lookup.h"
 #include "sys-fault.h"
 #include "temp-root.h"
@@ -80,6 +81,20 @@ TEST_F(ShareCache, AnotherProcessesChangesAreSeenOnTheNextCall) {
     ASSERT_EQ(InOtherProcess([&] { return KOVAShareDelete("other") == 0 ? 0 : 1; }), 0);
     Age();
     EXPECT_EQ(Lookup(vol_ + "/otheR/x"), "err:0x2500");
+}
+
+// A background task looks at the database at most every 100 ms, so another process's change reaches it after that.
+TEST_F(ShareCache, ATaskSeesAnotherProcesssChangeOnceItsRecheckTimeIsOver) {
+    ASSERT_EQ(Add("other", vol_ + "/other"), 0);
+    sleep(3);  // past the two seconds in which a just-written table is read again on every call
+    EXPECT_EQ(InOtherProcess([&] {
+        kova_internal::MarkTaskProcess();
+        if (Lookup(vol_ + "/other/x") != "other|" + vol_ + "/other") return 1;
+        if (InOtherProcess([] { return KOVAShareDelete("other") == 0 ? 0 : 1; }) != 0) return 2;
+        struct timespec pause = {0, 150 * 1000 * 1000};
+        nanosleep(&pause, nullptr);
+        return Lookup(vol_ + "/other/x") == "err:0x2500" ? 0 : 3;
+    }), 0);
 }
 
 TEST_F(ShareCache, ADatabasePutInPlaceOrRemovedIsNoticed) {
