@@ -10,8 +10,10 @@
 
 #include <boost/beast/http.hpp>
 
+#include <cerrno>
 #include <chrono>
 #include <cstdlib>
+#include <cstring>
 #include <sstream>
 
 #include "temp-root.h"
@@ -64,6 +66,7 @@ WebdProcess::WebdProcess(const std::string &root, const std::string &modules, in
     unlink(portFile.c_str());
     const std::string exe = BuildDir() + "/bin/kova-webd";
     pid_ = fork();
+    if (pid_ < 0) ended_ = std::string("fork: ") + std::strerror(errno);
     if (pid_ == 0) {
         std::vector<std::string> args = {exe, "--root", root, "--modules", modules, "--port", "0",
                                          "--port-file", portFile, "--workers", std::to_string(workers), "--ui", ""};
@@ -83,6 +86,8 @@ WebdProcess::WebdProcess(const std::string &root, const std::string &modules, in
         }
         int status;
         if (waitpid(pid_, &status, WNOHANG) == pid_) {
+            ended_ = WIFSIGNALED(status) ? "signal " + std::to_string(WTERMSIG(status))
+                                         : "exit status " + std::to_string(WEXITSTATUS(status));
             pid_ = -1;
             return;
         }
@@ -104,7 +109,10 @@ long WebdProcess::ResidentKiB() const {
     return at == std::string::npos ? 0 : std::strtol(status.c_str() + at + 8, nullptr, 10);
 }
 
-std::string WebdProcess::ErrorLog() const { return ReadFile(root_ + "/var/log/webd-error.log"); }
+std::string WebdProcess::ErrorLog() const {
+    const std::string log = ReadFile(root_ + "/var/log/webd-error.log");
+    return ended_.empty() ? log : log + "(kova-webd did not start: " + ended_ + ")\n";
+}
 std::string WebdProcess::AccessLog() const { return ReadFile(root_ + "/var/log/webd-access.log"); }
 
 WebClient::WebClient(int port, int timeoutSeconds) : http_(new httplib::Client("127.0.0.1", port)) {

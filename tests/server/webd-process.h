@@ -30,6 +30,7 @@ public:
     pid_t pid() const { return pid_; }
     // Resident memory now (VmRSS) in KiB, 0 when it cannot be read.
     long ResidentKiB() const;
+    // The error log, and how the server ended when it did not start.
     std::string ErrorLog() const;
     std::string AccessLog() const;
 
@@ -37,6 +38,7 @@ private:
     pid_t pid_ = -1;
     int port_ = 0;
     std::string root_;
+    std::string ended_;  // why the server did not start: its exit status, signal or fork error
 };
 
 struct Reply {
