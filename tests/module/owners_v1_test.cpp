@@ -9,8 +9,6 @@
 #include <gtest/gtest.h>
 #include <syslog.h>
 
-#include <algorithm>
-#include <memory>
 #include <vector>
 
 namespace {
@@ -18,11 +16,10 @@ namespace {
 using kova_host::CallOptions;
 using kova_host::CallResult;
 using kova_host::Fault;
-using kova_host::ModuleHost;
 using kova_host::PlatformRoot;
 
 using kova_module_test::As;
-using kova_owners_test::Parse;
+using kova_owners_test::Total;
 using kova_owners_test::World;
 
 // Local "kx..." accounts (one internal) and "zq..." names beginning one
@@ -53,19 +50,10 @@ std::string BuildWorld(World &w) {
 class OwnersV1 : public kova_owners_test::OwnersSuite<BuildWorld> {
 protected:
     static CallResult List(const std::string &params, const CallOptions &options = CallOptions()) {
-        return ModuleHost::Shared().Call("list_owners", Parse(params), options);
+        return kova_owners_test::List(1, params, options);
     }
-
-    static std::vector<std::string> Names(const CallResult &r) {
-        std::vector<std::string> out;
-        for (const Json::Value &o : r.data()["owners"]) {
-            EXPECT_EQ(2u, o.size()) << o;  // only "type" and "name"
-            out.push_back(o["type"].asString() + ":" + o["name"].asString());
-        }
-        return out;
-    }
-
-    static unsigned Total(const CallResult &r) { return r.data()["total"].asUInt(); }
+    // Version 1 entries carry "type" and "name" only.
+    static std::vector<std::string> Names(const CallResult &r) { return kova_owners_test::Names(r, 2); }
 };
 
 const std::vector<std::string> kSpecials = {"owner:Owner", "everyone:Everyone",
@@ -169,12 +157,8 @@ TEST_F(OwnersV1, AuthTypeSelectsSourcesAndTheTextMatchesAnywhere) {
     EXPECT_TRUE(bad.response["error"]["data"].isNull());
     EXPECT_EQ(403, List("{\"auth_type\": \"Local\"}").errorCode());
 
-    EXPECT_EQ((std::vector<std::string>{"user:zqpat", "user:zqpatrick", "group:zqpatrol"}), names("zqpat", localOnly));
-    EXPECT_EQ((std::vector<std::string>{"user:zqpatrick", "group:zqpatrol"}), names("zqpatr", localOnly));
-    EXPECT_EQ(std::vector<std::string>{"user:zqpatrick"}, names("zqpatrick", localOnly));
-    EXPECT_EQ((std::vector<std::string>{"user:zqpatrick", "group:zqpatrol"}), names("ZQPATR", localOnly));
-    EXPECT_EQ(std::vector<std::string>{"user:zqpatrick"}, names("trick", localOnly));
-    EXPECT_EQ(std::vector<std::string>{"group:zqpatrol"}, names("TROL", localOnly));
+    for (const auto &c : kova_owners_test::kNamesBeginningOneAnother)
+        EXPECT_EQ(c.names, names(c.text, localOnly)) << c.text;
     EXPECT_EQ(std::vector<std::string>{"user:kxsvc"}, names("SVC", localOnly + ", \"include_internal\": true"));
 }
 
@@ -184,16 +168,8 @@ TEST_F(OwnersV1, PagesAreSlicesOfTheWholeList) {
     ASSERT_TRUE(whole.success()) << whole.Dump();
     const std::vector<std::string> all = Names(whole);
     ASSERT_EQ(7u, all.size());
-    for (const auto &w : std::vector<std::pair<int, int>>{{0, 2}, {1, 3}, {2, 2}, {3, 1}, {2, 4}, {5, 9}, {6, 1}, {7, 3}}) {
-        CallResult page = List("{" + base + ", \"offset\": " + std::to_string(w.first) + ", \"limit\": " +
-                               std::to_string(w.second) + "}");
-        ASSERT_TRUE(page.success()) << page.Dump();
-        const size_t begin = std::min<size_t>(w.first, all.size());
-        const size_t end = std::min<size_t>(begin + w.second, all.size());
-        EXPECT_EQ(std::vector<std::string>(all.begin() + begin, all.begin() + end), Names(page))
-            << "offset " << w.first << " limit " << w.second;
-        EXPECT_EQ(7u, Total(page));
-    }
+    kova_owners_test::ExpectPagesAreSlices(all, {{0, 2}, {1, 3}, {2, 2}, {3, 1}, {2, 4}, {5, 9}, {6, 1}, {7, 3}},
+                                           [&](const std::string &window) { return List("{" + base + ", " + window + "}"); });
 }
 
 TEST_F(OwnersV1, DirectoryWithoutServicesListsOnlySpecials) {
@@ -233,12 +209,7 @@ TEST_F(OwnersV1, FailingEnumerationsAreLoggedAndSkipped) {
     };
     for (const auto &c : cases) {
         CallResult r = List(request, As("admin", {c.fault}));
-        ASSERT_TRUE(r.success()) << c.fault.call << "\n" << r.Dump();
-        std::vector<std::string> expected;
-        for (const std::string &name : all)
-            if (std::find(c.lost.begin(), c.lost.end(), name) == c.lost.end()) expected.push_back(name);
-        EXPECT_EQ(expected, Names(r)) << c.fault.call;
-        EXPECT_EQ(expected.size(), Total(r)) << c.fault.call;
+        kova_owners_test::ExpectAllBut(r, all, c.lost, c.fault.call, 2);
         if (*c.log) EXPECT_TRUE(logged(r, c.log)) << c.fault.call << "\n" << r.LogDump();
         else EXPECT_EQ("", r.LogDump()) << c.fault.call;
     }

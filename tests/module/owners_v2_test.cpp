@@ -11,8 +11,6 @@
 
 #include <algorithm>
 #include <map>
-#include <memory>
-#include <set>
 #include <vector>
 
 namespace {
@@ -20,11 +18,12 @@ namespace {
 using kova_host::CallOptions;
 using kova_host::CallResult;
 using kova_host::Fault;
-using kova_host::ModuleHost;
 using kova_host::PlatformRoot;
 
 using kova_module_test::As;
+using kova_owners_test::Names;
 using kova_owners_test::Parse;
+using kova_owners_test::Total;
 using kova_owners_test::World;
 
 // Two domains, CORP and BRANCH, each with two users and a group named
@@ -89,17 +88,8 @@ std::string BuildWorld(World &w) {
 class OwnersV2 : public kova_owners_test::OwnersSuite<BuildWorld> {
 protected:
     static CallResult List(const std::string &params, const CallOptions &options = CallOptions()) {
-        return ModuleHost::Shared().Call(kova_host::kApi, 2, "list_owners", Parse(params), options);
+        return kova_owners_test::List(2, params, options);
     }
-
-    // The reply's entries as "type:name".
-    static std::vector<std::string> Names(const CallResult &r) {
-        std::vector<std::string> out;
-        for (const Json::Value &o : r.data()["owners"]) out.push_back(o["type"].asString() + ":" + o["name"].asString());
-        return out;
-    }
-
-    static uint64_t Total(const CallResult &r) { return r.data()["total"].asUInt64(); }
 
     // A search of the sources `types` (type names, comma-separated) for
     // `keyword` in `fields`; `extra` adds members (", \"offset\": 1").
@@ -176,14 +166,11 @@ TEST_F(OwnersV2, LocalKeywordInEachField) {
               Names(all));
     EXPECT_EQ(6u, Total(all));
 
-    // Names that begin one another; the text is found inside a name too.
-    EXPECT_EQ((std::vector<std::string>{"user:zqpat", "user:zqpatrick", "group:zqpatrol"}), Names(local("zqpat", "{}")));
-    EXPECT_EQ((std::vector<std::string>{"user:zqpatrick", "group:zqpatrol"}), Names(local("ZQPATR", "{}")));
-    EXPECT_EQ(std::vector<std::string>{"user:zqpatrick"}, Names(local("zqpatrick", "{}")));
-    EXPECT_EQ(std::vector<std::string>{"user:zqpatrick"}, Names(local("trick", "{}")));
-    CallResult patro = local("patro", "{}");
-    EXPECT_EQ(std::vector<std::string>{"group:zqpatrol"}, Names(patro));
-    EXPECT_EQ(1u, Total(patro));
+    for (const auto &c : kova_owners_test::kNamesBeginningOneAnother) {
+        CallResult r = local(c.text, "{}");
+        EXPECT_EQ(c.names, Names(r)) << c.text;
+        EXPECT_EQ(c.names.size(), Total(r)) << c.text;
+    }
 }
 
 TEST_F(OwnersV2, InternalScopeMarksEveryEntry) {
@@ -255,16 +242,9 @@ TEST_F(OwnersV2, PagingCutsThroughSourcesAndTotalsStay) {
     const std::vector<std::pair<int, int>> windows = {{0, 3},  {2, 5},  {3, 4},  {7, 20}, {9, 1},
                                                       {20, 9}, {30, 100}, {static_cast<int>(all.size()) - 1, 5},
                                                       {static_cast<int>(all.size()), 5}, {5, 0}};
-    for (const auto &w : windows) {
-        CallResult page = List("{\"offset\": " + std::to_string(w.first) + ", \"limit\": " + std::to_string(w.second) +
-                               ", \"keywordFields\": {}, \"searchScope\": " + scope + "}");
-        ASSERT_TRUE(page.success()) << page.Dump();
-        const size_t begin = std::min<size_t>(w.first, all.size());
-        const size_t end = std::min<size_t>(begin + w.second, all.size());
-        EXPECT_EQ(std::vector<std::string>(all.begin() + begin, all.begin() + end), Names(page))
-            << "offset " << w.first << " limit " << w.second;
-        EXPECT_EQ(all.size(), Total(page));
-    }
+    kova_owners_test::ExpectPagesAreSlices(all, windows, [&](const std::string &window) {
+        return List("{" + window + ", \"keywordFields\": {}, \"searchScope\": " + scope + "}");
+    });
 
     // A negative offset is 0, a negative limit is no limit.
     CallResult negative = List("{\"offset\": -3, \"limit\": -5, \"keywordFields\": {}, \"searchScope\": " + scope + "}");
@@ -407,12 +387,7 @@ TEST_F(OwnersV2, FailingSourcesStillAnswerSuccess) {
     };
     for (const Case &c : cases) {
         CallResult r = Search(sources, "kx", "{}", "", As("admin", {c.fault}));
-        ASSERT_TRUE(r.success()) << c.fault.call << "\n" << r.Dump();
-        std::vector<std::string> expected;
-        for (const std::string &name : all)
-            if (std::find(c.lost.begin(), c.lost.end(), name) == c.lost.end()) expected.push_back(name);
-        EXPECT_EQ(expected, Names(r)) << c.fault.call;
-        EXPECT_EQ(expected.size(), Total(r)) << c.fault.call;
+        kova_owners_test::ExpectAllBut(r, all, c.lost, c.fault.call);
         EXPECT_TRUE(kova_module_test::LogStartsWith(r, LOG_ERR, c.log)) << c.fault.call << "\n" << r.LogDump();
     }
 }
