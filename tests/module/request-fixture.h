@@ -254,6 +254,28 @@ protected:
         return SetParams(share_ + "/" + rel, "/pub/" + rel, rules, inherited);
     }
 
+    // `top` with `dirs` folders "d<N>", each holding `subs` folders "s<N>" of
+    // `files` empty files "f<N>"; folders 0777, files 0666. Every entry below
+    // top is added to *made, parents first.
+    void Tree(const std::string &top, int dirs, int subs, int files, std::vector<std::string> *made = nullptr) {
+        ASSERT_TRUE(root_.MakeDir(top, 0777));
+        std::vector<std::string> all;
+        for (int d = 0; d < dirs; ++d) {
+            all.push_back(top + "/d" + std::to_string(d));
+            ASSERT_TRUE(root_.MakeDir(all.back(), 0777));
+            for (int s = 0; s < subs; ++s) {
+                const std::string sub = top + "/d" + std::to_string(d) + "/s" + std::to_string(s);
+                ASSERT_TRUE(root_.MakeDir(sub, 0777));
+                all.push_back(sub);
+                for (int f = 0; f < files; ++f) {
+                    all.push_back(sub + "/f" + std::to_string(f));
+                    ASSERT_TRUE(root_.MakeFile(all.back(), "", 0666));
+                }
+            }
+        }
+        if (made) made->insert(made->end(), all.begin(), all.end());
+    }
+
     kova_host::ModuleHost &host_ = kova_host::ModuleHost::Shared();
     kova_host::PlatformRoot root_;
     std::string share_;
