@@ -15,14 +15,11 @@
 #include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/xattr.h>
 #include <unistd.h>
 
-#include <cstdlib>
 
 #include <algorithm>
 #include <fstream>
-#include <functional>
 #include <set>
 #include <sstream>
 #include <string>

@@ -7,7 +7,6 @@
 #include "kova-dirsvc-admin.h"
 #include "run-admin.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
