@@ -22,17 +22,12 @@ using kova_host::ModuleHost;
 using kova_module_test::AsRoot;
 using kova_module_test::kWarn;
 using kova_module_test::LogsAre;
+using kova_module_test::Params;
 using kova_module_test::SetParams;
 using kova_module_test::WithOwner;
 
 const std::string kShareLog = "acl:1943 failed to get share name from path";
 const int kErr = LOG_AUTH | LOG_ERR;
-
-Json::Value Params(std::initializer_list<std::pair<const char *, Json::Value>> kv) {
-    Json::Value p(Json::objectValue);
-    for (const auto &e : kv) p[e.first] = e.second;
-    return p;
-}
 
 Json::Value ValidRule() { return kova_module_test::RuleJson("everyone", "Everyone", "allow", "rwxpdDaARWcCo"); }
 

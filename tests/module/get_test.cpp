@@ -93,10 +93,9 @@ protected:
     }
     static CallResult Call(const std::string &user, const std::string &rel, const std::string &type,
                            std::vector<Fault> faults = {}) {
-        Json::Value params(Json::objectValue);
-        params["file_path"] = rel.empty() || rel[0] == '/' ? rel : share_ + "/" + rel;
-        params["type"] = type;
-        return ModuleHost::Shared().Call("get", params, kova_module_test::As(user, std::move(faults)));
+        const std::string path = rel.empty() || rel[0] == '/' ? rel : share_ + "/" + rel;
+        return ModuleHost::Shared().Call("get", kova_module_test::Params({{"file_path", path}, {"type", type}}),
+                                         kova_module_test::As(user, std::move(faults)));
     }
     static inline std::string share_;
 };

@@ -86,6 +86,13 @@ inline Json::Value RuleJson(const std::string &type, const std::string &name, co
     return r;
 }
 
+// A parameter object from name/value pairs.
+inline Json::Value Params(std::initializer_list<std::pair<const char *, Json::Value>> members) {
+    Json::Value p(Json::objectValue);
+    for (const auto &m : members) p[m.first] = m.second;
+    return p;
+}
+
 inline Json::Value Array(std::initializer_list<Json::Value> items) {
     Json::Value list(Json::arrayValue);
     for (const Json::Value &v : items) list.append(v);
@@ -170,11 +177,9 @@ inline bool LogStartsWith(const CallResult &r, int priority, const std::string &
 // against a task that never ends.
 inline CallResult WaitTask(const std::string &taskId, const CallOptions &options,
                            const std::function<void(const Json::Value &)> &seen = nullptr) {
-    Json::Value params(Json::objectValue);
-    params["task_id"] = taskId;
     CallResult last;
     for (int i = 0; i < 30000; ++i) {
-        last = kova_host::ModuleHost::Shared().Call("status", params, options);
+        last = kova_host::ModuleHost::Shared().Call("status", Params({{"task_id", taskId}}), options);
         if (!last.success() || last.data()["finished"].asBool()) return last;
         if (seen && last.data().isObject()) seen(last.data());
         usleep(2000);
