@@ -1,7 +1,8 @@
-// The platform root a list_owners test program searches, built once for the
-// whole program by the program's own Build function and removed (slapd
-// stopped first) when the suite ends. A test whose world could not be built
-// stops in SetUp with the reason.
+// The platform root both list_owners programs search, built once per program
+// and removed (slapd stopped first) when the suite ends: local accounts
+// "kx..." (two internal), names beginning one another, an LDAP cache filled
+// from a real slapd and the caches of two Windows domains. A test whose world
+// could not be built stops in SetUp with the reason.
 #ifndef KOVA_TEST_OWNERS_FIXTURE_H
 #define KOVA_TEST_OWNERS_FIXTURE_H
 
@@ -9,12 +10,16 @@
 #include "platform-fixture.h"
 #include "request-fixture.h"
 #include "slapd.h"
+#include "temp-root.h"
+
+#include "kova/account.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <string>
 #include <utility>
@@ -92,27 +97,75 @@ struct World {
     std::string error;
 };
 
-// Starts the configured slapd, binds the root to it as the LDAP source
-// (suffix "example.com") and fills the LDAP cache. "" or the reason.
-inline std::string StartLdapSource(World &w) {
+// Two domains, CORP and BRANCH, each with two users and a group named
+// "kxd...", spread over Sales and IT units.
+inline bool JoinDomains(kova_host::PlatformRoot &root) {
+    const struct {
+        const char *domain, *unit, *name, *desc, *mail, *fullname;  // no mail: a group
+    } entries[] = {
+        {"corp", "Sales", "kxd-dana", "Sales lead", "dana@corp.example", "Dana Sales"},
+        {"corp", "IT", "kxd-erik", "Printer wrangler", "erik@corp.example", "Erik Ops"},
+        {"corp", "Sales", "kxd-sales-corp", "Corp sellers", nullptr, nullptr},
+        {"branch", "Sales", "kxd-fiona", "Branch sales", "fiona@branch.example", "Fiona Field"},
+        {"branch", "IT", "kxd-gus", "Network", "gus@branch.example", "Gus Wire"},
+        {"branch", "IT", "kxd-it-branch", "Branch IT", nullptr, nullptr},
+    };
+    std::map<std::string, std::string> ldif;
+    for (const auto &e : entries) {
+        const std::string name = e.name, rdn = (e.mail ? "uid=" : "cn=") + name;
+        ldif[e.domain] += "dn: " + rdn + ",ou=" + e.unit + ",dc=" + e.domain + ",dc=example\n";
+        ldif[e.domain] += e.mail ? "objectClass: inetOrgPerson\nuid: " + name + "\ncn: " + e.fullname + "\nsn: " + name +
+                                       "\ndisplayName: " + e.fullname + "\nmail: " + e.mail + "\n"
+                                 : "objectClass: posixGroup\ncn: " + name + "\ngidNumber: 7000\n";
+        ldif[e.domain] += "description: " + std::string(e.desc) + "\n\n";
+    }
+    for (const auto &d : ldif) kova_test::WriteFile(root.At(d.first + ".ldif"), d.second);
+    // Without trusted domains the host knows only the joined one (CORP).
+    return root.Admin({"domain", "join", "CORP", "--from-ldif", root.At("corp.ldif")}) == 0 &&
+           root.Admin({"domain", "join", "BRANCH", "--from-ldif", root.At("branch.ldif")}) == 0 &&
+           root.SetDomainFlag("trusted", true);
+}
+
+inline bool AddUser(const char *name, const char *desc, const char *mail, bool internal) {
+    return KOVAUserAdd(name, -1, "Passw0rd!", desc, mail, internal ? 1 : 0) >= 0;
+}
+
+inline std::string BuildWorld(World &w) {
+    w.root.reset(new kova_host::PlatformRoot());
+    kova_host::PlatformRoot &root = *w.root;
+    // Local accounts named "kx..." so that a keyword isolates them.
+    if (!AddUser("kxalice", "Head of Payroll", "alice@corp.example", false) ||
+        !AddUser("kxbob", nullptr, nullptr, false) || !AddUser("kxcarol", "Courier", "carol@mail.example", false) ||
+        !AddUser("kxdave", "Night shift", nullptr, false) || !AddUser("kxsvc-backup", "Backup agent", nullptr, true) ||
+        !AddUser("kxsvc-index", nullptr, nullptr, true))
+        return "local users";
+    if (KOVAGroupAdd("kxstaff", -1, "Payroll team") < 0 || KOVAGroupAdd("kxsales", -1, nullptr) < 0)
+        return "local groups";
+    // Names that begin one another, outside the "kx" searches.
+    if (!AddUser("zqpat", nullptr, nullptr, false) || !AddUser("zqpatrick", nullptr, nullptr, false) ||
+        KOVAGroupAdd("zqpatrol", -1, nullptr) < 0)
+        return "local accounts beginning one another";
+
+    if (!kova_test::Slapd::Installed()) return "slapd is not installed";
+    w.slapd.reset(new kova_test::Slapd(12, 3));
+    w.slapd->Add({"kx_ldap", "Payroll archive", "archive@ldap.example", "Archive Keeper"});
+    w.slapd->Add({"kxQldap", "", "", "Look Alike"});
     std::string error;
     if (!w.slapd->Start(&error)) return "slapd: " + error;
-    kova_host::PlatformRoot &root = *w.root;
+    // The LDAP source (suffix "example.com"), its cache filled.
     if (root.Admin({"ldap", "bind", "--uri", w.slapd->uri(), "--base", w.slapd->base(), "--binddn", w.slapd->rootDn(),
                     "--password", w.slapd->rootPassword(), "--suffix", "example.com"}) != 0 ||
-        root.Admin({"ldap", "sync"}) != 0)
+        root.Admin({"ldap", "sync"}) != 0 || !JoinDomains(root))
         return root.lastError();
     return "";
 }
 
-// Build returns "" or why the world could not be built.
-template <std::string (*Build)(World &)>
 class OwnersSuite : public ::testing::Test {
 protected:
     static void SetUpTestSuite() {
         if (world_) return;
         world_ = new World();
-        world_->error = Build(*world_);
+        world_->error = BuildWorld(*world_);
     }
     static void TearDownTestSuite() {
         delete world_;

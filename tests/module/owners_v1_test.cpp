@@ -1,9 +1,7 @@
 // list_owners version 1 through the host: special principals, local and
 // internal accounts, the Windows domain and LDAP, paged by offset and limit.
 #include "owners-fixture.h"
-#include "temp-root.h"
 
-#include "kova/account.h"
 #include "kova/errcode.h"
 
 #include <gtest/gtest.h>
@@ -20,34 +18,8 @@ using kova_host::PlatformRoot;
 
 using kova_module_test::As;
 using kova_owners_test::Total;
-using kova_owners_test::World;
 
-// Local "kx..." accounts (one internal) and "zq..." names beginning one
-// another; LDAP adds "kxldap", domain CORP "kxcorp" and "kxcorp-team".
-std::string BuildWorld(World &w) {
-    w.root.reset(new PlatformRoot());
-    PlatformRoot &root = *w.root;
-    if (KOVAUserAdd("kxamy", -1, "Passw0rd!", nullptr, nullptr, 0) < 0 ||
-        KOVAUserAdd("kxben", -1, "Passw0rd!", nullptr, nullptr, 0) < 0 ||
-        KOVAUserAdd("kxsvc", -1, "Passw0rd!", nullptr, nullptr, 1) < 0 || KOVAGroupAdd("kxcrew", -1, nullptr) < 0 ||
-        KOVAUserAdd("zqpat", -1, "Passw0rd!", nullptr, nullptr, 0) < 0 ||
-        KOVAUserAdd("zqpatrick", -1, "Passw0rd!", nullptr, nullptr, 0) < 0 || KOVAGroupAdd("zqpatrol", -1, nullptr) < 0)
-        return "local accounts";
-    if (!kova_test::Slapd::Installed()) return "slapd is not installed";
-    w.slapd.reset(new kova_test::Slapd(3, 1));
-    w.slapd->Add({"kxldap", "", "", ""});
-    std::string error = kova_owners_test::StartLdapSource(w);
-    if (!error.empty()) return error;
-    const std::string ldif = root.At("corp.ldif");
-    kova_test::WriteFile(ldif, "dn: uid=kxcorp,ou=Staff,dc=corp,dc=example\nobjectClass: inetOrgPerson\nuid: kxcorp\n"
-                               "cn: Corp User\nsn: User\n\n"
-                               "dn: cn=kxcorp-team,ou=Staff,dc=corp,dc=example\nobjectClass: posixGroup\n"
-                               "cn: kxcorp-team\ngidNumber: 9000\n\n");
-    if (root.Admin({"domain", "join", "CORP", "--from-ldif", ldif}) != 0) return root.lastError();
-    return "";
-}
-
-class OwnersV1 : public kova_owners_test::OwnersSuite<BuildWorld> {
+class OwnersV1 : public kova_owners_test::OwnersSuite {
 protected:
     static CallResult List(const std::string &params, const CallOptions &options = CallOptions()) {
         return kova_owners_test::List(1, params, options);
@@ -132,13 +104,17 @@ TEST_F(OwnersV1, AuthTypeSelectsSourcesAndTheTextMatchesAnywhere) {
         return n;
     };
     const std::string localOnly = ", \"auth_type\": \"local\"";
-    const std::vector<std::string> local = {"user:kxamy", "user:kxben", "group:kxcrew"};
+    const std::vector<std::string> local = {"user:kxalice", "user:kxbob",     "user:kxcarol",
+                                            "user:kxdave",  "group:kxsales", "group:kxstaff"};
     EXPECT_EQ(local, names("kx", localOnly));
 
-    // Domain first, then LDAP, each in the form the host's account library
-    // gives its names.
+    // The domains first (their users, then their groups), then LDAP, each in
+    // the form the host's account library gives its names.
     const std::vector<std::string> directory = names("kx", ", \"auth_type\": \"directory\"");
-    EXPECT_EQ((std::vector<std::string>{"user:CORP\\kxcorp", "group:CORP\\kxcorp-team", "user:kxldap@example.com"}),
+    EXPECT_EQ((std::vector<std::string>{"user:CORP\\kxd-dana", "user:CORP\\kxd-erik", "user:BRANCH\\kxd-fiona",
+                                        "user:BRANCH\\kxd-gus", "group:CORP\\kxd-sales-corp",
+                                        "group:BRANCH\\kxd-it-branch", "user:kxQldap@example.com",
+                                        "user:kx_ldap@example.com"}),
               directory);
 
     std::vector<std::string> all = local;
@@ -148,7 +124,8 @@ TEST_F(OwnersV1, AuthTypeSelectsSourcesAndTheTextMatchesAnywhere) {
 
     // Internal users come between the local accounts and the domain.
     std::vector<std::string> withInternal = local;
-    withInternal.push_back("user:kxsvc");
+    const std::vector<std::string> internal = {"user:kxsvc-backup", "user:kxsvc-index"};
+    withInternal.insert(withInternal.end(), internal.begin(), internal.end());
     withInternal.insert(withInternal.end(), directory.begin(), directory.end());
     EXPECT_EQ(withInternal, names("kx", ", \"include_internal\": true"));
 
@@ -159,7 +136,7 @@ TEST_F(OwnersV1, AuthTypeSelectsSourcesAndTheTextMatchesAnywhere) {
 
     for (const auto &c : kova_owners_test::kNamesBeginningOneAnother)
         EXPECT_EQ(c.names, names(c.text, localOnly)) << c.text;
-    EXPECT_EQ(std::vector<std::string>{"user:kxsvc"}, names("SVC", localOnly + ", \"include_internal\": true"));
+    EXPECT_EQ(internal, names("SVC", localOnly + ", \"include_internal\": true"));
 }
 
 TEST_F(OwnersV1, PagesAreSlicesOfTheWholeList) {
@@ -167,8 +144,8 @@ TEST_F(OwnersV1, PagesAreSlicesOfTheWholeList) {
     CallResult whole = List("{" + base + "}");
     ASSERT_TRUE(whole.success()) << whole.Dump();
     const std::vector<std::string> all = Names(whole);
-    ASSERT_EQ(7u, all.size());
-    kova_owners_test::ExpectPagesAreSlices(all, {{0, 2}, {1, 3}, {2, 2}, {3, 1}, {2, 4}, {5, 9}, {6, 1}, {7, 3}},
+    ASSERT_EQ(16u, all.size());  // local 0-5, internal 6-7, domains 8-13, LDAP 14-15
+    kova_owners_test::ExpectPagesAreSlices(all, {{0, 2}, {1, 3}, {5, 4}, {7, 2}, {6, 9}, {13, 2}, {14, 5}, {15, 1}, {16, 3}},
                                            [&](const std::string &window) { return List("{" + base + ", " + window + "}"); });
 }
 
@@ -194,7 +171,7 @@ TEST_F(OwnersV1, FailingEnumerationsAreLoggedAndSkipped) {
         return false;
     };
     const std::vector<std::string> all = Names(List(request));
-    ASSERT_EQ(7u, all.size());
+    ASSERT_EQ(16u, all.size());
     const struct {
         Fault fault;
         std::vector<std::string> lost;
@@ -202,10 +179,12 @@ TEST_F(OwnersV1, FailingEnumerationsAreLoggedAndSkipped) {
     } cases[] = {
         // The first user enumeration is the local one: its groups go too.
         {{"KLIBUserInfoEnumBySubstr", 1, -1, KOVA_ERR_IO},
-         {"user:kxamy", "user:kxben", "group:kxcrew"},
+         {"user:kxalice", "user:kxbob", "user:kxcarol", "user:kxdave", "group:kxsales", "group:kxstaff"},
          "KLIBUserInfoEnumByPrefix"},
-        {{"KLIBGroupInfoEnumBySubstr", 1, -1, KOVA_ERR_IO}, {"group:kxcrew"}, "KLIBGroupInfoEnumByPrefix"},
-        {{"KLIBUserInfoEnumInternalUsers", 0, -1, KOVA_ERR_IO}, {"user:kxsvc"}, ""},
+        {{"KLIBGroupInfoEnumBySubstr", 1, -1, KOVA_ERR_IO},
+         {"group:kxsales", "group:kxstaff"},
+         "KLIBGroupInfoEnumByPrefix"},
+        {{"KLIBUserInfoEnumInternalUsers", 0, -1, KOVA_ERR_IO}, {"user:kxsvc-backup", "user:kxsvc-index"}, ""},
     };
     for (const auto &c : cases) {
         CallResult r = List(request, As("admin", {c.fault}));

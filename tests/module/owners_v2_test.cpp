@@ -1,16 +1,13 @@
 // list_owners version 2 through the test host: local accounts, an LDAP cache
 // filled from a real slapd and the caches of two Windows domains.
 #include "owners-fixture.h"
-#include "temp-root.h"
 
-#include "kova/account.h"
 #include "kova/errcode.h"
 
 #include <gtest/gtest.h>
 #include <syslog.h>
 
 #include <algorithm>
-#include <map>
 #include <vector>
 
 namespace {
@@ -26,66 +23,7 @@ using kova_owners_test::Parse;
 using kova_owners_test::Total;
 using kova_owners_test::World;
 
-// Two domains, CORP and BRANCH, each with two users and a group named
-// "kxd...", spread over Sales and IT units.
-bool JoinDomains(PlatformRoot &root) {
-    const struct {
-        const char *domain, *unit, *name, *desc, *mail, *fullname;  // no mail: a group
-    } entries[] = {
-        {"corp", "Sales", "kxd-dana", "Sales lead", "dana@corp.example", "Dana Sales"},
-        {"corp", "IT", "kxd-erik", "Printer wrangler", "erik@corp.example", "Erik Ops"},
-        {"corp", "Sales", "kxd-sales-corp", "Corp sellers", nullptr, nullptr},
-        {"branch", "Sales", "kxd-fiona", "Branch sales", "fiona@branch.example", "Fiona Field"},
-        {"branch", "IT", "kxd-gus", "Network", "gus@branch.example", "Gus Wire"},
-        {"branch", "IT", "kxd-it-branch", "Branch IT", nullptr, nullptr},
-    };
-    std::map<std::string, std::string> ldif;
-    for (const auto &e : entries) {
-        const std::string name = e.name, rdn = (e.mail ? "uid=" : "cn=") + name;
-        ldif[e.domain] += "dn: " + rdn + ",ou=" + e.unit + ",dc=" + e.domain + ",dc=example\n";
-        ldif[e.domain] += e.mail ? "objectClass: inetOrgPerson\nuid: " + name + "\ncn: " + e.fullname + "\nsn: " + name +
-                                       "\ndisplayName: " + e.fullname + "\nmail: " + e.mail + "\n"
-                                 : "objectClass: posixGroup\ncn: " + name + "\ngidNumber: 7000\n";
-        ldif[e.domain] += "description: " + std::string(e.desc) + "\n\n";
-    }
-    for (const auto &d : ldif) kova_test::WriteFile(root.At(d.first + ".ldif"), d.second);
-    // Without trusted domains the host knows only the joined one (CORP).
-    return root.Admin({"domain", "join", "CORP", "--from-ldif", root.At("corp.ldif")}) == 0 &&
-           root.Admin({"domain", "join", "BRANCH", "--from-ldif", root.At("branch.ldif")}) == 0 &&
-           root.SetDomainFlag("trusted", true);
-}
-
-bool AddUser(const char *name, const char *desc, const char *mail, bool internal) {
-    return KOVAUserAdd(name, -1, "Passw0rd!", desc, mail, internal ? 1 : 0) >= 0;
-}
-
-std::string BuildWorld(World &w) {
-    w.root.reset(new PlatformRoot());
-    PlatformRoot &root = *w.root;
-    // Local accounts named "kx..." so that a keyword isolates them.
-    if (!AddUser("kxalice", "Head of Payroll", "alice@corp.example", false) ||
-        !AddUser("kxbob", nullptr, nullptr, false) || !AddUser("kxcarol", "Courier", "carol@mail.example", false) ||
-        !AddUser("kxdave", "Night shift", nullptr, false) || !AddUser("kxsvc-backup", "Backup agent", nullptr, true) ||
-        !AddUser("kxsvc-index", nullptr, nullptr, true))
-        return "local users";
-    if (KOVAGroupAdd("kxstaff", -1, "Payroll team") < 0 || KOVAGroupAdd("kxsales", -1, nullptr) < 0)
-        return "local groups";
-    // Names that begin one another, outside the "kx" searches.
-    if (!AddUser("zqpat", nullptr, nullptr, false) || !AddUser("zqpatrick", nullptr, nullptr, false) ||
-        KOVAGroupAdd("zqpatrol", -1, nullptr) < 0)
-        return "local accounts beginning one another";
-
-    if (!kova_test::Slapd::Installed()) return "slapd is not installed";
-    w.slapd.reset(new kova_test::Slapd(12, 3));
-    w.slapd->Add({"kx_ldap", "Payroll archive", "archive@ldap.example", "Archive Keeper"});
-    w.slapd->Add({"kxQldap", "", "", "Look Alike"});
-    std::string error = kova_owners_test::StartLdapSource(w);
-    if (!error.empty()) return error;
-    if (!JoinDomains(root)) return root.lastError();
-    return "";
-}
-
-class OwnersV2 : public kova_owners_test::OwnersSuite<BuildWorld> {
+class OwnersV2 : public kova_owners_test::OwnersSuite {
 protected:
     static CallResult List(const std::string &params, const CallOptions &options = CallOptions()) {
         return kova_owners_test::List(2, params, options);
@@ -335,7 +273,7 @@ TEST_F(OwnersV2, UnavailableDirectoriesContributeNothing) {
 
     // Another domain has caches, GHOST still has none: GHOST is logged and
     // skipped, the cached domain answers.
-    ASSERT_TRUE(JoinDomains(root)) << root.lastError();  // GHOST stays the joined one
+    ASSERT_TRUE(kova_owners_test::JoinDomains(root)) << root.lastError();  // GHOST stays the joined one
     CallResult mixed = Search("domain", "kxd");
     ASSERT_TRUE(mixed.success()) << mixed.Dump();
     EXPECT_EQ(6u, Total(mixed));
