@@ -33,12 +33,7 @@ Json::Value ValidRule() { return kova_module_test::RuleJson("everyone", "Everyon
 
 class Entry : public kova_module_test::SharedRootTest {
 protected:
-    static void SetUpTestSuite() {
-        ASSERT_TRUE(NewRoot().AddUser("alice")) << root_->lastError();
-        share_ = root_->AddShare("docs");
-        ASSERT_FALSE(share_.empty()) << root_->lastError();
-    }
-    static inline std::string share_;
+    static void SetUpTestSuite() { NewRootWithDocs({"alice"}); }
 };
 
 TEST_F(Entry, TableHasTheTenMethodsInOrderAndOnlyTheyAreDispatched) {

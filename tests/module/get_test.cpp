@@ -54,14 +54,12 @@ std::vector<std::string> OwnerNames(const Json::Value &acl) {
 class Get : public kova_module_test::SharedRootTest {
 protected:
     static void SetUpTestSuite() {
-        kova_host::PlatformRoot &p = NewRoot();
-        for (const char *u : {"alice", "bob", "dave", "carol"}) ASSERT_TRUE(p.AddUser(u)) << p.lastError();
+        ASSERT_NO_FATAL_FAILURE(NewRootWithDocs({"alice", "bob", "dave", "carol"}));
+        kova_host::PlatformRoot &p = *root_;
         ASSERT_TRUE(p.AddUser("svc", 300, true)) << p.lastError();
         ASSERT_TRUE(p.AddGroup("staff")) << p.lastError();
         ASSERT_TRUE(p.AddGroup("oldgrp")) << p.lastError();
         ASSERT_TRUE(p.AddMember("staff", "alice")) << p.lastError();
-        share_ = p.AddShare("docs");
-        ASSERT_FALSE(share_.empty()) << p.lastError();
 
         ASSERT_TRUE(p.MakeDir(share_ + "/project"));
         ASSERT_TRUE(p.SetAcl(share_ + "/project",
@@ -97,7 +95,6 @@ protected:
         return ModuleHost::Shared().Call("get", kova_module_test::Params({{"file_path", path}, {"type", type}}),
                                          kova_module_test::As(user, std::move(faults)));
     }
-    static inline std::string share_;
 };
 
 TEST_F(Get, AdministratorReadsEveryNameableEntry) {

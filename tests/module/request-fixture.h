@@ -295,11 +295,19 @@ protected:
         root_.reset(new kova_host::PlatformRoot());
         return *root_;
     }
+    // NewRoot() with `users` and the ACL-enabled share "docs" (share_).
+    static void NewRootWithDocs(std::initializer_list<const char *> users) {
+        kova_host::PlatformRoot &root = NewRoot();
+        for (const char *user : users) ASSERT_TRUE(root.AddUser(user)) << root.lastError();
+        share_ = root.AddShare("docs");
+        ASSERT_FALSE(share_.empty()) << root.lastError();
+    }
     static void TearDownTestSuite() { root_.reset(); }
     void SetUp() override { ASSERT_TRUE(host().ok()) << host().error(); }
     static kova_host::ModuleHost &host() { return kova_host::ModuleHost::Shared(); }
 
     static inline std::unique_ptr<kova_host::PlatformRoot> root_;
+    static inline std::string share_;
 };
 
 } // namespace kova_module_test
