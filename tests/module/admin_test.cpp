@@ -31,10 +31,8 @@ protected:
         for (const char *group : {"staff", "administrator"}) ASSERT_TRUE(p.AddGroup(group)) << p.lastError();
     }
     static CallResult Check(const std::string &type, const std::string &name, std::vector<Fault> faults = {}) {
-        Json::Value p(Json::objectValue);
-        p["owner_type"] = type;
-        p["owner_name"] = name;
-        return ModuleHost::Shared().Call("check_admin", p, kova_module_test::As("alice", std::move(faults)));
+        const Json::Value params = kova_module_test::Params({{"owner_type", type}, {"owner_name", name}});
+        return ModuleHost::Shared().Call("check_admin", params, kova_module_test::As("alice", std::move(faults)));
     }
 };
 

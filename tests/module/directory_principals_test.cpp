@@ -50,10 +50,7 @@ protected:
     }
 
     CallResult Get(const std::string &user) {
-        Json::Value params(Json::objectValue);
-        params["file_path"] = folder_;
-        params["type"] = "all";
-        return host().Call("get", params, As(user));
+        return host().Call("get", kova_module_test::Params({{"file_path", folder_}, {"type", "all"}}), As(user));
     }
 
     std::unique_ptr<kova_test::Slapd> server_;

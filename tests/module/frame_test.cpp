@@ -22,26 +22,18 @@ using kova_host::ModuleHost;
 using kova_module_test::AsRoot;
 using kova_module_test::kWarn;
 using kova_module_test::LogsAre;
+using kova_module_test::Params;
+using kova_module_test::SetParams;
+using kova_module_test::WithOwner;
 
 const std::string kShareLog = "acl:1943 failed to get share name from path";
 const int kErr = LOG_AUTH | LOG_ERR;
-
-Json::Value Params(std::initializer_list<std::pair<const char *, Json::Value>> kv) {
-    Json::Value p(Json::objectValue);
-    for (const auto &e : kv) p[e.first] = e.second;
-    return p;
-}
 
 Json::Value ValidRule() { return kova_module_test::RuleJson("everyone", "Everyone", "allow", "rwxpdDaARWcCo"); }
 
 class Entry : public kova_module_test::SharedRootTest {
 protected:
-    static void SetUpTestSuite() {
-        ASSERT_TRUE(NewRoot().AddUser("alice")) << root_->lastError();
-        share_ = root_->AddShare("docs");
-        ASSERT_FALSE(share_.empty()) << root_->lastError();
-    }
-    static inline std::string share_;
+    static void SetUpTestSuite() { NewRootWithDocs({"alice"}); }
 };
 
 TEST_F(Entry, TableHasTheTenMethodsInOrderAndOnlyTheyAreDispatched) {
@@ -229,22 +221,10 @@ TEST_F(Entry, TextWithNulOrInvalidUtf8IsRefusedBeforeAnythingRuns) {
         {1, "get", Params({{"file_path", nulPath}, {"type", "all"}}), "get, NUL in the path"},
         {1, "get", Params({{"file_path", alice}, {"type", std::string("all\0x", 5)}}), "get, NUL in the type"},
         {1, "get", Params({{"file_path", alice + "/\xff"}, {"type", "all"}}), "get, a byte that is never UTF-8"},
-        {1, "set",
-         Params({{"file_path", nulPath}, {"dirPaths", "/docs/alice"}, {"change_acl", true}, {"inherited", true},
-                 {"rules", Json::Value(Json::arrayValue)}}),
-         "set, NUL in the path"},
-        {1, "set",
-         Params({{"file_path", bob}, {"dirPaths", std::string("/docs/bob\0", 10)}, {"change_acl", true},
-                 {"inherited", true}, {"rules", Json::Value(Json::arrayValue)}}),
-         "set, NUL in a parameter outside the schema"},
-        {1, "set",
-         Params({{"file_path", bob}, {"dirPaths", "/docs/bob"}, {"change_acl", true}, {"inherited", true},
-                 {"rules", kova_module_test::Array({nulRule})}}),
-         "set, NUL in a rule's owner name"},
-        {1, "set",
-         Params({{"file_path", bob}, {"dirPaths", "/docs/bob"}, {"change_acl", false}, {"change_acl_owner", true},
-                 {"acl_owner_type", "user"}, {"acl_owner", nulName}}),
-         "set, NUL in the new owner"},
+        {1, "set", SetParams(nulPath, "/docs/alice"), "set, NUL in the path"},
+        {1, "set", SetParams(bob, std::string("/docs/bob\0", 10)), "set, NUL in a parameter outside the schema"},
+        {1, "set", SetParams(bob, "/docs/bob", kova_module_test::Array({nulRule})), "set, NUL in a rule's owner name"},
+        {1, "set", WithOwner(SetParams(bob, "/docs/bob"), "user", nulName.asString()), "set, NUL in the new owner"},
         {1, "inspect", Params({{"file_path", nulPath}, {"owner_type", "user"}, {"owner_name", "alice"}}),
          "inspect, NUL in the path"},
         {1, "inspect", Params({{"file_path", alice}, {"owner_type", "user"}, {"owner_name", overlong}}),

@@ -54,14 +54,12 @@ std::vector<std::string> OwnerNames(const Json::Value &acl) {
 class Get : public kova_module_test::SharedRootTest {
 protected:
     static void SetUpTestSuite() {
-        kova_host::PlatformRoot &p = NewRoot();
-        for (const char *u : {"alice", "bob", "dave", "carol"}) ASSERT_TRUE(p.AddUser(u)) << p.lastError();
+        ASSERT_NO_FATAL_FAILURE(NewRootWithDocs({"alice", "bob", "dave", "carol"}));
+        kova_host::PlatformRoot &p = *root_;
         ASSERT_TRUE(p.AddUser("svc", 300, true)) << p.lastError();
         ASSERT_TRUE(p.AddGroup("staff")) << p.lastError();
         ASSERT_TRUE(p.AddGroup("oldgrp")) << p.lastError();
         ASSERT_TRUE(p.AddMember("staff", "alice")) << p.lastError();
-        share_ = p.AddShare("docs");
-        ASSERT_FALSE(share_.empty()) << p.lastError();
 
         ASSERT_TRUE(p.MakeDir(share_ + "/project"));
         ASSERT_TRUE(p.SetAcl(share_ + "/project",
@@ -93,12 +91,10 @@ protected:
     }
     static CallResult Call(const std::string &user, const std::string &rel, const std::string &type,
                            std::vector<Fault> faults = {}) {
-        Json::Value params(Json::objectValue);
-        params["file_path"] = rel.empty() || rel[0] == '/' ? rel : share_ + "/" + rel;
-        params["type"] = type;
-        return ModuleHost::Shared().Call("get", params, kova_module_test::As(user, std::move(faults)));
+        const std::string path = rel.empty() || rel[0] == '/' ? rel : share_ + "/" + rel;
+        return ModuleHost::Shared().Call("get", kova_module_test::Params({{"file_path", path}, {"type", type}}),
+                                         kova_module_test::As(user, std::move(faults)));
     }
-    static inline std::string share_;
 };
 
 TEST_F(Get, AdministratorReadsEveryNameableEntry) {

@@ -31,13 +31,8 @@ Json::Value Rule(const std::string &access, unsigned perm, unsigned inherit) {
 
 class ModelUnit : public kova_module_test::SharedRootTest {
 protected:
-    static void SetUpTestSuite() {
-        ASSERT_TRUE(NewRoot().AddUser("alice")) << root_->lastError();
-        share_ = root_->AddShare("docs");
-        ASSERT_FALSE(share_.empty()) << root_->lastError();
-    }
+    static void SetUpTestSuite() { NewRootWithDocs({"alice"}); }
     void TearDown() override { KLIBCFaultClearAll(); }
-    static inline std::string share_;
 };
 
 TEST_F(ModelUnit, FileSystemTypesAreJudgedInOrder) {

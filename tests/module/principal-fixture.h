@@ -31,11 +31,9 @@ protected:
     // inspect of `name` on `path`, asked by the administrator by default.
     static kova_host::CallResult Inspect(const std::string &path, const std::string &type, const std::string &name,
                                          const kova_host::CallOptions &options = kova_host::CallOptions()) {
-        Json::Value params(Json::objectValue);
-        params["file_path"] = path;
-        params["owner_type"] = type;
-        params["owner_name"] = name;
-        return host().Call("inspect", params, options);
+        return host().Call(
+            "inspect", kova_module_test::Params({{"file_path", path}, {"owner_type", type}, {"owner_name", name}}),
+            options);
     }
 
     // The permission mask of a successful answer; fails the test otherwise.

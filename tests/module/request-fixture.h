@@ -86,6 +86,13 @@ inline Json::Value RuleJson(const std::string &type, const std::string &name, co
     return r;
 }
 
+// A parameter object from name/value pairs.
+inline Json::Value Params(std::initializer_list<std::pair<const char *, Json::Value>> members) {
+    Json::Value p(Json::objectValue);
+    for (const auto &m : members) p[m.first] = m.second;
+    return p;
+}
+
 inline Json::Value Array(std::initializer_list<Json::Value> items) {
     Json::Value list(Json::arrayValue);
     for (const Json::Value &v : items) list.append(v);
@@ -170,11 +177,9 @@ inline bool LogStartsWith(const CallResult &r, int priority, const std::string &
 // against a task that never ends.
 inline CallResult WaitTask(const std::string &taskId, const CallOptions &options,
                            const std::function<void(const Json::Value &)> &seen = nullptr) {
-    Json::Value params(Json::objectValue);
-    params["task_id"] = taskId;
     CallResult last;
     for (int i = 0; i < 30000; ++i) {
-        last = kova_host::ModuleHost::Shared().Call("status", params, options);
+        last = kova_host::ModuleHost::Shared().Call("status", Params({{"task_id", taskId}}), options);
         if (!last.success() || last.data()["finished"].asBool()) return last;
         if (seen && last.data().isObject()) seen(last.data());
         usleep(2000);
@@ -254,6 +259,28 @@ protected:
         return SetParams(share_ + "/" + rel, "/pub/" + rel, rules, inherited);
     }
 
+    // `top` with `dirs` folders "d<N>", each holding `subs` folders "s<N>" of
+    // `files` empty files "f<N>"; folders 0777, files 0666. Every entry below
+    // top is added to *made, parents first.
+    void Tree(const std::string &top, int dirs, int subs, int files, std::vector<std::string> *made = nullptr) {
+        ASSERT_TRUE(root_.MakeDir(top, 0777));
+        std::vector<std::string> all;
+        for (int d = 0; d < dirs; ++d) {
+            all.push_back(top + "/d" + std::to_string(d));
+            ASSERT_TRUE(root_.MakeDir(all.back(), 0777));
+            for (int s = 0; s < subs; ++s) {
+                const std::string sub = top + "/d" + std::to_string(d) + "/s" + std::to_string(s);
+                ASSERT_TRUE(root_.MakeDir(sub, 0777));
+                all.push_back(sub);
+                for (int f = 0; f < files; ++f) {
+                    all.push_back(sub + "/f" + std::to_string(f));
+                    ASSERT_TRUE(root_.MakeFile(all.back(), "", 0666));
+                }
+            }
+        }
+        if (made) made->insert(made->end(), all.begin(), all.end());
+    }
+
     kova_host::ModuleHost &host_ = kova_host::ModuleHost::Shared();
     kova_host::PlatformRoot root_;
     std::string share_;
@@ -268,11 +295,19 @@ protected:
         root_.reset(new kova_host::PlatformRoot());
         return *root_;
     }
+    // NewRoot() with `users` and the ACL-enabled share "docs" (share_).
+    static void NewRootWithDocs(std::initializer_list<const char *> users) {
+        kova_host::PlatformRoot &root = NewRoot();
+        for (const char *user : users) ASSERT_TRUE(root.AddUser(user)) << root.lastError();
+        share_ = root.AddShare("docs");
+        ASSERT_FALSE(share_.empty()) << root.lastError();
+    }
     static void TearDownTestSuite() { root_.reset(); }
     void SetUp() override { ASSERT_TRUE(host().ok()) << host().error(); }
     static kova_host::ModuleHost &host() { return kova_host::ModuleHost::Shared(); }
 
     static inline std::unique_ptr<kova_host::PlatformRoot> root_;
+    static inline std::string share_;
 };
 
 } // namespace kova_module_test

@@ -1,5 +1,5 @@
 // Upper-casing of the directory sources' keywords, where Unicode makes text
-// grow (clause text and escaping are checked end to end by owners_v2_test).
+// grow (clause text and escaping are checked end to end by owners_test).
 #include "../../module/usergroup-enumerator/like-clause.cpp"
 
 #include "kova/fault.h"

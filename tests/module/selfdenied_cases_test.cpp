@@ -63,12 +63,10 @@ protected:
 
     CallResult Check(const std::string &path, const Json::Value &rules, bool inherited,
                      const CallOptions &options = As("alice"), bool changeAcl = true) {
-        Json::Value params(Json::objectValue);
-        params["file_path"] = path;
-        params["change_acl"] = changeAcl;
-        params["rules"] = rules;
-        params["inherited"] = inherited;
-        return host().Call("check_self_denied", params, options);
+        return host().Call("check_self_denied",
+                           kova_module_test::Params({{"file_path", path}, {"change_acl", changeAcl},
+                                                     {"rules", rules}, {"inherited", inherited}}),
+                           options);
     }
 
     // An inheriting file in `dir` whose own entry (replaced by the proposed

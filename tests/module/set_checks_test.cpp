@@ -11,8 +11,6 @@
 
 #include <gtest/gtest.h>
 
-#include <sys/stat.h>
-#include <syslog.h>
 #include <unistd.h>
 
 #include <cstring>

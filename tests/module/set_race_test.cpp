@@ -141,20 +141,6 @@ protected:
         Snapshot(outside_, before_);
     }
 
-    // A tree of folders and files below `top` (created by root, open to all).
-    void Tree(const std::string &top, int dirs, int subs, int files) {
-        ASSERT_TRUE(root_.MakeDir(top, 0777));
-        for (int d = 0; d < dirs; ++d) {
-            const std::string dir = top + "/d" + std::to_string(d);
-            ASSERT_TRUE(root_.MakeDir(dir, 0777));
-            for (int s = 0; s < subs; ++s) {
-                const std::string sub = dir + "/s" + std::to_string(s);
-                ASSERT_TRUE(root_.MakeDir(sub, 0777));
-                for (int f = 0; f < files; ++f) ASSERT_TRUE(root_.MakeFile(sub + "/f" + std::to_string(f), "", 0666));
-            }
-        }
-    }
-
     // Nothing below the outside folder differs from before the races.
     void ExpectOutsideUnchanged() {
         std::map<std::string, std::string> after;
@@ -185,7 +171,7 @@ protected:
     // too) while folders at two depths and a file swap with outside links.
     void AdministratorRounds(bool owner, int rounds) {
         const std::string top = share_ + "/tree";
-        Tree(top, 8, kSubs, kFiles);
+        ASSERT_NO_FATAL_FAILURE(Tree(top, 8, kSubs, kFiles));
         ASSERT_EQ(0, symlink(outside_.c_str(), (top + "/swap").c_str()));
         ASSERT_EQ(0, symlink((outside_ + "/x").c_str(), (top + "/d5/swap").c_str()));
         ASSERT_EQ(0, symlink((outside_ + "/x").c_str(), (top + "/d2/s1/swap").c_str()));

@@ -15,15 +15,11 @@
 #include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/xattr.h>
 #include <unistd.h>
 
-#include <cstdlib>
 
 #include <algorithm>
 #include <fstream>
-#include <functional>
-#include <map>
 #include <set>
 #include <sstream>
 #include <string>
@@ -40,6 +36,16 @@ using kova_module_test::WaitTask;
 bool IsEmptyInheriting(const std::string &path) {
     StoredAcl acl = ReadStored(path);
     return acl.readable && acl.stored && acl.inherited == 1 && acl.entries.empty();
+}
+
+// Every path was reset to an empty inheriting ACL; names the first few
+// that were not (by their ends: some are thousands of bytes long).
+void ExpectAllReset(const std::vector<std::string> &paths) {
+    size_t wrong = 0;
+    for (const std::string &p : paths)
+        if (!IsEmptyInheriting(p) && ++wrong <= 5)
+            ADD_FAILURE() << "not reset: " << p.size() << " bytes ending " << p.substr(p.size() - std::min<size_t>(p.size(), 80));
+    EXPECT_EQ(0u, wrong);
 }
 
 // The marker ACL given to entries that the walk must leave alone.
@@ -78,6 +84,29 @@ void WalkOrder(const std::string &dir, std::vector<std::string> &out) {
     closedir(d);
 }
 
+// Progress names the top, then only every 500th entry of the walk from the
+// first; the walk has `count` entries. Returns the walk order.
+std::vector<std::string> ExpectProgressEvery500th(const std::string &top, size_t count,
+                                                  const std::vector<std::string> &progress) {
+    std::vector<std::string> order;
+    WalkOrder(top, order);
+    EXPECT_EQ(count, order.size());
+    for (const std::string &p : progress) {
+        const auto at = std::find(order.begin(), order.end(), p);
+        EXPECT_TRUE(p == top || (at != order.end() && (at - order.begin()) % 500 == 0))
+            << p << " reported at entry " << (at - order.begin()) << " of " << order.size();
+    }
+    return order;
+}
+
+// Detaches its mount points when the test ends, however it ends.
+struct Unmount {
+    std::vector<std::string> points;
+    ~Unmount() {
+        for (const std::string &p : points) umount2(p.c_str(), MNT_DETACH);
+    }
+};
+
 class SetTreeTest : public kova_module_test::ShareFixture {
 protected:
     // Starts a set: its task id, or "" and a test failure.
@@ -111,22 +140,7 @@ TEST_F(SetTreeTest, RecursiveAclReachesEveryWalkedEntryAndNothingElse) {
     const std::string other = share_ + "/other";
     const std::string outside = root_.At("outside");
     std::vector<std::string> walked;
-    ASSERT_TRUE(root_.MakeDir(top, 0777));
-    for (int d = 0; d < 10; ++d) {
-        const std::string dir = top + "/d" + std::to_string(d);
-        ASSERT_TRUE(root_.MakeDir(dir));
-        walked.push_back(dir);
-        for (int s = 0; s < 5; ++s) {
-            const std::string sub = dir + "/s" + std::to_string(s);
-            ASSERT_TRUE(root_.MakeDir(sub));
-            walked.push_back(sub);
-            for (int f = 0; f < 60; ++f) {
-                const std::string file = sub + "/f" + std::to_string(f);
-                ASSERT_TRUE(root_.MakeFile(file, "x"));
-                walked.push_back(file);
-            }
-        }
-    }
+    ASSERT_NO_FATAL_FAILURE(Tree(top, 10, 5, 60, &walked));
     // Names that only begin like the recycle bin are ordinary entries.
     for (const char *name : {"#recycle2", "#recycle.old"}) {
         ASSERT_TRUE(root_.MakeDir(top + "/" + name));
@@ -165,9 +179,9 @@ TEST_F(SetTreeTest, RecursiveAclReachesEveryWalkedEntryAndNothingElse) {
         kova_module_test::RuleJson("user", "alice", "allow", "rwxpdDaARWcCo"),
         kova_module_test::RuleJson("everyone", "Everyone", "deny", "r", "----")}));
 
-    std::set<std::string> progress;
+    std::vector<std::string> progress;
     CallResult end = WaitTask(StartSet(params, admin_), admin_,
-                             [&](const Json::Value &data) { progress.insert(data["applypath"].asString()); });
+                              [&](const Json::Value &data) { progress.push_back(data["applypath"].asString()); });
     ASSERT_TRUE(end.success()) << end.Dump();
     EXPECT_TRUE(end.data()["finished"].asBool());
 
@@ -182,24 +196,12 @@ TEST_F(SetTreeTest, RecursiveAclReachesEveryWalkedEntryAndNothingElse) {
                                         EntryText(KOVA_ACL_ID_EVERYONE, -1, KOVA_ACL_DENY, KOVA_ACL_PERM_READ_DATA, 0)}),
               entries);
 
-    size_t wrong = 0;
-    for (const std::string &p : walked)
-        if (!IsEmptyInheriting(p) && ++wrong <= 5) ADD_FAILURE() << "walked entry not reset: " << p;
-    EXPECT_EQ(0u, wrong);
+    ExpectAllReset(walked);
     for (const std::string &p : skipped) EXPECT_TRUE(HasMarker(p)) << "skipped entry changed: " << p;
     for (const std::string &p : targets) EXPECT_FALSE(ReadStored(p).stored) << "link target changed: " << p;
     for (const std::string &p : links) EXPECT_FALSE(ReadStored(p).stored) << "link changed: " << p;
 
-    // Progress records are the top or every 500th walked entry, never a skipped one.
-    std::vector<std::string> order;
-    WalkOrder(top, order);
-    EXPECT_EQ(walked.size(), order.size());
-    for (const std::string &p : progress) {
-        if (p == top) continue;
-        const auto at = std::find(order.begin(), order.end(), p);
-        ASSERT_NE(order.end(), at) << p;
-        EXPECT_EQ(0, (at - order.begin()) % 500) << p;
-    }
+    ExpectProgressEvery500th(top, walked.size(), progress);  // never a skipped entry
 }
 
 // The task's own record in the platform's task folder; null when unreadable.
@@ -217,18 +219,8 @@ Json::Value TaskRecord(const std::string &rootPath, const std::string &taskId) {
 // that the stop lands mid-walk however fast the machine is.
 TEST_F(SetTreeTest, ProgressAndStopDuringALargeWalk) {
     const std::string top = share_ + "/big";
-    ASSERT_TRUE(root_.MakeDir(top, 0777));
     std::vector<std::string> entries;
-    for (int d = 0; d < 20; ++d) {
-        const std::string dir = top + "/d" + std::to_string(d);
-        ASSERT_TRUE(kova_test::MakeDirs(dir));
-        entries.push_back(dir);
-        for (int f = 0; f < 600; ++f) {
-            const std::string file = dir + "/f" + std::to_string(f);
-            ASSERT_TRUE(kova_test::WriteFile(file, ""));
-            entries.push_back(file);
-        }
-    }
+    ASSERT_NO_FATAL_FAILURE(Tree(top, 20, 1, 600, &entries));
 
     const std::string taskId = StartSet(RecursiveAcl("big", false, AllFor("user", "alice")), admin_);
     ASSERT_FALSE(taskId.empty());
@@ -271,19 +263,9 @@ TEST_F(SetTreeTest, ProgressAndStopDuringALargeWalk) {
     EXPECT_FALSE(end.success()) << end.Dump();
     EXPECT_EQ(6200, end.errorCode()) << end.Dump();
 
-    std::vector<std::string> order;
-    WalkOrder(top, order);
-    ASSERT_EQ(entries.size(), order.size());
-
-    // Progress names the top path, then every 500th entry from the first.
-    std::map<std::string, size_t> position;
-    for (size_t i = 0; i < order.size(); ++i) position[order[i]] = i;
     ASSERT_FALSE(seen.empty());
-    for (const std::string &p : seen) {
-        if (p == top) continue;
-        ASSERT_TRUE(position.count(p)) << p;
-        EXPECT_EQ(0u, position[p] % 500) << p << " reported at entry " << position[p];
-    }
+    const std::vector<std::string> order = ExpectProgressEvery500th(top, entries.size(), seen);
+    ASSERT_EQ(entries.size(), order.size());
 
     // What changed is a prefix of the walk, every entry of it fully reset.
     size_t reset = 0;
@@ -313,10 +295,7 @@ TEST_F(SetTreeTest, DeepTreeFinishesWithFewDescriptors) {
     const std::string top = share_ + "/deep";
     ASSERT_TRUE(root_.MakeDir(top, 0777));
     ASSERT_EQ(0, mount("tmpfs", top.c_str(), "tmpfs", 0, "size=64m,nr_inodes=20000,mode=0777")) << strerror(errno);
-    struct Unmount {
-        std::string path;
-        ~Unmount() { umount2(path.c_str(), MNT_DETACH); }
-    } unmount{top};
+    Unmount unmount{{top}};
     const std::set<int> withFiles = {1, 2, 3, 49, 50, 51, 97, 150, 300, 1000, 4999};
     std::vector<std::string> nameable;
     std::string path = top;
@@ -353,10 +332,7 @@ TEST_F(SetTreeTest, DeepTreeFinishesWithFewDescriptors) {
     CallResult end = WaitTask(StartSet(RecursiveAcl("deep", false, AllFor("user", "alice")), limited), admin_);
     ASSERT_TRUE(end.success()) << end.Dump();
     EXPECT_TRUE(end.data()["finished"].asBool());
-    size_t wrong = 0;
-    for (const std::string &p : nameable)
-        if (!IsEmptyInheriting(p) && ++wrong <= 3) ADD_FAILURE() << "not reset: " << p.size() << " bytes long";
-    EXPECT_EQ(0u, wrong);
+    ExpectAllReset(nameable);
 }
 
 // Every walked entry gets the new owner and the inheriting ACL; the recycle
@@ -370,12 +346,7 @@ TEST_F(SetTreeTest, RecursiveOwnerChangeLeavesRecycleBinAndMountsAlone) {
     for (const std::string &file : {top + "/sub/plain", elsewhere + "/secret", top + "/#recycle/old"})
         ASSERT_TRUE(root_.MakeFile(file));
     ASSERT_EQ(0, mount("tmpfs", tmp.c_str(), "tmpfs", 0, "size=1m,mode=0777")) << strerror(errno);
-    struct Unmount {
-        std::vector<std::string> points;
-        ~Unmount() {
-            for (const std::string &p : points) umount2(p.c_str(), MNT_DETACH);
-        }
-    } unmount{{tmp}};
+    Unmount unmount{{tmp}};
     ASSERT_TRUE(root_.MakeDir(tmp + "/inner", 0777));
     ASSERT_TRUE(root_.MakeFile(tmp + "/inner/file"));
     ASSERT_EQ(0, mount(elsewhere.c_str(), bound.c_str(), nullptr, MS_BIND, nullptr)) << strerror(errno);

@@ -26,11 +26,7 @@ using kova_host::Fault;
 using kova_module_test::As;
 using kova_module_test::WaitTask;
 
-Json::Value TaskId(const std::string &id) {
-    Json::Value params(Json::objectValue);
-    params["task_id"] = id;
-    return params;
-}
+Json::Value TaskId(const std::string &id) { return kova_module_test::Params({{"task_id", id}}); }
 
 class TaskTest : public kova_module_test::ShareFixture {
 protected:

@@ -5,10 +5,7 @@
 #include "temp-root.h"
 
 #include <gtest/gtest.h>
-
-#include <fcntl.h>
 #include <stdio.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <string>

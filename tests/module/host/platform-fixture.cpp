@@ -6,8 +6,8 @@
 #include "kova/share.h"
 #include "kova-dirsvc-admin.h"
 #include "run-admin.h"
+#include "share-fixture.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -129,10 +129,7 @@ std::string PlatformRoot::AddShare(const std::string &name, bool readOnly, bool 
         Fail("cannot create " + dir);
         return "";
     }
-    KOVA_SHARE share;
-    std::memset(&share, 0, sizeof share);
-    std::snprintf(share.szName, sizeof share.szName, "%s", name.c_str());
-    std::snprintf(share.szPath, sizeof share.szPath, "%s", dir.c_str());
+    KOVA_SHARE share = kova_share_test::Make(name, dir);
     share.supportAcl = supportAcl ? 1 : 0;
     share.isReadOnly = readOnly ? 1 : 0;
     share.aclStatus = supportAcl ? 1 : 0;
