@@ -154,7 +154,7 @@ public:
     template <typename Pred>
     Json::Value Until(const std::string &id, Pred done, int us = 10000) {
         Json::Value st;
-        for (int i = 0; !id.empty() && i < 30000000 / us && !(Status(id, st) && done(st)); ++i) usleep(us);
+        if (!id.empty()) kova_test::Eventually([&] { return Status(id, st) && done(st); }, 30000, us);
         return st;
     }
 
@@ -298,12 +298,8 @@ TEST_F(AclTaskDefer, AKilledTaskLeavesItsJobToTheRunner) {
         ~Killer() { kill(pid, SIGKILL); }
     } killer{task};
     PropagationJob job;
-    bool held = false;
-    for (int i = 0; i < 250 && !held; ++i) {
-        held = JobOf(top_, job) && job.state == JobState::kRunning && job.pid == task;
-        if (!held) usleep(20000);
-    }
-    ASSERT_TRUE(held);
+    ASSERT_TRUE(kova_test::Eventually(
+        [&] { return JobOf(top_, job) && job.state == JobState::kRunning && job.pid == task; }, 5000, 20000));
     // Until the task ends, the runner leaves the held job alone.
     usleep(200000);
     ASSERT_TRUE(JobOf(top_, job));
@@ -313,7 +309,7 @@ TEST_F(AclTaskDefer, AKilledTaskLeavesItsJobToTheRunner) {
     // resume.
     EXPECT_EQ(1, KOVAACLPropagationRunnerAlive());
     ASSERT_EQ(kill(task, SIGKILL), 0);
-    for (int i = 0; i < 250 && Running(task); ++i) usleep(20000);
+    kova_test::Eventually([&] { return !Running(task); }, 5000, 20000);
     ASSERT_TRUE(WaitForPropagations());
     ASSERT_TRUE(JobOf(top_, job));
     EXPECT_EQ(job.state, JobState::kDone);

@@ -9,7 +9,6 @@
 #include "kova/webapi.h"
 #include "kova-internal/sys-calls.h"
 
-#include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -18,11 +17,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstdlib>
-#include <cstring>
-
-#include <functional>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -32,18 +27,11 @@ using KOVA::APIPolling;
 using KOVA::APIRequest;
 using KOVA::APIResponse;
 
+using kova_test::Eventually;
 using kova_test::ReadFile;
+using kova_test::ScopedEnv;
 
 namespace {
-
-// Polls until cond holds; false when it never does within about 30 s.
-bool Eventually(const std::function<bool()> &cond) {
-    for (int i = 0; i < 3000; ++i) {
-        if (cond()) return true;
-        usleep(10000);
-    }
-    return false;
-}
 
 bool Exists(const std::string &path) {
     struct stat st;
@@ -96,13 +84,6 @@ void Rewrite(APIRequest *, APIResponse *resp, void *) {
 
 void Quick(APIRequest *, APIResponse *resp, void *) { resp->SetError(6201); }
 
-// Sets a bound's environment entry (unset in the test environment) for the object's lifetime.
-struct ScopedEnv {
-    const char *name;
-    ScopedEnv(const char *n, const char *value) : name(n) { setenv(n, value, 1); }
-    ~ScopedEnv() { unsetenv(name); }
-};
-
 // Start time of a process as /proc/<pid>/stat field 22 tells it.
 unsigned long long StartTimeOf(pid_t pid) {
     std::string stat = ReadFile("/proc/" + std::to_string(pid) + "/stat");
@@ -113,18 +94,6 @@ unsigned long long StartTimeOf(pid_t pid) {
     for (int n = 3; n <= 22; ++n)
         if (!(rest >> field)) return 0;
     return std::strtoull(field.c_str(), nullptr, 10);
-}
-
-// Entry names of a folder, sorted.
-std::vector<std::string> Names(const std::string &dir) {
-    std::vector<std::string> out;
-    if (DIR *d = opendir(dir.c_str())) {
-        while (struct dirent *e = readdir(d))
-            if (std::strcmp(e->d_name, ".") != 0 && std::strcmp(e->d_name, "..") != 0) out.push_back(e->d_name);
-        closedir(d);
-    }
-    std::sort(out.begin(), out.end());
-    return out;
 }
 
 bool WriteRecord(const std::string &path, const Json::Value &record) {
@@ -181,7 +150,7 @@ protected:
     // Task records in the folder (the lock and temporaries left out).
     std::vector<std::string> Records() const {
         std::vector<std::string> out;
-        for (const std::string &n : Names(root_.At("var/run/tasks")))
+        for (const std::string &n : kova_test::ListDir(root_.At("var/run/tasks")))
             if (n[0] != '.' && n.find(".tmp.") == std::string::npos) out.push_back(n);
         return out;
     }
@@ -545,7 +514,7 @@ TEST_F(Polling, AFailedRecordWriteStartsNothing) {
     EXPECT_EQ(err, KOVA_POLLING_ERR_IO);
     EXPECT_EQ(KLIBCErrGet(), KOVA_ERR_IO);
     // Nothing but the start lock is left in the folder.
-    for (const std::string &name : Names(root_.At("var/run/tasks"))) EXPECT_EQ(name, ".lock");
+    for (const std::string &name : kova_test::ListDir(root_.At("var/run/tasks"))) EXPECT_EQ(name, ".lock");
     // A start failing before the record folder is made leaves none.
     kova_test::TempRoot fresh;
     KLIBCFaultSet("APIPolling::Start", 1, 0, KOVA_ERR_IO);
