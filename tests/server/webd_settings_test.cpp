@@ -14,9 +14,7 @@
 #include <boost/beast/core/flat_buffer.hpp>
 #include <boost/beast/http.hpp>
 
-#include <fstream>
 #include <regex>
-#include <sstream>
 
 #include "kova/account.h"
 #include "options.h"
