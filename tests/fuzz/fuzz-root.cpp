@@ -12,7 +12,6 @@
 #include "kova-internal/paths.h"
 
 #include <dirent.h>
-#include <fcntl.h>
 #include <signal.h>
 #include <ftw.h>
 #include <sys/stat.h>
@@ -42,24 +41,20 @@ void WriteFile(const std::string &path, const std::string &content) {
     if (!kova_internal::WriteAtomically(path, content, 0644, nullptr)) Die("cannot write " + path);
 }
 
-// "type:name:allow|deny:perm13:inherit4" entries, names resolved now.
+// "type:name:allow|deny:perm13:inherit4" entries ("-" for the fixed principals), names resolved now.
 void SetAcl(const std::string &path, const std::vector<std::string> &entries, bool inherits) {
     PKOVA_ACL acl = KOVAACLAlloc(0);
     if (!acl) Die("KOVAACLAlloc");
-    for (const std::string &text : entries) {
-        std::vector<std::string> f;
-        size_t start = 0;
-        for (size_t colon; (colon = text.find(':', start)) != std::string::npos; start = colon + 1)
-            f.push_back(text.substr(start, colon - start));
-        f.push_back(text.substr(start));
+    for (std::string text : entries) {
+        const size_t from = text.find(':') + 1, to = text.find(':', from);
+        const std::string type = text.substr(0, from - 1), name = text.substr(from, to - from);
+        int id = -1;
+        if ((type == "user" && KOVAUserGetUGID(name.c_str(), &id, nullptr) < 0) ||
+            (type == "group" && KOVAGroupGetGID(name.c_str(), &id) < 0))
+            Die(type + " " + name);
+        text.replace(from, to - from, std::to_string(id));
         PKOVA_ACL_ENTRY ace = KOVAACLAceAlloc();
-        if (!ace || f.size() != 5 || KOVAACLAceParseIDType(f[0].c_str(), ace) < 0) Die("entry " + text);
-        ace->id = -1;
-        if (ace->idType == KOVA_ACL_ID_USER && KOVAUserGetUGID(f[1].c_str(), &ace->id, nullptr) < 0) Die("user " + f[1]);
-        if (ace->idType == KOVA_ACL_ID_GROUP && KOVAGroupGetGID(f[1].c_str(), &ace->id) < 0) Die("group " + f[1]);
-        if (KOVAACLAceParseAccessType(f[2].c_str(), ace) < 0 || KOVAACLAceParsePermission(f[3].c_str(), ace) < 0 ||
-            KOVAACLAceParseInherit(f[4].c_str(), ace) < 0 || KOVAACLAceAppend(acl, ace) < 0)
-            Die("entry " + text);
+        if (!ace || KOVAACLAceParse(text.c_str(), ace) < 0 || KOVAACLAceAppend(acl, ace) < 0) Die("entry " + text);
     }
     acl->isInherited = inherits ? 1 : 0;
     if (KOVAACLSet(path.c_str(), -1, acl) < 0) Die("KOVAACLSet " + path);

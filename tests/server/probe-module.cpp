@@ -38,7 +38,6 @@ void WhoAmI(KOVA::APIRequest *req, KOVA::APIResponse *resp) {
     d["remote"] = remote ? remote : "";
     d["pid"] = static_cast<int>(getpid());
     d["echo"] = req->GetParam("echo", Json::Value());
-    d["method"] = req->GetMethodName();
     // Lets two concurrent calls overlap inside their workers.
     int pause = req->GetParam("pause_ms", 0).asInt();
     if (pause > 0) usleep(static_cast<useconds_t>(pause) * 1000);

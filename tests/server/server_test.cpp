@@ -251,6 +251,7 @@ TEST_F(Server, RequestsRunWithTheCallersIdentityAndEnvironment) {
     EXPECT_EQ(alice.gid, d["egid"].asInt());
     EXPECT_EQ(0, d["ruid"].asInt());
     EXPECT_EQ(0, d["suid"].asInt());
+    EXPECT_EQ(0, d["rgid"].asInt());
     EXPECT_EQ(0, d["sgid"].asInt());
     EXPECT_EQ(alice.groups, GroupSet(d["groups"]));
     EXPECT_EQ("alice", d["user"].asString());

@@ -5,6 +5,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <string>
+#include <vector>
+
 namespace kova_test {
 
 namespace {
@@ -13,6 +16,19 @@ namespace {
 constexpr int kCannotSwitch = 250;
 
 } // namespace
+
+std::string IdsNow() {
+    uid_t ru, eu, su;
+    gid_t rg, eg, sg;
+    getresuid(&ru, &eu, &su);
+    getresgid(&rg, &eg, &sg);
+    std::string t = "uid " + std::to_string(ru) + "/" + std::to_string(eu) + "/" + std::to_string(su) + " gid " +
+                    std::to_string(rg) + "/" + std::to_string(eg) + "/" + std::to_string(sg) + " groups";
+    std::vector<gid_t> groups(static_cast<size_t>(getgroups(0, nullptr)));
+    groups.resize(static_cast<size_t>(getgroups(static_cast<int>(groups.size()), groups.data())));
+    for (gid_t g : groups) t += " " + std::to_string(g);
+    return t;
+}
 
 int RunAs(const Identity &who, const std::function<int()> &body) {
     pid_t pid = fork();

@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <string>
 #include <vector>
 
 namespace kova_test {
@@ -20,6 +21,9 @@ struct Identity {
 
 // Returns the body's result, or -1 when the child could not switch or died.
 int RunAs(const Identity &who, const std::function<int()> &body);
+
+// Every id of the process as the kernel holds it: "uid R/E/S gid R/E/S groups G...".
+std::string IdsNow();
 
 // The calling thread's effective capabilities (bit n is capability n).
 uint64_t EffectiveCapabilities();

@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <type_traits>
 #include <cerrno>
-#include <cstring>
 
 namespace kova_test {
 

@@ -43,6 +43,13 @@ std::vector<std::string> FailEachCall(const std::vector<std::string> &only, cons
                                       int success, const std::function<std::string(const FailedRun &)> &check,
                                       std::vector<std::string> *refused = nullptr, const DeathCheck &died = nullptr, long limit = 2000);
 
+// The problems one a line, for a failure message.
+inline std::string Lines(const std::vector<std::string> &problems) {
+    std::string all;
+    for (const std::string &p : problems) all += p + "\n";
+    return all;
+}
+
 } // namespace kova_test
 
 #endif

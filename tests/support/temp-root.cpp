@@ -2,11 +2,12 @@
 
 #include "kova-internal/paths.h"
 
+#include <dirent.h>
 #include <ftw.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cerrno>
+#include <algorithm>
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
@@ -48,6 +49,25 @@ bool WriteFile(const std::string &path, const std::string &content) {
 std::string ReadFile(const std::string &path) {
     std::ifstream in(path, std::ios::binary);
     return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+std::vector<std::string> ListDir(const std::string &dir) {
+    std::vector<std::string> out;
+    if (DIR *d = opendir(dir.c_str())) {
+        while (const dirent *e = readdir(d))
+            if (std::string(e->d_name) != "." && std::string(e->d_name) != "..") out.push_back(e->d_name);
+        closedir(d);
+    }
+    std::sort(out.begin(), out.end());
+    return out;
+}
+
+bool Eventually(const std::function<bool()> &cond, int timeoutMs, int stepUs) {
+    for (long waited = 0;; waited += stepUs) {
+        if (cond()) return true;
+        if (waited >= timeoutMs * 1000L) return false;
+        usleep(static_cast<useconds_t>(stepUs));
+    }
 }
 
 namespace {

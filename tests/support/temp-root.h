@@ -3,7 +3,10 @@
 #ifndef KOVA_TEST_TEMP_ROOT_H
 #define KOVA_TEST_TEMP_ROOT_H
 
+#include <cstdlib>
+#include <functional>
 #include <string>
+#include <vector>
 
 namespace kova_test {
 
@@ -30,11 +33,23 @@ bool MakeDirs(const std::string &path);
 bool WriteFile(const std::string &path, const std::string &content);
 // A file's whole content ("" when it cannot be read).
 std::string ReadFile(const std::string &path);
+// The entry names of a folder, "." and ".." left out, sorted (none when it cannot be read).
+std::vector<std::string> ListDir(const std::string &dir);
 // Removes a tree; symbolic links are removed, never followed.
 void RemoveTree(const std::string &path);
 // Directory of the build tree and of the sources, as CTest passes them.
 std::string BuildDir();
 std::string SourceDir();
+
+// Sets an environment entry for the object's lifetime; it is unset afterwards.
+struct ScopedEnv {
+    const char *name;
+    ScopedEnv(const char *n, const char *value) : name(n) { setenv(n, value, 1); }
+    ~ScopedEnv() { unsetenv(name); }
+};
+
+// Polls cond every stepUs until it holds; false when it still does not after timeoutMs.
+bool Eventually(const std::function<bool()> &cond, int timeoutMs = 30000, int stepUs = 10000);
 
 } // namespace kova_test
 

@@ -4,12 +4,13 @@
 #ifndef KOVA_TEST_ACCOUNTDB_FIXTURE_H
 #define KOVA_TEST_ACCOUNTDB_FIXTURE_H
 
+#include "temp-root.h"
+
 #include "kova-accountdb-admin.h"
 #include "kova/account.h"
 #include "kova/accountdb.h"
 #include "kova/klibc.h"
 
-#include <dirent.h>
 #include <gtest/gtest.h>
 
 #include <memory>
@@ -46,10 +47,7 @@ inline void Build(int selector, const std::string &domain, const std::vector<Kov
 // Files of `dir` whose name marks a cache still being built (".new.").
 inline int TempFiles(const std::string &dir) {
     int n = 0;
-    if (DIR *d = opendir(dir.c_str())) {
-        while (dirent *e = readdir(d)) n += std::string(e->d_name).find(".new.") != std::string::npos;
-        closedir(d);
-    }
+    for (const std::string &name : kova_test::ListDir(dir)) n += name.find(".new.") != std::string::npos;
     return n;
 }
 

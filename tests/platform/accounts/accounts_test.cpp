@@ -51,7 +51,7 @@ TEST(Accounts, NewRootHasDefaultAccountsAndAdministrators) {
     EXPECT_EQ(st.st_mode & 077, 0u);
 }
 
-TEST(Accounts, ResultConventionsAndErrors) {
+TEST(Accounts, ResultConventionsErrorsAndHolderReuse) {
     TempRoot root;
     PKOVA_USER u = nullptr;
     EXPECT_EQ(KOVAUserGet("nobody", &u), -1);
@@ -74,10 +74,8 @@ TEST(Accounts, ResultConventionsAndErrors) {
     EXPECT_LT(KLIBGroupIsAdminGroupMem("nobody", 0), 0);
     EXPECT_EQ(KLIBCErrGet(), KOVA_ERR_NOUSER);
     EXPECT_EQ(GroupsOf("nobody"), std::vector<std::string>{"failed"});
-}
 
-TEST(Accounts, ByIdCallsReuseTheHolder) {
-    TempRoot root;
+    // By-id calls refill the holder they are given.
     ASSERT_EQ(KOVAUserAdd("carol", -1, nullptr, "first desc", "c@example.com", 0), 0);
     PKOVA_USER holder = nullptr;
     ASSERT_EQ(KOVAUserGetByUID(1024, &holder), 0);
@@ -98,18 +96,6 @@ TEST(Accounts, ByIdCallsReuseTheHolder) {
     EXPECT_EQ(gh, gfirst);
     EXPECT_STREQ(gh->szName, "administrators");
     KOVAGroupFree(gh);
-}
-
-// Which sign-ins pass is sign_in_test's; here a new password replaces the old one.
-TEST(Accounts, PasswordsAreReplaced) {
-    TempRoot root;
-    ASSERT_EQ(KOVAUserAdd("dave", -1, "s3cret", nullptr, nullptr, 0), 0);
-    EXPECT_LT(KOVAUserPasswordCheck("dave", "S3cret"), 0);
-    ASSERT_EQ(KOVAUserPasswordSet("dave", "new pw"), 0);
-    EXPECT_LT(KOVAUserPasswordCheck("dave", "s3cret"), 0);
-    EXPECT_EQ(KOVAUserPasswordCheck("dave", "new pw"), 0);
-    EXPECT_LT(KOVAUserPasswordSet("nobody", "x"), 0);
-    EXPECT_EQ(KLIBCErrGet(), KOVA_ERR_NOUSER);
 }
 
 TEST(Accounts, AdministrationKeepsIdsAndNamesUnique) {
@@ -177,7 +163,7 @@ TEST(Accounts, AdministrationKeepsIdsAndNamesUnique) {
     EXPECT_EQ(KLIBGroupIsAdminGroupMem("erin", 0), 0);
 }
 
-TEST(Accounts, UserSetRenamesAndRefusesClashes) {
+TEST(Accounts, UserSetRenamesAndRefusesClashesAndPasswordsAreReplaced) {
     TempRoot root;
     ASSERT_EQ(KOVAUserAdd("gina", -1, nullptr, nullptr, nullptr, 0), 0);
     PKOVA_USER u = nullptr;
@@ -198,6 +184,15 @@ TEST(Accounts, UserSetRenamesAndRefusesClashes) {
     KOVAUserFree(u);
     EXPECT_EQ(Uid("gina"), -1);
     EXPECT_EQ(Uid("gina2"), 1026);
+
+    // Which sign-ins pass is sign_in_test's; here a new password replaces the old one.
+    ASSERT_EQ(KOVAUserAdd("dave", -1, "s3cret", nullptr, nullptr, 0), 0);
+    EXPECT_LT(KOVAUserPasswordCheck("dave", "S3cret"), 0);
+    ASSERT_EQ(KOVAUserPasswordSet("dave", "new pw"), 0);
+    EXPECT_LT(KOVAUserPasswordCheck("dave", "s3cret"), 0);
+    EXPECT_EQ(KOVAUserPasswordCheck("dave", "new pw"), 0);
+    EXPECT_LT(KOVAUserPasswordSet("nobody", "x"), 0);
+    EXPECT_EQ(KLIBCErrGet(), KOVA_ERR_NOUSER);
 }
 
 TEST(Accounts, InjectedFaultsFailCleanlyAndLeaveDataAsItWas) {

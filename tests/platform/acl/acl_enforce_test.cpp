@@ -10,7 +10,6 @@
 #include "kova/share.h"
 #include "kova-internal/identity.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <linux/capability.h>
 #include <sys/stat.h>

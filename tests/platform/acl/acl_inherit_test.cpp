@@ -70,8 +70,8 @@ int MovingFstatat(int dirFd, const char *name, struct stat *st, int flags) {
     return kova_internal::RealSysCalls().fstatat(dirFd, name, st, flags);
 }
 
-// The walk up ends at the share root wherever it meets it, and fails when the folder
-// the path named as root is not it: nothing above the share is passed down.
+// The walk up ends at the share root wherever it meets it, and fails when the folder the path named as root
+// is not it: nothing above the share is passed down.
 TEST_F(AclInherit, AWalkUpATreeThatMovedEndsAtTheShareRootOrFails) {
     BuildTree();
     ASSERT_EQ(SetAcl(Share() + "/..", {"user:4242:allow:rwxpdDaARWcCo:fd--"}, false), 0);
@@ -106,8 +106,8 @@ protected:
         File(In("F"));
         for (const char *p : {"D", "D/E", "D/G", "F"}) ASSERT_EQ(SetAcl(In(p), {}), 0);
     }
-    // Sets one root entry with these inherit letters; "inherit:level" of what reaches D, E,
-    // G and F ("" for nothing).
+    // Sets one root entry with these inherit letters; "inherit:level" of what reaches D, E, G and F ("" for
+    // nothing).
     V Reach(const std::string &inherit) {
         EXPECT_EQ(SetAcl(Share(), {"user:1030:allow:r------------:" + inherit}), 0);
         V out;
@@ -122,21 +122,19 @@ protected:
     }
 };
 
-TEST_F(AclPassDown, FileFolderAndNoPropagateFlags) {
+TEST_F(AclPassDown, FileFolderNoPropagateAndInheritOnlyFlags) {
     //                      D            E            G            F
     EXPECT_EQ(Reach("f---"), V({"f-i-:1", "f-i-:2", "f---:2", "f---:1"}));
     EXPECT_EQ(Reach("-d--"), V({"-d--:1", "-d--:2", "", ""}));
     EXPECT_EQ(Reach("fd--"), V({"fd--:1", "fd--:2", "fd--:2", "fd--:1"}));
     EXPECT_EQ(Reach("----"), V({"", "", "", ""}));
+    EXPECT_EQ(Reach("fdi-"), V({"fd--:1", "fd--:2", "fd--:2", "fd--:1"}));
     // No-propagate stops after one level.
     EXPECT_EQ(Reach("fd-n"), V({"---n:1", "", "", "---n:1"}));
     EXPECT_EQ(Reach("-d-n"), V({"---n:1", "", "", ""}));
     EXPECT_EQ(Reach("f--n"), V({"", "", "", "---n:1"}));
-}
-
-TEST_F(AclPassDown, InheritOnlyPassesWithoutApplyingToItsHolder) {
-    EXPECT_EQ(Reach("fdi-"), V({"fd--:1", "fd--:2", "fd--:2", "fd--:1"}));
-    // The root's inherit-only entry grants nothing at the root; the copies below do.
+    // Inherit-only passes down without applying to its holder: the root's inherit-only entry grants nothing
+    // at the root; the copies below do.
     kova_test::Identity user{1030, 1030, {}};
     auto has = [&](const std::string &p) {
         return kova_test::RunAs(user, [&] { return KOVAACLPermCheck(p.c_str(), KOVA_ACL_PERM_READ_DATA); });

@@ -1,69 +1,48 @@
 // Background propagation of a folder's inheritable entries to its descendants' kernel ACLs (checked by a
 // child with a user's real ids and by the drift check): progress, stops, resumes, swaps and bounds.
-#include "acl-fixture.h"
+#include "propagation-fixture.h"
 #include "share-fixture.h"
 
 #include "as-identity.h"
 #include "run-admin.h"
-#include "kova/acl.h"
-#include "kova/acladmin.h"
 #include "kova/share.h"
 #include "kova-internal/sys-calls.h"
 
-#include "../../../platform/acl/acl-record.h"
 #include "../../../platform/acl/propagation.h"
 #include "../../../platform/acl/refresh.h"
-#include "../../../platform/acl/verify.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
-#include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
+#include <cerrno>
+#include <cstring>
 #include <future>
 #include <map>
 #include <memory>
 #include <new>
-#include <thread>
-#include <utility>
-#include <cerrno>
-#include <cstring>
-#include <string>
-#include <vector>
 
 namespace {
 
 using kova_acl::JobState;
 using kova_acl::PropagationJob;
-using kova_acl_test::AclFixture;
-using kova_acl_test::RawRecord;
-using kova_acl_test::WaitForPropagations;
-using kova_acl_test::WriteRawRecord;
-using kova_internal::ScopedSysCall;
-using kova_internal::SysCalls;
-using kova_test::Identity;
-
+using kova_acl_test::Inheriting;
+using kova_acl_test::JobOf;
 using kova_acl_test::KernelBitsAs;
 using kova_acl_test::kR;
 using kova_acl_test::kW;
 using kova_acl_test::kX;
+using kova_acl_test::RawRecord;
+using kova_acl_test::WaitForPropagations;
+using kova_acl_test::WaitJob;
+using kova_internal::ScopedSysCall;
+using kova_internal::SysCalls;
+using kova_test::Identity;
 const Identity kAlice{1030, 1030, {}}, kBob{1031, 1031, {}};
-
-// A record that inherits and has no entries of its own, written directly so that building a tree starts no
-// propagation of its own.
-void Inheriting(const std::string &path) {
-    kova_acl::StoredAcl acl;
-    acl.inherits = true;
-    std::string bytes;
-    ASSERT_TRUE(kova_acl::EncodeRecord(acl, bytes));
-    ASSERT_TRUE(WriteRawRecord(path, bytes)) << path;
-}
 
 // Folders slowed down for the runner, which a set forks from this process and which inherits the system-call
 // table: each look at an entry waits. Memory the runner shares with the test also counts its looks and can
@@ -87,69 +66,20 @@ int SlowFstatat(int dirFd, const char *name, struct stat *st, int flags) {
     return kova_internal::RealSysCalls().fstatat(dirFd, name, st, flags);
 }
 
-// Polls the job of path until pred holds (false after `tries` looks, 20 ms apart); JobOf looks once.
-template <typename Pred>
-bool WaitJob(const std::string &path, Pred pred, PropagationJob &out, int tries = 1000) {
-    for (int i = 0; i < tries; ++i) {
-        if (i > 0) usleep(20000);
-        std::vector<PropagationJob> jobs;
-        if (!kova_acl::ListPropagations(jobs)) continue;
-        const auto it = std::find_if(jobs.begin(), jobs.end(), [&](const PropagationJob &j) { return j.path == path; });
-        if (it != jobs.end() && pred(out = *it)) return true;
-    }
-    return false;
-}
-bool JobOf(const std::string &path, PropagationJob &out) {
-    return WaitJob(path, [](const PropagationJob &) { return true; }, out, 1);
-}
-
-class AclPropagation : public AclFixture {
+class AclPropagation : public kova_acl_test::PropagationFixture {
 protected:
     void SetUp() override {
-        AclFixture::SetUp();
-        OpenAncestors();
-        top_ = In("top");
-        // Two workers (the tests that slow the walk down count on its pace), and every change, however small
-        // its tree, goes to a job.
+        PropagationFixture::SetUp();
+        // Two workers: the tests that slow the walk down count on its pace.
         setenv("KOVA_PROPAGATION_THREADS", "2", 1);
-        setenv("KOVA_PROPAGATION_IN_PLACE", "0", 1);
         // Looks at entries wait gDelayUs (0 unless a test slows the walk).
         slow_.reset(new ScopedSysCall<decltype(SysCalls::fstatat)>(&SysCalls::fstatat, SlowFstatat));
     }
     void TearDown() override {
         gDelayUs = 0;
-        AclFixture::TearDown();
+        PropagationFixture::TearDown();
         slow_.reset();
         unsetenv("KOVA_PROPAGATION_THREADS");
-        unsetenv("KOVA_PROPAGATION_IN_PLACE");
-    }
-
-    // A folder or file with an inheriting record; returns its path.
-    std::string Make(const std::string &path, bool isDir) {
-        isDir ? Dir(path) : File(path);
-        Inheriting(path);
-        return path;
-    }
-
-    // top/dD/sS/fF: folders x subs x files, every entry inheriting; returns the entries below top. With
-    // `followed`, top already passes user:1030:allow:rx down and every entry follows it.
-    std::vector<std::string> Tree(int folders, int subs, int files, bool followed = false) {
-        std::vector<std::string> all;
-        Dir(top_);
-        for (int d = 0; d < folders; ++d) {
-            const std::string dir = Make(top_ + "/d" + std::to_string(d), true);
-            all.push_back(dir);
-            for (int s = 0; s < subs; ++s) {
-                const std::string sub = Make(dir + "/s" + std::to_string(s), true);
-                all.push_back(sub);
-                for (int f = 0; f < files; ++f) all.push_back(Make(sub + "/f" + std::to_string(f), false));
-            }
-        }
-        if (followed) {
-            EXPECT_EQ(SetAcl(top_, {"user:1030:allow:rx:fd"}, false), 0);
-            EXPECT_TRUE(WaitForPropagations());
-        }
-        return all;
     }
 
     // A set waits for the propagation it starts; the tests that watch one under way start a set of top on a
@@ -161,13 +91,6 @@ protected:
         gDelayUs = delayUs;
         set = std::async(std::launch::async, [this, entries] { return SetAcl(top_, entries, false); });
         return WaitJob(top_, [&](const PropagationJob &j) { return j.state == JobState::kRunning && until(j); }, job);
-    }
-
-    // Entries below top (or `below`) whose kernel ACL differs from their projection.
-    size_t Drifting(const std::string &below = "") {
-        KOVA_ACL_VERIFY_COUNTS counts = {};
-        EXPECT_EQ(0, KOVAACLVerifyTree((below.empty() ? top_ : below).c_str(), 0, nullptr, nullptr, &counts));
-        return counts.differing + counts.failed;
     }
 
     // What the platform and the kernel hold for each path.
@@ -237,7 +160,6 @@ protected:
         return job;
     }
 
-    std::string top_;
     std::unique_ptr<ScopedSysCall<decltype(SysCalls::fstatat)>> slow_;
 };
 

@@ -10,7 +10,6 @@
 #include <fcntl.h>
 #include <linux/capability.h>
 #include <signal.h>
-#include <stdio.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <sys/xattr.h>

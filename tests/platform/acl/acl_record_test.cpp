@@ -57,8 +57,17 @@ std::string WithCrc(std::string r) {
     return r;
 }
 
-TEST_F(AclRecord, GarbageIsCorruptButStillAclMode) {
+TEST_F(AclRecord, GarbageIsCorruptButStillAclModeAndFailsAnInheritingChild) {
+    Dir(In("d"));
     File(In("f"));
+    File(In("d/f"));
+    ASSERT_EQ(SetAcl(In("d/f"), {}, true), 0);
+    ASSERT_TRUE(WriteRawRecord(In("d"), std::string(40, 'x')));
+    EXPECT_EQ(kova_acl_test::ReadCode(In("d/f")), KOVA_ERR_CORRUPT >> 8);
+    // A child that does not inherit never reads the ancestor.
+    ASSERT_EQ(SetAcl(In("d/f"), {}, false), 0);
+    EXPECT_EQ(kova_acl_test::ReadCode(In("d/f")), 0);
+
     ASSERT_TRUE(WriteRawRecord(In("f"), "hello, not a record"));
     ExpectCorrupt(In("f"), "garbage");
     // A damaged path stays in ACL mode: callers must not fall back to mode bits.
@@ -156,17 +165,6 @@ TEST_F(AclRecord, ImpossibleFieldsUnderAValidChecksumAreCorrupt) {
     ExpectCorrupt(In("d"), "group owner beyond the id range");
 }
 
-TEST_F(AclRecord, CorruptAncestorFailsTheInheritingChild) {
-    Dir(In("d"));
-    File(In("d/f"));
-    ASSERT_EQ(SetAcl(In("d/f"), {}, true), 0);
-    ASSERT_TRUE(WriteRawRecord(In("d"), std::string(40, 'x')));
-    EXPECT_EQ(kova_acl_test::ReadCode(In("d/f")), KOVA_ERR_CORRUPT >> 8);
-    // A child that does not inherit never reads the ancestor.
-    ASSERT_EQ(SetAcl(In("d/f"), {}, false), 0);
-    EXPECT_EQ(kova_acl_test::ReadCode(In("d/f")), 0);
-}
-
 TEST_F(AclRecord, MaximumEntriesFitAndOneMoreIsRefused) {
     File(In("f"));
     const int max = KOVAACLGetMaxACECount();
@@ -189,7 +187,7 @@ TEST_F(AclRecord, MaximumEntriesFitAndOneMoreIsRefused) {
     EXPECT_EQ(got.back(), "user:" + std::to_string(2000 + max - 1) + ":allow:r------------:----:0");
 }
 
-TEST_F(AclRecord, SetStoresOwnEntriesAtLevelZeroAndRemoveReturnsToModeBits) {
+TEST_F(AclRecord, SetStoresOwnEntriesAtLevelZeroRemoveReturnsToModeBitsAndALinkIsItsOwnSubject) {
     File(In("f"));
     ASSERT_EQ(SetAcl(In("f"), {"user:1030:allow:r------------:----:4"}, false), 0);
     std::vector<std::string> got;
@@ -206,6 +204,13 @@ TEST_F(AclRecord, SetStoresOwnEntriesAtLevelZeroAndRemoveReturnsToModeBits) {
     EXPECT_FALSE(inherits);
     // Removing twice is not an error: there is nothing left to remove.
     EXPECT_EQ(KOVAACLRemove(In("f").c_str(), -1), 0);
+
+    // A symbolic link is its own subject: its record is not its target's.
+    ASSERT_EQ(symlink(In("f").c_str(), In("link").c_str()), 0);
+    ASSERT_EQ(SetAcl(In("link"), {"user:1030:allow:r------------:----"}, false), 0);
+    EXPECT_EQ(KOVAACLIsSupport(In("f").c_str(), -1, KOVA_ACL_SUPPORT_MODE), 0);
+    EXPECT_EQ(KOVAACLIsSupport(In("link").c_str(), -1, KOVA_ACL_SUPPORT_MODE), 1);
+    EXPECT_FALSE(RawRecord(In("link")).empty());
 }
 
 TEST_F(AclRecord, ModeBitsAsEntries) {
@@ -217,15 +222,6 @@ TEST_F(AclRecord, ModeBitsAsEntries) {
     EXPECT_EQ(kova_acl_test::Texts(acl_), std::vector<std::string>({"owner:-1:allow:rwxpdDaARWc--:----:0",
                                              "group:2000:allow:r-x---a-R-c--:----:0",
                                              "everyone:-1:allow:r-----a-R-c--:----:0"}));
-}
-
-TEST_F(AclRecord, SymbolicLinkIsItsOwnSubject) {
-    File(In("target"));
-    ASSERT_EQ(symlink(In("target").c_str(), In("link").c_str()), 0);
-    ASSERT_EQ(SetAcl(In("link"), {"user:1030:allow:r------------:----"}, false), 0);
-    EXPECT_EQ(KOVAACLIsSupport(In("target").c_str(), -1, KOVA_ACL_SUPPORT_MODE), 0);
-    EXPECT_EQ(KOVAACLIsSupport(In("link").c_str(), -1, KOVA_ACL_SUPPORT_MODE), 1);
-    EXPECT_FALSE(RawRecord(In("link")).empty());
 }
 
 TEST_F(AclRecord, FileSystemSupport) {

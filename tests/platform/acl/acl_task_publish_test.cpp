@@ -1,58 +1,35 @@
-// Inheritance followed at the end of a background task: a task's set of a
-// folder holds its job (no wait, no refresh), sets below it add none, and
-// the task publishes anything but progress only once every descendant's
-// kernel ACL matches (the publication rule, kova-internal/task-end.h):
-// a walk that set every entry leaves the job nothing to do, and after one
-// that left something out the runner, finding the task's own writes already
-// right, writes only the rest. A task killed mid-way leaves its job for
-// resume. A set outside a task still waits for its propagation.
-#include "acl-fixture.h"
+// Inheritance followed at the end of a background task: a task's set holds its job (no wait, no refresh), sets
+// below it add none, and anything but progress is published only once every descendant's kernel ACL matches
+// (kova-internal/task-end.h). A task killed mid-way leaves its job to the runner.
+#include "propagation-fixture.h"
 
 #include "as-identity.h"
 #include "kova/account.h"
-#include "kova/acladmin.h"
 #include "kova/webapi.h"
 #include "kova-internal/identity.h"
 #include "kova-internal/sys-calls.h"
 #include "kova-internal/task-end.h"
 
-#include "../../../platform/acl/acl-record.h"
-#include "../../../platform/acl/propagation-job.h"
-
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/mman.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <cstring>
 #include <fstream>
-#include <string>
-#include <vector>
 
 namespace {
 
 using kova_acl::JobState;
 using kova_acl::PropagationJob;
-using kova_acl_test::AclFixture;
+using kova_acl_test::Inheriting;
+using kova_acl_test::JobOf;
 using kova_acl_test::WaitForPropagations;
 using kova_internal::ScopedSysCall;
 using kova_internal::SysCalls;
 
 const kova_test::Identity kBob{1031, 1031, {}};
-
-bool JobOf(const std::string &path, PropagationJob &out) {
-    std::vector<PropagationJob> jobs;
-    if (!kova_acl::ListPropagations(jobs)) return false;
-    for (const auto &j : jobs)
-        if (j.path == path) {
-            out = j;
-            return true;
-        }
-    return false;
-}
 
 // Neither gone nor a zombie.
 bool Running(pid_t pid) {
@@ -63,8 +40,8 @@ bool Running(pid_t pid) {
     return paren != std::string::npos && paren + 2 < line.size() && line[paren + 2] != 'Z';
 }
 
-// Kernel ACL writes made by processes other than the task (the runner),
-// counted across the fork in shared memory.
+// Kernel ACL writes made by processes other than the task (the runner), counted across the fork in shared
+// memory.
 std::atomic<long> *gForeignAclWrites = nullptr;
 pid_t gTaskPid = 0;
 int CountingSetxattrat(int dirFd, const char *name, int atFlags, const char *attr, const void *value, size_t size,
@@ -73,8 +50,8 @@ int CountingSetxattrat(int dirFd, const char *name, int atFlags, const char *att
     return kova_internal::RealSysCalls().setxattrat(dirFd, name, atFlags, attr, value, size, flags);
 }
 
-// Kernel ACL writes of processes forked from the task (the runner) wait
-// this many microseconds, set across the fork in shared memory.
+// Kernel ACL writes of processes forked from the task (the runner) wait this many microseconds, set across
+// the fork in shared memory.
 std::atomic<int> *gRunnerWriteUs = nullptr;
 int SlowRunnerSetxattrat(int dirFd, const char *name, int atFlags, const char *attr, const void *value,
                          size_t size, int flags) {
@@ -82,28 +59,12 @@ int SlowRunnerSetxattrat(int dirFd, const char *name, int atFlags, const char *a
     return kova_internal::RealSysCalls().setxattrat(dirFd, name, atFlags, attr, value, size, flags);
 }
 
-class AclTaskDefer : public AclFixture {
+class AclTaskDefer : public kova_acl_test::PropagationFixture {
 public:
     void SetUp() override {
-        AclFixture::SetUp();
-        for (std::string p = Share(); p.size() > 1; p = p.substr(0, p.rfind('/'))) chmod(p.c_str(), 0755);
-        chmod(Share().c_str(), 0777);
+        PropagationFixture::SetUp();
         ASSERT_EQ(KOVAUserAdd("tasker", -1, "pw", nullptr, nullptr, 0), 0);
-        setenv("KOVA_PROPAGATION_IN_PLACE", "0", 1);
-        top_ = In("top");
-        Dir(top_);
-        for (const char *d : {"d0", "d1"})
-            for (const char *s : {"", "/s0", "/s1"}) {
-                const std::string dir = top_ + "/" + d + s;
-                Dir(dir);
-                Inheriting(dir);
-                all_.push_back(dir);
-                for (int f = 0; f < 3 && *s; ++f) {
-                    File(dir + "/f" + std::to_string(f));
-                    Inheriting(dir + "/f" + std::to_string(f));
-                    all_.push_back(dir + "/f" + std::to_string(f));
-                }
-            }
+        all_ = Tree(2, 2, 3);
         // The first change is made outside a task: it waits for its job.
         ASSERT_EQ(SetAcl(top_, {"user:1030:allow:rx:fd"}, false), 0);
         PropagationJob job;
@@ -111,28 +72,9 @@ public:
         EXPECT_EQ(job.state, JobState::kDone);
         EXPECT_EQ(Drifting(), 0u);
     }
-    void TearDown() override {
-        AclFixture::TearDown();
-        unsetenv("KOVA_PROPAGATION_IN_PLACE");
-    }
 
-    void Inheriting(const std::string &path) {
-        kova_acl::StoredAcl acl;
-        acl.inherits = true;
-        std::string bytes;
-        ASSERT_TRUE(kova_acl::EncodeRecord(acl, bytes));
-        ASSERT_TRUE(kova_acl_test::WriteRawRecord(path, bytes)) << path;
-    }
-
-    size_t Drifting() {
-        KOVA_ACL_VERIFY_COUNTS counts = {};
-        EXPECT_EQ(0, KOVAACLVerifyTree(top_.c_str(), 0, nullptr, nullptr, &counts));
-        return counts.differing + counts.failed;
-    }
-
-    // The task's body: the top folder's change, a look at what it left,
-    // then (walk) every entry below reset to inherit, parents first, as the
-    // recursive set's walk does; or a wait to be killed.
+    // The task's body: the top folder's change, a look at what it left, then (walk) every entry below reset
+    // to inherit, parents first, as the recursive set's walk does; or a wait to be killed.
     struct Plan {
         AclTaskDefer *self;
         bool walk;
@@ -151,8 +93,7 @@ public:
         if (!plan.walk) {
             for (;;) pause();
         }
-        // A process forked from the task is no task: its sets follow their
-        // changes at once.
+        // A process forked from the task is no task: its sets follow their changes at once.
         out["task"] = kova_internal::InTaskProcess();
         const pid_t child = fork();
         if (child == 0) _exit(kova_internal::InTaskProcess() ? 1 : 0);
@@ -170,9 +111,9 @@ public:
         resp->SetSuccess(out);
     }
 
-    // Publishes progress after the top folder's change, waits for the test
-    // to have seen it, then publishes the module's last record and stays a
-    // while: the record must not be readable before the change is followed.
+    // Publishes progress after the top folder's change, waits for the test to have seen it, then publishes
+    // the module's last record and stays a while: the record must not be readable before the change is
+    // followed.
     static void PublishBody(KOVA::APIRequest *, KOVA::APIResponse *resp, void *data) {
         AclTaskDefer &t = *static_cast<AclTaskDefer *>(data);
         Json::Value out(Json::objectValue);
@@ -209,22 +150,26 @@ public:
         KOVA::APIPolling poll(&req);
         return poll.Status(id, out);
     }
+    // The task's record once `done` holds of it, looked at every `us` for about 30 s; the last one read.
+    template <typename Pred>
+    Json::Value Until(const std::string &id, Pred done, int us = 10000) {
+        Json::Value st;
+        if (!id.empty()) kova_test::Eventually([&] { return Status(id, st) && done(st); }, 30000, us);
+        return st;
+    }
 
-    std::string top_;
     std::vector<std::string> all_;
 };
 
-// Runs a walking task (leaving out `skip`) to its end; returns the kernel
-// ACL writes its runner made, or -1 when a check failed.
+// Runs a walking task (leaving out `skip`) to its end; returns the kernel ACL writes its runner made, or -1
+// when a check failed.
 long AclTaskDefer::WalkToTheEnd(const std::string &skip, const std::string &swap) {
     void *shared = mmap(nullptr, sizeof(std::atomic<long>), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     if (shared == MAP_FAILED) return -1;
     gForeignAclWrites = new (shared) std::atomic<long>(0);
     ScopedSysCall<decltype(SysCalls::setxattrat)> counting(&SysCalls::setxattrat, CountingSetxattrat);
     Plan plan{this, true, skip, swap};
-    const std::string id = Start(plan);
-    Json::Value st;
-    for (int i = 0; !id.empty() && i < 1500 && !(Status(id, st) && st["finished"].asBool()); ++i) usleep(20000);
+    const Json::Value st = Until(Start(plan), [](const Json::Value &v) { return v["finished"].asBool(); });
     const long writes = gForeignAclWrites->load();
     gForeignAclWrites = nullptr;
     munmap(shared, sizeof(std::atomic<long>));
@@ -261,8 +206,8 @@ TEST_F(AclTaskDefer, AWalkThatSetEverythingLeavesItsJobNothingToDo) {
     EXPECT_EQ(job.visited, 0u);
 }
 
-// A folder the walk left out: the runner walks the tree and writes only what
-// the task did not (d1/s1's access and default ACLs, its files' access ACLs).
+// A folder the walk left out: the runner walks the tree and writes only what the task did not (d1/s1's access
+// and default ACLs, its files' access ACLs).
 TEST_F(AclTaskDefer, WhatTheWalkLeftOutIsFollowedByTheRunnerBeforeFinished) {
     const long writes = WalkToTheEnd(top_ + "/d1/s1");
     EXPECT_GT(writes, 0);
@@ -273,8 +218,8 @@ TEST_F(AclTaskDefer, WhatTheWalkLeftOutIsFollowedByTheRunnerBeforeFinished) {
     EXPECT_GE(job.visited, all_.size());
 }
 
-// A file with its own old projection renamed over one the walk had set: the
-// folder still lists the same names, yet the runner must project the newcomer.
+// A file with its own old projection renamed over one the walk had set: the folder still lists the same
+// names, yet the runner must project the newcomer.
 TEST_F(AclTaskDefer, AFileRenamedOverOneTheWalkSetIsFollowedByTheRunner) {
     File(In("stray"));
     Inheriting(In("stray"));
@@ -284,26 +229,24 @@ TEST_F(AclTaskDefer, AFileRenamedOverOneTheWalkSetIsFollowedByTheRunner) {
     EXPECT_GE(job.visited, all_.size());
 }
 
-// Progress is published at once, with the change still held; the record
-// that says finished (the module's, before the task's own end) only once
-// every descendant's kernel access matches.
+// Progress is published at once, with the change still held; the record that says finished (the module's,
+// before the task's own end) only once every descendant's kernel access matches.
 TEST_F(AclTaskDefer, ARecordThatIsNotProgressIsPublishedOnlyOnceTheChangeIsFollowed) {
     const std::string id = Start(PublishBody, this);
     ASSERT_FALSE(id.empty());
-    Json::Value st;
-    for (int i = 0; i < 500 && !(Status(id, st) && st["data"].isMember("set")); ++i) usleep(10000);
+    Json::Value st = Until(id, [](const Json::Value &v) { return v["data"].isMember("set"); });
     EXPECT_FALSE(st["data"]["finished"].asBool()) << st;
     EXPECT_EQ(st["data"]["set"].asInt(), 0);
     EXPECT_GT(Drifting(), 0u);
     File(In("seen"));
-    for (int i = 0; i < 1500 && !(Status(id, st) && st["data"]["finished"].asBool()); ++i) usleep(2000);
+    st = Until(id, [](const Json::Value &v) { return v["data"]["finished"].asBool(); }, 2000);
     ASSERT_TRUE(st["data"]["finished"].asBool()) << st;
     EXPECT_EQ(Drifting(), 0u);
-    for (int i = 0; i < 500 && !(Status(id, st) && st["finished"].asBool()); ++i) usleep(10000);
+    Until(id, [](const Json::Value &v) { return v["finished"].asBool(); });
 }
 
-// An error claims nothing done: a stopped task ends at once and its held
-// change goes on in the (here slowed) runner.
+// An error claims nothing done: a stopped task ends at once and its held change goes on in the (here slowed)
+// runner.
 TEST_F(AclTaskDefer, AnErrorIsPublishedWithoutWaitingForTheHeldChange) {
     void *shared = mmap(nullptr, sizeof(std::atomic<int>), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     ASSERT_NE(shared, MAP_FAILED);
@@ -311,8 +254,7 @@ TEST_F(AclTaskDefer, AnErrorIsPublishedWithoutWaitingForTheHeldChange) {
     ScopedSysCall<decltype(SysCalls::setxattrat)> slow(&SysCalls::setxattrat, SlowRunnerSetxattrat);
     const std::string id = Start(FailBody, this);
     ASSERT_FALSE(id.empty());
-    Json::Value st;
-    for (int i = 0; i < 500 && !(Status(id, st) && st.isMember("error")); ++i) usleep(10000);
+    const Json::Value st = Until(id, [](const Json::Value &v) { return v.isMember("error"); });
     EXPECT_EQ(st["error"]["code"].asInt(), 6200) << st;
     PropagationJob job;
     ASSERT_TRUE(JobOf(top_, job));
@@ -323,8 +265,8 @@ TEST_F(AclTaskDefer, AnErrorIsPublishedWithoutWaitingForTheHeldChange) {
     munmap(shared, sizeof(std::atomic<int>));
 }
 
-// A task keeps its caller's groups between calls, but a switch of its groups
-// through the identity component is seen by the next call.
+// A task keeps its caller's groups between calls, but a switch of its groups through the identity component
+// is seen by the next call.
 TEST_F(AclTaskDefer, ATaskSeesItsGroupsChangeThroughTheIdentityComponent) {
     const std::string file = top_ + "/d0/s0/f0";
     ASSERT_EQ(SetAcl(file, {"group:2000:allow:r------------:----"}, false), 0);
@@ -356,22 +298,18 @@ TEST_F(AclTaskDefer, AKilledTaskLeavesItsJobToTheRunner) {
         ~Killer() { kill(pid, SIGKILL); }
     } killer{task};
     PropagationJob job;
-    bool held = false;
-    for (int i = 0; i < 250 && !held; ++i) {
-        held = JobOf(top_, job) && job.state == JobState::kRunning && job.pid == task;
-        if (!held) usleep(20000);
-    }
-    ASSERT_TRUE(held);
+    ASSERT_TRUE(kova_test::Eventually(
+        [&] { return JobOf(top_, job) && job.state == JobState::kRunning && job.pid == task; }, 5000, 20000));
     // Until the task ends, the runner leaves the held job alone.
     usleep(200000);
     ASSERT_TRUE(JobOf(top_, job));
     EXPECT_EQ(job.state, JobState::kRunning);
     EXPECT_GT(Drifting(), 0u);
-    // The runner started with the held job takes it up once the task is
-    // gone, with nobody asking it to resume.
+    // The runner started with the held job takes it up once the task is gone, with nobody asking it to
+    // resume.
     EXPECT_EQ(1, KOVAACLPropagationRunnerAlive());
     ASSERT_EQ(kill(task, SIGKILL), 0);
-    for (int i = 0; i < 250 && Running(task); ++i) usleep(20000);
+    kova_test::Eventually([&] { return !Running(task); }, 5000, 20000);
     ASSERT_TRUE(WaitForPropagations());
     ASSERT_TRUE(JobOf(top_, job));
     EXPECT_EQ(job.state, JobState::kDone);

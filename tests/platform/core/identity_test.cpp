@@ -18,38 +18,10 @@
 namespace {
 
 using kova_test::FailedRun;
-
-// Every id of the process.
-struct Ids {
-    uid_t ru = 0, eu = 0, su = 0;
-    gid_t rg = 0, eg = 0, sg = 0;
-    std::vector<gid_t> groups;
-
-    static Ids Now() {
-        Ids i;
-        getresuid(&i.ru, &i.eu, &i.su);
-        getresgid(&i.rg, &i.eg, &i.sg);
-        i.groups = kova_internal::CurrentGroups();
-        return i;
-    }
-    bool operator==(const Ids &o) const {
-        return ru == o.ru && eu == o.eu && su == o.su && rg == o.rg && eg == o.eg && sg == o.sg && groups == o.groups;
-    }
-    std::string Text() const {
-        std::string t = "uid " + std::to_string(ru) + "/" + std::to_string(eu) + "/" + std::to_string(su) + " gid " +
-                        std::to_string(rg) + "/" + std::to_string(eg) + "/" + std::to_string(sg) + " groups";
-        for (gid_t g : groups) t += " " + std::to_string(g);
-        return t;
-    }
-};
+using kova_test::IdsNow;
+using kova_test::Lines;
 
 const std::vector<std::string> kIdCalls = {"setresuid", "setresgid", "setgroups", "capget", "capset"};
-
-std::string Lines(const std::vector<std::string> &problems) {
-    std::string all;
-    for (const auto &p : problems) all += p + "\n";
-    return all;
-}
 
 // A forked child's exit status, or 1000 + the signal that ended it.
 int ChildEnd(const std::function<int()> &body) {
@@ -65,29 +37,26 @@ int ChildEnd(const std::function<int()> &body) {
 TEST(Identity, SwitchToUserFailsCleanlyAtEveryIdCall) {
     // From root (a worker) and from a user with saved uid 0 (a task).
     for (uid_t start : {0u, 4100u}) {
-        Ids before;
+        std::string before;
         int savedErrno = 0;
         std::vector<std::string> refused;
         const auto problems = kova_test::FailEachCall(
             kIdCalls,
             [&] {
                 if (start != 0 && setresuid(static_cast<uid_t>(-1), start, static_cast<uid_t>(-1)) != 0) return -2;
-                before = Ids::Now();
+                before = IdsNow();
                 errno = 0;
                 const bool ok = kova_internal::SwitchToUser(4000, 4001, {4002, 4003});
                 savedErrno = errno;
                 if (!ok) return 0;
-                const Ids after = Ids::Now();
-                const bool right = after.ru == 0 && after.eu == 4000 && after.su == 0 && after.rg == 0 &&
-                                   after.eg == 4001 && after.sg == 0 && after.groups == std::vector<gid_t>{4002, 4003};
-                return right ? 1 : 2;
+                return IdsNow() == "uid 0/4000/0 gid 0/4001/0 groups 4002 4003" ? 1 : 2;
             },
             1,
             [&](const FailedRun &run) -> std::string {
                 if (run.result != 0) return "not reported as failed (" + std::to_string(run.result) + ")";
                 if (savedErrno != EIO) return "errno " + std::to_string(savedErrno) + " instead of the refusal's";
-                const Ids after = Ids::Now();
-                return after == before ? "" : "ids " + before.Text() + " became " + after.Text();
+                const std::string after = IdsNow();
+                return after == before ? "" : "ids " + before + " became " + after;
             },
             &refused);
         EXPECT_TRUE(problems.empty()) << "from uid " << start << "\n" << Lines(problems);
@@ -103,17 +72,17 @@ TEST(Identity, RootScopeRefusedOnTheWayUpChangesNothing) {
     // Call 1 raises the uid, call 2 the gid; refused, nothing changes.
     for (const char *entry : {"setresuid", "setresgid", ""}) {
         const int rc = kova_test::RunAs(user, [&] {
-            const Ids before = Ids::Now();
+            const std::string before = IdsNow();
             {
                 kova_test::SysCallFault fault(1, {std::string(entry)});
                 kova_internal::RootScope root;
                 if (*entry) {
                     if (root.ok()) return 1;
-                    return Ids::Now() == before ? 0 : 2;
+                    return IdsNow() == before ? 0 : 2;
                 }
                 if (!root.ok() || geteuid() != 0 || getegid() != 0) return 3;
             }
-            return Ids::Now() == before ? 0 : 4;
+            return IdsNow() == before ? 0 : 4;
         });
         EXPECT_EQ(rc, 0) << entry;
     }
@@ -144,9 +113,7 @@ TEST(Identity, RestoreRootReportsWhatItCouldNotPutBack) {
             kova_test::SysCallFault fault(1, {std::string(entry)});
             const bool restored = kova_internal::RestoreRoot(rootGroups);
             if (*entry) return restored ? 1 : 0;
-            const Ids now = Ids::Now();
-            const bool allRoot = now.ru == 0 && now.eu == 0 && now.su == 0 && now.rg == 0 && now.eg == 0 && now.sg == 0;
-            return restored && allRoot && now.groups == rootGroups ? 0 : 2;
+            return restored && IdsNow() == "uid 0/0/0 gid 0/0/0 groups 0 7" ? 0 : 2;
         });
         EXPECT_EQ(rc, 0) << entry;
     }

@@ -26,7 +26,6 @@
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
-#include <cstring>
 #include <memory>
 #include <string>
 #include <utility>
@@ -241,30 +240,6 @@ TEST_F(FileShare, UGIDSetActsAsUserKeepingSavedRoot) {
     EXPECT_EQ(rc, 0);
 }
 
-namespace {
-
-std::string Lines(const std::vector<std::string> &problems) {
-    std::string all;
-    for (const auto &p : problems) all += p + "\n";
-    return all;
-}
-
-// The real and saved ids and groups of the process.
-std::string IdsNow() {
-    uid_t ru, eu, su;
-    gid_t rg, eg, sg;
-    getresuid(&ru, &eu, &su);
-    getresgid(&rg, &eg, &sg);
-    std::string t = std::to_string(ru) + "/" + std::to_string(eu) + "/" + std::to_string(su) + " " +
-                    std::to_string(rg) + "/" + std::to_string(eg) + "/" + std::to_string(sg) + " groups";
-    std::vector<gid_t> groups(static_cast<size_t>(getgroups(0, nullptr)));
-    getgroups(static_cast<int>(groups.size()), groups.data());
-    for (gid_t g : groups) t += " " + std::to_string(g);
-    return t;
-}
-
-} // namespace
-
 TEST_F(FileShare, UGIDSetFailsCleanlyAtEveryIdCall) {
     std::string before;
     std::vector<std::string> refused;
@@ -273,7 +248,7 @@ TEST_F(FileShare, UGIDSetFailsCleanlyAtEveryIdCall) {
         [&] {
             // A task that raised and lowered again (direct: not under test).
             if (setresuid(static_cast<uid_t>(-1), 4000, static_cast<uid_t>(-1)) != 0) return -2;
-            before = IdsNow();
+            before = kova_test::IdsNow();
             KLIBCErrSetEx(0, "", 0);
             return fs_.WfmLibUGIDSet("sid", "alice");
         },
@@ -285,7 +260,7 @@ TEST_F(FileShare, UGIDSetFailsCleanlyAtEveryIdCall) {
             if (run.result == 0) return "reported success";
             // The account lookup raises its own ids; its refusals carry the lookup's class.
             if (fs_.WfmLibGetErr() == KOVA_WFM_ERR_NONE || KLIBCErrGet() == 0) return "failure not reported";
-            const std::string after = IdsNow();
+            const std::string after = kova_test::IdsNow();
             return after == before ? "" : "ids " + before + " became " + after;
         },
         &refused,
@@ -293,7 +268,7 @@ TEST_F(FileShare, UGIDSetFailsCleanlyAtEveryIdCall) {
         [](long, const std::string &entry, int sig) {
             return sig == SIGABRT && (entry == "setresuid" || entry == "setresgid");
         });
-    EXPECT_TRUE(problems.empty()) << Lines(problems);
+    EXPECT_TRUE(problems.empty()) << kova_test::Lines(problems);
     // The switch's own calls and the capability's were among those refused.
     for (const char *entry : {"setgroups", "setresgid", "capget", "capset"})
         EXPECT_NE(std::find(refused.begin(), refused.end(), entry), refused.end()) << entry;
@@ -320,7 +295,7 @@ TEST_F(FileShare, ResolutionFailsCleanlyAtEveryFileCall) {
                 return real_.empty() && name_.empty() && shareRoot_.empty() ? "" : "outputs half-filled";
             },
             &refused);
-        EXPECT_TRUE(problems.empty()) << c.first << "\n" << Lines(problems);
+        EXPECT_TRUE(problems.empty()) << c.first << "\n" << kova_test::Lines(problems);
         for (const char *entry : {"openat2", "readlinkat"})
             EXPECT_NE(std::find(refused.begin(), refused.end(), entry), refused.end()) << c.first << " " << entry;
     }
@@ -339,7 +314,7 @@ TEST_F(FileShare, ResolutionFailsCleanlyAtEveryFileCall) {
             return fs_.WfmLibGetErr() != KOVA_WFM_ERR_NONE && KLIBCErrGet() != 0 ? "" : "failure not reported";
         },
         &refused);
-    EXPECT_TRUE(problems.empty()) << Lines(problems);
+    EXPECT_TRUE(problems.empty()) << kova_test::Lines(problems);
     for (const char *entry : {"openat2", "fstatat", "faccessat"})
         EXPECT_NE(std::find(refused.begin(), refused.end(), entry), refused.end()) << entry;
 }

@@ -184,9 +184,7 @@ TEST_F(ShareCache, LookupFailsCleanlyAtEveryFileCall) {
             },
             0, [&](const kova_test::FailedRun &run) { return run.result == 2 ? "answered " + got : std::string(); },
             &refused);
-        std::string all;
-        for (const auto &line : problems) all += line + "\n";
-        EXPECT_TRUE(problems.empty()) << p << "\n" << all;
+        EXPECT_TRUE(problems.empty()) << p << "\n" << kova_test::Lines(problems);
         // The database watch, the root and the path itself were refused.
         for (const char *entry : {"openat", "fstat", "openat2"})
             EXPECT_NE(std::find(refused.begin(), refused.end(), entry), refused.end()) << p << " " << entry;

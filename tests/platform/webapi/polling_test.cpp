@@ -9,7 +9,6 @@
 #include "kova/webapi.h"
 #include "kova-internal/sys-calls.h"
 
-#include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -18,11 +17,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstdlib>
-#include <cstring>
-
-#include <functional>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -32,37 +27,26 @@ using KOVA::APIPolling;
 using KOVA::APIRequest;
 using KOVA::APIResponse;
 
+using kova_test::Eventually;
 using kova_test::ReadFile;
+using kova_test::ScopedEnv;
 
 namespace {
-
-// Polls until cond holds; false when it never does within about 30 s.
-bool Eventually(const std::function<bool()> &cond) {
-    for (int i = 0; i < 3000; ++i) {
-        if (cond()) return true;
-        usleep(10000);
-    }
-    return false;
-}
 
 bool Exists(const std::string &path) {
     struct stat st;
     return lstat(path.c_str(), &st) == 0;
 }
 
-// Task bodies run in the task process and are observed through the record; their
-// waits are bounded so that a failing test leaves no task behind.
-struct Gate {
-    std::string goFile;
-};
-
+// Task bodies run in the task process and are observed through the record; their waits are bounded so that a
+// failing test leaves no task behind. This one finishes once the file `data` names exists.
 void ProgressThenFinish(APIRequest *req, APIResponse *resp, void *data) {
-    auto *gate = static_cast<Gate *>(data);
+    const std::string &goFile = *static_cast<std::string *>(data);
     Json::Value progress(Json::objectValue);
     progress["applypath"] = req->GetParam("file_path", "").asString();
     progress["finished"] = false;
     resp->SetSuccess(progress);
-    for (int i = 0; i < 24000 && !Exists(gate->goFile); ++i) usleep(5000);
+    for (int i = 0; i < 24000 && !Exists(goFile); ++i) usleep(5000);
     Json::Value done(Json::objectValue);
     done["finished"] = true;
     resp->SetSuccess(done);
@@ -96,13 +80,6 @@ void Rewrite(APIRequest *, APIResponse *resp, void *) {
 
 void Quick(APIRequest *, APIResponse *resp, void *) { resp->SetError(6201); }
 
-// Sets a bound's environment entry (unset in the test environment) for the object's lifetime.
-struct ScopedEnv {
-    const char *name;
-    ScopedEnv(const char *n, const char *value) : name(n) { setenv(n, value, 1); }
-    ~ScopedEnv() { unsetenv(name); }
-};
-
 // Start time of a process as /proc/<pid>/stat field 22 tells it.
 unsigned long long StartTimeOf(pid_t pid) {
     std::string stat = ReadFile("/proc/" + std::to_string(pid) + "/stat");
@@ -113,18 +90,6 @@ unsigned long long StartTimeOf(pid_t pid) {
     for (int n = 3; n <= 22; ++n)
         if (!(rest >> field)) return 0;
     return std::strtoull(field.c_str(), nullptr, 10);
-}
-
-// Entry names of a folder, sorted.
-std::vector<std::string> Names(const std::string &dir) {
-    std::vector<std::string> out;
-    if (DIR *d = opendir(dir.c_str())) {
-        while (struct dirent *e = readdir(d))
-            if (std::strcmp(e->d_name, ".") != 0 && std::strcmp(e->d_name, "..") != 0) out.push_back(e->d_name);
-        closedir(d);
-    }
-    std::sort(out.begin(), out.end());
-    return out;
 }
 
 bool WriteRecord(const std::string &path, const Json::Value &record) {
@@ -181,7 +146,7 @@ protected:
     // Task records in the folder (the lock and temporaries left out).
     std::vector<std::string> Records() const {
         std::vector<std::string> out;
-        for (const std::string &n : Names(root_.At("var/run/tasks")))
+        for (const std::string &n : kova_test::ListDir(root_.At("var/run/tasks")))
             if (n[0] != '.' && n.find(".tmp.") == std::string::npos) out.push_back(n);
         return out;
     }
@@ -230,11 +195,11 @@ protected:
 // name's prefix reaches a task; a refused stop leaves it running.
 TEST_F(Polling, TaskPublishesProgressToItsOwnerAndFinishes) {
     ASSERT_EQ(KOVAUserAdd("bobby", -1, "pw", nullptr, nullptr, 0), 0);
-    Gate gate{root_.At("go")};
-    std::string id = Started("alice", ProgressThenFinish, &gate);
+    std::string go = root_.At("go");
+    std::string id = Started("alice", ProgressThenFinish, &go);
     EXPECT_EQ(id.rfind("setacl", 0), 0u);
-    std::string bobs = Started("bob", ProgressThenFinish, &gate);
-    std::string bobbys = Started("bobby", ProgressThenFinish, &gate);
+    std::string bobs = Started("bob", ProgressThenFinish, &go);
+    std::string bobbys = Started("bobby", ProgressThenFinish, &go);
 
     Json::Value st;
     ASSERT_TRUE(Eventually([&] { return StatusAs("alice", id, st) && st["data"].isObject(); }));
@@ -263,7 +228,7 @@ TEST_F(Polling, TaskPublishesProgressToItsOwnerAndFinishes) {
         EXPECT_FALSE(st["finished"].asBool()) << pair.first;
     }
 
-    ASSERT_TRUE(kova_test::WriteFile(gate.goFile, "go"));
+    ASSERT_TRUE(kova_test::WriteFile(go, "go"));
     st = WaitFinished("alice", id);
     EXPECT_TRUE(st["success"].asBool());
     EXPECT_TRUE(st["data"]["finished"].asBool());
@@ -323,25 +288,25 @@ TEST_F(Polling, RunningTasksAreBoundedPerUserAndInTotal) {
     ASSERT_EQ(KOVAUserAdd("carol", -1, "pw", nullptr, nullptr, 0), 0);
     ScopedEnv perUser("KOVA_TASKS_PER_USER", "2");
     ScopedEnv total("KOVA_TASKS_TOTAL", "3");
-    Gate gate{root_.At("go")};
+    std::string go = root_.At("go");
     std::vector<std::string> running;
-    for (int i = 0; i < 2; ++i) running.push_back(Started("alice", ProgressThenFinish, &gate));
+    for (int i = 0; i < 2; ++i) running.push_back(Started("alice", ProgressThenFinish, &go));
 
     int err = 0;
     KLIBCErrSetEx(0, "", 0);
-    EXPECT_EQ(StartAs("alice", ProgressThenFinish, &gate, "setacl", &err), "");
+    EXPECT_EQ(StartAs("alice", ProgressThenFinish, &go, "setacl", &err), "");
     EXPECT_EQ(err, KOVA_POLLING_ERR_BUSY);
     EXPECT_EQ(KLIBCErrGet(), KOVA_ERR_TASK_LIMIT);
     EXPECT_EQ(Records().size(), 2u);
 
     // Another user still gets a place, until everyone's bound is reached.
-    running.push_back(Started("bob", ProgressThenFinish, &gate));
-    EXPECT_EQ(StartAs("carol", ProgressThenFinish, &gate, "setacl", &err), "");
+    running.push_back(Started("bob", ProgressThenFinish, &go));
+    EXPECT_EQ(StartAs("carol", ProgressThenFinish, &go, "setacl", &err), "");
     EXPECT_EQ(err, KOVA_POLLING_ERR_BUSY);
     EXPECT_EQ(Records().size(), 3u);
 
     // Ended tasks free their places.
-    ASSERT_TRUE(kova_test::WriteFile(gate.goFile, "go"));
+    ASSERT_TRUE(kova_test::WriteFile(go, "go"));
     EXPECT_TRUE(WaitFinished("alice", running[0])["success"].asBool());
     EXPECT_TRUE(WaitFinished("alice", running[1])["success"].asBool());
     EXPECT_TRUE(WaitFinished("bob", running[2])["success"].asBool());
@@ -353,12 +318,12 @@ TEST_F(Polling, RunningTasksAreBoundedPerUserAndInTotal) {
 // Starts from many processes at once: the bound holds across them.
 TEST_F(Polling, ConcurrentStartsFromManyProcessesKeepTheBound) {
     ScopedEnv perUser("KOVA_TASKS_PER_USER", "2");
-    Gate gate{root_.At("go")};
+    std::string go = root_.At("go");
     std::vector<pid_t> children;
     for (int i = 0; i < 8; ++i) {
         pid_t pid = fork();
         ASSERT_GE(pid, 0);
-        if (pid == 0) _exit(StartAs("alice", ProgressThenFinish, &gate).empty() ? 1 : 0);
+        if (pid == 0) _exit(StartAs("alice", ProgressThenFinish, &go).empty() ? 1 : 0);
         children.push_back(pid);
     }
     int started = 0;
@@ -371,7 +336,7 @@ TEST_F(Polling, ConcurrentStartsFromManyProcessesKeepTheBound) {
     EXPECT_EQ(started, 2);
     std::vector<std::string> ids = Records();
     EXPECT_EQ(ids.size(), 2u);
-    ASSERT_TRUE(kova_test::WriteFile(gate.goFile, "go"));
+    ASSERT_TRUE(kova_test::WriteFile(go, "go"));
     for (const std::string &id : ids) EXPECT_TRUE(WaitFinished("alice", id)["success"].asBool());
 }
 
@@ -400,8 +365,8 @@ TEST_F(Polling, FinishedRecordsBeyondTheCapAreRemovedNewestKept) {
 // old temporaries of dead writers go too.
 TEST_F(Polling, RecordsOutliveTheirRetentionOnlyWhileRunning) {
     ScopedEnv retention("KOVA_TASK_RETENTION_SECONDS", "600");
-    Gate gate{root_.At("go")};
-    std::string quiet = Started("alice", ProgressThenFinish, &gate);
+    std::string go = root_.At("go");
+    std::string quiet = Started("alice", ProgressThenFinish, &go);
     std::string old = Started("alice", Quick, nullptr);
     std::string recent = Started("alice", Quick, nullptr);
     WaitFinished("alice", old);
@@ -428,7 +393,7 @@ TEST_F(Polling, RecordsOutliveTheirRetentionOnlyWhileRunning) {
     EXPECT_FALSE(Exists(deadTemp));
     EXPECT_TRUE(Exists(liveTemp));
 
-    ASSERT_TRUE(kova_test::WriteFile(gate.goFile, "go"));
+    ASSERT_TRUE(kova_test::WriteFile(go, "go"));
     EXPECT_TRUE(WaitFinished("alice", quiet)["success"].asBool());
     WaitFinished("bob", next);
 }
@@ -545,7 +510,7 @@ TEST_F(Polling, AFailedRecordWriteStartsNothing) {
     EXPECT_EQ(err, KOVA_POLLING_ERR_IO);
     EXPECT_EQ(KLIBCErrGet(), KOVA_ERR_IO);
     // Nothing but the start lock is left in the folder.
-    for (const std::string &name : Names(root_.At("var/run/tasks"))) EXPECT_EQ(name, ".lock");
+    for (const std::string &name : kova_test::ListDir(root_.At("var/run/tasks"))) EXPECT_EQ(name, ".lock");
     // A start failing before the record folder is made leaves none.
     kova_test::TempRoot fresh;
     KLIBCFaultSet("APIPolling::Start", 1, 0, KOVA_ERR_IO);

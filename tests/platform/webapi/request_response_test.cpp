@@ -7,7 +7,6 @@
 #include "kova/klibc.h"
 #include "kova/webapi.h"
 
-#include <dirent.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -30,16 +29,6 @@ Json::Value Parse(const std::string &text) {
     std::string errs;
     if (!r->parse(text.data(), text.data() + text.size(), &v, &errs)) return Json::Value("<invalid>");
     return v;
-}
-
-std::vector<std::string> List(const std::string &dir) {
-    std::vector<std::string> names;
-    if (DIR *d = opendir(dir.c_str())) {
-        while (dirent *e = readdir(d))
-            if (std::string(e->d_name) != "." && std::string(e->d_name) != "..") names.push_back(e->d_name);
-        closedir(d);
-    }
-    return names;
 }
 
 } // namespace
@@ -147,7 +136,7 @@ TEST(APIResponse, BoundRecordIsWrittenAsRootForAUser) {
     ASSERT_EQ(stat(dir.c_str(), &st), 0);
     EXPECT_EQ(st.st_mode & 07777, 0700u);
     // Replacement leaves no temporary files behind.
-    EXPECT_EQ(List(dir), std::vector<std::string>{"t1"});
+    EXPECT_EQ(kova_test::ListDir(dir), std::vector<std::string>{"t1"});
 }
 
 TEST(APIResponse, UnwritableRecordStillSetsResponse) {
@@ -162,7 +151,7 @@ TEST(APIResponse, UnwritableRecordStillSetsResponse) {
     EXPECT_EQ(KLIBCErrGet(), KOVA_ERR_IO);
     EXPECT_TRUE(r.IsSuccess());
     EXPECT_EQ(r.GetData().asInt(), 5);
-    EXPECT_TRUE(List(root.At("elsewhere")).empty());
+    EXPECT_TRUE(kova_test::ListDir(root.At("elsewhere")).empty());
 
     // An id that is not a plain record name binds nothing.
     APIResponse bad;
@@ -170,5 +159,5 @@ TEST(APIResponse, UnwritableRecordStillSetsResponse) {
     EXPECT_EQ(KLIBCErrGet(), KOVA_ERR_BADARG);
     bad.SetSuccess(6);
     EXPECT_TRUE(bad.IsSuccess());
-    EXPECT_TRUE(List(root.At("elsewhere")).empty());
+    EXPECT_TRUE(kova_test::ListDir(root.At("elsewhere")).empty());
 }
