@@ -9,6 +9,7 @@
 #include "kova-internal/identity.h"
 #include "kova-internal/sys-calls.h"
 #include "kova-internal/task-end.h"
+#include "kova-internal/task-process.h"
 
 #include <fcntl.h>
 #include <signal.h>
@@ -292,11 +293,13 @@ TEST_F(AclTaskDefer, AKilledTaskLeavesItsJobToTheRunner) {
     ASSERT_TRUE(Status(id, st));
     const pid_t task = static_cast<pid_t>(st["pid"].asInt64());
     ASSERT_GT(task, 0);
-    // The task waits to be killed, whatever this test finds.
+    // The task waits to be killed, whatever this test finds; once it is gone its pid may be another
+    // process's, which is never signalled.
     struct Killer {
         pid_t pid;
-        ~Killer() { kill(pid, SIGKILL); }
-    } killer{task};
+        unsigned long long start;
+        ~Killer() { kova_internal::SignalTask(pid, start, SIGKILL); }
+    } killer{task, kova_internal::ProcessStartTime(task)};
     PropagationJob job;
     ASSERT_TRUE(kova_test::Eventually(
         [&] { return JobOf(top_, job) && job.state == JobState::kRunning && job.pid == task; }, 5000, 20000));
