@@ -1,38 +1,25 @@
 #include "least-work.h"
 
 #include "timing.h"
+#include "kova-internal/sys-calls.h"
 
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdint>
 #include <cstring>
 
 namespace kova_bench {
 namespace {
 
-#ifdef SYS_setxattrat
-constexpr long kSetXattrAt = SYS_setxattrat;
-#else
-constexpr long kSetXattrAt = 463;  // the common system-call table's number
-#endif
-
-struct XattrArgs {
-    uint64_t value;
-    uint32_t size;
-    uint32_t flags;
-};
-
+// Through the platform's own system-call table, as the set's writes go.
 void Write(int dirFd, const char *name, const std::pair<std::string, std::string> &attr) {
-    XattrArgs args{static_cast<uint64_t>(reinterpret_cast<uintptr_t>(attr.second.data())),
-                   static_cast<uint32_t>(attr.second.size()), 0};
-    if (syscall(kSetXattrAt, dirFd, name, AT_SYMLINK_NOFOLLOW, attr.first.c_str(), &args, sizeof args) != 0)
+    if (kova_internal::Sys().setxattrat(dirFd, name, AT_SYMLINK_NOFOLLOW, attr.first.c_str(), attr.second.data(),
+                                        attr.second.size(), 0) != 0)
         Die(std::string("setxattrat ") + name + " " + attr.first + ": " + std::strerror(errno));
 }
 

@@ -18,7 +18,6 @@
 
 #include <atomic>
 #include <cstring>
-#include <fstream>
 
 namespace {
 
@@ -31,15 +30,6 @@ using kova_internal::ScopedSysCall;
 using kova_internal::SysCalls;
 
 const kova_test::Identity kBob{1031, 1031, {}};
-
-// Neither gone nor a zombie.
-bool Running(pid_t pid) {
-    std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
-    std::string line;
-    if (!std::getline(in, line)) return false;
-    const size_t paren = line.rfind(')');
-    return paren != std::string::npos && paren + 2 < line.size() && line[paren + 2] != 'Z';
-}
 
 // Kernel ACL writes made by processes other than the task (the runner), counted across the fork in shared
 // memory.
@@ -312,7 +302,7 @@ TEST_F(AclTaskDefer, AKilledTaskLeavesItsJobToTheRunner) {
     // resume.
     EXPECT_EQ(1, KOVAACLPropagationRunnerAlive());
     ASSERT_EQ(kill(task, SIGKILL), 0);
-    kova_test::Eventually([&] { return !Running(task); }, 5000, 20000);
+    kova_test::Eventually([&] { return !kova_internal::TaskAlive(task, killer.start); }, 5000, 20000);
     ASSERT_TRUE(WaitForPropagations());
     ASSERT_TRUE(JobOf(top_, job));
     EXPECT_EQ(job.state, JobState::kDone);
