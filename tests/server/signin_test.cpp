@@ -1,13 +1,17 @@
 // Sign-ins against a directory that does not answer: they hold up neither other sign-ins nor other calls, and
 // no more than kMaxSignIns of them are in progress at once (a further one is refused at once with 503, 152).
 #include <gtest/gtest.h>
+#include <linux/inet_diag.h>
+#include <linux/netlink.h>
+#include <linux/sock_diag.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <signal.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <chrono>
-#include <fstream>
 #include <memory>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -26,19 +30,45 @@ namespace {
 
 constexpr int kSlots = webd::kMaxSignIns;
 
-// Established TCP connections to a local port (the client ends).
+// Established IPv4 connections whose far end is a local port (the client ends), counted from the kernel's
+// socket-diagnostics dump, filtered by port in the kernel. /proc/net/tcp would not do: it is read a page at a
+// time, and while other tests open and close connections a read can see a socket twice or miss it. -1 when
+// the dump cannot be had.
 int ConnectionsTo(int port) {
-    std::ifstream f("/proc/net/tcp");
-    std::string line;
-    std::getline(f, line);
-    int n = 0;
-    while (std::getline(f, line)) {
-        std::istringstream in(line);
-        std::string sl, local, remote, st;
-        in >> sl >> local >> remote >> st;
-        const size_t colon = remote.find(':');
-        if (st == "01" && colon != std::string::npos && std::stoi(remote.substr(colon + 1), nullptr, 16) == port) ++n;
+    const int fd = socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_SOCK_DIAG);
+    if (fd < 0) return -1;
+    struct {
+        nlmsghdr head;
+        inet_diag_req_v2 req;
+    } ask{};
+    ask.head.nlmsg_len = sizeof ask;
+    ask.head.nlmsg_type = SOCK_DIAG_BY_FAMILY;
+    ask.head.nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
+    ask.req.sdiag_family = AF_INET;
+    ask.req.sdiag_protocol = IPPROTO_TCP;
+    ask.req.idiag_states = 1u << TCP_ESTABLISHED;
+    ask.req.id.idiag_dport = htons(static_cast<uint16_t>(port));
+    int n = -1;
+    if (send(fd, &ask, sizeof ask, 0) == static_cast<ssize_t>(sizeof ask)) {
+        alignas(nlmsghdr) char buf[32768];
+        int count = 0;
+        for (bool more = true; more;) {
+            int len = static_cast<int>(recv(fd, buf, sizeof buf, 0));
+            if (len <= 0) break;
+            for (auto *h = reinterpret_cast<nlmsghdr *>(buf); more && NLMSG_OK(h, len); h = NLMSG_NEXT(h, len)) {
+                if (h->nlmsg_type == NLMSG_DONE) {
+                    n = count;
+                    more = false;
+                } else if (h->nlmsg_type == NLMSG_ERROR) {
+                    more = false;
+                } else if (static_cast<const inet_diag_msg *>(NLMSG_DATA(h))->id.idiag_dport ==
+                           ask.req.id.idiag_dport) {
+                    ++count;
+                }
+            }
+        }
     }
+    close(fd);
     return n;
 }
 
@@ -88,6 +118,7 @@ protected:
         char user[32];
         snprintf(user, sizeof user, "user%04d@example.com", n);
         const int before = ConnectionsTo(slapd_->port());
+        ASSERT_GE(before, 0) << "the kernel's socket dump cannot be read";
         hanging_.emplace_back([this, user] { WebClient(webd_->port()).Login(user, "any pw 1"); });
         for (int i = 0; i < 500 && ConnectionsTo(slapd_->port()) <= before; ++i)
             std::this_thread::sleep_for(std::chrono::milliseconds(20));
