@@ -233,7 +233,16 @@ EOF
     done
   } >"$LD/data.ldif"
   /usr/sbin/slapadd -q -f "$LD/slapd.conf" -l "$LD/data.ldif" >"$LD/slapadd.log" 2>&1
-  /usr/sbin/slapd -f "$LD/slapd.conf" -h "ldap://127.0.0.1:$LPORT/" >"$LD/slapd.log" 2>&1
+  # A port found free can be taken before slapd binds it (another program's outgoing connection may get it
+  # as its local port): slapd then exits at once, and the next free port is tried.
+  for attempt in 1 2 3 4 5; do
+    /usr/sbin/slapd -f "$LD/slapd.conf" -h "ldap://127.0.0.1:$LPORT/" >"$LD/slapd.log" 2>&1 && break
+    if [[ -n $LDAP_PORT || $attempt == 5 ]] || ! LPORT=$(free_port $((LPORT + 1)) 39100); then
+      cat "$LD/slapd.log" >&2
+      echo "demo: slapd did not start on port $LPORT" >&2
+      exit 1
+    fi
+  done
   for _ in $(seq 1 100); do [[ -s $LD/slapd.pid ]] && break; sleep 0.1; done
   cat "$LD/slapd.pid" >>"$PIDS"
   "${KA[@]}" ldap bind --uri "ldap://127.0.0.1:$LPORT/" --base dc=example,dc=com \

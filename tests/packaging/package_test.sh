@@ -13,8 +13,17 @@ done
 S=$(mktemp -d /tmp/kova-pkg-XXXXXX)
 WEBD=""
 cleanup() {
-  [[ -n $WEBD ]] && kill "$WEBD" 2>/dev/null && wait "$WEBD" 2>/dev/null
+  local rc=$?
+  if [[ -n $WEBD ]] && kill "$WEBD" 2>/dev/null; then
+    for _ in $(seq 1 50); do kill -0 "$WEBD" 2>/dev/null || break; sleep 0.1; done
+    if kill -KILL "$WEBD" 2>/dev/null; then
+      echo "FAIL: the packaged server did not stop within 5 s of SIGTERM" >&2
+      rc=1
+    fi
+    wait "$WEBD" 2>/dev/null || true
+  fi
   rm -rf "$S"
+  exit $rc
 }
 trap cleanup EXIT
 fail() { echo "FAIL: $*" >&2; exit 1; }
@@ -67,9 +76,9 @@ for _ in $(seq 1 100); do [[ -s $S/https.port ]] && break; kill -0 "$WEBD" 2>/de
 [[ -s $S/https.port ]] || { cat "$S/webd.out"; fail "the packaged server did not start"; }
 PORT=$(cat "$S/https.port")
 printed=$(sed -n 's/.*SHA-256 \([0-9A-F:]*\).*/\1/p' "$S/webd.out" | tail -n 1)
-served=$(openssl s_client -connect "127.0.0.1:$PORT" </dev/null 2>/dev/null | openssl x509 -noout -fingerprint -sha256 | cut -d= -f2)
+served=$(timeout 30 openssl s_client -connect "127.0.0.1:$PORT" </dev/null 2>/dev/null | openssl x509 -noout -fingerprint -sha256 | cut -d= -f2)
 [[ -n $printed && $printed == "$served" ]] || fail "printed fingerprint '$printed', served '$served'"
-page=$(curl -sS --cacert "$DATA/etc/tls/webd.crt" "https://localhost:$PORT/") || fail "no HTTPS answer with the generated certificate"
+page=$(curl -sS --max-time 30 --cacert "$DATA/etc/tls/webd.crt" "https://localhost:$PORT/") || fail "no HTTPS answer with the generated certificate"
 grep -qi '<html' <<<"$page" || fail "the editor's page is not served: $page"
 grep -q 'module libwebapi-KOVA.Core.ACL.so loaded' "$S/webd.out" || fail "the packaged module was not loaded: $(cat "$S/webd.out")"
 echo "package $(basename "$DEB") checked"

@@ -115,8 +115,6 @@ bool Slapd::Start(std::string *error) {
     char tmpl[] = "/tmp/kova-slapd-XXXXXX";
     if (!mkdtemp(tmpl)) return fail("mkdtemp failed");
     dir_ = tmpl;
-    port_ = Loopback(0, false);
-    if (port_ <= 0) return fail("no free port");
     std::ostringstream conf;
     conf << "include /etc/ldap/schema/core.schema\ninclude /etc/ldap/schema/cosine.schema\n"
          << "include /etc/ldap/schema/nis.schema\ninclude /etc/ldap/schema/inetorgperson.schema\n"
@@ -129,26 +127,32 @@ bool Slapd::Start(std::string *error) {
         return fail("cannot write the server files");
     std::string add = std::string(kSlapadd) + " -q -f " + dir_ + "/slapd.conf -l " + LdifPath() + " > " + dir_ + "/slapadd.log 2>&1";
     if (std::system(add.c_str()) != 0) return fail("slapadd failed, see " + dir_ + "/slapadd.log");
-    pid_t pid = fork();
-    if (pid < 0) return fail("fork failed");
-    if (pid == 0) {
-        std::string confFile = dir_ + "/slapd.conf", url = uri();
-        // -d 0 keeps slapd in the foreground, so this pid is the server's.
-        execl(kSlapd, "slapd", "-f", confFile.c_str(), "-h", url.c_str(), "-d", "0", static_cast<char *>(nullptr));
-        _exit(127);
-    }
-    pid_ = pid;
-    for (int i = 0; i < 200; ++i) {
-        if (Loopback(port_, true) > 0) return true;
-        int status;
-        if (waitpid(pid_, &status, WNOHANG) == pid_) {
-            pid_ = -1;
-            return fail("slapd exited at start");
+    // The port is free when picked, but until slapd binds it another process's outgoing connection may take
+    // it as its own local port; slapd then exits at once, and a new port is tried.
+    for (int attempt = 0; attempt < 3; ++attempt) {
+        port_ = Loopback(0, false);
+        if (port_ <= 0) return fail("no free port");
+        pid_t pid = fork();
+        if (pid < 0) return fail("fork failed");
+        if (pid == 0) {
+            std::string confFile = dir_ + "/slapd.conf", url = uri();
+            // -d 0 keeps slapd in the foreground, so this pid is the server's.
+            execl(kSlapd, "slapd", "-f", confFile.c_str(), "-h", url.c_str(), "-d", "0", static_cast<char *>(nullptr));
+            _exit(127);
         }
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        pid_ = pid;
+        for (int i = 0; i < 200 && pid_ > 0; ++i) {
+            if (Loopback(port_, true) > 0) return true;
+            int status;
+            if (waitpid(pid_, &status, WNOHANG) == pid_) pid_ = -1;
+            else std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        }
+        if (pid_ > 0) {
+            Stop();
+            return fail("slapd did not start listening");
+        }
     }
-    Stop();
-    return fail("slapd did not start listening");
+    return fail("slapd exited at start, three times");
 }
 
 void Slapd::Stop() {
