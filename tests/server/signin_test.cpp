@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "http-front.h"
+#include "kova-internal/owned-fd.h"
 #include "kova/account.h"
 #include "run-admin.h"
 #include "slapd.h"
@@ -35,8 +36,7 @@ constexpr int kSlots = webd::kMaxSignIns;
 // time, and while other tests open and close connections a read can see a socket twice or miss it. -1 when
 // the dump cannot be had.
 int ConnectionsTo(int port) {
-    const int fd = socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_SOCK_DIAG);
-    if (fd < 0) return -1;
+    const kova_internal::OwnedFd fd(socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_SOCK_DIAG));
     struct {
         nlmsghdr head;
         inet_diag_req_v2 req;
@@ -48,28 +48,17 @@ int ConnectionsTo(int port) {
     ask.req.sdiag_protocol = IPPROTO_TCP;
     ask.req.idiag_states = 1u << TCP_ESTABLISHED;
     ask.req.id.idiag_dport = htons(static_cast<uint16_t>(port));
-    int n = -1;
-    if (send(fd, &ask, sizeof ask, 0) == static_cast<ssize_t>(sizeof ask)) {
-        alignas(nlmsghdr) char buf[32768];
-        int count = 0;
-        for (bool more = true; more;) {
-            int len = static_cast<int>(recv(fd, buf, sizeof buf, 0));
-            if (len <= 0) break;
-            for (auto *h = reinterpret_cast<nlmsghdr *>(buf); more && NLMSG_OK(h, len); h = NLMSG_NEXT(h, len)) {
-                if (h->nlmsg_type == NLMSG_DONE) {
-                    n = count;
-                    more = false;
-                } else if (h->nlmsg_type == NLMSG_ERROR) {
-                    more = false;
-                } else if (static_cast<const inet_diag_msg *>(NLMSG_DATA(h))->id.idiag_dport ==
-                           ask.req.id.idiag_dport) {
-                    ++count;
-                }
-            }
+    if (fd.get() < 0 || send(fd.get(), &ask, sizeof ask, 0) != static_cast<ssize_t>(sizeof ask)) return -1;
+    alignas(nlmsghdr) char buf[32768];
+    for (int count = 0;;) {
+        int len = static_cast<int>(recv(fd.get(), buf, sizeof buf, 0));
+        if (len <= 0) return -1;
+        for (auto *h = reinterpret_cast<nlmsghdr *>(buf); NLMSG_OK(h, len); h = NLMSG_NEXT(h, len)) {
+            if (h->nlmsg_type == NLMSG_DONE) return count;
+            if (h->nlmsg_type == NLMSG_ERROR) return -1;
+            ++count;
         }
     }
-    close(fd);
-    return n;
 }
 
 // The reply to fn(), which must come well before the directory's own time-out (10 s) would have ended a wait
